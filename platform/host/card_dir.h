@@ -1,0 +1,37 @@
+// card_dir.h - the card directory on a Linux host: where the card's processes meet. Host bodies only.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <sys/un.h>
+
+// Settings of the card (card.conf); the defaults stand for what is missing or bad.
+struct card_conf {
+    std::uint32_t slot = 1;
+    std::uint32_t num_ixp = 2;
+    std::uint32_t wired_phys_base = 0x08000000;
+    std::uint8_t supervisor_address = 1;
+    std::uint32_t rpc_timeout_ms = 2000;
+    bool route_cache_kernel = false;
+};
+const card_conf &card_conf_get(); // read once; problems are reported on standard error with their line
+
+// The directory's path, made and checked on the first call. Empty when it is refused (said once on standard error).
+const std::string &card_dir_path();
+
+// Address of `name` (such as "mts/514") in the card directory. Returns 0, or -1 when the directory is refused.
+[[nodiscard]] int card_dir_address(const char *name, sockaddr_un *address);
+
+// Binds a socket of `type` (SOCK_DGRAM, or SOCK_SEQPACKET which also listens) at `name`, under its lock file, which
+// stays held for the life of the process. Non-blocking, close-on-exec, mode 0600; a stale socket is replaced.
+// Returns the descriptor, or -1 (directory refused, a live owner for 100 ms, the system's error in errno).
+[[nodiscard]] int card_dir_bind(int type, const char *name);
+
+// Whether a live process holds the lock of `name`: another one, or this one.
+enum class card_owner { none, other, self };
+card_owner card_dir_owner(const char *name);
+
+// Opens (creating it with mode 0600 and its whole size allocated when it is missing or of another size) the file
+// `name`, for shared mapping. Never through a symbolic link. Returns the descriptor or -1.
+[[nodiscard]] int card_dir_file(const char *name, std::size_t bytes, bool *made);

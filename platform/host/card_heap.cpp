@@ -1,0 +1,110 @@
+// card_heap.cpp - the heap inside the card space: route records, tree records, pages for callers.
+//
+// A pool resource cuts ranges of the card space into blocks of a few sizes, since route records come and go by the
+// thousand in two or three sizes; what is larger than a pool block has a range of its own, which goes back to the host.
+// The pool is built in place and never destroyed: the clean-up of a process frees records after the destructors of
+// static objects have run.
+// Under AddressSanitizer a block ends exactly where it was asked to, and a freed block cannot be touched.
+// Always: the pool keeps no word of its own inside a block, so a poisoned block is never read by it.
+// Elsewhere: which ranges are free (card_space.cpp), who holds how much (mtrack.cpp).
+#include "card_space.h"
+
+#include <cstring>
+#include <memory_resource>
+#include <new>
+
+#include <sys/mman.h>
+
+#include "card_ranges.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define CARD_HEAP_POISONS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define CARD_HEAP_POISONS 1
+#endif
+#endif
+
+#ifdef CARD_HEAP_POISONS
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace
+{
+constexpr std::size_t BLOCK_ALIGN = 8;
+
+#ifdef CARD_HEAP_POISONS
+constexpr std::size_t RED_ZONE = 16; // bytes behind a block that nobody may touch
+void forbid(void *p, std::size_t bytes) { ASAN_POISON_MEMORY_REGION(p, bytes); }
+void allow(void *p, std::size_t bytes) { ASAN_UNPOISON_MEMORY_REGION(p, bytes); }
+#else
+constexpr std::size_t RED_ZONE = 0;
+void forbid(void *, std::size_t) {}
+void allow(void *, std::size_t) {}
+#endif
+
+// Bytes taken from the pool for a block of `bytes`.
+constexpr std::size_t block_bytes(std::size_t bytes)
+{
+    return ((bytes == 0 ? 1 : bytes) + RED_ZONE + BLOCK_ALIGN - 1) / BLOCK_ALIGN * BLOCK_ALIGN;
+}
+
+// Whole pages of the card space, as the pool asks for them.
+class card_pages : public std::pmr::memory_resource
+{
+    void *do_allocate(std::size_t bytes, std::size_t align) override
+    {
+        const card_addr addr = align <= CARD_PAGE_BYTES ? card_range_take(bytes) : 0;
+        if (addr == 0)
+            throw std::bad_alloc();
+        std::byte *const p = card_at<std::byte>(addr);
+        if (mprotect(p, card_pages_bytes(bytes), PROT_READ | PROT_WRITE) != 0) {
+            card_range_give(addr, bytes);
+            throw std::bad_alloc();
+        }
+        return p;
+    }
+
+    void do_deallocate(void *p, std::size_t bytes, std::size_t) override
+    {
+        allow(p, card_pages_bytes(bytes)); // the range may become a mapping, where no block is forbidden
+        card_range_give(card_addr_of(p), bytes);
+    }
+
+    bool do_is_equal(const memory_resource &other) const noexcept override { return this == &other; }
+};
+
+std::pmr::memory_resource &heap()
+{
+    alignas(card_pages) static std::byte pages_at[sizeof(card_pages)];
+    alignas(std::pmr::unsynchronized_pool_resource) static std::byte
+        pool_at[sizeof(std::pmr::unsynchronized_pool_resource)];
+    static auto *const pages = new (pages_at) card_pages;
+    static auto *const pool = new (pool_at) std::pmr::unsynchronized_pool_resource(pages);
+    return *pool;
+}
+} // namespace
+
+void *card_heap_alloc(std::size_t bytes)
+{
+    if (bytes >= CARD_SPACE_BYTES / 2)
+        return nullptr;
+    void *p = nullptr;
+    try {
+        p = heap().allocate(block_bytes(bytes), BLOCK_ALIGN);
+    } catch (...) {
+        return nullptr; // the callers know one sign of short memory, and it is null
+    }
+    allow(p, bytes);
+    std::memset(p, 0, bytes);
+    forbid(static_cast<std::byte *>(p) + bytes, block_bytes(bytes) - bytes);
+    return p;
+}
+
+void card_heap_free(void *block, std::size_t bytes)
+{
+    if (block == nullptr)
+        return;
+    forbid(block, block_bytes(bytes));
+    heap().deallocate(block, block_bytes(bytes), BLOCK_ALIGN);
+}

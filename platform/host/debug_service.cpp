@@ -1,0 +1,150 @@
+// debug_service.cpp - the requests that an operator sends to a running process: gates, threshold, memory, counters.
+//
+// A request comes as a message like any other and is consumed whatever is in it, so that a malformed one cannot reach
+// the process. Answers are one datagram and never wait.
+// Elsewhere: the gates (sdwrap.cpp), what is counted (counters.h, mtrack.cpp).
+#include "sdwrap.h"
+
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "counters.h"
+#include "mtrack.h"
+#include "sdwrap_gates.h"
+
+namespace
+{
+constexpr std::size_t REQUEST_BYTES = 16;
+
+enum debug_verb : std::uint32_t {
+    DEBUG_SWITCH_OUTPUT = 1,
+    DEBUG_SWITCH_HISTORY = 2,
+    DEBUG_SHOW_MEMORY = 3,
+    DEBUG_SET_THRESHOLD = 4,
+    DEBUG_SHOW_COUNTERS = 5,
+};
+
+struct debug_request {
+    std::uint32_t verb, category, context, value;
+};
+
+// An answer: whole lines only, as many as fit a message.
+struct answer_text {
+    char text[MTS_MAX_PAYLOAD];
+    std::size_t bytes;
+    bool full; // a line did not fit, so none follows it
+};
+
+[[gnu::format(printf, 2, 3)]] void add_line(answer_text &answer, const char *format, ...)
+{
+    char line[MTS_MAX_PAYLOAD + 1];
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    const auto bytes = static_cast<std::size_t>(length < 0 ? 0 : length);
+    if (answer.full || bytes > sizeof answer.text - answer.bytes) {
+        answer.full = true;
+        return;
+    }
+    std::memcpy(answer.text + answer.bytes, line, bytes);
+    answer.bytes += bytes;
+}
+
+struct named_counter {
+    const char *name;
+    std::uint64_t platform_counters_t::*value;
+};
+using counters = platform_counters_t;
+constexpr named_counter COUNTERS[] = {
+    {"calls_served", &counters::calls_served},
+    {"calls_refused", &counters::calls_refused},
+    {"calls_malformed", &counters::calls_malformed},
+    {"replies_dropped", &counters::replies_dropped},
+    {"connections", &counters::connections},
+    {"connections_refused", &counters::connections_refused},
+    {"messages_received", &counters::messages_received},
+    {"messages_malformed", &counters::messages_malformed},
+    {"messages_lost", &counters::messages_lost},
+    {"remote_calls", &counters::remote_calls},
+    {"remote_calls_failed", &counters::remote_calls_failed},
+    {"scp_sent", &counters::scp_sent},
+    {"scp_failed", &counters::scp_failed},
+    {"route_cache_flushes", &counters::route_cache_flushes},
+    {"history_records", &counters::history_records},
+    {"interface_reads_torn", &counters::interface_reads_torn},
+};
+static_assert(sizeof COUNTERS / sizeof COUNTERS[0] == sizeof(counters) / sizeof(std::uint64_t));
+
+void add_memory(answer_text &answer)
+{
+    for (unsigned type = 0; type < mtrack_type_count(); ++type) {
+        const mtrack_type_stats s = mtrack_stats(type);
+        add_line(answer, "%u %s %" PRIu32 " %" PRIu64 " %" PRIu64 "\n", type, s.name, s.live_blocks, s.live_bytes,
+                 s.peak_bytes);
+    }
+}
+
+void add_counters(answer_text &answer)
+{
+    for (const named_counter &c : COUNTERS)
+        add_line(answer, "%s %" PRIu64 "\n", c.name, platform_counters.*c.value);
+}
+
+void send_answer(int queue, std::uint32_t sap, void (*add_lines)(answer_text &answer))
+{
+    if (sap == 0)
+        return;
+    answer_text answer;
+    answer.bytes = 0;
+    answer.full = false;
+    add_lines(answer);
+    const mts_address to = {MTS_NODE_LOCAL, sap};
+    (void)mts_send(queue, &to, MTS_OPC_DEBUG_ANSWER, answer.text, answer.bytes); // a lost answer is counted
+}
+
+void serve(int queue, std::uint32_t sap, const debug_request &request)
+{
+    const bool is_switch = request.value <= 1;
+    switch (request.verb) {
+    case DEBUG_SWITCH_OUTPUT:
+        if (is_switch)
+            sdwrap_switch_debug(request.category, request.context, request.value == 1);
+        break;
+    case DEBUG_SWITCH_HISTORY:
+        if (is_switch)
+            sdwrap_switch_history(request.category, request.value == 1);
+        break;
+    case DEBUG_SHOW_MEMORY:
+        send_answer(queue, sap, add_memory);
+        break;
+    case DEBUG_SET_THRESHOLD:
+        if (sdwrap_sys_facility != nullptr)
+            sdwrap_sys_facility->level = static_cast<std::uint8_t>(request.value);
+        break;
+    case DEBUG_SHOW_COUNTERS:
+        send_answer(queue, sap, add_counters);
+        break;
+    default:
+        break;
+    }
+}
+
+std::uint32_t get32(const std::uint8_t *at)
+{
+    return std::uint32_t{at[0]} << 24 | std::uint32_t{at[1]} << 16 | std::uint32_t{at[2]} << 8 | at[3];
+}
+} // namespace
+
+int sdwrap_process_msg(int queue, const mts_message *message)
+{
+    if (message->opcode != MTS_OPC_DEBUG_REQUEST)
+        return 1;
+    if (message->length < REQUEST_BYTES)
+        return 0;
+    const std::uint8_t *const p = message->payload;
+    serve(queue, message->source.sap, {get32(p), get32(p + 4), get32(p + 8), get32(p + 12)});
+    return 0;
+}

@@ -1,0 +1,164 @@
+// if_mgr.cpp - queries to the interface manager's database, a mapped file that the manager changes while we read.
+//
+// A record has a sequence word: odd while it is being changed, another even value afterwards. A reader that saw the
+// same even value before and after has one consistent record; one whose writer died in the middle gives up.
+// Always: the file is mapped read-only and checked once; until it is there, each query looks for it again.
+#include "if_mgr.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "card_dir.h"
+#include "counters.h"
+
+namespace
+{
+constexpr std::uint32_t IFDB_MAGIC = 0x49464442, IFDB_VERSION = 1; // "IFDB"
+constexpr std::uint32_t IFDB_RECORD_WORDS = 8, IFDB_RECORDS = 8192, IFDB_HEADER_WORDS = 16;
+constexpr std::size_t IFDB_BYTES = (IFDB_HEADER_WORDS + IFDB_RECORDS * IFDB_RECORD_WORDS) * sizeof(std::uint32_t);
+constexpr std::int64_t TORN_NS = 10 * 1000 * 1000;
+
+// Words of a record.
+enum if_word : unsigned {
+    IF_SEQUENCE,
+    IF_FLAGS,
+    IF_RMODE,
+    IF_BVI,
+    IF_ADDRESS,
+    IF_MASK,
+    IF_CONTEXT,
+    IF_VLAN,
+};
+constexpr std::uint32_t IF_EXISTS = 0x01, IF_UP = 0x02, IF_HAS_ADDRESS = 0x04, IF_HAS_CONTEXT = 0x08,
+                        IF_HAS_VLAN = 0x10;
+
+using if_record = std::array<std::uint32_t, IFDB_RECORD_WORDS>;
+using word_ref = std::atomic_ref<std::uint32_t>;
+
+std::int64_t now_ns()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+// Maps the file behind `fd` when it has the database's form.
+std::uint32_t *map_database(int fd)
+{
+    struct stat st = {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < static_cast<off_t>(IFDB_BYTES))
+        return nullptr;
+    void *const at = mmap(nullptr, IFDB_BYTES, PROT_READ, MAP_SHARED, fd, 0);
+    if (at == MAP_FAILED)
+        return nullptr;
+    auto *const words = static_cast<std::uint32_t *>(at);
+    if (words[0] == IFDB_MAGIC && words[1] == IFDB_VERSION && words[2] == IFDB_RECORD_WORDS * sizeof(std::uint32_t) &&
+        words[3] == IFDB_RECORDS)
+        return words;
+    (void)munmap(at, IFDB_BYTES);
+    return nullptr;
+}
+
+// The mapped database; null while there is none.
+std::uint32_t *database()
+{
+    static std::uint32_t *words = nullptr;
+    static bool told = false;
+    if (words != nullptr || card_dir_path().empty())
+        return words;
+    static const std::string &path = *new std::string(card_dir_path() + "/interfaces");
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0)
+        return nullptr;
+    words = map_database(fd);
+    (void)close(fd);
+    if (words == nullptr && !told) {
+        told = true;
+        (void)std::fprintf(stderr, "%s: %s: is no interface database; no interface exists\n",
+                           program_invocation_short_name, path.c_str());
+    }
+    return words;
+}
+
+// Copies a record's words. Returns whether no change fell between them.
+bool try_copy(std::uint32_t *from, if_record &to)
+{
+    const std::uint32_t before = word_ref(from[IF_SEQUENCE]).load(std::memory_order_acquire);
+    if ((before & 1) != 0)
+        return false;
+    to[IF_SEQUENCE] = before;
+    for (unsigned i = IF_FLAGS; i <= IF_VLAN; ++i)
+        to[i] = word_ref(from[i]).load(std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return word_ref(from[IF_SEQUENCE]).load(std::memory_order_relaxed) == before;
+}
+
+// Reads the record of an interface that exists and has all that `flags` ask for. Returns 0 or -1.
+int read_record(std::uint32_t ifid, std::uint32_t flags, if_record &out)
+{
+    std::uint32_t *const words = database();
+    if (words == nullptr || ifid >= IFDB_RECORDS)
+        return -1;
+    std::uint32_t *const record = words + IFDB_HEADER_WORDS + ifid * IFDB_RECORD_WORDS;
+    if (!try_copy(record, out)) {
+        const std::int64_t deadline = now_ns() + TORN_NS;
+        while (!try_copy(record, out)) {
+            if (now_ns() >= deadline) {
+                ++platform_counters.interface_reads_torn;
+                return -1;
+            }
+            (void)sched_yield();
+        }
+    }
+    return (out[IF_FLAGS] & (IF_EXISTS | flags)) == (IF_EXISTS | flags) ? 0 : -1;
+}
+
+std::int32_t read_word(std::uint32_t ifid, std::uint32_t flags, if_word word)
+{
+    if_record record;
+    return read_record(ifid, flags, record) == 0 ? static_cast<std::int32_t>(record[word]) : -1;
+}
+} // namespace
+
+int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scratch)
+{
+    if_record record;
+    if (read_record(ifid, 0, record) != 0)
+        return -1;
+    *rmode = record[IF_RMODE];
+    if (scratch != nullptr)
+        *scratch = 0;
+    return 0;
+}
+
+int if_get_ip(std::uint32_t ifid, std::uint32_t *address, std::uint32_t *mask)
+{
+    if_record record;
+    if (read_record(ifid, IF_HAS_ADDRESS, record) != 0)
+        return -1;
+    *address = record[IF_ADDRESS];
+    *mask = record[IF_MASK];
+    return 0;
+}
+
+std::int32_t if_get_context_id(std::uint32_t ifid) { return read_word(ifid, IF_HAS_CONTEXT, IF_CONTEXT); }
+
+int if_get_status(std::uint32_t ifid)
+{
+    if_record record;
+    if (read_record(ifid, 0, record) != 0)
+        return -1;
+    return (record[IF_FLAGS] & IF_UP) != 0 ? 1 : 0;
+}
+
+std::int32_t if_get_bvi(std::uint32_t ifid) { return read_word(ifid, 0, IF_BVI); }
+std::int32_t if_get_vlanid(std::uint32_t ifid) { return read_word(ifid, IF_HAS_VLAN, IF_VLAN); }

@@ -1,0 +1,314 @@
+// mts.cpp - the message transport on a Linux host: a datagram socket a service access point.
+//
+// A queue holds some ten messages and the sender of a notification never waits, so a message may be lost; the sender
+// counts it, since the receiver cannot. Messages are sent from one socket that is bound to nothing: whom they come from
+// stands in them.
+// Always: a received payload lies in one static buffer, so one message is held at a time (as the event loop does);
+// nothing here allocates once the queue is bound.
+// Elsewhere: which sockets stand in the card directory and who owns them (card_dir.cpp), the messages that the platform
+// takes for itself (debug_service.cpp).
+#include "mts.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "card_dir.h"
+#include "counters.h"
+#include "mts_host.h"
+
+namespace
+{
+constexpr std::uint32_t MESSAGE_MAGIC = 0x4D545331; // "MTS1"
+constexpr std::size_t HEADER_BYTES = 16;
+constexpr std::uint32_t FIRST_TOOL_SAP = 1024, LAST_TOOL_SAP = 65535;
+constexpr std::size_t SAP_NAME_BYTES = 16; // "mts/4294967295"
+
+struct option_word {
+    std::uint32_t opcode;
+    std::uint16_t value;
+};
+struct bound_queue {
+    int fd = -1;
+    std::uint32_t sap = 0;
+    std::array<option_word, 32> options = {};
+    std::size_t option_count = 0;
+};
+
+std::array<bound_queue, 8> queues;
+std::uint8_t received[HEADER_BYTES + MTS_MAX_PAYLOAD];
+
+struct opcode_name {
+    std::uint32_t opcode;
+    const char *name;
+};
+constexpr opcode_name OPCODE_NAMES[] = {
+    {MTS_OPC_NORVIK_IF_CREATED, "MTS_OPC_NORVIK_IF_CREATED"},
+    {MTS_OPC_NORVIK_IF_DELETED, "MTS_OPC_NORVIK_IF_DELETED"},
+    {MTS_OPC_NORVIK_IF_UP, "MTS_OPC_NORVIK_IF_UP"},
+    {MTS_OPC_NORVIK_IF_DOWN, "MTS_OPC_NORVIK_IF_DOWN"},
+    {MTS_OPC_NORVIK_ENCAP_ACQUIRE, "MTS_OPC_NORVIK_ENCAP_ACQUIRE"},
+    {MTS_OPC_NORVIK_ENCAP_RELEASE, "MTS_OPC_NORVIK_ENCAP_RELEASE"},
+    {MTS_OPC_NORVIK_IF_CHANGED, "MTS_OPC_NORVIK_IF_CHANGED"},
+    {MTS_OPC_DEBUG_REQUEST, "MTS_OPC_DEBUG_REQUEST"},
+    {MTS_OPC_DEBUG_ANSWER, "MTS_OPC_DEBUG_ANSWER"},
+    {MTS_OPC_ROUTE_IF_ADDED, "MTS_OPC_ROUTE_IF_ADDED"},
+    {MTS_OPC_ROUTE_IF_REMOVED, "MTS_OPC_ROUTE_IF_REMOVED"},
+};
+
+void put32(std::uint8_t *at, std::uint32_t value)
+{
+    for (unsigned i = 0; i < 4; ++i)
+        at[i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
+}
+
+std::uint32_t get32(const std::uint8_t *at)
+{
+    return std::uint32_t{at[0]} << 24 | std::uint32_t{at[1]} << 16 | std::uint32_t{at[2]} << 8 | at[3];
+}
+
+bound_queue *find_queue(int fd)
+{
+    for (bound_queue &q : queues)
+        if (fd >= 0 && q.fd == fd)
+            return &q;
+    return nullptr;
+}
+
+void sap_name(std::uint32_t sap, char (&name)[SAP_NAME_BYTES])
+{
+    (void)std::snprintf(name, sizeof name, "mts/%u", sap);
+}
+
+// Sends one datagram to `sap`. wait: MSG_DONTWAIT or 0. A message that nobody took is counted. Returns 0 or -1.
+int send_one(int fd, std::uint32_t sap, const msghdr &message, int wait)
+{
+    char name[SAP_NAME_BYTES];
+    sap_name(sap, name);
+    sockaddr_un address;
+    if (fd < 0 || card_dir_address(name, &address) != 0) {
+        ++platform_counters.messages_lost;
+        return -1;
+    }
+    msghdr addressed = message;
+    addressed.msg_name = &address;
+    addressed.msg_namelen = sizeof address;
+    ssize_t sent = 0;
+    do {
+        sent = sendmsg(fd, &addressed, MSG_NOSIGNAL | wait);
+    } while (sent < 0 && errno == EINTR);
+    if (sent >= 0)
+        return 0;
+    ++platform_counters.messages_lost;
+    return -1;
+}
+
+// Reads a decimal sap as a socket is named: no sign, no leading zero, not 0. Returns 0 for any other name.
+std::uint32_t sap_of_name(const char *name)
+{
+    std::uint64_t sap = 0;
+    if (*name == '0')
+        return 0;
+    for (; *name != '\0'; ++name) {
+        if (*name < '0' || *name > '9')
+            return 0;
+        sap = sap * 10 + static_cast<unsigned>(*name - '0');
+        if (sap > 0xFFFFFFFF)
+            return 0;
+    }
+    return static_cast<std::uint32_t>(sap);
+}
+
+int send_to_all(int fd, std::uint32_t own_sap, const msghdr &message)
+{
+    const std::string &dir = card_dir_path();
+    DIR *const folder = dir.empty() ? nullptr : opendir((dir + "/mts").c_str());
+    if (folder == nullptr) {
+        ++platform_counters.messages_lost;
+        return -1;
+    }
+    int result = 0;
+    while (const dirent *const entry = readdir(folder)) {
+        const std::uint32_t sap = sap_of_name(entry->d_name);
+        if (sap != 0 && sap != own_sap && send_one(fd, sap, message, MSG_DONTWAIT) != 0)
+            result = -1;
+    }
+    (void)closedir(folder);
+    return result;
+}
+
+// The socket that messages leave through; -1 while the host has no descriptor for it.
+int sending_socket()
+{
+    static int fd = -1;
+    if (fd < 0)
+        fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    return fd;
+}
+
+int send_message(int queue, const mts_address &to, std::uint32_t opcode, const void *payload, std::size_t bytes,
+                 int wait)
+{
+    if (bytes > MTS_MAX_PAYLOAD)
+        return -1;
+    const bound_queue *const own = find_queue(queue);
+    const std::uint32_t own_sap = own == nullptr ? 0 : own->sap;
+    std::uint8_t header[HEADER_BYTES];
+    put32(header, MESSAGE_MAGIC);
+    put32(header + 4, opcode);
+    put32(header + 8, MTS_NODE_LOCAL);
+    put32(header + 12, own_sap);
+    iovec parts[2] = {{header, sizeof header}, {const_cast<void *>(payload), bytes}};
+    msghdr message = {};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+
+    const int fd = sending_socket();
+    if (to.node == MTS_NODE_BROADCAST && to.sap == 0)
+        return send_to_all(fd, own_sap, message);
+    if (to.node == MTS_NODE_LOCAL || to.node == MTS_NODE_BROADCAST)
+        return send_one(fd, to.sap, message, wait);
+    ++platform_counters.messages_lost; // no other card is reached from a host
+    return -1;
+}
+} // namespace
+
+bool mts_is_bound(int queue) { return find_queue(queue) != nullptr; }
+
+int mts_bind(std::uint32_t, std::uint32_t sap, const mts_bind_options *, const char *)
+{
+    bound_queue *free_entry = nullptr;
+    for (bound_queue &q : queues)
+        if (q.fd < 0 && free_entry == nullptr)
+            free_entry = &q;
+    if (free_entry == nullptr || sap == 0) {
+        errno = free_entry == nullptr ? EMFILE : EINVAL;
+        return -1;
+    }
+    char name[SAP_NAME_BYTES];
+    sap_name(sap, name);
+    const int fd = card_dir_bind(SOCK_DGRAM, name);
+    if (fd < 0)
+        return -1;
+    *free_entry = {};
+    free_entry->fd = fd;
+    free_entry->sap = sap;
+    return fd;
+}
+
+int mts_bind_free(std::uint32_t *sap, const char *name)
+{
+    if (card_dir_path().empty())
+        return -1;
+    const mts_bind_options options = {};
+    for (std::uint32_t candidate = FIRST_TOOL_SAP; candidate <= LAST_TOOL_SAP; ++candidate) {
+        char socket_name[SAP_NAME_BYTES];
+        sap_name(candidate, socket_name);
+        if (card_dir_owner(socket_name) != card_owner::none)
+            continue; // an owner that lives would cost the bind its whole wait
+        const int queue = mts_bind(0, candidate, &options, name);
+        if (queue >= 0) {
+            *sap = candidate;
+            return queue;
+        }
+        if (errno != EWOULDBLOCK)
+            return -1;
+    }
+    return -1;
+}
+
+std::uint32_t mts_options_get(int queue, std::uint32_t opcode)
+{
+    const bound_queue *const q = find_queue(queue);
+    for (std::size_t i = 0; q != nullptr && i < q->option_count; ++i)
+        if (q->options[i].opcode == opcode)
+            return q->options[i].value;
+    return 0;
+}
+
+int mts_options_set(int queue, std::uint32_t opcode, std::uint16_t value)
+{
+    bound_queue *const q = find_queue(queue);
+    if (q == nullptr)
+        return -1;
+    for (std::size_t i = 0; i < q->option_count; ++i) {
+        if (q->options[i].opcode == opcode) {
+            q->options[i].value = value;
+            return 0;
+        }
+    }
+    if (q->option_count == q->options.size())
+        return -1;
+    q->options[q->option_count++] = {opcode, value};
+    return 0;
+}
+
+int mts_recv(int queue, mts_message *message, const mts_recv_options *)
+{
+    if (!mts_is_bound(queue))
+        return -1;
+    iovec part = {received, sizeof received};
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    const ssize_t got = recvmsg(queue, &header, MSG_DONTWAIT | MSG_TRUNC);
+    if (got < 0)
+        return -1;
+    const auto bytes = static_cast<std::size_t>(got);
+    if (bytes < HEADER_BYTES || bytes > sizeof received || get32(received) != MESSAGE_MAGIC) {
+        ++platform_counters.messages_malformed;
+        return -1;
+    }
+    ++platform_counters.messages_received;
+    message->opcode = get32(received + 4);
+    message->source = {get32(received + 8), get32(received + 12)};
+    message->length = static_cast<std::uint32_t>(bytes - HEADER_BYTES);
+    message->payload = received + HEADER_BYTES;
+    return 0;
+}
+
+void mts_drop(int, mts_message *message)
+{
+    message->payload = nullptr;
+    message->length = 0;
+}
+
+int mts_send(int queue, const mts_address *to, std::uint32_t opcode, const void *payload, std::size_t bytes)
+{
+    return send_message(queue, *to, opcode, payload, bytes, MSG_DONTWAIT);
+}
+
+int mts_send_wait(int queue, const mts_address *to, std::uint32_t opcode, const void *payload, std::size_t bytes,
+                  unsigned timeout_ms)
+{
+    if (timeout_ms == 0) // to the kernel it would mean without end
+        return mts_send(queue, to, opcode, payload, bytes);
+    // The kernel keeps the time: a sender woken by room that another takes goes on waiting with what is left.
+    const timeval limit = {static_cast<time_t>(timeout_ms / 1000), static_cast<suseconds_t>(timeout_ms % 1000 * 1000)};
+    if (setsockopt(sending_socket(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+        ++platform_counters.messages_lost;
+        return -1;
+    }
+    return send_message(queue, *to, opcode, payload, bytes, 0);
+}
+
+std::uint32_t mts_opc_get(const mts_message *message) { return message->opcode; }
+const std::uint8_t *mts_payload_get(const mts_message *message) { return message->payload; }
+std::uint32_t mts_payload_length_get(const mts_message *message) { return message->length; }
+
+const char *mts_opc_name_get(std::uint32_t opcode)
+{
+    for (const opcode_name &known : OPCODE_NAMES)
+        if (known.opcode == opcode)
+            return known.name;
+    static char number[sizeof "MTS_OPC_4294967295"];
+    (void)std::snprintf(number, sizeof number, "MTS_OPC_%u", opcode);
+    return number;
+}

@@ -1,0 +1,87 @@
+// platform_mem.cpp - the system library on a host: table memories are mapped files, processors a setting.
+//
+// The memories are files so that whoever stands for a network processor maps the same words; they keep their contents
+// when the process ends, as a memory would.
+// Always: a table memory lies in the card space, so it has a card address; it is allocated whole before it is mapped.
+// Elsewhere: how words are stored there (hw_store.cpp), what they mean (security/routing).
+#include "platform_mem.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "card_dir.h"
+#include "counters.h"
+
+namespace
+{
+constexpr std::uint32_t WIRED_BYTES = 0x1400000, IXP_TABLE_BYTES = 0x103400;
+constexpr const char *IXP_FILES[] = {"mem/ixp1", "mem/ixp2"};
+constexpr const char *ROUTE_FLUSH = "/proc/sys/net/ipv4/route/flush";
+
+// Maps the first `bytes` of the memory file `name`, which is `file_bytes` long. Returns its card address or 0.
+card_addr map_memory(const char *name, std::size_t file_bytes, std::size_t bytes)
+{
+    bool made = false;
+    const int fd = card_dir_file(name, file_bytes, &made);
+    if (fd < 0)
+        return 0;
+    const card_addr addr = card_space_map(fd, bytes);
+    (void)close(fd);
+    return addr;
+}
+
+// Tells the kernel to empty its route cache. Returns 0 or a negative error number.
+int flush_kernel_cache()
+{
+    const int fd = open(ROUTE_FLUSH, O_WRONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -errno;
+    const int result = write(fd, "1", 1) == 1 ? 0 : -errno;
+    (void)close(fd);
+    return result;
+}
+} // namespace
+
+int syscall_open()
+{
+    const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    return fd < 0 ? -errno : fd;
+}
+
+int syscall_close(int descriptor) { return close(descriptor); }
+
+int norvik_get_wired_info(int descriptor, wired_info *info)
+{
+    if (descriptor < 0)
+        return -1;
+    *info = {card_conf_get().wired_phys_base, WIRED_BYTES};
+    return 0;
+}
+
+card_addr map_wired_route(int descriptor)
+{
+    return descriptor < 0 ? 0 : map_memory("mem/wired", WIRED_BYTES, WIRED_BYTES);
+}
+
+void unmap_wired_route(int, card_addr addr) { card_space_unmap(addr, WIRED_BYTES); }
+
+card_addr map_pci_xram_to_uspace(std::uint32_t, std::uint32_t bytes, std::uint32_t processor)
+{
+    if (processor >= platform_get_num_ixp() || bytes == 0 || bytes > IXP_TABLE_BYTES)
+        return 0;
+    return map_memory(IXP_FILES[processor], IXP_TABLE_BYTES, bytes);
+}
+
+void unmap_pci_xram_to_uspace(card_addr addr, std::uint32_t bytes) { card_space_unmap(addr, bytes); }
+
+unsigned platform_get_num_ixp() { return card_conf_get().num_ixp; }
+
+int tn_flush_rt_cache(int)
+{
+    const int result = card_conf_get().route_cache_kernel ? flush_kernel_cache() : 0;
+    if (result == 0)
+        ++platform_counters.route_cache_flushes;
+    return result;
+}

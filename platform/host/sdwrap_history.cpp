@@ -1,0 +1,237 @@
+// sdwrap_history.cpp - the event history: a ring in a mapped file, so that it can be read after a crash.
+//
+// A reader takes `tail` and `head` and walks the records between them; it may do so at any moment, also over a process
+// that died in the middle of a write. So room is made first (tail moves), then the record is written, and only then
+// does head let it in.
+// Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly.
+// No system call but the clock on the way of a record.
+// Elsewhere: which categories are kept (sdwrap.cpp), what a record of the process holds (route_log.cpp).
+#include "sdwrap.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "card_dir.h"
+#include "counters.h"
+#include "sdwrap_gates.h"
+
+namespace
+{
+constexpr std::uint32_t HISTORY_MAGIC = 0x48495354; // "HIST"
+constexpr std::uint32_t HISTORY_VERSION = 1;
+constexpr std::size_t RECORD_ALIGN = 8;
+constexpr std::size_t MIN_CAPACITY = 1024, MAX_CAPACITY = std::size_t{1} << 30;
+
+// The file's header. Byte counts, ever written and ever dropped.
+struct history_header {
+    std::uint32_t magic;
+    std::uint32_t version;
+    std::uint64_t capacity;
+    std::uint64_t tail;
+    std::uint64_t head;
+    std::uint8_t zero[32];
+};
+static_assert(sizeof(history_header) == 64 && offsetof(history_header, head) == 24);
+
+// What stands in front of a record's data. The time is split in two words, so that the record is 20 bytes in memory
+// as in the file.
+struct record_header {
+    std::uint32_t size; // of the whole record, a multiple of RECORD_ALIGN
+    std::uint32_t event_type;
+    std::uint32_t time_words[2]; // u64 nanoseconds since 1970, in the host's order
+    std::uint32_t data_bytes;
+};
+static_assert(sizeof(record_header) == 20);
+
+struct history {
+    history_header *header = nullptr; // null until set up
+    std::uint8_t *ring = nullptr;
+    std::uint64_t capacity = 0;
+    std::uint64_t head = 0, tail = 0; // as in the file, which others could change under us
+    std::uint32_t component = 0;
+};
+history own;
+std::size_t default_bytes = 0x10000;
+
+constexpr std::uint64_t round_up(std::uint64_t bytes)
+{
+    return (bytes + RECORD_ALIGN - 1) / RECORD_ALIGN * RECORD_ALIGN;
+}
+
+void publish(std::uint64_t &word, std::uint64_t value)
+{
+    std::atomic_ref<std::uint64_t>(word).store(value, std::memory_order_release);
+}
+
+void ring_write(const history &h, std::uint64_t at, const void *from, std::size_t bytes)
+{
+    const std::size_t offset = at % h.capacity;
+    const std::size_t first = bytes < h.capacity - offset ? bytes : h.capacity - offset;
+    std::memcpy(h.ring + offset, from, first);
+    std::memcpy(h.ring, static_cast<const std::uint8_t *>(from) + first, bytes - first);
+}
+
+void ring_read(const history &h, std::uint64_t at, void *to, std::size_t bytes)
+{
+    const std::size_t offset = at % h.capacity;
+    const std::size_t first = bytes < h.capacity - offset ? bytes : h.capacity - offset;
+    std::memcpy(to, h.ring + offset, first);
+    std::memcpy(static_cast<std::uint8_t *>(to) + first, h.ring, bytes - first);
+}
+
+// Whether the mapped file is a history of this capacity, down to its last record.
+bool is_valid(const history &h)
+{
+    const history_header &f = *h.header;
+    if (f.magic != HISTORY_MAGIC || f.version != HISTORY_VERSION || f.capacity != h.capacity || f.head < f.tail ||
+        f.head - f.tail > h.capacity || f.head % RECORD_ALIGN != 0 || f.tail % RECORD_ALIGN != 0)
+        return false;
+    for (std::uint64_t at = f.tail; at != f.head;) {
+        record_header record;
+        if (f.head - at < round_up(sizeof record))
+            return false;
+        ring_read(h, at, &record, sizeof record);
+        if (record.size % RECORD_ALIGN != 0 || record.size > f.head - at ||
+            record.size < sizeof record + std::uint64_t{record.data_bytes})
+            return false;
+        at += record.size;
+    }
+    return true;
+}
+
+// Maps the file `name`. Returns false with a history that is not set up.
+bool map_file(const char *name, history &h, bool *made)
+{
+    const std::size_t bytes = sizeof(history_header) + h.capacity;
+    const int fd = card_dir_file(name, bytes, made);
+    if (fd < 0)
+        return false;
+    void *const at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+    (void)close(fd);
+    if (at == MAP_FAILED)
+        return false;
+    h.header = static_cast<history_header *>(at);
+    h.ring = static_cast<std::uint8_t *>(at) + sizeof(history_header);
+    return true;
+}
+
+void unmap_file(history &h)
+{
+    if (h.header != nullptr)
+        (void)munmap(h.header, sizeof(history_header) + h.capacity);
+    h = {};
+}
+
+// Writes the header of an empty history; its first word last, so that a file half made is none.
+void start_empty(history &h)
+{
+    h.header->version = HISTORY_VERSION;
+    h.header->capacity = h.capacity;
+    std::atomic_ref<std::uint32_t>(h.header->magic).store(HISTORY_MAGIC, std::memory_order_release);
+}
+
+int open_history(std::uint32_t component, std::size_t bytes)
+{
+    history h;
+    h.capacity = bytes;
+    h.component = component;
+    char name[32];
+    (void)std::snprintf(name, sizeof name, "history/%u", component);
+    bool made = false;
+    if (!map_file(name, h, &made))
+        return -1;
+    if (!made && !is_valid(h)) {
+        // Not written over in place: a reader may have the old file mapped.
+        unmap_file(h);
+        h.capacity = bytes;
+        h.component = component;
+        (void)unlink((card_dir_path() + "/" + name).c_str());
+        if (!map_file(name, h, &made))
+            return -1;
+    }
+    if (made)
+        start_empty(h);
+    h.head = h.header->head;
+    h.tail = h.header->tail;
+    unmap_file(own);
+    own = h;
+    return 0;
+}
+
+// Drops the oldest records until `bytes` fit.
+void make_room(history &h, std::uint64_t bytes)
+{
+    const std::uint64_t old_tail = h.tail;
+    while (h.head + bytes - h.tail > h.capacity) {
+        std::uint32_t size = 0;
+        ring_read(h, h.tail, &size, sizeof size);
+        // Another program damaged the ring: all of it goes, since where the next record starts is not known.
+        const bool damaged = size < sizeof(record_header) || size % RECORD_ALIGN != 0 || size > h.head - h.tail;
+        h.tail = damaged ? h.head : h.tail + size;
+    }
+    if (h.tail == old_tail)
+        return;
+    publish(h.header->tail, h.tail);
+    std::atomic_thread_fence(std::memory_order_seq_cst); // the record's bytes come after the tail
+}
+} // namespace
+
+int sdwrap_hist_init(std::size_t bytes)
+{
+    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % RECORD_ALIGN != 0)
+        return -1;
+    default_bytes = bytes; // what a component gets that asks for no size
+    return 0;
+}
+
+int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes)
+{
+    // From here on errors go to the history. Also when it failed: what it said of itself stands on standard error.
+    sdwrap_close_early_gate();
+    if (bytes == 0)
+        bytes = default_bytes;
+    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % RECORD_ALIGN != 0)
+        return -1;
+    return open_history(component, bytes);
+}
+
+int sdwrap_hist_set_event_subtype(std::uint32_t event_type, std::uint32_t subtype, unsigned on)
+{
+    if (own.header == nullptr || event_type >> 16 != own.component || on > 1 ||
+        (subtype != SDWRAP_ALL_CATEGORIES && !sdwrap_is_registered(subtype)))
+        return -1;
+    sdwrap_switch_history(subtype, on == 1);
+    return 0;
+}
+
+int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *record)
+{
+    if (own.header == nullptr || event_type >> 16 != own.component || bytes > own.capacity)
+        return -1;
+    const std::uint64_t size = round_up(sizeof(record_header) + bytes);
+    if (size > own.capacity)
+        return -1;
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail, and leaves errno alone
+    const std::uint64_t ns =
+        static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
+    record_header header = {static_cast<std::uint32_t>(size), event_type, {}, static_cast<std::uint32_t>(bytes)};
+    std::memcpy(header.time_words, &ns, sizeof ns);
+
+    make_room(own, size);
+    constexpr std::uint8_t ZEROS[RECORD_ALIGN] = {};
+    const std::size_t used = sizeof header + bytes;
+    ring_write(own, own.head, &header, sizeof header);
+    ring_write(own, own.head + sizeof header, record, bytes);
+    ring_write(own, own.head + used, ZEROS, size - used);
+    own.head += size;
+    publish(own.header->head, own.head);
+    ++platform_counters.history_records;
+    return 0;
+}
