@@ -1,0 +1,35 @@
+// norvik_init.cpp - the per-context trees at start-up, and the way to a context's table.
+#include "norvik_init.h"
+
+#include "hw_table.h"
+#include "norvik_mtrie_hw.h"
+#include "prefix_mgr.h"
+#include "route_log.h"
+
+card_ptr<prefix_mgr> wired_table_mgr;
+
+int norvik_init_ixp_fib()
+{
+    const int result =
+        prefix_mgr_init(&wired_table_mgr, va_wired_base, HW_WIRED_BYTES, 8, 8, ROUTE_CONTEXTS, 8, 1, 1, "wired_Route");
+    if (result != 0) {
+        route_log(ROUTE_DBG_ERRORS, 0, "norvik_init_ixp_fib: wired_region_init failed\n");
+        return result;
+    }
+    // The error category carries these progress lines, so that the history always shows where the region lies.
+    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region - %d tree done. \n", static_cast<int>(ROUTE_CONTEXTS));
+    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_wired_base 0x%x, wired_route_phys_base 0x%x\n",
+              va_wired_base, wired_route_phys_base);
+    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp1_dram_base 0x%x\n", va_ixp1_dram_base);
+    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp2_dram_base 0x%x\n", va_ixp2_dram_base);
+    return 0;
+}
+
+prefix_tree *norvik_get_t(std::uint32_t context)
+{
+    // Before the manager exists nothing can be added: a start-up that fails early is cleaned up over an empty table.
+    static prefix_tree empty{};
+    if (!wired_table_mgr)
+        return &empty;
+    return wired_table_mgr->trees[context & 0xFFFF];
+}

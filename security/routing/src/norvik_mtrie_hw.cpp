@@ -1,0 +1,310 @@
+// norvik_mtrie_hw.cpp - the hardware tables: mapping, writers, the trie's hooks, debug walks.
+//
+// Every control-plane record owns the hardware slot of its pool index, in the wired region and in each processor's
+// table memory. A change is written in two forms: physical addresses into the wired copy, the processor's own
+// addresses into its copy. All stores are whole words (hw_store.h); children are filled before the slot that names
+// them, an ECMP header after its entries.
+// Elsewhere: which records exist (norvik_mtrie_pool.cpp), when a slot changes (norvik_mtrie.cpp).
+#include "norvik_mtrie_hw.h"
+
+#include <cstdio>
+
+#include "hw_store.h"
+#include "hw_table.h"
+#include "norvik_mtrie_pool.h"
+#include "platform_mem.h"
+#include "route_log.h"
+
+card_addr va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base;
+std::uint32_t wired_route_phys_base;
+mtrie_hw_writers mtrie_hw_ops;
+
+static_assert(HW_NODE_COUNT * HW_NODE_BYTES == 0x100000 && HW_NODE_BYTES == MTRIE_SLOTS * 4);
+
+namespace
+{
+std::uint32_t *word_at(card_addr addr) { return card_at<std::uint32_t>(addr); }
+
+// Address forms of a byte offset in the table; each conversion stands here and nowhere else.
+std::uint32_t physical_form(std::uint32_t offset) { return wired_route_phys_base + offset; }
+std::uint32_t ixp_form(std::uint32_t offset) { return HW_IXP_BASE + offset; }
+card_addr in_ixp_copy(card_addr wired, card_addr ixp_base) { return wired - va_wired_base + ixp_base; }
+
+std::uint32_t node_offset(std::int32_t index) { return HW_NODES + static_cast<std::uint32_t>(index) * HW_NODE_BYTES; }
+std::uint32_t leaf_offset(std::int32_t index) { return HW_LEAVES + static_cast<std::uint32_t>(index) * HW_LEAF_BYTES; }
+std::uint32_t ecmp_offset(std::int32_t index) { return HW_ECMPS + static_cast<std::uint32_t>(index) * HW_ECMP_BYTES; }
+
+std::uint32_t node_offset(const mtrie_node *node)
+{
+    return node_offset(mtrie_node_offset(MTRIE_POOL_NODE, card_addr_of(node) - MTRIE_POOL_LINK));
+}
+std::uint32_t leaf_offset(const mtrie_leaf *leaf)
+{
+    return leaf_offset(mtrie_node_offset(MTRIE_POOL_LEAF, card_addr_of(leaf) - MTRIE_POOL_LINK));
+}
+std::uint32_t ecmp_offset(const mtrie_ecmp *block)
+{
+    return ecmp_offset(mtrie_node_offset(MTRIE_POOL_ECMP, card_addr_of(block) - MTRIE_POOL_LINK));
+}
+
+void fill_pairs(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
+{
+    if (a == b)
+        return platform_fill32(word_at(to), a, 2 * static_cast<std::size_t>(pairs));
+    for (std::uint32_t i = 0; i < pairs; ++i) {
+        platform_store32(word_at(to) + 2 * i, a);
+        platform_store32(word_at(to) + 2 * i + 1, b);
+    }
+}
+
+void fill_pairs_wired(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
+{
+    fill_pairs(to, a, b, pairs);
+}
+
+void fill_words_wired(card_addr to, std::uint32_t word, std::uint32_t words)
+{
+    platform_fill32(word_at(to), word, words);
+}
+
+template <unsigned Ixps> void copy_run(card_addr to, const std::uint32_t *from, std::uint32_t words)
+{
+    platform_copy32(word_at(in_ixp_copy(to, va_ixp1_dram_base)), from, words);
+    if constexpr (Ixps == 2)
+        platform_copy32(word_at(in_ixp_copy(to, va_ixp2_dram_base)), from, words);
+    platform_copy32(word_at(to), from, words);
+}
+
+template <unsigned Ixps> void copy_pairs(card_addr to, const std::uint32_t *from, std::uint32_t pairs)
+{
+    for (std::uint32_t i = 0; i < pairs; ++i)
+        copy_run<Ixps>(to + 8 * i, from + 2 * i, 2);
+}
+
+template <unsigned Ixps> void copy_words(card_addr to, const std::uint32_t *from, std::uint32_t words)
+{
+    for (std::uint32_t i = 0; i < words; ++i)
+        copy_run<Ixps>(to + 4 * i, from + i, 1);
+}
+
+template <unsigned Ixps> void fill_pairs_ixp(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
+{
+    fill_pairs(in_ixp_copy(to, va_ixp1_dram_base), a, b, pairs);
+    if constexpr (Ixps == 2)
+        fill_pairs(in_ixp_copy(to, va_ixp2_dram_base), a, b, pairs);
+}
+
+template <unsigned Ixps> void fill_words_ixp(card_addr to, std::uint32_t word, std::uint32_t words)
+{
+    platform_fill32(word_at(in_ixp_copy(to, va_ixp1_dram_base)), word, words);
+    if constexpr (Ixps == 2)
+        platform_fill32(word_at(in_ixp_copy(to, va_ixp2_dram_base)), word, words);
+}
+
+template <unsigned Ixps> constexpr mtrie_hw_writers WRITERS = {
+    copy_pairs<Ixps>, copy_words<Ixps>, fill_pairs_wired, fill_words_wired, fill_pairs_ixp<Ixps>, fill_words_ixp<Ixps>};
+
+// Without processors there are no writers, and nothing is written: no tree gets a root, no route is ever installed.
+bool has_writers() { return mtrie_hw_ops.fill_words_wired != nullptr; }
+
+// Writes `count` words from byte `at` of the table on, in the two forms of one address.
+void fill_forms(std::uint32_t at, std::uint32_t physical, std::uint32_t ixp, std::uint32_t count)
+{
+    if (!has_writers())
+        return;
+    mtrie_hw_ops.fill_words_wired(va_wired_base + at, physical, count);
+    mtrie_hw_ops.fill_words_ixp(va_wired_base + at, ixp, count);
+}
+
+bool is_mapped(card_addr addr) { return addr != 0 && addr != 0xFFFFFFFF; }
+
+// Maps the memory of one processor and clears it. Returns 0 or -2.
+int map_ixp(card_addr *base, std::uint32_t pci_address, std::uint32_t processor, int line)
+{
+    const card_addr addr = map_pci_xram_to_uspace(pci_address, HW_TABLE_BYTES, processor);
+    if (!is_mapped(addr)) {
+        std::printf("\n%s[%d] :: Error mapping IXP%u DRAM route table.\n", "mtrie_hw_map", line, processor + 1);
+        return -2;
+    }
+    *base = addr;
+    platform_fill32(word_at(addr), 0, HW_TABLE_BYTES / 4);
+    return 0;
+}
+
+int mtrie_hw_map(unsigned num_ixp)
+{
+    // The descriptor is kept for the life of the process, and by no name: the mappings need it open.
+    const int fd = syscall_open();
+    if (fd < 0) {
+        std::printf("\n%s[%d] :: Error opening Norvik system library.\n", "mtrie_hw_map", 100);
+        return -1;
+    }
+    const card_addr wired = map_wired_route(fd);
+    if (!is_mapped(wired)) {
+        std::printf("\n%s[%d] :: Error mapping wired route table.\n", "mtrie_hw_map", 107);
+        return -2;
+    }
+    va_wired_base = wired;
+    wired_info info{};
+    if (norvik_get_wired_info(fd, &info) != 0) {
+        std::printf("\n%s[%d] :: Error getting wired region info.\n", "mtrie_hw_map", 142);
+        return -3;
+    }
+    wired_route_phys_base = info.phys_base;
+    platform_fill32(word_at(va_wired_base), 0, info.size / 4);
+    if (map_ixp(&va_ixp1_dram_base, HW_IXP1_PCI, 0, 174) != 0)
+        return -2;
+    if (num_ixp >= 2 && map_ixp(&va_ixp2_dram_base, HW_IXP2_PCI, 1, 201) != 0)
+        return -2;
+    route_log(ROUTE_DBG_INFO, 0, "\nPhysical: wired 0x%x dram 0x%x", wired_route_phys_base, HW_IXP_BASE);
+    route_log(ROUTE_DBG_INFO, 0, "\nVirtual: wired 0x%x dram1 0x%x dram2 0x%x\n", va_wired_base, va_ixp1_dram_base,
+              va_ixp2_dram_base);
+    return 0;
+}
+} // namespace
+
+int mtrie_hw_init()
+{
+    const unsigned num_ixp = platform_get_num_ixp();
+    if (mtrie_hw_map(num_ixp) != 0)
+        return -1;
+    mtrie_hw_ops = num_ixp == 1 ? WRITERS<1> : num_ixp == 2 ? WRITERS<2> : mtrie_hw_writers{};
+    return 0;
+}
+
+void mtrie_hw_clear_node(std::int32_t type, std::int32_t index)
+{
+    if (!has_writers())
+        return;
+    if (type == MTRIE_POOL_NODE || type == MTRIE_POOL_ECMP) {
+        const bool node = type == MTRIE_POOL_NODE;
+        const card_addr to = va_wired_base + (node ? node_offset(index) : ecmp_offset(index));
+        const std::uint32_t pairs = (node ? HW_NODE_BYTES : HW_ECMP_BYTES) / 8;
+        mtrie_hw_ops.fill_pairs_wired(to, 0, 0, pairs);
+        mtrie_hw_ops.fill_pairs_ixp(to, 0, 0, pairs);
+    } else if (type == MTRIE_POOL_LEAF) {
+        fill_forms(leaf_offset(index), 0, 0, HW_LEAF_BYTES / 4);
+    }
+}
+
+void mtrie_hw_write_adjacency(const mtrie_leaf *leaf, const std::uint32_t *source)
+{
+    if (has_writers())
+        mtrie_hw_ops.copy_words(va_wired_base + leaf_offset(leaf), source, 1);
+}
+
+void mtrie_hw_write_ecmp(const mtrie_ecmp *block, const std::uint32_t *source)
+{
+    if (!has_writers())
+        return;
+    const card_addr to = va_wired_base + ecmp_offset(block);
+    // The header goes last: a valid one never stands over stale entries.
+    for (std::uint32_t i = 1; i < ECMP_WORDS; ++i)
+        mtrie_hw_ops.copy_words(to + 4 * i, source + i, 1);
+    mtrie_hw_ops.copy_words(to, source, 1);
+}
+
+void mtrie_hw_set_ecmp(const mtrie_leaf *leaf, const mtrie_ecmp *block)
+{
+    if (block == nullptr)
+        return;
+    const std::uint32_t offset = ecmp_offset(block);
+    fill_forms(leaf_offset(leaf) + 4, physical_form(offset), ixp_form(offset), 1);
+}
+
+void mtrie_hw_reset_ecmp(const mtrie_leaf *leaf) { fill_forms(leaf_offset(leaf) + 4, 0, 0, 1); }
+
+void mtrie_hw_set_root(std::uint32_t tree, const mtrie_node *root)
+{
+    if (root == nullptr)
+        return;
+    const std::uint32_t offset = node_offset(root);
+    fill_forms(4 * tree, physical_form(offset) | HW_NODE_TAG, ixp_form(offset) | HW_NODE_TAG, 1);
+}
+
+mtrie_node *mtrie_get_root_node(std::uint32_t tree)
+{
+    const std::uint32_t word = word_at(va_wired_base)[tree];
+    if (word == 0)
+        return nullptr;
+    const std::uint32_t offset = (word & ~HW_NODE_TAG) - wired_route_phys_base;
+    const card_addr element =
+        mtrie_get_cp_node(MTRIE_POOL_NODE, static_cast<std::int32_t>(offset - HW_NODES) / std::int32_t{HW_NODE_BYTES});
+    return element == 0 ? nullptr : card_at<mtrie_node>(element + MTRIE_POOL_LINK);
+}
+
+int mtrie_hw_write_children(const mtrie_node *node, std::uint32_t word, std::uint32_t first, std::uint32_t last)
+{
+    std::uint32_t physical = 0, ixp = 0;
+    if (word != 0) {
+        const card_addr record = mtrie_is_child(word) ? card_addr_of(mtrie_child_of(word)) : word;
+        const card_addr element = record - MTRIE_POOL_LINK;
+        const std::int32_t type = mtrie_node_type(element);
+        std::uint32_t offset, tag;
+        if (type == MTRIE_POOL_LEAF) {
+            offset = leaf_offset(mtrie_node_offset(type, element));
+            tag = 0;
+        } else if (type == MTRIE_POOL_NODE) {
+            offset = node_offset(mtrie_node_offset(type, element));
+            tag = HW_NODE_TAG;
+        } else {
+            return 1;
+        }
+        physical = physical_form(offset) | tag;
+        ixp = ixp_form(offset) | tag;
+    }
+    fill_forms(node_offset(node) + 4 * first, physical, ixp, last - first + 1);
+    return 0;
+}
+
+// The processors need no word of a record's birth and death: its slot is cleared when it is taken, and a freed one is
+// unreachable by then.
+void reg_invoke_hw_mtrie_node_alloc(mtrie_node *, int *ok) { *ok = 1; }
+void reg_invoke_hw_mtrie_leaf_alloc(mtrie_leaf *, int *ok) { *ok = 1; }
+void reg_invoke_hw_mtrie_node_free(mtrie_node *) {}
+void reg_invoke_hw_mtrie_leaf_free() {}
+
+int reg_invoke_hw_add_child_to_mnode(const mtrie_node *node, std::uint32_t word, std::uint32_t index)
+{
+    return mtrie_hw_write_children(node, word, index, index);
+}
+
+int reg_invoke_hw_add_child_block_to_mnode(const mtrie_node *node, std::uint32_t word, std::uint32_t first,
+                                           std::uint32_t count)
+{
+    return mtrie_hw_write_children(node, word, first, first + count - 1);
+}
+
+namespace
+{
+// Walks the copy mapped at `base`, whose addresses start at `form`, as a processor does.
+void walk_copy(card_addr base, std::uint32_t form, std::uint32_t tree, std::uint32_t address)
+{
+    std::uint32_t word = word_at(base)[tree];
+    for (unsigned level = 0; level < 4 && (word & HW_NODE_TAG) != 0; ++level) {
+        const std::uint32_t index = address >> (24 - 8 * level) & 0xFF;
+        word = word_at(base + ((word & ~HW_NODE_TAG) - form))[index];
+    }
+    if ((word & HW_NODE_TAG) != 0) {
+        std::printf("\nSearch terminating unsuccessfully. Null leaf.");
+        return;
+    }
+    const card_addr leaf = word == 0 ? 0 : base + (word - form);
+    std::printf("\nSearch terminating successfully, Leaf 0x%x found.\n", leaf);
+    if (leaf != 0)
+        std::printf("\nencaps id %u if_id %u\n", adj_encap(*word_at(leaf)), adj_ifid(*word_at(leaf)));
+}
+} // namespace
+
+void mtrie_hw_lookup(std::uint32_t tree, std::uint32_t address)
+{
+    walk_copy(va_wired_base, wired_route_phys_base, tree, address);
+}
+void mtrie_hw_lookup_ixp_1(std::uint32_t tree, std::uint32_t address)
+{
+    walk_copy(va_ixp1_dram_base, HW_IXP_BASE, tree, address);
+}
+void mtrie_hw_lookup_ixp_2(std::uint32_t tree, std::uint32_t address)
+{
+    walk_copy(va_ixp2_dram_base, HW_IXP_BASE, tree, address);
+}

@@ -1,0 +1,283 @@
+// rib_host.cpp - host routes: ARP-learned hosts, an interface's own routes, the multicast drop entry.
+//
+// An ARP host is the door that static routes wait behind: its arrival programs the routes through it, its departure
+// withdraws them and leaves them in the RIB. Its entry remembers the address of the interface that it was learned on,
+// by which the interface's going down finds it again.
+// Odd, and meant: a host entry's route id is its context; a removal takes the chain's entry with whatever hangs off it;
+// an ARP host seen again is refreshed where it stands.
+// Elsewhere: the forwarding table's half (rib_mtrie.cpp), the routes behind gateways (rib_static.cpp).
+#include "rib_host.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "if_mgr.h"
+#include "mtrack.h"
+#include "platform_mem.h"
+#include "rib_mtrie.h"
+#include "rib_table.h"
+#include "route_log.h"
+
+namespace
+{
+
+constexpr int IF_STATUS_UP = 1;
+constexpr std::uint32_t MAX_LEN = 32, KEEP_ENTRY = 0;
+
+// Address of the interface through which `ifid` routes: its own, or its bridge interface's. Returns 0, or 1 (logged)
+// when the interface has no routing mode. An interface without an address gives 0; so does one without a bridge
+// interface, whose "none" is asked for its address like any other id.
+int interface_address(std::uint16_t ifid, std::uint32_t ctx, std::uint32_t *address)
+{
+    std::uint32_t rmode = 0;
+    std::uint32_t scratch = 0;
+    if (if_get_address(ifid, &rmode, &scratch) < 0) {
+        route_log(ROUTE_DBG_ERRORS, ctx, "Failed to get route mode for ifId %d", ifid);
+        return 1;
+    }
+    const std::uint32_t routed = rmode == IF_RMODE_ROUTED ? ifid : static_cast<std::uint32_t>(if_get_bvi(ifid));
+    std::uint32_t found = 0;
+    std::uint32_t mask = 0;
+    *address = if_get_ip(routed, &found, &mask) < 0 ? 0 : found;
+    return 0;
+}
+
+// Fills what depends on the object. Returns 0, or 1 when an ARP host's interface cannot be asked.
+int fill_for_object(route_entry *entry, std::uint16_t obj, std::uint32_t ctx)
+{
+    if (obj == RIB_OBJ_ARP_HOST) {
+        std::uint32_t address = 0;
+        if (interface_address(entry->ifid, ctx, &address) != 0)
+            return 1;
+        entry->nexthop = address;
+        entry->flags |= RIB_F_ARP_HOST;
+    } else if (obj == RIB_OBJ_INTERFACE) {
+        entry->flags |= RIB_F_INTERFACE;
+    }
+    return 0;
+}
+
+// The link to the chain entry of `prefix`, or null. Members of sets are not looked at.
+card_ptr<route_entry> *find_on_chain(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
+{
+    const std::uint32_t wanted = rib_key(prefix, len);
+    card_ptr<route_entry> *link = rib_bucket(ctx, prefix, len);
+    while (route_entry *const entry = link->get()) {
+        const std::uint32_t key = rib_key(entry->prefix, len);
+        if (key == wanted)
+            return link;
+        if (wanted < key)
+            return nullptr;
+        link = &entry->next;
+    }
+    return nullptr;
+}
+
+bool is_removable_as(const route_entry *entry, std::uint16_t obj)
+{
+    switch (obj) {
+    case RIB_OBJ_ARP_HOST:
+        return (entry->flags & RIB_F_ARP_HOST) != 0;
+    case RIB_OBJ_INTERFACE:
+        return (entry->flags & RIB_F_INTERFACE) != 0;
+    default:
+        return true;
+    }
+}
+
+// A static route through `host` that is programmed, or is not.
+bool waits_for(const route_entry *route, const route_entry *host)
+{
+    return (route->flags & (RIB_F_GATEWAY | RIB_F_IN_MTRIE)) == RIB_F_GATEWAY && route->nexthop == host->prefix;
+}
+
+bool runs_through(const route_entry *route, const route_entry *host)
+{
+    constexpr std::uint16_t PROGRAMMED = RIB_F_GATEWAY | RIB_F_IN_MTRIE;
+    return (route->flags & PROGRAMMED) == PROGRAMMED && route->nexthop == host->prefix;
+}
+
+void adopt(route_entry *route, const route_entry *host)
+{
+    route->ifid = host->ifid;
+    route->encap_id = host->encap_id;
+}
+
+// Takes a route out of the forwarding table. It forgets its way also when the forwarding table refused.
+void withdraw(route_entry *route)
+{
+    rib_remove_mtrie_route(route);
+    route->ifid = 0;
+    route->encap_id = 0;
+}
+
+// One chain entry and its set: the entry itself when it waits, else those of its members that do.
+void host_added(route_entry *route, const route_entry *host)
+{
+    if (waits_for(route, host)) {
+        adopt(route, host);
+        route_log(ROUTE_DBG_INFO, route->ctx, "\nadd_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
+                  route->ifid, route->encap_id);
+        (void)rib_add_mtrie_route(route); // logged there; the route goes on waiting
+        return;
+    }
+    for (route_entry *member = route->ecmp; member != nullptr; member = member->next)
+        if (waits_for(member, host)) {
+            adopt(member, host);
+            (void)rib_add_mtrie_route(member);
+        }
+}
+
+void host_removed(route_entry *route, const route_entry *host)
+{
+    if (runs_through(route, host)) {
+        route_log(ROUTE_DBG_INFO, route->ctx, "rem_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
+                  route->ifid, route->encap_id);
+        withdraw(route);
+        return;
+    }
+    for (route_entry *member = route->ecmp; member != nullptr; member = member->next)
+        if (runs_through(member, host))
+            withdraw(member);
+}
+
+} // namespace
+
+route_entry *rib_add_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint16_t ifid, std::uint32_t addr,
+                                std::uint32_t len, std::uint16_t encap_id)
+{
+    if (len > MAX_LEN) {
+        route_log(ROUTE_DBG_ERRORS, ctx, "rib_add_host_route, wrong mask, host addr 0x%x/%d add Fails, encapid 0x%x\n",
+                  addr, len, encap_id);
+        return nullptr;
+    }
+    if (obj == RIB_OBJ_ARP_HOST && if_get_status(ifid) != IF_STATUS_UP) {
+        route_log(ROUTE_DBG_ERRORS, ctx,
+                  "rib_add_host_route, if %d DOWN, obj %d addr 0x%x/%d add Fails, encapid 0x%x\n", ifid, obj, addr, len,
+                  encap_id);
+        return nullptr;
+    }
+
+    const std::uint32_t prefix = addr & rib_mask_table[len];
+    const std::uint32_t object = obj;
+    const std::uint16_t context = static_cast<std::uint16_t>(ctx);
+    rib_search_result search;
+    if (rib_route_search(ctx, prefix, len, &object, rib_host_match, &search) != 0) {
+        if (obj != RIB_OBJ_ARP_HOST) {
+            route_log(ROUTE_DBG_ERRORS, ctx, "%s:rejecting duplicate entry:%x/%u\n", "rib_add_host_route", prefix, len);
+            return nullptr;
+        }
+        search.entry->route_id = context;
+        search.entry->encap_id = encap_id;
+        search.entry->ifid = ifid;
+        return search.entry;
+    }
+
+    route_entry *const entry = rib_entry_alloc(MTRACK_ROUTE_ENTRY_1);
+    if (entry == nullptr)
+        return nullptr; // the caller logs
+    entry->prefix = prefix;
+    entry->len = len;
+    entry->ctx = context;
+    entry->route_id = context;
+    entry->ifid = ifid;
+    entry->encap_id = encap_id;
+    if (fill_for_object(entry, obj, ctx) != 0) {
+        mtrack_free(entry);
+        return nullptr;
+    }
+    (void)rib_link(entry, search, rib_set_at(search, prefix, len)); // a host route is never taken back by its link
+    return entry;
+}
+
+route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint32_t addr, std::uint32_t len)
+{
+    if (len > MAX_LEN) {
+        route_log(ROUTE_DBG_ERRORS, ctx, "rib_remove_host_route, wrong mask, host addr 0x%x/%d remove Fails\n", addr,
+                  len);
+        return nullptr;
+    }
+    const std::uint32_t prefix = addr & rib_mask_table[len];
+    card_ptr<route_entry> *const link = find_on_chain(ctx, prefix, len);
+    if (link == nullptr) {
+        route_log(ROUTE_DBG_INFO, ctx, "rib_remove_host_route: fail to find routeid %d ip 0x%x/%d obj %d \n", ctx,
+                  prefix, len, obj);
+        return nullptr;
+    }
+    route_entry *const entry = *link;
+    if (!is_removable_as(entry, obj)) {
+        route_log(ROUTE_DBG_ERRORS, ctx,
+                  "rib_remove_host_route, wrong entry 0x%x/%d flags %x, host addr 0x%x/%d remove obj %d Fails\n",
+                  entry->prefix, entry->len, entry->flags, prefix, len, obj);
+        return nullptr;
+    }
+
+    *link = entry->next; // the members of its set, if it has any, go with it
+    if (obj == RIB_OBJ_ARP_HOST)
+        entry->flags &= static_cast<std::uint16_t>(~RIB_F_ARP_HOST);
+    route_log(ROUTE_DBG_INFO, ctx, "rib_remove_host_route: deleting route 0x%x/%d (flags 0x%x) \n", entry->prefix,
+              entry->len, entry->flags);
+    return entry;
+}
+
+void route_lookup_by_hostaddr(route_entry *host, int op)
+{
+    (void)rib_find_entry(host->route_id, [host, op](route_entry *route) {
+        if (op == RIB_HOST_ADDED)
+            host_added(route, host);
+        else if (op == RIB_HOST_REMOVED)
+            host_removed(route, host);
+        return false; // every route through the host
+    });
+}
+
+int route_flush_rt_cache()
+{
+    const int fd = syscall_open();
+    if (fd < 0) {
+        std::printf("Error %d from syscall_open: %s\n", fd, std::strerror(-fd));
+        return 0;
+    }
+    const int result = tn_flush_rt_cache(fd);
+    (void)syscall_close(fd); // nothing to do about a descriptor that will not close
+    if (result == 0)
+        return 1;
+    std::printf("Error %d from tn_flush_rt_cache: %s\n", result, std::strerror(-result));
+    return 0;
+}
+
+std::uint32_t arp_prefix_mgr_add_route(std::uint16_t obj, std::uint32_t addr, std::uint32_t len, std::uint16_t encap_id,
+                                       std::uint16_t ifid, std::uint32_t ctx)
+{
+    if (obj != RIB_OBJ_ARP_HOST) {
+        route_log(ROUTE_DBG_ERRORS, ctx,
+                  "arp_prefix_mgr_add_route, Object NOT supported, addr 0x%x/%d, encapid 0x%x, ifid 0x%x\n", addr, len,
+                  encap_id, ifid);
+        return 1;
+    }
+    route_entry *const host =
+        route_add_rib_and_mtrie_entry(RIB_F_ARP_INSTALLED, encap_id, RIB_OBJ_ARP_HOST, addr, len, ifid, ctx);
+    if (host == nullptr)
+        return 1;
+    route_lookup_by_hostaddr(host, RIB_HOST_ADDED);
+    return 0;
+}
+
+std::uint32_t arp_prefix_mgr_remove_route(std::uint16_t obj, std::uint32_t addr, std::uint32_t len, std::uint32_t,
+                                          std::uint16_t encap_id, std::uint16_t ifid, std::uint32_t ctx)
+{
+    if (obj != RIB_OBJ_ARP_HOST) {
+        route_log(ROUTE_DBG_ERRORS, ctx,
+                  "arp_prefix_mgr_remove_route, object NOT supported, addr 0x%x, encapid 0x%x, ifid 0x%x\n", addr,
+                  encap_id, ifid);
+        return 1;
+    }
+    route_entry *const host =
+        route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, addr, len, ctx, KEEP_ENTRY);
+    if (host == nullptr)
+        return 1;
+    route_lookup_by_hostaddr(host, RIB_HOST_REMOVED);
+    mtrack_free(host);
+    (void)route_flush_rt_cache(); // prints its own failure; the host is gone either way
+    return 0;
+}

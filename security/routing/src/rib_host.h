@@ -1,0 +1,21 @@
+// rib_host.h - host routes: ARP-learned hosts, an interface's own routes, the multicast drop entry.
+#pragma once
+
+#include <cstdint>
+
+#include "route_entry.h"
+
+[[nodiscard]] route_entry *rib_add_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint16_t ifid,
+                                              std::uint32_t addr, std::uint32_t len, std::uint16_t encap_id);
+[[nodiscard]] route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint32_t addr,
+                                                 std::uint32_t len); // unlinked, not freed; FIB untouched
+constexpr int RIB_HOST_ADDED = 1, RIB_HOST_REMOVED = 2;
+void route_lookup_by_hostaddr(route_entry *host, int op); // completes or withdraws the static routes through a host
+int route_flush_rt_cache();                               // 1 flushed, 0 not (printed)
+
+// Remote procedures: 0 done, 1 failed or not supported.
+std::uint32_t arp_prefix_mgr_add_route(std::uint16_t obj, std::uint32_t addr, std::uint32_t len, std::uint16_t encap_id,
+                                       std::uint16_t ifid, std::uint32_t ctx);
+std::uint32_t arp_prefix_mgr_remove_route(std::uint16_t obj, std::uint32_t addr, std::uint32_t len,
+                                          std::uint32_t unused, std::uint16_t encap_id, std::uint16_t ifid,
+                                          std::uint32_t ctx);

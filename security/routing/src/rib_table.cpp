@@ -1,0 +1,253 @@
+// rib_table.cpp - a context's hash table of route entries, and the audit of it.
+//
+// A row for each prefix length, 31 chains a row, each ascending by network address: a search meets one length only and
+// stops at the first larger address. A second route of the same prefix never stands on the chain; it hangs off the
+// first as a member of its ECMP set, in order of arrival, linked by the members' own `next`.
+// Always: what rib_check proves. Nothing here allocates but rib_entry_alloc, and nothing here frees: whoever unlinks an
+// entry does.
+// Elsewhere: which routes go in (rib_host.cpp, rib_static.cpp), what the processors learn of them (rib_mtrie.cpp).
+#include "rib_table.h"
+
+#include <bit>
+#include <new>
+
+#include "mtrack.h"
+#include "route_log.h"
+
+const std::uint32_t rib_mask_table[33] = {
+    0x00000000, 0x80000000, 0xc0000000, 0xe0000000, 0xf0000000, 0xf8000000, 0xfc000000, 0xfe000000, 0xff000000,
+    0xff800000, 0xffc00000, 0xffe00000, 0xfff00000, 0xfff80000, 0xfffc0000, 0xfffe0000, 0xffff0000, 0xffff8000,
+    0xffffc000, 0xffffe000, 0xfffff000, 0xfffff800, 0xfffffc00, 0xfffffe00, 0xffffff00, 0xffffff80, 0xffffffc0,
+    0xffffffe0, 0xfffffff0, 0xfffffff8, 0xfffffffc, 0xfffffffe, 0xffffffff,
+};
+
+const char *const rib_route_kind_names[9] = {
+    "INVALID", "INTERFACE", "GATEWAY", "VSERVER", "RSERVER", "NAT", "ALIAS", "LEARNED", "STATIC",
+};
+
+card_ptr<route_entry> route_entry_list;
+card_ptr<route_entry> entry_list;
+std::uint32_t if_stats_table_dp[2];
+
+namespace
+{
+
+constexpr std::uint32_t MAX_SET_MEMBERS = 0xFFFF; // what a head's count can hold
+
+// Walks the chain at result->prev to the entry of the wanted key, or to where it belongs. Returns the entry or null.
+route_entry *find_candidate(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, rib_search_result *result)
+{
+    const std::uint32_t wanted = rib_key(prefix, len);
+    while (route_entry *const entry = result->prev->get()) {
+        route_log(ROUTE_DBG_EVENTS, ctx, "lnk:%x *lnk:%x\n", card_addr_of(result->prev), result->prev->addr());
+        const std::uint32_t key = rib_key(entry->prefix, len);
+        if (key == wanted)
+            return entry;
+        if (wanted < key)
+            return nullptr;
+        result->prev = &entry->next;
+    }
+    return nullptr;
+}
+
+// Picks the candidate or the first member of its set that the predicate accepts. Without one the result stays "not
+// found", with `prev` at the candidate: the caller sees that the prefix is there.
+void choose_path(route_entry *candidate, const void *key, rib_match match, rib_search_result *result)
+{
+    if (match == nullptr || match(candidate, key)) {
+        result->found = 1;
+        result->entry = candidate;
+        return;
+    }
+    for (card_ptr<route_entry> *link = &candidate->ecmp; route_entry *const member = link->get(); link = &member->next)
+        if (match(member, key)) {
+            *result = {1, member, link, candidate};
+            return;
+        }
+}
+
+template <class Key> const Key &key_as(const void *key) { return *static_cast<const Key *>(key); }
+
+int broken(bool rule_holds) { return rule_holds ? 0 : 1; }
+
+// Rules that hold for every entry, on the chain or in a set.
+int check_entry(const route_entry *entry, std::uint32_t ctx, std::uint32_t len)
+{
+    const auto has = [entry](std::uint16_t bits) { return (entry->flags & bits) == bits; };
+    int faults = broken(entry->len == len) + broken((entry->prefix & ~rib_mask_table[len]) == 0);
+    faults += broken(entry->ctx == ctx) + broken(entry->route_id < ROUTE_CONTEXTS);
+    faults += broken(!has(RIB_F_IN_MTRIE) || has(RIB_F_GATEWAY));
+    return faults + broken(!has(RIB_F_NAT_IN_MTRIE) || has(RIB_F_NAT));
+}
+
+// The set of a chain entry: members alike in prefix, flagged, without members of their own, and counted by the head.
+int check_set(const route_entry *head, std::uint32_t ctx)
+{
+    int faults = 0;
+    std::uint32_t members = 0;
+    for (const route_entry *member = head->ecmp; member != nullptr && members < MAX_SET_MEMBERS;
+         member = member->next) {
+        ++members;
+        faults += check_entry(member, ctx, head->len) + broken(member->prefix == head->prefix);
+        faults += broken((member->flags & RIB_F_ECMP) != 0);
+        faults += broken(member->ecmp.get() == nullptr && member->ecmp_count == 0);
+    }
+    faults += broken(((head->flags & RIB_F_ECMP) != 0) == (members != 0));
+    return faults + broken(head->ecmp_count == (members == 0 ? 0 : members + 1));
+}
+
+// One chain. An entry out of order ends the walk, so a ring of links cannot hold the audit.
+int check_chain(const route_entry *entry, std::uint32_t ctx, std::uint32_t len, std::uint32_t bucket)
+{
+    int faults = 0;
+    for (const route_entry *before = nullptr; entry != nullptr; before = entry, entry = entry->next) {
+        if (before != nullptr && rib_key(before->prefix, len) >= rib_key(entry->prefix, len))
+            return faults + 1;
+        faults += check_entry(entry, ctx, len) + check_set(entry, ctx);
+        faults += broken(slowpath_route_hashing_ip_key(entry->prefix, len) % RIB_BUCKETS == bucket);
+    }
+    return faults;
+}
+
+} // namespace
+
+// Lengths 0 and 32 are not shifted at all: the amount is taken modulo the word's width.
+std::uint32_t rib_key(std::uint32_t prefix, std::uint32_t len) { return prefix >> ((32 - len) % 32); }
+
+std::uint32_t slowpath_route_hashing_ip_key(std::uint32_t addr, std::uint32_t len)
+{
+    const std::uint32_t v = rib_key(addr, len);
+    return (((v >> 24) * 9 + (v >> 16 & 0xff)) * 9 + (v >> 8 & 0xff)) * 9 + (v & 0xff);
+}
+
+std::uint8_t count_mask_bit(std::uint32_t mask) { return static_cast<std::uint8_t>(std::countl_one(mask)); }
+
+card_ptr<route_entry> *rib_bucket(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
+{
+    return &norvik_get_t(ctx)->table[len][slowpath_route_hashing_ip_key(prefix, len) % RIB_BUCKETS];
+}
+
+std::uint32_t rib_route_search(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, const void *key,
+                               rib_match match, rib_search_result *result)
+{
+    *result = {0, nullptr, nullptr, nullptr};
+    card_ptr<route_entry> *const bucket = rib_bucket(ctx, prefix, len);
+    route_log(ROUTE_DBG_EVENTS, ctx, "---srch start:%x/%d----\n", prefix, len);
+
+    result->prev = bucket;
+    route_entry *const candidate = find_candidate(ctx, prefix, len, result);
+    if (candidate != nullptr)
+        choose_path(candidate, key, match, result);
+
+    route_log(ROUTE_DBG_EVENTS, ctx, "---srch end:%x/%d-%u res:%x prev:<%x,%x> ecmp:%x---\n", prefix, len,
+              result->found, card_addr_of(result->entry), card_addr_of(result->prev), result->prev->addr(),
+              card_addr_of(result->ecmp_head));
+    return result->found;
+}
+
+route_entry *rib_set_at(const rib_search_result &search, std::uint32_t prefix, std::uint32_t len)
+{
+    route_entry *const at = search.prev->get();
+    return at != nullptr && at->prefix == prefix && at->len == len ? at : nullptr;
+}
+
+card_ptr<route_entry> *rib_link(route_entry *entry, const rib_search_result &search, route_entry *head)
+{
+    if (head != nullptr)
+        return rib_ecmp_link(entry, head);
+    entry->next = *search.prev;
+    *search.prev = entry;
+    return search.prev;
+}
+
+route_entry *rib_entry_alloc(mtrack_type type)
+{
+    void *const block = mtrack_alloc(ROUTE_MGR_UUID, type, sizeof(route_entry));
+    return block == nullptr ? nullptr : new (block) route_entry{};
+}
+
+card_ptr<route_entry> *rib_ecmp_link(route_entry *entry, route_entry *head)
+{
+    card_ptr<route_entry> *link = &head->ecmp;
+    if ((head->flags & RIB_F_ECMP) != 0) {
+        while (route_entry *const member = link->get())
+            link = &member->next;
+        head->ecmp_count = static_cast<std::uint16_t>(head->ecmp_count + 1);
+    } else {
+        head->flags |= RIB_F_ECMP;
+        head->ecmp_count = static_cast<std::uint16_t>(head->ecmp_count + 2); // the head and its first member
+    }
+    *link = entry;
+    entry->flags |= RIB_F_ECMP;
+    return link;
+}
+
+void rib_ecmp_unlink(route_entry *entry, card_ptr<route_entry> *prev, route_entry *head)
+{
+    route_entry *left_head = head; // head of the set that is left
+    std::uint32_t left = 0;        // and its paths
+    if (head != nullptr) {
+        *prev = entry->next;
+        left = head->ecmp_count - 1u;
+    } else {
+        left_head = entry->ecmp;
+        left_head->ecmp = left_head->next; // before `next` becomes the chain's link
+        left_head->next = entry->next;
+        *prev = left_head;
+        left = entry->ecmp_count - 1u;
+    }
+
+    left_head->ecmp_count = static_cast<std::uint16_t>(left == 1 ? 0 : left);
+    if (left == 1)
+        left_head->flags &= static_cast<std::uint16_t>(~RIB_F_ECMP);
+}
+
+bool rib_host_match(const route_entry *entry, const void *object)
+{
+    switch (key_as<std::uint32_t>(object)) {
+    case RIB_OBJ_ARP_HOST:
+        return (entry->flags & (RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED)) != 0;
+    case RIB_OBJ_INTERFACE:
+        return (entry->flags & RIB_F_INTERFACE) != 0;
+    default:
+        return false;
+    }
+}
+
+// An interface's entry matches whatever the gateway: a static route may not share its prefix.
+bool rib_static_match(const route_entry *entry, const void *nexthop)
+{
+    return (entry->flags & RIB_F_INTERFACE) != 0 || rib_nexthop_match(entry, nexthop);
+}
+
+bool rib_nexthop_match(const route_entry *entry, const void *nexthop)
+{
+    return entry->nexthop == key_as<std::uint32_t>(nexthop);
+}
+
+bool rib_nat_encap_match(const route_entry *entry, const void *encap)
+{
+    return entry->encap_id == key_as<std::uint16_t>(encap) && (entry->flags & RIB_F_NAT) != 0;
+}
+
+bool rib_nat_learned_match(const route_entry *entry, const void *range)
+{
+    const std::uint32_t *const bounds = static_cast<const std::uint32_t *>(range);
+    return entry->len == 32 && (entry->flags & (RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED)) != 0 &&
+           bounds[0] <= entry->prefix && entry->prefix <= bounds[1];
+}
+
+bool rib_nat_ifid_match(const route_entry *entry, const void *ifid)
+{
+    return (entry->flags & RIB_F_NAT) != 0 && entry->ifid == key_as<std::uint16_t>(ifid);
+}
+
+int rib_check(std::uint32_t ctx)
+{
+    int faults = 0;
+    prefix_tree *const tree = norvik_get_t(ctx);
+    for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
+        for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket)
+            faults += check_chain(tree->table[len][bucket], ctx, len, bucket);
+    return faults;
+}

@@ -1,0 +1,69 @@
+// route_log.cpp - the one logging step, and the stand-alone debug file.
+//
+// The gates are tested in route_log.h, where the caller is; what is here runs only behind an open one.
+#include "route_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace
+{
+constexpr std::size_t TEXT_BYTES = 512;
+
+// One record of the event history, as readers of the history file find it.
+struct history_record {
+    std::uint32_t category; // the id, host order
+    char text[TEXT_BYTES];  // "<Ctx:%d>" and the message, NUL-terminated
+};
+static_assert(offsetof(history_record, text) == 4);
+
+constexpr char DEBUG_FILE[] = "/tmp/routemgr.dbg";
+std::FILE *debug_stream; // opened on first use, never closed
+
+// Never through a link: in /tmp anyone could have planted one.
+std::FILE *open_debug_file()
+{
+    const int fd = open(DEBUG_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return nullptr;
+    std::FILE *stream = fdopen(fd, "w");
+    if (stream == nullptr)
+        close(fd);
+    return stream;
+}
+} // namespace
+
+void route_log_history(std::uint32_t category, std::uint32_t ctx, const char *format, ...)
+{
+    history_record record;
+    record.category = category;
+    const int prefix = std::snprintf(record.text, TEXT_BYTES, "<Ctx:%d>", static_cast<int>(ctx));
+    const std::size_t used = static_cast<std::size_t>(prefix);
+    va_list args;
+    va_start(args, format);
+    (void)std::vsnprintf(record.text + used, TEXT_BYTES - used, format, args); // a longer message is cut
+    va_end(args);
+    (void)sdwrap_hist_event(ROUTE_HIST_EVENT, std::strlen(record.text) + 5, &record);
+}
+
+void routemgr_mydebug(int, const char *format, ...)
+{
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    (void)std::vsnprintf(text, sizeof text, format, args); // a longer line is cut
+    va_end(args);
+    if (debug_stream == nullptr)
+        debug_stream = open_debug_file();
+    if (debug_stream == nullptr) {
+        std::printf("Couldn't open %s for writing!\n", DEBUG_FILE);
+        return;
+    }
+    std::fputs(text, debug_stream);
+    std::fflush(debug_stream);
+    std::fputs(text, stdout);
+}
