@@ -30,7 +30,7 @@ extern mtrie_leaf_gone_hook mtrie_leaf_gone;
 struct mtrie_census {
     std::uint32_t nodes;    // the root included
     std::uint32_t leaves;   // in slots or linked to one that is
-    std::uint32_t foldable; // nodes below the root whose slots all hold one leaf: left behind by an insert that ran out
+    std::uint32_t foldable; // nodes below the root, empty or all slots one leaf: an insert ran out or filled a gap
 };
 
 // Audit of the tree of `root`: reference counts, links both ways, slot counts, shorter masks along `back`, leaves that

@@ -24,7 +24,7 @@ struct tree_audit {
 void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool root, tree_audit &audit)
 {
     std::int32_t used = 0;
-    bool alike = !mtrie_is_child(node->children[0]) && node->children[0] != 0;
+    bool alike = !mtrie_is_child(node->children[0]);
     audit.census.nodes += 1;
     audit.broken += node->stride != MTRIE_STRIDE;
     for (std::uint32_t i = 0; i < MTRIE_SLOTS; ++i) {
@@ -44,7 +44,7 @@ void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool
             audit.broken += leaf->mask > slot_mask || (slot_base & leaf->mask) != leaf->prefix;
         }
     }
-    audit.broken += !root && (node->count != used || used == 0);
+    audit.broken += !root && node->count != used;
     audit.census.foldable += !root && alike;
 }
 
