@@ -1,0 +1,510 @@
+// daemon.cpp - how a test starts the daemon and speaks to it. The forms here are typed from the contract between the
+// card's processes, on purpose a second time: a mistake in the platform's code cannot hide in the tests.
+
+#include "daemon.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+
+namespace
+{
+constexpr std::uint32_t CALL_MAGIC = 0x544E5251, REPLY_MAGIC = 0x544E5250, MESSAGE_MAGIC = 0x4D545331;
+constexpr std::size_t HISTORY_HEADER = 64, INTERFACE_HEADER = 64, INTERFACE_BYTES = 32, INTERFACE_COUNT = 8192;
+
+[[noreturn]] void fail(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+
+sockaddr_un address_of(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error(path + ": too long for a socket");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+const sockaddr *as_sockaddr(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
+
+int bound_socket(int type, const std::string &path)
+{
+    ::unlink(path.c_str());
+    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = address_of(path);
+    if (fd < 0 || ::bind(fd, as_sockaddr(address), sizeof address) != 0)
+        fail(path);
+    return fd;
+}
+
+// The lock by which a peer shows that it lives.
+int held_lock(const std::string &path)
+{
+    const int fd = ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || ::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        fail(path + ".lock");
+    return fd;
+}
+
+bool readable(int fd)
+{
+    pollfd p{fd, POLLIN, 0};
+    int n = 0;
+    do
+        n = ::poll(&p, 1, DAEMON_WAIT_MS);
+    while (n < 0 && errno == EINTR);
+    return n == 1;
+}
+
+byte_string received(int fd)
+{
+    byte_string record(65536);
+    if (!readable(fd))
+        return {};
+    const ssize_t n = ::recv(fd, record.data(), record.size(), 0);
+    record.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return record;
+}
+
+// The build says which program; $ROUTEMGR_BINARY takes another, such as an installed one.
+std::string daemon_program()
+{
+    const char *named = std::getenv("ROUTEMGR_BINARY");
+    return named != nullptr ? named : ROUTEMGR_PATH;
+}
+
+// In the child: never returns. Only calls that are safe after a fork.
+[[noreturn]] void become_daemon(const char *program, const char *out, const char *err, char *const *environment)
+{
+    const int out_fd = ::open(out, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int err_fd = ::open(err, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(out_fd, STDOUT_FILENO);
+    ::dup2(err_fd, STDERR_FILENO);
+    char *const arguments[] = {const_cast<char *>(program), nullptr};
+    ::execve(program, arguments, environment);
+    ::_exit(127);
+}
+
+std::vector<std::string> environment_with(const std::string &card, const std::string &notify)
+{
+    std::vector<std::string> variables;
+    for (char **v = environ; *v != nullptr; ++v)
+        if (std::strncmp(*v, "CARD_DIR=", 9) != 0 && std::strncmp(*v, "NOTIFY_SOCKET=", 14) != 0)
+            variables.emplace_back(*v);
+    variables.push_back("CARD_DIR=" + card);
+    variables.push_back("NOTIFY_SOCKET=" + notify);
+    return variables;
+}
+
+rpc_arg arg_bytes(std::uint32_t code, std::uint32_t value, unsigned bytes)
+{
+    rpc_arg arg{code, {}};
+    for (unsigned i = bytes; i-- > 0;)
+        arg.bytes.push_back(static_cast<std::uint8_t>(value >> 8 * i));
+    return arg;
+}
+
+// Host-order number out of a byte image.
+template <class T> T number_at(const byte_string &image, std::size_t at)
+{
+    T value;
+    std::memcpy(&value, image.data() + at, sizeof value);
+    return value;
+}
+
+byte_string file_bytes(const std::string &path)
+{
+    const std::string text = file_text(path);
+    return byte_string(text.begin(), text.end());
+}
+} // namespace
+
+card_dir::card_dir()
+{
+    char name[] = "/tmp/card.XXXXXX";
+    if (::mkdtemp(name) == nullptr)
+        fail(name);
+    path = name;
+}
+
+card_dir::~card_dir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+std::string card_dir::at(std::string_view name) const { return path + "/" + std::string(name); }
+
+daemon_process::daemon_process(const card_dir &card, const char *name)
+    : out(card.at(std::string(name) + ".out")), err(card.at(std::string(name) + ".err"))
+{
+    const std::string program = daemon_program(), socket = card.at(std::string(name) + ".notify");
+    notify = bound_socket(SOCK_DGRAM, socket);
+    const std::vector<std::string> variables = environment_with(card.path, socket);
+    std::vector<char *> environment;
+    for (const std::string &v : variables)
+        environment.push_back(const_cast<char *>(v.c_str()));
+    environment.push_back(nullptr);
+    pid = ::fork();
+    if (pid < 0)
+        fail("fork");
+    if (pid == 0)
+        become_daemon(program.c_str(), out.c_str(), err.c_str(), environment.data());
+    pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0)
+        fail("pidfd_open");
+}
+
+daemon_process::~daemon_process()
+{
+    if (pid > 0) {
+        ::kill(pid, SIGKILL);
+        (void)::waitpid(pid, nullptr, 0); // nothing to learn from one that was killed
+    }
+    ::close(pidfd);
+    ::close(notify);
+}
+
+std::string daemon_notification(const daemon_process &daemon)
+{
+    pollfd set[] = {{daemon.notify, POLLIN, 0}, {daemon.pidfd, POLLIN, 0}};
+    int n = 0;
+    do
+        n = ::poll(set, 2, DAEMON_WAIT_MS);
+    while (n < 0 && errno == EINTR);
+    if (n <= 0 || (set[0].revents & POLLIN) == 0)
+        return "";
+    const byte_string text = received(daemon.notify);
+    return std::string(text.begin(), text.end());
+}
+
+void daemon_signal(const daemon_process &daemon, int signo) { ::kill(daemon.pid, signo); }
+
+int daemon_exit_status(daemon_process &daemon)
+{
+    if (!readable(daemon.pidfd))
+        return -1;
+    int status = 0;
+    if (::waitpid(daemon.pid, &status, 0) != daemon.pid)
+        fail("waitpid");
+    daemon.pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+void file_write(const std::string &path, std::string_view text)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        fail(path);
+    ::close(fd);
+}
+
+bool path_exists(const std::string &path)
+{
+    struct stat found;
+    return ::lstat(path.c_str(), &found) == 0;
+}
+
+unsigned path_mode(const std::string &path)
+{
+    struct stat found;
+    return ::lstat(path.c_str(), &found) == 0 ? found.st_mode & 0777u : ~0u;
+}
+
+void make_folder(const std::string &path)
+{
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        fail(path);
+}
+
+void path_set_mode(const std::string &path, unsigned mode)
+{
+    if (::chmod(path.c_str(), mode) != 0)
+        fail(path);
+}
+
+void put16(byte_string &to, std::uint32_t value)
+{
+    to.push_back(static_cast<std::uint8_t>(value >> 8));
+    to.push_back(static_cast<std::uint8_t>(value));
+}
+
+void put32(byte_string &to, std::uint32_t value)
+{
+    put16(to, value >> 16);
+    put16(to, value);
+}
+
+std::uint32_t get32(const byte_string &from, std::size_t at)
+{
+    if (at + 4 > from.size())
+        return 0;
+    return static_cast<std::uint32_t>(from[at]) << 24 | static_cast<std::uint32_t>(from[at + 1]) << 16 |
+           static_cast<std::uint32_t>(from[at + 2]) << 8 | from[at + 3];
+}
+
+rpc_arg arg_small(std::uint32_t value) { return arg_bytes(0, value, 1); }
+rpc_arg arg16(std::uint32_t value) { return arg_bytes(1, value, 2); }
+rpc_arg arg32(std::uint32_t value) { return arg_bytes(2, value, 4); }
+rpc_arg arg_ref(std::uint32_t value) { return arg_bytes(8, value, 4); }
+
+byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args)
+{
+    byte_string record;
+    put32(record, CALL_MAGIC);
+    put32(record, transaction);
+    put16(record, static_cast<std::uint32_t>(name.size()));
+    put16(record, static_cast<std::uint32_t>(args.size()));
+    record.insert(record.end(), name.begin(), name.end());
+    for (const rpc_arg &arg : args) {
+        put16(record, arg.code);
+        put16(record, 0);
+        put32(record, static_cast<std::uint32_t>(arg.bytes.size()));
+        record.insert(record.end(), arg.bytes.begin(), arg.bytes.end());
+    }
+    return record;
+}
+
+int rpc_connect(const card_dir &card, std::string_view socket)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = address_of(card.at(socket));
+    if (fd >= 0 && ::connect(fd, as_sockaddr(address), sizeof address) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
+}
+
+void rpc_send(int connection, const byte_string &record)
+{
+    if (::send(connection, record.data(), record.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(record.size()))
+        fail("send of a call");
+}
+
+rpc_reply rpc_receive(int connection)
+{
+    rpc_reply reply;
+    reply.record = received(connection);
+    reply.arrived = reply.record.size() >= 16 && get32(reply.record, 0) == REPLY_MAGIC;
+    reply.transaction = get32(reply.record, 4);
+    reply.status = get32(reply.record, 8);
+    reply.result = get32(reply.record, 12);
+    return reply;
+}
+
+rpc_reply rpc_call(int connection, std::string_view name, const std::vector<rpc_arg> &args)
+{
+    static std::uint32_t transaction = 100;
+    rpc_send(connection, rpc_record(++transaction, name, args));
+    rpc_reply reply = rpc_receive(connection);
+    reply.arrived = reply.arrived && reply.transaction == transaction;
+    return reply;
+}
+
+rpc_client::rpc_client(const card_dir &card, std::string_view socket) : fd(rpc_connect(card, socket))
+{
+    if (fd < 0)
+        fail(std::string(socket));
+}
+
+rpc_client::~rpc_client() { ::close(fd); }
+
+rpc_server::rpc_server(const card_dir &card, unsigned endpoint, const char *procedure)
+{
+    make_folder(card.at("rpc"));
+    make_folder(card.at("rpc/names"));
+    const std::string path = card.at("rpc/" + std::to_string(endpoint));
+    const std::string link = card.at("rpc/names/" + std::string(procedure));
+    lock = held_lock(path);
+    listener = bound_socket(SOCK_SEQPACKET, path);
+    ::unlink(link.c_str());
+    if (::listen(listener, 8) != 0 || ::symlink(("../" + std::to_string(endpoint)).c_str(), link.c_str()) != 0)
+        fail(link);
+}
+
+rpc_server::~rpc_server()
+{
+    for (const int fd : {connection, listener, lock})
+        if (fd >= 0)
+            ::close(fd);
+}
+
+byte_string rpc_serve_one(rpc_server &server, std::uint32_t result)
+{
+    if (server.connection < 0) {
+        if (!readable(server.listener))
+            return {};
+        server.connection = ::accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC);
+    }
+    const byte_string call = received(server.connection);
+    byte_string reply;
+    put32(reply, REPLY_MAGIC);
+    put32(reply, get32(call, 4));
+    put32(reply, 0);
+    put32(reply, result);
+    rpc_send(server.connection, reply);
+    return call;
+}
+
+mts_queue::mts_queue(const card_dir &card, std::uint32_t own_sap) : sap(own_sap), manager(card.at("mts/514"))
+{
+    make_folder(card.at("mts"));
+    const std::string path = card.at("mts/" + std::to_string(sap));
+    lock = held_lock(path);
+    fd = bound_socket(SOCK_DGRAM, path);
+}
+
+mts_queue::~mts_queue()
+{
+    ::close(fd);
+    ::close(lock);
+}
+
+void mts_send_raw(const mts_queue &queue, const byte_string &datagram)
+{
+    const sockaddr_un to = address_of(queue.manager);
+    if (::sendto(queue.fd, datagram.data(), datagram.size(), MSG_NOSIGNAL, as_sockaddr(to), sizeof to) < 0)
+        fail(queue.manager);
+}
+
+void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &payload)
+{
+    byte_string datagram;
+    for (const std::uint32_t word : {MESSAGE_MAGIC, opcode, 0u, queue.sap})
+        put32(datagram, word);
+    datagram.insert(datagram.end(), payload.begin(), payload.end());
+    mts_send_raw(queue, datagram);
+}
+
+mts_message mts_receive(const mts_queue &queue)
+{
+    const byte_string datagram = received(queue.fd);
+    if (datagram.size() < 16 || get32(datagram, 0) != MESSAGE_MAGIC)
+        return {};
+    return {get32(datagram, 4), get32(datagram, 8), get32(datagram, 12),
+            std::string(datagram.begin() + 16, datagram.end())};
+}
+
+void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t category, std::uint32_t context,
+                   std::uint32_t value)
+{
+    byte_string payload;
+    for (const std::uint32_t word : {verb, category, context, value})
+        put32(payload, word);
+    mts_send(queue, 1530, payload);
+}
+
+std::string debug_answer(const mts_queue &queue, std::uint32_t verb)
+{
+    debug_request(queue, verb, 0, 0, 0);
+    const mts_message answer = mts_receive(queue);
+    if (answer.opcode != 1531 || answer.node != 0 || answer.sap != 514)
+        return "no answer of the route manager: opcode " + std::to_string(answer.opcode);
+    return answer.payload;
+}
+
+std::uint64_t counter_value(const std::string &answer, std::string_view name)
+{
+    std::istringstream lines(answer);
+    std::string found;
+    std::uint64_t value = 0;
+    while (lines >> found >> value)
+        if (found == name)
+            return value;
+    return ~std::uint64_t{0};
+}
+
+history history_read(const card_dir &card)
+{
+    const byte_string image = file_bytes(card.at("history/115"));
+    history h;
+    if (image.size() < HISTORY_HEADER || number_at<std::uint32_t>(image, 0) != 0x48495354 ||
+        number_at<std::uint32_t>(image, 4) != 1)
+        return h;
+    h.capacity = number_at<std::uint64_t>(image, 8);
+    h.tail = number_at<std::uint64_t>(image, 16);
+    h.head = number_at<std::uint64_t>(image, 24);
+    h.valid = h.capacity != 0 && image.size() == HISTORY_HEADER + h.capacity && h.tail <= h.head &&
+              h.head - h.tail <= h.capacity;
+    if (!h.valid)
+        return h;
+    byte_string ring; // the records in one piece
+    for (std::uint64_t at = h.tail; at < h.head; ++at)
+        ring.push_back(image[HISTORY_HEADER + at % h.capacity]);
+    for (std::size_t at = 0; h.valid && at < ring.size();) {
+        const std::size_t size = ring.size() - at >= 24 ? number_at<std::uint32_t>(ring, at) : 0;
+        const std::size_t length = size >= 24 ? number_at<std::uint32_t>(ring, at + 16) : 0;
+        h.valid = size >= 24 && size % 8 == 0 && size <= ring.size() - at && length >= 5 && 20 + length <= size;
+        if (!h.valid)
+            break;
+        h.records.push_back({number_at<std::uint32_t>(ring, at + 4), number_at<std::uint32_t>(ring, at + 20),
+                             number_at<std::uint64_t>(ring, at + 8),
+                             std::string(reinterpret_cast<const char *>(ring.data()) + at + 24, length - 5)});
+        at += size;
+    }
+    return h;
+}
+
+bool history_has(const history &from, std::uint32_t category, std::string_view text)
+{
+    for (const history_record &record : from.records)
+        if (record.category == category && record.text == text)
+            return true;
+    return false;
+}
+
+void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces)
+{
+    std::vector<std::uint32_t> image((INTERFACE_HEADER + INTERFACE_COUNT * INTERFACE_BYTES) / 4);
+    const std::uint32_t header[] = {0x49464442, 1, INTERFACE_BYTES, INTERFACE_COUNT};
+    std::copy(std::begin(header), std::end(header), image.begin());
+    for (const interface_record &i : interfaces) {
+        const std::uint32_t words[] = {0, i.flags, i.rmode, i.bvi, i.address, i.mask, i.context, i.vlan};
+        std::copy(std::begin(words), std::end(words),
+                  image.begin() + static_cast<std::ptrdiff_t>((INTERFACE_HEADER + i.ifid * INTERFACE_BYTES) / 4));
+    }
+    file_write(card.at("interfaces"), {reinterpret_cast<const char *>(image.data()), image.size() * 4});
+}
+
+std::vector<std::uint32_t> memory_words(const card_dir &card, const char *name)
+{
+    const std::string path = card.at(name);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat found;
+    if (fd < 0 || ::fstat(fd, &found) != 0)
+        fail(path);
+    const std::size_t bytes = static_cast<std::size_t>(found.st_size);
+    void *map = ::mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (map == MAP_FAILED)
+        fail(path);
+    std::vector<std::uint32_t> words(bytes / 4);
+    const std::uint32_t *from = static_cast<const std::uint32_t *>(map);
+    for (std::size_t i = 0; i < words.size(); ++i)
+        words[i] = __atomic_load_n(from + i, __ATOMIC_ACQUIRE);
+    ::munmap(map, bytes);
+    return words;
+}

@@ -1,0 +1,146 @@
+// daemon.h - the real daemon as a test meets it: a process in a card directory of its own, its sockets and its files.
+//
+// Everything is spoken raw, byte by byte, and nothing of the platform is used: these tests hold the contract between
+// processes, so they must not share the code that keeps it.
+// Always: every wait is on a descriptor with a limit; whatever a test started is ended and removed with its record.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using byte_string = std::vector<std::uint8_t>;
+
+constexpr int DAEMON_WAIT_MS = 30000; // limit of every wait; generous, for sanitizers on a busy machine
+
+// A card directory, fresh, removed with the record.
+struct card_dir {
+    std::string path;
+    card_dir();
+    ~card_dir();
+    card_dir(const card_dir &) = delete;
+    card_dir &operator=(const card_dir &) = delete;
+    std::string at(std::string_view name) const; // path of `name` in the directory
+};
+
+// One daemon. Killed with the record if it still runs.
+struct daemon_process {
+    pid_t pid = -1;
+    int pidfd = -1;
+    int notify = -1;      // socket to which it reports
+    std::string out, err; // files with its standard output and standard error
+
+    // start: an instance of the program on `card`; name tells several on one card apart.
+    explicit daemon_process(const card_dir &card, const char *name = "first");
+    ~daemon_process();
+    daemon_process(const daemon_process &) = delete;
+    daemon_process &operator=(const daemon_process &) = delete;
+};
+
+std::string daemon_notification(const daemon_process &daemon); // the next one; empty when it ended or the limit passed
+void daemon_signal(const daemon_process &daemon, int signo);
+int daemon_exit_status(daemon_process &daemon); // waits for the end: exit status, 1000 + signal, or -1 at the limit
+
+std::string file_text(const std::string &path);
+void file_write(const std::string &path, std::string_view text); // mode 0600
+bool path_exists(const std::string &path);                       // the link itself, for a link
+unsigned path_mode(const std::string &path);                     // permission bits; ~0 when it is not there
+void make_folder(const std::string &path);                       // mode 0700; may exist
+void path_set_mode(const std::string &path, unsigned mode);
+
+// Numbers in datagrams: big-endian.
+void put16(byte_string &to, std::uint32_t value);
+void put32(byte_string &to, std::uint32_t value);
+std::uint32_t get32(const byte_string &from, std::size_t at); // 0 beyond the end
+
+// RPC. An argument: type code and bytes.
+struct rpc_arg {
+    std::uint32_t code;
+    byte_string bytes;
+};
+rpc_arg arg_small(std::uint32_t value); // code 0
+rpc_arg arg16(std::uint32_t value);     // code 1
+rpc_arg arg32(std::uint32_t value);     // code 2
+rpc_arg arg_ref(std::uint32_t value);   // code 8, 4 bytes
+
+struct rpc_reply {
+    bool arrived = false;
+    std::uint32_t transaction = 0, status = 0, result = 0;
+    byte_string record; // the whole of it
+};
+
+byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args);
+int rpc_connect(const card_dir &card, std::string_view socket); // such as "rpc/9"; -1 when nobody listens
+void rpc_send(int connection, const byte_string &record);
+rpc_reply rpc_receive(int connection);
+rpc_reply rpc_call(int connection, std::string_view name, const std::vector<rpc_arg> &args);
+
+// A connection to the endpoint of the route manager, closed with the record.
+struct rpc_client {
+    int fd;
+    explicit rpc_client(const card_dir &card, std::string_view socket = "rpc/9");
+    ~rpc_client();
+    rpc_client(const rpc_client &) = delete;
+    rpc_client &operator=(const rpc_client &) = delete;
+};
+
+// An RPC server of the test's own on `endpoint`, linked as the server of `procedure`.
+struct rpc_server {
+    int lock, listener, connection = -1;
+    rpc_server(const card_dir &card, unsigned endpoint, const char *procedure);
+    ~rpc_server();
+    rpc_server(const rpc_server &) = delete;
+    rpc_server &operator=(const rpc_server &) = delete;
+};
+byte_string rpc_serve_one(rpc_server &server, std::uint32_t result); // receives a call, answers it, gives the record
+
+// The message queue of a service access point of the test's own.
+struct mts_queue {
+    int lock, fd;
+    std::uint32_t sap;
+    std::string manager; // path of the route manager's queue
+    mts_queue(const card_dir &card, std::uint32_t sap);
+    ~mts_queue();
+    mts_queue(const mts_queue &) = delete;
+    mts_queue &operator=(const mts_queue &) = delete;
+};
+struct mts_message {
+    std::uint32_t opcode = 0, node = 0, sap = 0;
+    std::string payload;
+};
+void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &payload);
+void mts_send_raw(const mts_queue &queue, const byte_string &datagram);
+mts_message mts_receive(const mts_queue &queue); // opcode 0 at the limit
+// Requests of the debug service; the second waits for the answer.
+void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t category, std::uint32_t context,
+                   std::uint32_t value);
+std::string debug_answer(const mts_queue &queue, std::uint32_t verb);
+std::uint64_t counter_value(const std::string &answer, std::string_view name); // ~0 when it is not there
+
+// Event history of the route manager.
+struct history_record {
+    std::uint32_t type, category;
+    std::uint64_t time;
+    std::string text; // without its NUL
+};
+struct history {
+    bool valid = false;
+    std::uint64_t capacity = 0, tail = 0, head = 0;
+    std::vector<history_record> records; // oldest first
+};
+history history_read(const card_dir &card);
+bool history_has(const history &from, std::uint32_t category, std::string_view text); // a record of just this text
+
+// Interface database: written whole, `interfaces` records of which exist.
+struct interface_record {
+    std::uint32_t ifid, flags, rmode, bvi, address, mask, context, vlan;
+};
+constexpr std::uint32_t IF_EXISTS = 1, IF_UP = 2, IF_ADDRESS = 4, IF_CONTEXT = 8;
+void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces);
+
+// The words of a table memory at this moment.
+std::vector<std::uint32_t> memory_words(const card_dir &card, const char *name);

@@ -1,0 +1,265 @@
+// host_card_dir_test.cpp - the card directory, its locks and files, and the settings of the card.
+#include <set>
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "card_dir.h"
+#include "host_support.h"
+
+namespace
+{
+unsigned mode_of(const std::string &path)
+{
+    struct stat st = {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777u : 0xFFFFu;
+}
+
+int open_flags(int fd) { return fcntl(fd, F_GETFD); }
+
+// The settings that a card.conf of `text` gives, judged by `check`, and what is said about it.
+std::string with_conf(const std::string &text, const std::function<void(const card_conf &)> &check)
+{
+    const fresh_folder folder;
+    write_text(folder.path + "/card.conf", text);
+    on_card(folder.path, [&] {
+        const std::string said = stderr_of([&] { (void)card_conf_get(); });
+        check(card_conf_get());
+        write_text(card_file("said"), said);
+    });
+    return read_text(folder.path + "/said");
+}
+} // namespace
+
+TEST(card_dir, is_made_with_its_folders_for_us_alone_whatever_the_umask)
+{
+    const fresh_folder above;
+    on_card(above.path + "/card", [] {
+        umask(0777);
+        EXPECT_EQ(card_dir_path(), std::getenv("CARD_DIR"));
+        EXPECT_EQ(mode_of(card_dir_path()), 0700u);
+        for (const char *folder : {"mts", "rpc", "rpc/names", "mem", "history", "scp"})
+            EXPECT_EQ(mode_of(card_file(folder)), 0700u) << folder;
+    });
+}
+
+TEST(card_dir, one_that_others_can_enter_is_refused_with_one_line)
+{
+    const fresh_folder folder;
+    chmod(folder.path.c_str(), 0750);
+    on_card(folder.path, [] {
+        const std::string said = stderr_of([] {
+            EXPECT_EQ(card_dir_path(), "");
+            EXPECT_EQ(card_dir_path(), "");
+            EXPECT_EQ(card_dir_bind(SOCK_DGRAM, "mts/514"), -1);
+        });
+        EXPECT_NE(said.find("0750"), std::string::npos) << said;
+        EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
+    });
+}
+
+TEST(card_dir, one_of_another_user_is_refused)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a folder away";
+    const fresh_folder folder;
+    ASSERT_EQ(chown(folder.path.c_str(), 12345, 12345), 0);
+    on_card(folder.path, [] {
+        const std::string said = stderr_of([] { EXPECT_EQ(card_dir_path(), ""); });
+        EXPECT_NE(said.find("owned by uid 12345, not 0; refused"), std::string::npos) << said;
+    });
+}
+
+TEST(card_dir, a_path_of_64_bytes_is_taken_and_one_more_refused)
+{
+    const fresh_folder above;
+    const std::string fits = above.path + "/" + std::string(64 - above.path.size() - 1, 'x');
+    on_card(fits, [&] { EXPECT_EQ(card_dir_path(), fits); });
+    on_card(fits + "x", [] {
+        const std::string said = stderr_of([] { EXPECT_EQ(card_dir_path(), ""); });
+        EXPECT_NE(said.find("over 64 bytes"), std::string::npos) << said;
+    });
+    EXPECT_FALSE(std::filesystem::exists(fits + "x"));
+}
+
+TEST(card_dir, a_stale_socket_is_replaced_and_a_live_one_kept)
+{
+    const fresh_folder folder;
+    on_card(folder.path, [] { EXPECT_GE(card_dir_bind(SOCK_DGRAM, "mts/600"), 0); });
+    on_card(folder.path, [&] {
+        EXPECT_EQ(card_dir_owner("mts/600"), card_owner::none) << "its process is gone";
+        const int fd = card_dir_bind(SOCK_DGRAM, "mts/600");
+        EXPECT_GE(fd, 0);
+        EXPECT_EQ(card_dir_owner("mts/600"), card_owner::self);
+        const auto inode = std::filesystem::hash_value(card_file("mts/600"));
+        EXPECT_EQ(card_dir_bind(SOCK_DGRAM, "mts/600"), -1);
+        EXPECT_EQ(inode, std::filesystem::hash_value(card_file("mts/600")));
+        EXPECT_EQ(peer_send(card_file("mts/600"), "x"), 1) << "the first socket still receives";
+        EXPECT_EQ(peer_receive(fd), "x");
+    });
+}
+
+TEST(card_dir, another_live_process_keeps_its_socket_and_the_try_is_short)
+{
+    const fresh_folder folder;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t owner = fork();
+    if (owner == 0) {
+        setenv("CARD_DIR", folder.path.c_str(), 1);
+        const char bound = card_dir_bind(SOCK_SEQPACKET, "rpc/9") >= 0 ? 'y' : 'n';
+        (void)!write(ready[1], &bound, 1);
+        pause();
+    }
+    char bound = 0;
+    ASSERT_EQ(read(ready[0], &bound, 1), 1);
+    EXPECT_EQ(bound, 'y');
+    on_card(folder.path, [] {
+        timespec start = {}, end = {};
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        EXPECT_EQ(card_dir_owner("rpc/9"), card_owner::other);
+        EXPECT_EQ(card_dir_bind(SOCK_SEQPACKET, "rpc/9"), -1);
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        const long ms = (end.tv_sec - start.tv_sec) * 1000 + (end.tv_nsec - start.tv_nsec) / 1000000;
+        EXPECT_GE(ms, 95);
+        EXPECT_LT(ms, 2000);
+    });
+    kill(owner, SIGKILL);
+    waitpid(owner, nullptr, 0);
+    on_card(folder.path,
+            [] { EXPECT_GE(card_dir_bind(SOCK_SEQPACKET, "rpc/9"), 0) << "the lock went with its owner"; });
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST(card_dir, sockets_locks_and_files_are_ours_alone_and_close_on_exec)
+{
+    on_fresh_card([] {
+        umask(0);
+        std::set<int> inherited; // whoever started the tests may have left some open
+        for (int any = 3; any < 64; ++any)
+            if (open_flags(any) >= 0)
+                inherited.insert(any);
+        const int fd = card_dir_bind(SOCK_DGRAM, "mts/601");
+        bool made = false;
+        const int file = card_dir_file("mem/ixp1", 4096, &made);
+        EXPECT_EQ(mode_of(card_file("mts/601")), 0600u);
+        EXPECT_EQ(mode_of(card_file("mts/601.lock")), 0600u);
+        EXPECT_EQ(mode_of(card_file("mem/ixp1")), 0600u);
+        for (int any = 3; any <= file; ++any)
+            EXPECT_TRUE(inherited.count(any) != 0 || open_flags(any) < 0 || (open_flags(any) & FD_CLOEXEC) != 0)
+                << "descriptor " << any;
+        EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+    });
+}
+
+TEST(card_dir, a_file_is_allocated_whole_kept_at_its_size_and_made_anew_at_another)
+{
+    on_fresh_card([] {
+        bool made = false;
+        const int fd = card_dir_file("mem/wired", 100000, &made);
+        struct stat st = {};
+        ASSERT_EQ(fstat(fd, &st), 0);
+        EXPECT_TRUE(made);
+        EXPECT_EQ(st.st_size, 100000);
+        EXPECT_GE(st.st_blocks * 512, 100000) << "no holes";
+        EXPECT_EQ(pwrite(fd, "kept", 4, 0), 4);
+
+        EXPECT_GE(card_dir_file("mem/wired", 100000, &made), 0);
+        EXPECT_FALSE(made);
+        EXPECT_EQ(read_text(card_file("mem/wired")).substr(0, 4), "kept");
+
+        EXPECT_GE(card_dir_file("mem/wired", 50000, &made), 0);
+        EXPECT_TRUE(made);
+        EXPECT_EQ(read_text(card_file("mem/wired")), std::string(50000, '\0'));
+        ASSERT_EQ(fstat(fd, &st), 0);
+        EXPECT_EQ(st.st_size, 100000) << "who has the old file open keeps it";
+    });
+}
+
+TEST(card_dir, a_file_is_never_opened_through_a_link)
+{
+    on_fresh_card([] {
+        write_text(card_dir_path() + "/elsewhere", "mine");
+        std::filesystem::create_symlink("../elsewhere", card_file("mem/wired"));
+        bool made = true;
+        const std::string said = stderr_of([&] { EXPECT_EQ(card_dir_file("mem/wired", 4, &made), -1); });
+        EXPECT_FALSE(made);
+        EXPECT_NE(said, "");
+        EXPECT_EQ(read_text(card_file("elsewhere")), "mine");
+    });
+}
+
+TEST(card_dir, a_file_that_the_host_has_no_room_for_is_refused_and_leaves_nothing)
+{
+    on_fresh_card([] {
+        bool made = true;
+        (void)card_dir_path();
+        const std::string said =
+            stderr_of([&] { EXPECT_EQ(card_dir_file("mem/wired", std::size_t{1} << 50, &made), -1); });
+        EXPECT_FALSE(made);
+        EXPECT_NE(said.find("mem/wired"), std::string::npos) << said;
+        EXPECT_TRUE(std::filesystem::is_empty(card_file("mem")));
+    });
+}
+
+TEST(card_conf, the_defaults_stand_without_a_file)
+{
+    on_fresh_card([] {
+        EXPECT_EQ(stderr_of([] { (void)card_conf_get(); }), "");
+        EXPECT_EQ(card_conf_get().slot, 1u);
+        EXPECT_EQ(card_conf_get().num_ixp, 2u);
+        EXPECT_EQ(card_conf_get().wired_phys_base, 0x08000000u);
+        EXPECT_EQ(card_conf_get().supervisor_address, 1u);
+        EXPECT_EQ(card_conf_get().rpc_timeout_ms, 2000u);
+        EXPECT_FALSE(card_conf_get().route_cache_kernel);
+    });
+}
+
+TEST(card_conf, every_key_is_read_decimal_or_hexadecimal)
+{
+    const std::string said =
+        with_conf("# the card\nslot=7\n  num_ixp = 0x1 # one only\r\n\nwired_phys_base = 0xF0000000\n"
+                  "supervisor_address = 255\nrpc_timeout_ms = 0500\nroute_cache = kernel",
+                  [](const card_conf &c) {
+                      EXPECT_EQ(c.slot, 7u);
+                      EXPECT_EQ(c.num_ixp, 1u);
+                      EXPECT_EQ(c.wired_phys_base, 0xF0000000u);
+                      EXPECT_EQ(c.supervisor_address, 255u);
+                      EXPECT_EQ(c.rpc_timeout_ms, 500u);
+                      EXPECT_TRUE(c.route_cache_kernel);
+                  });
+    EXPECT_EQ(said, "");
+}
+
+TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
+{
+    struct bad_line {
+        const char *line;
+    };
+    for (const auto &[line] : std::initializer_list<bad_line>{{"slot = -1"},
+                                                              {"slot = 0"},
+                                                              {"slot ="},
+                                                              {"slot"},
+                                                              {"num_ixp = 3"},
+                                                              {"num_ixp = two"},
+                                                              {"supervisor_address = 256"},
+                                                              {"wired_phys_base = 0x100000000"},
+                                                              {"wired_phys_base = 0x"},
+                                                              {"rpc_timeout_ms = 10ms"},
+                                                              {"rpc_timeout_ms = 99999999999999999999"},
+                                                              {"route_cache = on"},
+                                                              {"colour = 1"},
+                                                              {"Slot = 2"}}) {
+        const std::string said = with_conf("\n# two\n" + std::string(line) + "\nslot = 4\n", [](const card_conf &c) {
+            EXPECT_EQ(c.slot, 4u) << "the lines after it are read";
+            EXPECT_EQ(c.num_ixp, 2u);
+            EXPECT_EQ(c.wired_phys_base, 0x08000000u);
+            EXPECT_EQ(c.supervisor_address, 1u);
+            EXPECT_EQ(c.rpc_timeout_ms, 2000u);
+            EXPECT_FALSE(c.route_cache_kernel);
+        });
+        EXPECT_NE(said.find("line 3"), std::string::npos) << line << ": " << said;
+        EXPECT_EQ(said.find('\n'), said.size() - 1) << line << ": " << said;
+    }
+}

@@ -1,0 +1,186 @@
+// host_history_test.cpp - the history file, read back by a parser of this test's own.
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "counters.h"
+#include "host_support.h"
+#include "sdwrap.h"
+
+namespace
+{
+constexpr std::uint32_t EVENT = 0x730000;
+
+struct parsed_record {
+    std::uint32_t event_type;
+    std::uint64_t ns;
+    std::string data;
+};
+struct parsed_history {
+    std::uint64_t capacity, tail, head;
+    std::vector<parsed_record> records;
+};
+
+template <class T> T number_at(const std::string &bytes, std::size_t at)
+{
+    T value = 0;
+    std::memcpy(&value, bytes.data() + at, sizeof value);
+    return value;
+}
+
+// Reads the file of component 115 as a program that knows only the format would.
+parsed_history parse()
+{
+    const std::string file = read_text(card_file("history/115"));
+    EXPECT_EQ(number_at<std::uint32_t>(file, 0), 0x48495354u);
+    EXPECT_EQ(number_at<std::uint32_t>(file, 4), 1u);
+    parsed_history h = {
+        number_at<std::uint64_t>(file, 8), number_at<std::uint64_t>(file, 16), number_at<std::uint64_t>(file, 24), {}};
+    EXPECT_EQ(file.size(), 64 + h.capacity);
+    EXPECT_EQ(file.substr(32, 32), std::string(32, '\0'));
+    EXPECT_LE(h.head - h.tail, h.capacity);
+    std::string straight;
+    for (std::uint64_t at = h.tail; at < h.head; ++at)
+        straight.push_back(file[64 + at % h.capacity]);
+    for (std::size_t at = 0; at < straight.size();) {
+        const auto size = number_at<std::uint32_t>(straight, at);
+        EXPECT_EQ(size % 8, 0u);
+        if (size < 24 || size > straight.size() - at) {
+            ADD_FAILURE() << "a record of " << size << " bytes at " << at;
+            break;
+        }
+        const auto bytes = number_at<std::uint32_t>(straight, at + 16);
+        EXPECT_EQ((20 + bytes + 7) / 8 * 8, size);
+        h.records.push_back({number_at<std::uint32_t>(straight, at + 4), number_at<std::uint64_t>(straight, at + 8),
+                             straight.substr(at + 20, bytes)});
+        at += size;
+    }
+    return h;
+}
+
+void log_text(const std::string &text) { EXPECT_EQ(sdwrap_hist_event(EVENT, text.size(), text.data()), 0); }
+} // namespace
+
+TEST(history, a_record_is_read_back_as_it_was_written)
+{
+    on_fresh_card([] {
+        EXPECT_EQ(sdwrap_hist_init(0x10000), 0);
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0);
+        timespec before = {}, after = {};
+        clock_gettime(CLOCK_REALTIME, &before);
+        log_text("first");
+        log_text("");
+        log_text(std::string("four") + '\0');
+        clock_gettime(CLOCK_REALTIME, &after);
+        const parsed_history h = parse();
+        EXPECT_EQ(h.capacity, 0x10000u);
+        EXPECT_EQ(h.tail, 0u);
+        ASSERT_EQ(h.records.size(), 3u);
+        EXPECT_EQ(h.records[0].data, "first");
+        EXPECT_EQ(h.records[0].event_type, EVENT);
+        EXPECT_GE(h.records[0].ns, static_cast<std::uint64_t>(before.tv_sec) * 1000000000u);
+        EXPECT_LE(h.records[2].ns / 1000000000u, static_cast<std::uint64_t>(after.tv_sec));
+        EXPECT_EQ(h.records[1].data, "");
+        EXPECT_EQ(h.records[2].data, std::string("four") + '\0');
+        EXPECT_EQ(platform_counters.history_records, 3u);
+    });
+}
+
+TEST(history, the_oldest_records_make_room_and_the_rest_stay_readable)
+{
+    on_fresh_card([] {
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+        std::mt19937 random(20260201);
+        std::vector<std::string> written;
+        for (int i = 0; i < 3000; ++i) {
+            written.push_back(std::to_string(i) + std::string(random() % 200, 'r'));
+            log_text(written.back());
+            if (i % 50 != 0)
+                continue;
+            const parsed_history h = parse();
+            ASSERT_LE(h.records.size(), written.size());
+            for (std::size_t r = 0; r < h.records.size(); ++r)
+                ASSERT_EQ(h.records[r].data, written[written.size() - h.records.size() + r]) << "after " << i;
+            ASSERT_TRUE(i == 0 || h.records.size() >= 4) << "no more is dropped than is needed";
+        }
+    });
+}
+
+TEST(history, a_record_that_cannot_fit_or_of_another_component_is_refused)
+{
+    on_fresh_card([] {
+        EXPECT_EQ(sdwrap_hist_event(EVENT, 1, "x"), -1) << "not set up";
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+        const std::string fits(1024 - 20, 'x');
+        log_text("gone");
+        log_text(fits);
+        EXPECT_EQ(sdwrap_hist_event(EVENT, 1024 - 19, (fits + "x").data()), -1);
+        EXPECT_EQ(sdwrap_hist_event(EVENT, ~std::size_t{0}, fits.data()), -1);
+        EXPECT_EQ(sdwrap_hist_event(0x740000, 1, "x"), -1);
+        const parsed_history h = parse();
+        ASSERT_EQ(h.records.size(), 1u);
+        EXPECT_EQ(h.records[0].data, fits);
+        EXPECT_EQ(platform_counters.history_records, 2u);
+    });
+}
+
+TEST(history, a_restart_goes_on_in_the_file)
+{
+    const fresh_folder folder;
+    for (const char *life : {"one", "two", "three"}) {
+        on_card(folder.path, [&] {
+            EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0);
+            log_text(life);
+        });
+    }
+    on_card(folder.path, [] {
+        const parsed_history h = parse();
+        ASSERT_EQ(h.records.size(), 3u);
+        EXPECT_EQ(h.records[0].data, "one");
+        EXPECT_EQ(h.records[2].data, "three");
+    });
+}
+
+TEST(history, any_other_file_is_made_anew)
+{
+    struct damage {
+        const char *what;
+        std::size_t at;
+        std::uint64_t value;
+    };
+    for (const damage &d : std::initializer_list<damage>{{"magic", 0, 0x100000000},
+                                                         {"version", 4, 2},
+                                                         {"capacity", 8, 512},
+                                                         {"head before tail", 16, 4096},
+                                                         {"head too far", 24, 1 << 20},
+                                                         {"a record's size", 64, 4},
+                                                         {"a record's length", 80, 0xFFFFFFFF}}) {
+        on_fresh_card([&] {
+            EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+            log_text("old");
+            std::string file = read_text(card_file("history/115"));
+            std::memcpy(file.data() + d.at, &d.value, d.at < 8 || d.at >= 64 ? 4 : 8);
+            write_text(card_file("history/115"), file);
+            EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+            log_text("new");
+            const parsed_history h = parse();
+            ASSERT_EQ(h.records.size(), 1u) << d.what;
+            EXPECT_EQ(h.records[0].data, "new") << d.what;
+        });
+    }
+    on_fresh_card([] {
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+        log_text("old");
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 2048), 0) << "of another capacity";
+        EXPECT_TRUE(parse().records.empty());
+    });
+}
+
+TEST(history, a_size_that_is_no_ring_is_refused)
+{
+    on_fresh_card([] {
+        for (const std::size_t bytes : {std::size_t{1}, std::size_t{1025}, std::size_t{1} << 40})
+            EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, bytes), -1) << bytes;
+        EXPECT_EQ(sdwrap_hist_set_event_subtype(EVENT, 100, 1), -1) << "no history, no gate";
+    });
+}
