@@ -229,8 +229,8 @@ card_owner card_dir_owner(const char *name)
     if (dir.empty())
         return card_owner::none;
     const int fd = open((dir + "/" + name + ".lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0)
-        return card_owner::none;
+    if (fd < 0) // only a lock that is not there has no owner for certain
+        return errno == ENOENT ? card_owner::none : card_owner::other;
     // Shared, so that two processes that only look do not take each other for an owner.
     const bool free = flock(fd, LOCK_SH | LOCK_NB) == 0;
     (void)close(fd);
