@@ -11,7 +11,12 @@ namespace
 {
 const char *const SERVED[] = {"arp_prefix_mgr_add_route", "arp_prefix_mgr_remove_route",
                               "rib_max_ecmp_route",       "rib_add_route",
-                              "rib_remove_route",         "mtrie_lookup_exact_stub"};
+                              "rib_remove_route",         "slowpath_route_lookup",
+                              "show_rib_print",           "show_rib_summary",
+                              "show_fib_print",           "show_fib_summary",
+                              "mtrie_lookup_exact_stub",  "rib_add_nat_pool",
+                              "rib_remove_nat_pool",      "mtrie_hw_dump_api",
+                              "norvik_send_route_advert"};
 
 rpc_reply ask_whether_full(const card_dir &card, std::uint32_t ctx)
 {

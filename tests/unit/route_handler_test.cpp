@@ -1,4 +1,5 @@
 // route_handler_test.cpp - one pass of the event loop after the other, with its descriptors in every state.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <string>
@@ -89,15 +90,46 @@ TEST(route_handler, a_message_that_the_platform_handles_is_released)
     EXPECT_TRUE(card.has_line(ROUTE_DBG_MTS, "<Ctx:0>SDWRAP MTS message processed.\n"));
 }
 
-TEST(route_handler, a_message_that_the_platform_declines_is_released_without_the_processed_line)
+TEST(route_handler, a_message_that_the_platform_declines_is_processed_as_an_event_and_then_released)
 {
     fake_card card;
     loop l;
     card.post(9999);
+    card.log_in_calls = true;
     l.pass();
-    EXPECT_EQ(card.calls,
-              (strings{POLLED, "mts_recv q [1 0 0 0 0 0]", "sdwrap_process_msg q 9999", "mts_drop q 9999"}));
-    EXPECT_TRUE(card.texts(ROUTE_DBG_MTS).empty());
+    EXPECT_EQ(card.calls_of("mts_recv").size(), 1u);
+    ASSERT_GE(card.calls.size(), 3u);
+    EXPECT_EQ(
+        strings(card.calls.end() - 3, card.calls.end()),
+        (strings{"sdwrap_process_msg q 9999", "log 106 <Ctx:0>Ignoring Message: MTS_OPC_9999\n", "mts_drop q 9999"}));
+    EXPECT_TRUE(card.texts(ROUTE_DBG_MTS).empty()) << "no processed line";
+}
+
+TEST(route_handler, a_message_that_the_platform_handles_is_not_processed_again)
+{
+    fake_card card;
+    loop l;
+    card.post(MTS_OPC_DEBUG_REQUEST);
+    l.pass();
+    EXPECT_EQ(card.texts(ROUTE_DBG_MAIN_LOOP), strings{"<Ctx:0>\nmain: Waiting for MTS messages ...\n"});
+}
+
+TEST(route_handler, an_interface_event_brings_its_routes_before_its_message_is_released)
+{
+    fake_card card;
+    ASSERT_EQ(card.start_tables(), 0);
+    loop l;
+    std::vector<std::uint8_t> payload(48);
+    const std::uint8_t head[] = {0, 5, 0, 3, 10, 1, 0, 1};
+    std::copy(std::begin(head), std::end(head), payload.begin());
+    payload[21] = payload[22] = payload[23] = 255;
+    payload[47] = 1;
+    card.post(MTS_OPC_NORVIK_IF_UP, payload);
+    l.pass();
+    EXPECT_EQ(card.calls.back(), "mts_drop q 4065");
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 4u);
+    ASSERT_EQ(card.sent.size(), 1u);
+    EXPECT_EQ(card.sent[0].opcode, MTS_OPC_ROUTE_IF_ADDED);
 }
 
 TEST(route_handler, a_queue_that_is_readable_and_more_is_left_for_a_later_pass)

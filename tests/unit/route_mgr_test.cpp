@@ -201,9 +201,13 @@ TEST(route_mgr, start_up_makes_its_calls_in_one_fixed_order)
     const fake_child_result child = run_process({{FIRST_POLL, stop()}});
     EXPECT_TRUE(exited_with(child.status, STOPPED)) << child.status;
     strings expected = {"tnrpc_serv_init 9"};
-    for (const char *entry : {"arp_prefix_mgr_add_route 6: 1 2 2 1 1 2", "arp_prefix_mgr_remove_route 7: 1 2 2 2 1 1 2",
-                              "rib_max_ecmp_route 4: 1 2 2 2", "rib_add_route 5: 1 2 2 2 2",
-                              "rib_remove_route 5: 1 2 2 2 2", "mtrie_lookup_exact_stub 4: 2 2 2 8"})
+    for (const char *entry :
+         {"arp_prefix_mgr_add_route 6: 1 2 2 1 1 2", "arp_prefix_mgr_remove_route 7: 1 2 2 2 1 1 2",
+          "rib_max_ecmp_route 4: 1 2 2 2", "rib_add_route 5: 1 2 2 2 2", "rib_remove_route 5: 1 2 2 2 2",
+          "slowpath_route_lookup 3: 1 2 8", "show_rib_print 5: 1 8 8 8 9", "show_rib_summary 2: 1 9",
+          "show_fib_print 5: 1 8 8 8 9", "show_fib_summary 2: 1 9", "mtrie_lookup_exact_stub 4: 2 2 2 8",
+          "rib_add_nat_pool 5: 1 1 2 2 1", "rib_remove_nat_pool 5: 1 1 2 2 1", "mtrie_hw_dump_api 4: 1 2 2 9",
+          "norvik_send_route_advert 6: 2 2 2 2 1 1"})
         expected.push_back(std::string("tnrpc_register ") + entry);
     expected.insert(expected.end(), {"tnrpc_clnt_init 9", "mts_bind 4 514 Route Manager [1 0 1024 0 0]"});
     for (const char *opcode : {"4063", "4064", "4065", "4066", "4089", "4069", "4070", "1530"}) {
@@ -331,7 +335,7 @@ TEST(route_mgr, a_second_instance_registers_before_it_fails_and_unregisters_sixt
         return std::count_if(child.calls.begin(), child.calls.end(),
                              [&](const std::string &entry) { return begins(entry, beginning); });
     };
-    EXPECT_EQ(count("tnrpc_register "), 6);
+    EXPECT_EQ(count("tnrpc_register "), 15);
     EXPECT_EQ(count("tnrpc_unregister "), 16);
     EXPECT_EQ(count("mts_options"), 0);
 }

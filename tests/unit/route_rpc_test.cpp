@@ -2,6 +2,7 @@
 //
 // The table below is the callers' view: names, type codes, and which arguments are bound to 0 to 255.
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,20 +27,45 @@ const strings ALL_NAMES = {"arp_prefix_mgr_add_route", "arp_prefix_mgr_remove_ro
                            "rib_remove_nat_pool",      "mtrie_hw_dump_api",
                            "norvik_send_route_advert", "route_print_debug"};
 
-// A call of each served procedure with arguments in range; `bound` are the positions of contexts and route ids.
+// A call of each served procedure with arguments in range; `types` are the callers' type codes, `bound` the positions
+// of contexts, route ids and the dump's root index.
 struct served_call {
     const char *name;
+    std::vector<unsigned> types;
     std::vector<std::uint32_t> args;
     std::vector<unsigned> bound;
 };
 const served_call SERVED[] = {
-    {"arp_prefix_mgr_add_route", {2, IP(10, 0, 0, 1), 32, 5, 7, 3}, {5}},
-    {"arp_prefix_mgr_remove_route", {2, IP(10, 0, 0, 1), 32, 0, 5, 7, 3}, {6}},
-    {"rib_max_ecmp_route", {3, 3, IP(10, 0, 0, 0), 0xFF000000}, {0, 1}},
-    {"rib_add_route", {3, 3, IP(10, 0, 0, 0), 0xFF000000, IP(10, 0, 0, 1)}, {0, 1}},
-    {"rib_remove_route", {3, 3, IP(10, 0, 0, 0), 0xFF000000, IP(10, 0, 0, 1)}, {0, 1}},
-    {"mtrie_lookup_exact_stub", {3, IP(224, 0, 0, 0), 0xE0000000, 0}, {0}},
+    {"arp_prefix_mgr_add_route", {1, 2, 2, 1, 1, 2}, {2, IP(10, 0, 0, 1), 32, 5, 7, 3}, {5}},
+    {"arp_prefix_mgr_remove_route", {1, 2, 2, 2, 1, 1, 2}, {2, IP(10, 0, 0, 1), 32, 0, 5, 7, 3}, {6}},
+    {"rib_max_ecmp_route", {1, 2, 2, 2}, {3, 3, IP(10, 0, 0, 0), 0xFF000000}, {0, 1}},
+    {"rib_add_route", {1, 2, 2, 2, 2}, {3, 3, IP(10, 0, 0, 0), 0xFF000000, IP(10, 0, 0, 1)}, {0, 1}},
+    {"rib_remove_route", {1, 2, 2, 2, 2}, {3, 3, IP(10, 0, 0, 0), 0xFF000000, IP(10, 0, 0, 1)}, {0, 1}},
+    {"slowpath_route_lookup", {1, 2, 8}, {3, IP(10, 0, 0, 1), 0}, {0}},
+    {"show_rib_print", {1, 8, 8, 8, 9}, {3, 0, 0, 0, 0}, {0}},
+    {"show_rib_summary", {1, 9}, {3, 0}, {0}},
+    {"show_fib_print", {1, 8, 8, 8, 9}, {3, 0, 0, 0, 0}, {0}},
+    {"show_fib_summary", {1, 9}, {3, 0}, {0}},
+    {"mtrie_lookup_exact_stub", {2, 2, 2, 8}, {3, IP(224, 0, 0, 0), 0xE0000000, 0}, {0}},
+    {"rib_add_nat_pool", {1, 1, 2, 2, 1}, {3, 7, IP(20, 0, 0, 1), 1, 9}, {0}},
+    {"rib_remove_nat_pool", {1, 1, 2, 2, 1}, {3, 7, IP(20, 0, 0, 1), 1, 9}, {0}},
+    {"mtrie_hw_dump_api", {1, 2, 2, 9}, {1, 3, IP(10, 0, 0, 1), 0}, {1}},
+    {"norvik_send_route_advert", {2, 2, 2, 2, 1, 1}, {IP(10, 0, 0, 0), 0xFF000000, 7, IP(10, 0, 0, 1), 1, 3}, {5}},
 };
+
+// "tnrpc_register <name> <count>: <codes>" of each procedure, in the table's order.
+strings registrations()
+{
+    strings entries;
+    for (const served_call &served : SERVED) {
+        std::string entry = std::string("tnrpc_register ") + served.name + " " + std::to_string(served.types.size());
+        entry += ':';
+        for (const unsigned type : served.types)
+            entry += " " + std::to_string(type);
+        entries.push_back(entry);
+    }
+    return entries;
+}
 
 } // namespace
 
@@ -47,12 +73,10 @@ TEST(route_rpc, the_server_opens_endpoint_9_and_registers_its_procedures_in_orde
 {
     fake_card card;
     EXPECT_EQ(norvik_route_tnrpc_serv(), 0u);
-    EXPECT_EQ(
-        card.calls,
-        (strings{"tnrpc_serv_init 9", "tnrpc_register arp_prefix_mgr_add_route 6: 1 2 2 1 1 2",
-                 "tnrpc_register arp_prefix_mgr_remove_route 7: 1 2 2 2 1 1 2",
-                 "tnrpc_register rib_max_ecmp_route 4: 1 2 2 2", "tnrpc_register rib_add_route 5: 1 2 2 2 2",
-                 "tnrpc_register rib_remove_route 5: 1 2 2 2 2", "tnrpc_register mtrie_lookup_exact_stub 4: 2 2 2 8"}));
+    strings expected = registrations();
+    expected.insert(expected.begin(), "tnrpc_serv_init 9");
+    EXPECT_EQ(card.calls, expected);
+    EXPECT_EQ(expected.size(), 16u);
     EXPECT_EQ(rpcfd, card.rpc_fd);
 }
 
@@ -62,7 +86,8 @@ TEST(route_rpc, a_refused_endpoint_still_registers_every_name_and_returns_0)
     card.tnrpc_serv_fails = true;
     EXPECT_EQ(norvik_route_tnrpc_serv(), 0u);
     EXPECT_EQ(rpcfd, -1);
-    EXPECT_EQ(card.procedures.size(), 6u);
+    EXPECT_EQ(card.calls_of("tnrpc_register "), registrations());
+    EXPECT_EQ(card.procedures.size(), 15u);
     EXPECT_TRUE(card.history.empty());
 }
 
@@ -80,7 +105,20 @@ TEST(route_rpc, clean_up_takes_back_sixteen_names_in_order_the_last_one_never_re
     EXPECT_TRUE(card.procedures.empty());
 }
 
-TEST(route_rpc, contexts_and_route_ids_over_255_never_reach_a_procedure)
+TEST(route_rpc, every_context_route_id_and_root_index_is_bound_to_255_and_no_other_argument_is)
+{
+    fake_card card;
+    (void)norvik_route_tnrpc_serv();
+    for (const served_call &served : SERVED) {
+        std::map<unsigned, std::uint32_t> limits;
+        for (const unsigned index : served.bound)
+            limits[index] = 255;
+        ASSERT_EQ(card.procedures.count(served.name), 1u) << served.name;
+        EXPECT_EQ(card.procedures[served.name].limits, limits) << served.name;
+    }
+}
+
+TEST(route_rpc, contexts_route_ids_and_root_indices_over_255_never_reach_a_procedure)
 {
     fake_card card;
     ASSERT_EQ(card.start(), 0);
@@ -142,6 +180,31 @@ TEST(route_rpc, an_exact_lookup_answers_the_interface_id_by_reference)
     const fake_reply miss = card.call("mtrie_lookup_exact_stub", {4, IP(10, 0, 0, 1), 0xFFFFFFFF, 0x5A5A5A5A});
     EXPECT_EQ(miss.result, 1u);
     EXPECT_EQ(miss.refs, std::vector<std::uint32_t>{0x5A5A5A5A}) << "a miss writes nothing";
+}
+
+TEST(route_rpc, a_listing_takes_the_low_halves_of_list_and_bucket_and_leaves_their_upper_halves)
+{
+    fake_card card;
+    ASSERT_EQ(card.start(), 0);
+    (void)norvik_route_tnrpc_serv();
+    for (const char *name : {"show_rib_print", "show_fib_print"}) {
+        const fake_reply reply = card.call(name, {3, 0xABCD0000, 0x12340000, 0, 0});
+        EXPECT_EQ(reply.status, 0u) << name;
+        ASSERT_EQ(reply.refs.size(), 3u) << name;
+        EXPECT_EQ(reply.refs[0] >> 16, 0xABCDu) << name;
+        EXPECT_EQ(reply.refs[1] >> 16, 0x1234u) << name;
+        EXPECT_EQ(reply.refs[2], 0xFFFFFFFFu) << name << ": the walk is complete";
+        EXPECT_EQ(reply.blocks.size(), 1u) << name;
+    }
+}
+
+TEST(route_rpc, an_advertisement_that_fails_answers_all_ones)
+{
+    fake_card card;
+    (void)norvik_route_tnrpc_serv();
+    const fake_reply reply = card.call("norvik_send_route_advert", {IP(10, 0, 0, 0), 0xFF000000, 7, 0, 1, 3});
+    EXPECT_EQ(reply.status, 0u);
+    EXPECT_EQ(reply.result, 0xFFFFFFFFu);
 }
 
 TEST(route_rpc, the_client_opens_endpoint_9)

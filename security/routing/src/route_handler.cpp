@@ -2,7 +2,7 @@
 //
 // A pass serves at most one remote call and then receives at most one message. Every error path starts the next pass;
 // only a signal ends the loop.
-// Elsewhere: the procedures (route_rpc_serv.cpp).
+// Elsewhere: the procedures (route_rpc_serv.cpp), the interface events (route_events.cpp).
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +10,7 @@
 #include <poll.h>
 
 #include "mts.h"
+#include "route_events.h"
 #include "route_log.h"
 #include "route_mgr.h"
 #include "route_rpc.h"
@@ -50,8 +51,9 @@ void serve_message(const pollfd &queue)
         route_log(ROUTE_DBG_MAIN_LOOP, 0, "main: couldn't receive MTS message. retval = %d\n", received);
         return;
     }
-    // A message that is not the platform's own has no receiver here yet: it is dropped.
-    if (sdwrap_process_msg(route_mts_q, &message) != 1)
+    if (sdwrap_process_msg(route_mts_q, &message) == 1)
+        (void)route_msg_process(&message); // always 0
+    else
         route_log(ROUTE_DBG_MTS, 0, "SDWRAP MTS message processed.\n");
     mts_drop(route_mts_q, &message);
 }

@@ -2,16 +2,22 @@
 //
 // A caller's arguments are checked before a procedure runs: their count, types and lengths by the RPC service, and the
 // bounds set here for contexts and route ids, which index arrays of 256 without a check of their own.
-// Elsewhere: what each procedure does (rib_*.cpp, norvik_mtrie_leaf.cpp).
+// Elsewhere: what each procedure does (rib_*.cpp, norvik_mtrie_leaf.cpp, norvik_mtrie_dump.cpp, slowpath_lookup.cpp,
+// route_advert.cpp).
 #include <iterator>
 #include <type_traits>
 #include <utility>
 
+#include "norvik_mtrie_dump.h"
 #include "norvik_mtrie_leaf.h"
 #include "rib_host.h"
+#include "rib_nat.h"
+#include "rib_show.h"
 #include "rib_static.h"
+#include "route_advert.h"
 #include "route_ids.h"
 #include "route_rpc.h"
+#include "slowpath_lookup.h"
 #include "tnrpc.h"
 
 std::int32_t rpcfd;
@@ -44,6 +50,29 @@ template <class... Params> std::uint32_t call_with(std::uint32_t (*procedure)(Pa
 
 template <auto Procedure> std::uint32_t dispatch(const tnrpc_arg *args) { return call_with(Procedure, args); }
 
+using list_procedure = std::uint32_t (*)(std::uint16_t, std::uint16_t *, std::uint16_t *, std::uint32_t *,
+                                         tnrpc_block *);
+
+void set_low_half(std::uint32_t *word, std::uint16_t half) { *word = (*word & 0xFFFF0000u) | half; }
+
+// A listing's list and bucket are 16 bits wide: the upper half of a longer value stays.
+template <list_procedure Procedure> std::uint32_t dispatch_list(const tnrpc_arg *args)
+{
+    auto list = static_cast<std::uint16_t>(*args[1].ref), bucket = static_cast<std::uint16_t>(*args[2].ref);
+    const std::uint32_t records =
+        Procedure(static_cast<std::uint16_t>(args[0].value), &list, &bucket, args[3].ref, args[4].block);
+    set_low_half(args[1].ref, list);
+    set_low_half(args[2].ref, bucket);
+    return records;
+}
+
+// A signed result travels as its 32 bits.
+std::uint32_t send_route_advert(std::uint32_t prefix, std::uint32_t mask, std::uint32_t ifid, std::uint32_t next_hop,
+                                std::uint16_t metric, std::uint16_t ctx)
+{
+    return static_cast<std::uint32_t>(norvik_send_route_advert(prefix, mask, ifid, next_hop, metric, ctx));
+}
+
 constexpr unsigned MAX_ARGS = 7;
 struct rpc_procedure {
     const char *name;
@@ -53,7 +82,7 @@ struct rpc_procedure {
     unsigned contexts; // bit i: argument i is a context or a route id
 };
 
-constexpr unsigned U16 = RPC_ARG_U16, U32 = RPC_ARG_U32, REF = RPC_ARG_REF;
+constexpr unsigned U16 = RPC_ARG_U16, U32 = RPC_ARG_U32, REF = RPC_ARG_REF, BLOCK = RPC_ARG_BLOCK;
 constexpr rpc_procedure PROCEDURES[] = {
     // in registration order
     {"arp_prefix_mgr_add_route", dispatch<arp_prefix_mgr_add_route>, 6, {U16, U32, U32, U16, U16, U32}, 1u << 5},
@@ -65,7 +94,16 @@ constexpr rpc_procedure PROCEDURES[] = {
     {"rib_max_ecmp_route", dispatch<rib_max_ecmp_route>, 4, {U16, U32, U32, U32}, 1u << 0 | 1u << 1},
     {"rib_add_route", dispatch<rib_add_route>, 5, {U16, U32, U32, U32, U32}, 1u << 0 | 1u << 1},
     {"rib_remove_route", dispatch<rib_remove_route>, 5, {U16, U32, U32, U32, U32}, 1u << 0 | 1u << 1},
+    {"slowpath_route_lookup", dispatch<slowpath_route_lookup>, 3, {U16, U32, REF}, 1u << 0},
+    {"show_rib_print", dispatch_list<show_rib_print>, 5, {U16, REF, REF, REF, BLOCK}, 1u << 0},
+    {"show_rib_summary", dispatch<show_rib_summary>, 2, {U16, BLOCK}, 1u << 0},
+    {"show_fib_print", dispatch_list<show_fib_print>, 5, {U16, REF, REF, REF, BLOCK}, 1u << 0},
+    {"show_fib_summary", dispatch<show_fib_summary>, 2, {U16, BLOCK}, 1u << 0},
     {"mtrie_lookup_exact_stub", dispatch<mtrie_lookup_exact_stub>, 4, {U32, U32, U32, REF}, 1u << 0},
+    {"rib_add_nat_pool", dispatch<rib_add_nat_pool>, 5, {U16, U16, U32, U32, U16}, 1u << 0},
+    {"rib_remove_nat_pool", dispatch<rib_remove_nat_pool>, 5, {U16, U16, U32, U32, U16}, 1u << 0},
+    {"mtrie_hw_dump_api", dispatch<mtrie_hw_dump_api>, 4, {U16, U32, U32, BLOCK}, 1u << 1},
+    {"norvik_send_route_advert", dispatch<send_route_advert>, 6, {U32, U32, U32, U32, U16, U16}, 1u << 5},
 };
 
 // Names that clean-up takes back. The last was never registered.

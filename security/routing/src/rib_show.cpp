@@ -1,0 +1,270 @@
+// rib_show.cpp - the resumable walk over a context's routes, and the listings and summaries that it makes.
+//
+// The cursor lives with the caller; nothing is kept here between two pages, so routes may come and go between them. A
+// page never splits an ECMP set: one that does not fit whole starts the next page.
+// Elsewhere: the lists (rib_table.cpp); the walk's other users (rib_nat.cpp, rib_interface.cpp).
+#include "rib_show.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "big_endian.h"
+#include "hw_table.h"
+#include "mtrack.h"
+#include "norvik_init.h"
+#include "norvik_mtrie_pool.h"
+#include "route_log.h"
+
+namespace
+{
+constexpr std::uint32_t RIB_SUMMARY_BYTES = 12, FIB_SUMMARY_BYTES = 24;
+constexpr std::int32_t STOP_ALLOWED = 1, NEVER_STOP = 0;
+
+bool is_installed_static(std::uint16_t flags)
+{
+    return (flags & (RIB_F_GATEWAY | RIB_F_IN_MTRIE)) == (RIB_F_GATEWAY | RIB_F_IN_MTRIE);
+}
+
+bool is_connected_subnet(std::uint16_t flags)
+{
+    return (flags & (RIB_F_INTERFACE | RIB_F_CONNECTED)) == (RIB_F_INTERFACE | RIB_F_CONNECTED);
+}
+
+bool is_installed_nat(std::uint16_t flags)
+{
+    return (flags & (RIB_F_NAT | RIB_F_NAT_IN_MTRIE)) == (RIB_F_NAT | RIB_F_NAT_IN_MTRIE);
+}
+
+bool is_set_head(const route_entry *entry) { return (entry->flags & RIB_F_ECMP) != 0; }
+
+void append(route_page *page, const route_entry *entry)
+{
+    std::uint8_t *record = page->records + page->count * ROUTE_RECORD_BYTES;
+    put_be32(record, entry->prefix);
+    put_be32(record + 4, entry->len);
+    put_be32(record + 8, entry->nexthop);
+    put_be32(record + 12, entry->route_id);
+    put_be16(record + 16, entry->ifid);
+    put_be16(record + 18, entry->flags);
+    put_be32(record + 20, entry->encap_id);
+    page->count = static_cast<std::uint16_t>(page->count + 1);
+}
+
+using route_test = std::uint32_t (*)(const route_entry *entry);
+
+std::uint32_t append_tested(route_entry *entry, route_page *page, route_test test)
+{
+    const std::int32_t room = page->capacity - page->count;
+    if (!is_set_head(entry)) {
+        if (room <= 0)
+            return 0;
+        append(page, entry);
+        return 1;
+    }
+    if (room < entry->ecmp_count)
+        return 0;
+    if (test(entry) != 0)
+        append(page, entry);
+    for (const route_entry *member = entry->ecmp; member != nullptr; member = member->next)
+        if (test(member) != 0)
+            append(page, member);
+    return 1;
+}
+
+struct rib_counts {
+    std::uint32_t connected; // connected subnets and installed NAT prefixes
+    std::uint32_t statics;   // installed static routes
+};
+
+void count_in_rib(const route_entry *entry, rib_counts *counts)
+{
+    counts->statics += is_installed_static(entry->flags);
+    counts->connected += is_connected_subnet(entry->flags) || is_installed_nat(entry->flags);
+}
+
+std::uint32_t rib_summary_action(route_entry *entry, void *arg)
+{
+    auto *counts = static_cast<rib_counts *>(arg);
+    count_in_rib(entry, counts);
+    for (const route_entry *member = entry->ecmp; member != nullptr; member = member->next)
+        count_in_rib(member, counts);
+    return 1;
+}
+
+std::uint32_t fib_summary_action(route_entry *entry, void *arg)
+{
+    auto *count = static_cast<std::uint32_t *>(arg);
+    *count += route_in_fib(entry);
+    if (is_set_head(entry))
+        for (const route_entry *member = entry->ecmp; member != nullptr; member = member->next)
+            *count += route_in_fib(member);
+    return 1;
+}
+
+void walk_all(std::uint16_t ctx, route_filter filter, route_action action, void *arg)
+{
+    std::uint16_t list = 0, bucket = 0;
+    std::uint32_t position = 0;
+    route_traversal(ctx, &list, &bucket, &position, NEVER_STOP, filter, action, arg);
+}
+
+// A zeroed block of a caller's listing, or null with its line.
+std::uint8_t *alloc_block(std::uint16_t ctx, const char *procedure, std::size_t bytes)
+{
+    auto *data = static_cast<std::uint8_t *>(mtrack_alloc(ROUTE_MGR_UUID, MTRACK_CLI_ROUTE, bytes));
+    if (data == nullptr)
+        route_log(ROUTE_DBG_ERRORS, ctx, "%s: out of memory\n", procedure);
+    return data;
+}
+
+void hand_over(tnrpc_block *block, std::uint8_t *data, std::uint32_t bytes)
+{
+    block->length = bytes;
+    block->data = reinterpret_cast<std::byte *>(data);
+}
+
+// First entry of the list at or above `position`; null, with its line, when there is none any more.
+route_entry *resume(std::uint16_t ctx, route_entry *entry, std::uint32_t position, unsigned list, unsigned bucket)
+{
+    while (entry != nullptr && entry->prefix < position)
+        entry = entry->next;
+    if (entry == nullptr)
+        route_log(ROUTE_DBG_INFO, ctx, "Route list (%d, %d) changed during consecutive calls!\n",
+                  static_cast<int>(list), static_cast<int>(bucket));
+    return entry;
+}
+} // namespace
+
+void route_traversal(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *bucket, std::uint32_t *position,
+                     std::int32_t stop_allowed, route_filter filter, route_action action, void *arg)
+{
+    unsigned l = *list, b = *bucket;
+    std::uint32_t start = *position;
+    route_log(ROUTE_DBG_INFO, ctx, "%s: Start with route list (%d,%d) at position %x\n", "route_traversal",
+              static_cast<int>(l), static_cast<int>(b), start);
+    if (l >= RIB_ROWS) {
+        *position = ROUTE_WALK_DONE;
+        return;
+    }
+    if (b >= RIB_BUCKETS) {
+        ++l;
+        b = 0;
+    }
+    const prefix_tree *tree = norvik_get_t(ctx);
+    for (; l < RIB_ROWS; ++l, b = 0) {
+        for (; b < RIB_BUCKETS; ++b) {
+            route_entry *entry = tree->table[l][b];
+            if (start != 0)
+                entry = resume(ctx, entry, start, l, b);
+            start = 0;
+            while (entry != nullptr) {
+                route_entry *successor = entry->next; // first: the action may free the entry
+                if (filter(entry, arg) != 0 && action(entry, arg) == 0 && stop_allowed != 0) {
+                    *list = static_cast<std::uint16_t>(l);
+                    *bucket = static_cast<std::uint16_t>(b);
+                    *position = entry->prefix;
+                    return;
+                }
+                entry = successor;
+            }
+        }
+    }
+    *list = static_cast<std::uint16_t>(l);
+    *bucket = 0;
+    *position = ROUTE_WALK_DONE;
+}
+
+std::uint32_t route_in_fib(const route_entry *entry)
+{
+    return (entry->flags & (RIB_F_GATEWAY | RIB_F_IN_MTRIE)) != RIB_F_GATEWAY &&
+           (entry->flags & (RIB_F_NAT | RIB_F_NAT_IN_MTRIE)) != RIB_F_NAT;
+}
+
+std::uint32_t route_in_rib(const route_entry *entry)
+{
+    return is_installed_static(entry->flags) || is_connected_subnet(entry->flags) || is_installed_nat(entry->flags);
+}
+
+std::uint32_t show_fib_filter(route_entry *entry, void *) { return is_set_head(entry) || route_in_fib(entry) != 0; }
+std::uint32_t show_rib_filter(route_entry *entry, void *) { return is_set_head(entry) || route_in_rib(entry) != 0; }
+
+std::uint32_t show_fib_action(route_entry *entry, void *page)
+{
+    return append_tested(entry, static_cast<route_page *>(page), route_in_fib);
+}
+
+std::uint32_t show_rib_action(route_entry *entry, void *page)
+{
+    return append_tested(entry, static_cast<route_page *>(page), route_in_rib);
+}
+
+std::uint32_t route_print(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *bucket, std::uint32_t *position,
+                          route_filter filter, route_action action, tnrpc_block *block)
+{
+    route_page page = {ROUTE_PAGE_RECORDS, 0, alloc_block(ctx, "route_print", ROUTE_PAGE_RECORDS * ROUTE_RECORD_BYTES)};
+    if (page.records == nullptr)
+        return 0;
+    route_traversal(ctx, list, bucket, position, STOP_ALLOWED, filter, action, &page);
+    hand_over(block, page.records, page.count * ROUTE_RECORD_BYTES);
+    return page.count;
+}
+
+std::uint32_t show_rib_print(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *bucket, std::uint32_t *position,
+                             tnrpc_block *block)
+{
+    return route_print(ctx, list, bucket, position, show_rib_filter, show_rib_action, block);
+}
+
+std::uint32_t show_fib_print(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *bucket, std::uint32_t *position,
+                             tnrpc_block *block)
+{
+    return route_print(ctx, list, bucket, position, show_fib_filter, show_fib_action, block);
+}
+
+std::uint32_t show_rib_summary(std::uint16_t ctx, tnrpc_block *block)
+{
+    std::uint8_t *record = alloc_block(ctx, "show_rib_summary", RIB_SUMMARY_BYTES);
+    if (record == nullptr)
+        return 1;
+    std::memset(record, 0, RIB_SUMMARY_BYTES);
+    rib_counts counts{};
+    walk_all(ctx, show_rib_filter, rib_summary_action, &counts);
+    put_be32(record, counts.connected);
+    put_be32(record + 4, counts.statics);
+    put_be16(record + 8, sizeof(route_entry));
+    hand_over(block, record, RIB_SUMMARY_BYTES);
+    return 0;
+}
+
+std::uint32_t show_fib_summary(std::uint16_t ctx, tnrpc_block *block)
+{
+    std::uint8_t *record = alloc_block(ctx, "show_fib_summary", FIB_SUMMARY_BYTES);
+    if (record == nullptr)
+        return 1;
+    std::uint32_t held[3];
+    mtrie_get_stats(ctx, held);
+    for (unsigned i = 0; i < 3; ++i)
+        put_be32(record + 4 * i, held[i]);
+    put_be16(record + 16, HW_NODE_BYTES);
+    put_be16(record + 18, HW_LEAF_BYTES);
+    put_be16(record + 20, HW_ECMP_BYTES);
+    std::uint32_t count = 0;
+    walk_all(ctx, show_fib_filter, fib_summary_action, &count);
+    put_be32(record + 12, count);
+    hand_over(block, record, FIB_SUMMARY_BYTES);
+    return 0;
+}
+
+std::int32_t format_ip(std::uint32_t addr, char *dst, std::uint32_t pad)
+{
+    constexpr std::size_t WIDTH = 15;
+    const int length =
+        std::snprintf(dst, WIDTH + 1, "%d.%d.%d.%d", static_cast<int>(addr >> 24), static_cast<int>(addr >> 16 & 0xFF),
+                      static_cast<int>(addr >> 8 & 0xFF), static_cast<int>(addr & 0xFF));
+    const std::size_t used = static_cast<std::size_t>(length);
+    if (pad == 0 || used >= WIDTH)
+        return length;
+    std::memset(dst + used, ' ', WIDTH - used);
+    dst[WIDTH] = '\0';
+    return static_cast<std::int32_t>(WIDTH);
+}
