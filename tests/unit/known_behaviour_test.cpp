@@ -1,0 +1,242 @@
+// known_behaviour_test.cpp - what the fixed rules entail and an operator should know, by the shortest way to it.
+//
+// Each test is one entry of docs/known-behaviour.md, driven through the procedures as a caller would. These are not
+// wishes: a change that makes one of them fail changes what callers and operators have learned to expect.
+#include <gtest/gtest.h>
+
+#include "mtrack.h"
+#include "mtrie_records.h"
+#include "norvik_mtrie_pool.h"
+#include "processor_walk.h"
+#include "rib_card.h"
+#include "route_events.h"
+#include "route_ids.h"
+#include "route_rpc.h"
+
+namespace
+{
+constexpr std::uint32_t MASK8 = 0xFF000000, MASK9 = 0xFF800000, MASK16 = 0xFFFF0000, MASK32 = 0xFFFFFFFF;
+constexpr std::uint32_t NET = IP(20, 0, 0, 0), OTHER_HALF = IP(20, 128, 0, 0), ANY_GATEWAY = IP(10, 1, 0, 10);
+
+// A card that serves, with interface 5 and a processor's tables.
+struct served_card : rib_card {
+    served_card() { EXPECT_EQ(norvik_route_tnrpc_serv(), 0u); }
+};
+
+std::uint32_t learn(fake_card &card, std::uint32_t address, std::uint32_t encap = ENCAP)
+{
+    return card.call("arp_prefix_mgr_add_route", {RIB_OBJ_ARP_HOST, address, 32, encap, IFID, CTX}).result;
+}
+
+std::uint32_t forget_host(fake_card &card, std::uint32_t address)
+{
+    return card.call("arp_prefix_mgr_remove_route", {RIB_OBJ_ARP_HOST, address, 32, 0, ENCAP, IFID, CTX}).result;
+}
+
+std::uint32_t add_route(fake_card &card, std::uint32_t prefix, std::uint32_t mask, std::uint32_t gateway)
+{
+    return card.call("rib_add_route", {CTX, CTX, prefix, mask, gateway}).result;
+}
+
+std::uint32_t remove_route(fake_card &card, std::uint32_t prefix, std::uint32_t mask, std::uint32_t gateway)
+{
+    return card.call("rib_remove_route", {CTX, CTX, prefix, mask, gateway}).result;
+}
+
+std::uint32_t add_pool(fake_card &card, std::uint32_t first, std::uint32_t count, std::uint32_t encap = ENCAP)
+{
+    return card.call("rib_add_nat_pool", {CTX, IFID, first, count, encap}).result;
+}
+
+std::uint32_t remove_pool(fake_card &card, std::uint32_t first, std::uint32_t count, std::uint32_t encap = ENCAP)
+{
+    return card.call("rib_remove_nat_pool", {CTX, IFID, first, count, encap}).result;
+}
+
+std::uint32_t adjacency(const fake_card &card, std::uint32_t address)
+{
+    return np_find(card, 1, CTX, address).adjacency;
+}
+bool misses(const fake_card &card, std::uint32_t address) { return np_find(card, 1, CTX, address).leaf == NP_MISS; }
+
+std::vector<std::uint8_t> interface_event(std::uint32_t address, std::uint32_t mask)
+{
+    std::vector<std::uint8_t> payload(48, 0);
+    payload[1] = IFID;
+    payload[3] = CTX;
+    for (unsigned i = 0; i < 4; ++i) {
+        payload[4 + i] = static_cast<std::uint8_t>(address >> (24 - 8 * i));
+        payload[21 + i] = static_cast<std::uint8_t>(mask >> (24 - 8 * i));
+    }
+    payload[47] = 1; // routes by itself
+    return payload;
+}
+
+void deliver(std::uint32_t opcode, std::uint32_t address, std::uint32_t mask)
+{
+    const std::vector<std::uint8_t> payload = interface_event(address, mask);
+    const mts_message message = {opcode, {0, 600}, 48, payload.data()};
+    EXPECT_EQ(route_msg_process(&message), 0);
+}
+
+std::uint32_t free_leaves()
+{
+    return static_cast<std::uint32_t>(mtrie_pools[MTRIE_POOL_LEAF].nelem - mtrie_pools[MTRIE_POOL_LEAF].count);
+}
+} // namespace
+
+TEST(known_behaviour, a_repeated_report_of_a_host_uses_a_leaf_and_the_one_that_finds_none_left_removes_the_host)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    const std::uint32_t left = free_leaves();
+    for (std::uint32_t i = 0; i < left; ++i)
+        ASSERT_EQ(learn(card, GATEWAY), 0u) << i;
+    EXPECT_EQ(free_leaves(), 0u);
+    EXPECT_NE(adjacency(card, GATEWAY), 0u);
+    EXPECT_EQ(learn(card, GATEWAY), 1u);
+    EXPECT_EQ(adjacency(card, GATEWAY), 0u);
+    EXPECT_EQ(on_chain(CTX, GATEWAY, 32), nullptr);
+    EXPECT_EQ(free_leaves(), 1u) << "the host's own leaf comes back, those of the reports do not";
+}
+
+TEST(known_behaviour, a_report_with_a_new_encap_id_reaches_the_listing_but_not_the_processors)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY, 0x1111), 0u);
+    ASSERT_EQ(learn(card, GATEWAY, 0x2222), 0u);
+    EXPECT_EQ(on_chain(CTX, GATEWAY, 32)->encap_id, 0x2222u);
+    EXPECT_EQ(adjacency(card, GATEWAY), adj_pack(0, IFID, 0x1111));
+    ASSERT_EQ(forget_host(card, GATEWAY), 0u);
+    ASSERT_EQ(learn(card, GATEWAY, 0x2222), 0u);
+    EXPECT_EQ(adjacency(card, GATEWAY), adj_pack(0, IFID, 0x2222)) << "withdrawn first, it does";
+}
+
+TEST(known_behaviour, a_prefix_added_over_longer_ones_that_fill_it_leaves_a_gap_when_all_are_removed)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, 0, 0, GATEWAY), 0u); // the default route
+    ASSERT_EQ(add_route(card, NET, MASK9, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, OTHER_HALF, MASK9, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK8, GATEWAY), 0u);
+    for (const std::uint32_t prefix : {NET, OTHER_HALF})
+        ASSERT_EQ(remove_route(card, prefix, MASK9, GATEWAY), 0u);
+    ASSERT_EQ(remove_route(card, NET, MASK8, GATEWAY), 0u);
+    EXPECT_TRUE(misses(card, NET + 1)) << "the default route should answer, and does not";
+    EXPECT_FALSE(misses(card, IP(21, 0, 0, 1)));
+}
+
+TEST(known_behaviour, added_before_the_longer_ones_the_same_prefix_leaves_none)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, 0, 0, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK8, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK9, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, OTHER_HALF, MASK9, GATEWAY), 0u);
+    for (const std::uint32_t prefix : {NET, OTHER_HALF})
+        ASSERT_EQ(remove_route(card, prefix, MASK9, GATEWAY), 0u);
+    ASSERT_EQ(remove_route(card, NET, MASK8, GATEWAY), 0u);
+    EXPECT_EQ(adjacency(card, NET + 1), adjacency(card, GATEWAY)) << "the default route";
+}
+
+TEST(known_behaviour, an_interface_with_mask_0_takes_the_default_leaf_with_it_and_no_default_route_can_be_set)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, 0);
+    deliver(MTS_OPC_NORVIK_IF_DOWN, IF_ADDR, 0);
+    EXPECT_TRUE(misses(card, NET));
+    ASSERT_EQ(learn(card, GATEWAY), 0u); // it went with its interface
+    EXPECT_EQ(add_route(card, 0, 0, GATEWAY), 1u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "set FAILED, norvik_leaf_default is NULL").size(), 1u);
+}
+
+TEST(known_behaviour, a_nat_pool_of_the_whole_space_takes_the_default_leaf_with_it)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    ASSERT_EQ(forget_host(card, GATEWAY), 0u);
+    EXPECT_FALSE(misses(card, NET));
+    ASSERT_EQ(add_pool(card, 0, 0), 0u); // from 0.0.0.0, and round the end: every address
+    ASSERT_EQ(remove_pool(card, 0, 0), 0u);
+    EXPECT_TRUE(misses(card, NET));
+}
+
+TEST(known_behaviour, static_routes_to_a_hosts_own_address_are_lost_with_it)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY), 0u);
+    EXPECT_EQ(gateways(CTX, GATEWAY, 32), (std::vector<std::uint32_t>{IF_ADDR, ANY_GATEWAY}));
+    const std::uint32_t held = card.blocks(MTRACK_ROUTE_ENTRY_3);
+    ASSERT_EQ(forget_host(card, GATEWAY), 0u);
+    EXPECT_EQ(entries_of(CTX), 0u) << "the member went with its head";
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), held) << "and its memory stays taken";
+    EXPECT_EQ(remove_route(card, GATEWAY, MASK32, ANY_GATEWAY), 1u);
+}
+
+TEST(known_behaviour, a_host_at_the_address_of_an_interface_cannot_be_removed)
+{
+    served_card card;
+    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, MASK16);
+    ASSERT_EQ(learn(card, IF_ADDR), 0u);
+    EXPECT_EQ(forget_host(card, IF_ADDR), 1u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rib_remove_host_route, wrong entry").size(), 1u);
+}
+
+TEST(known_behaviour, a_route_of_another_context_in_the_same_tree_spoils_a_set_when_it_is_removed)
+{
+    served_card card;
+    constexpr std::uint32_t OTHER_CTX = CTX + 1, SECOND = GATEWAY + 1, THIRD = GATEWAY + 2;
+    ASSERT_EQ(learn(card, GATEWAY, 0x1111), 0u);
+    ASSERT_EQ(learn(card, SECOND, 0x2222), 0u);
+    ASSERT_EQ(learn(card, THIRD, 0x3333), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK16, GATEWAY), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK16, SECOND), 0u);
+    ASSERT_EQ(card.call("rib_add_route", {OTHER_CTX, CTX, NET, MASK16, THIRD}).result, 0u) << "taken, and in no table";
+    EXPECT_EQ(np_find(card, 1, CTX, NET).ecmp[0], ecmp_header(1, 1));
+
+    EXPECT_EQ(card.call("rib_remove_route", {OTHER_CTX, CTX, NET, MASK16, THIRD}).result, 0u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "remove ecmp but can't locate entry").size(), 1u);
+    EXPECT_EQ(np_find(card, 1, CTX, NET).ecmp[0], 0u) << "the block is not valid: one path is used";
+    EXPECT_EQ(add_route(card, NET, MASK16, THIRD), 1u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "ecmp exists but invalid").size(), 1u);
+}
+
+TEST(known_behaviour, a_host_that_shares_its_address_with_a_static_route_leaves_its_old_encap_id_in_the_tables)
+{
+    served_card card;
+    ASSERT_EQ(learn(card, GATEWAY, 0x1111), 0u);
+    ASSERT_EQ(learn(card, ANY_GATEWAY, 0x2222), 0u);
+    ASSERT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY), 0u);
+    ASSERT_EQ(learn(card, GATEWAY, 0x4444), 0u);
+    EXPECT_EQ(np_find(card, 1, CTX, GATEWAY).ecmp[0], ecmp_header(2, 2)) << "old, static and new: three paths";
+    ASSERT_EQ(forget_host(card, GATEWAY), 0u);
+    EXPECT_EQ(adjacency(card, GATEWAY), adj_pack(ADJ_ECMP, IFID, 0x1111));
+}
+
+TEST(known_behaviour, an_interface_whose_subnet_has_no_first_and_last_address_of_its_own_is_refused)
+{
+    served_card card;
+    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, 0xFFFFFFFE);
+    EXPECT_EQ(entries_of(CTX), 0u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rib_add_host_route:rejecting duplicate entry").size(), 1u);
+    EXPECT_TRUE(card.sent.empty());
+}
+
+TEST(known_behaviour, a_pool_that_is_refused_takes_the_pool_of_the_same_encap_id_along_that_stood_there)
+{
+    served_card card;
+    ASSERT_EQ(add_pool(card, IP(10, 8, 0, 16), 16), 0u);
+    EXPECT_EQ(add_pool(card, IP(10, 8, 0, 16), 16), 1u);
+    EXPECT_EQ(entries_of(CTX), 0u);
+}
+
+TEST(known_behaviour, the_removal_of_a_pool_that_is_not_there_answers_0_and_says_so_in_the_history_alone)
+{
+    served_card card;
+    EXPECT_EQ(remove_pool(card, IP(10, 8, 0, 16), 16), 0u);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "nat entry not found in rib").size(), 1u);
+}
