@@ -248,6 +248,7 @@ void fake_card::forget()
     sent.clear();
     scp_messages.clear();
     calls.clear();
+    queries.clear();
     journal.clear();
 }
 

@@ -119,6 +119,7 @@ struct fake_card {
     int sdwrap_dbg_init_result = 0;
     int sdwrap_sys_init_result = 0;
     std::uint32_t scp_handle = 77; // 0: cannot be opened
+    std::uint8_t supervisor_address = 1;
     int scp_send_result = 0;
     int fb_adj_init_result = 0;
     int handshake_result = 0;
@@ -169,6 +170,7 @@ struct fake_card {
     // "tnrpc_call tn_arp_add_entry 1:5 2:0x0 2:0xa000001 2:0xa000001 0:2 0:1". The queue is written as q, the RPC
     // descriptor as rpc. Left out: interface queries, memory tracking but for mtrack_init, stores, gates, log lines.
     std::vector<std::string> calls;
+    std::vector<std::string> queries;                 // interface queries in order, such as "if_get_ip 5"
     bool log_in_calls = false;                        // history records in `calls` too: "log 100 <Ctx:0>text"
     std::function<void(const std::string &)> on_call; // runs after each entry of `calls` was made
 
@@ -197,7 +199,7 @@ struct fake_card {
     // One word of a copy, loaded as a processor does it. offset: bytes from the table's start.
     std::uint32_t word(unsigned copy, std::uint32_t offset) const;
 
-    // Forgets lines, calls, printed text, sent messages and the journal.
+    // Forgets lines, calls, queries, printed text, sent messages and the journal.
     void forget();
 
     // --- The fakes' own; tests leave it alone.

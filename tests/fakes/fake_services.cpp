@@ -29,8 +29,10 @@ syslog_facility *sdwrap_sys_facility = nullptr;
 namespace
 {
 
-const fake_interface *interface_of(std::uint32_t ifid)
+// The interface that a query asks for; null when there is none.
+const fake_interface *queried(const char *query, std::uint32_t ifid)
 {
+    the_card().queries.push_back(query + (" " + std::to_string(ifid)));
     const auto it = the_card().interfaces.find(ifid);
     return it == the_card().interfaces.end() ? nullptr : &it->second;
 }
@@ -296,7 +298,7 @@ int sdwrap_process_msg(int queue, const mts_message *message)
 
 int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scratch)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_address", ifid);
     if (entry == nullptr || !entry->has_rmode)
         return -1;
     *rmode = entry->rmode;
@@ -307,7 +309,7 @@ int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scra
 
 int if_get_ip(std::uint32_t ifid, std::uint32_t *address, std::uint32_t *mask)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_ip", ifid);
     if (entry == nullptr || !entry->has_address)
         return -1;
     *address = entry->address;
@@ -317,25 +319,25 @@ int if_get_ip(std::uint32_t ifid, std::uint32_t *address, std::uint32_t *mask)
 
 std::int32_t if_get_context_id(std::uint32_t ifid)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_context_id", ifid);
     return entry == nullptr ? -1 : entry->ctx;
 }
 
 int if_get_status(std::uint32_t ifid)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_status", ifid);
     return entry == nullptr ? -1 : entry->up ? 1 : 0;
 }
 
 std::int32_t if_get_bvi(std::uint32_t ifid)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_bvi", ifid);
     return entry == nullptr ? -1 : entry->bvi;
 }
 
 std::int32_t if_get_vlanid(std::uint32_t ifid)
 {
-    const fake_interface *entry = interface_of(ifid);
+    const fake_interface *entry = queried("if_get_vlanid", ifid);
     return entry == nullptr ? -1 : entry->vlan;
 }
 
@@ -369,7 +371,7 @@ std::uint32_t scp_init(std::uint32_t service, int queue)
     return the_card().scp_handle;
 }
 
-std::uint8_t scp_sup_rp_addr_get(std::uint32_t) { return 1; }
+std::uint8_t scp_sup_rp_addr_get(std::uint32_t) { return the_card().supervisor_address; }
 
 int scp_send(std::uint32_t handle, const void *message, std::size_t bytes)
 {

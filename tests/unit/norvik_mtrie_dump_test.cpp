@@ -111,15 +111,11 @@ TEST(mtrie_dump, an_ecmp_leaf_with_two_extra_paths_lists_seven_of_which_five_are
         char node[64];
         std::snprintf(node, sizeof node, "\n ixp %d  ecmp node 0x%x found.\n", static_cast<int>(copy),
                       card.memory(copy) + block);
-        const std::uint32_t header = card.word(copy, block);
-        char valid[64];
-        std::snprintf(valid, sizeof valid, "\n valid 1, count %u, seq %u, \n", header >> 28 & 7, header >> 25 & 7);
-        EXPECT_EQ(header >> 31, 1u);
         EXPECT_EQ(dump(card, copy, IP(20, 0, 0, 1)),
                   (text_list{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 1, nat flag 0\n",
-                             "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n", node, valid, path(2, 4661, "5"),
-                             path(3, 4662, "5"), path(4, 0, "0"), path(5, 0, "0"), path(6, 0, "0"), path(7, 0, "0"),
-                             path(8, 0, "0")}))
+                             "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n", node, "\n valid 1, count 2, seq 2, \n",
+                             path(2, 4661, "5"), path(3, 4662, "5"), path(4, 0, "0"), path(5, 0, "0"), path(6, 0, "0"),
+                             path(7, 0, "0"), path(8, 0, "0")}))
             << "copy " << copy;
     }
 }
@@ -190,4 +186,78 @@ TEST(mtrie_dump, without_memory_the_answer_is_0_and_empty)
     EXPECT_EQ(reply.length, 0u);
     EXPECT_FALSE(reply.data);
     card.memory_short = false;
+}
+
+TEST(mtrie_dump, every_bit_of_a_leaf_and_of_its_block_has_its_place_in_the_lines)
+{
+    dump_card card(2);
+    for (unsigned i = 0; i < 2; ++i)
+        ASSERT_EQ(rib_add_route(CTX, CTX, NET8, MASK8, GATEWAY + i), 0u);
+    const std::uint32_t root = card.word(2, 4 * CTX) - HW_NODE_TAG - HW_IXP_BASE;
+    const std::uint32_t leaf = card.word(2, root + 4 * 20) - HW_IXP_BASE;
+    const std::uint32_t block = card.word(2, leaf + 4) - HW_IXP_BASE;
+    const auto store = [&card](std::uint32_t offset, std::uint32_t word) {
+        platform_store32(card_at<std::uint32_t>(card.memory(2) + offset), word);
+    };
+    char node[64];
+    std::snprintf(node, sizeof node, "\n ixp 2  ecmp node 0x%x found.\n", card.memory(2) + block);
+
+    store(leaf, 0xE0051234);  // all three flags, ifid 5
+    store(block, 0xFA000000); // valid, count 7, sequence 5
+    for (std::uint32_t i = 1; i < 8; ++i)
+        store(block + 4 * i, i << 18 | (60000 + i));
+    store(block + 4, 0xFFFCFFFF); // 14 bits of interface id, two bits that no one shows, 16 bits of encap id
+    EXPECT_EQ(dump(card, 2, NET8),
+              (text_list{level(0, 20), FOUND, "\nip resolve flag 1, ecmp flag 1, nat flag 1\n",
+                         "\nNAT result,  IXP value 4660\n", node, "\n valid 1, count 7, seq 5, \n",
+                         path(2, 65535, "3fff"), path(3, 60002, "2"), path(4, 60003, "3"), path(5, 60004, "4"),
+                         path(6, 60005, "5"), path(7, 60006, "6"), path(8, 60007, "7")}));
+
+    store(leaf, 0x40000000);  // an ECMP leaf whose block is being rewritten
+    store(block, 0x3C000000); // not valid, count 3, sequence 6
+    const text_list lines = dump(card, 2, NET8);
+    ASSERT_EQ(lines.size(), 13u) << "seven paths whatever the header says";
+    EXPECT_EQ(lines[2], "\nip resolve flag 0, ecmp flag 1, nat flag 0\n");
+    EXPECT_EQ(lines[3], "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n");
+    EXPECT_EQ(lines[5], "\n valid 0, count 3, seq 6, \n");
+    EXPECT_EQ(lines[6], path(2, 65535, "3fff"));
+
+    store(leaf, 0x20000000); // NAT alone
+    EXPECT_EQ(dump(card, 2, NET8), (text_list{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 1\n",
+                                              "\nNAT result,  IXP value 0\n"}));
+}
+
+TEST(mtrie_dump, a_root_word_that_names_a_leaf_is_answered_without_a_level)
+{
+    dump_card card;
+    const std::uint32_t root = card.word(0, 4 * CTX);
+    const std::uint32_t leaf = card.word(0, root - HW_NODE_TAG - card.wired_phys_base + 4 * 224);
+    platform_store32(card_at<std::uint32_t>(card.memory(0) + 4 * CTX), leaf);
+    EXPECT_EQ(dump(card, 0, NET8), (text_list{FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
+                                              "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n"}));
+    platform_store32(card_at<std::uint32_t>(card.memory(0) + 4 * CTX), root);
+}
+
+TEST(mtrie_dump, the_wired_copys_addresses_begin_at_its_physical_base)
+{
+    dump_card card;
+    ASSERT_EQ(rib_add_route(CTX, CTX, NET8, MASK8, GATEWAY), 0u);
+    const std::uint32_t root = card.word(0, 4 * CTX) - HW_NODE_TAG - card.wired_phys_base;
+    platform_store32(card_at<std::uint32_t>(card.memory(0) + root + 4 * 20), card.wired_phys_base - 8);
+    EXPECT_EQ(dump(card, 0, NET8), (text_list{level(0, 20), FOUND}));
+    platform_store32(card_at<std::uint32_t>(card.memory(0) + root + 4 * 20), card.word(1, 4 * CTX));
+    EXPECT_EQ(dump(card, 0, NET8), (text_list{level(0, 20), level(1, 0), FOUND})) << "a processor's address of a node";
+}
+
+TEST(mtrie_dump, a_line_ends_in_zeros_and_nothing_of_other_memory_goes_out)
+{
+    dump_card card;
+    tnrpc_block reply{0, nullptr};
+    ASSERT_EQ(mtrie_hw_dump_api(0, CTX, GATEWAY, &reply), 0u);
+    EXPECT_EQ(card.heap.at(reply.data.addr()).bytes, 5120u);
+    const auto *text = reinterpret_cast<const char *>(reply.data.get());
+    for (std::uint32_t at = 0; at < reply.length; at += LINE)
+        for (std::size_t i = strnlen(text + at, LINE); i < LINE; ++i)
+            ASSERT_EQ(text[at + i], '\0') << "line at " << at << " byte " << i;
+    mtrack_free(reply.data);
 }

@@ -140,6 +140,7 @@ TEST(rib_interface, the_add_announces_the_context_that_the_interface_manager_rep
     ASSERT_EQ(bring_up(), 0u);
     expect_sent(card, 0x1005, event_record(7, IF_ADDR, MASK24, IFID));
     EXPECT_EQ(card.calls.size(), 1u) << "an announcement and nothing else";
+    EXPECT_EQ(card.queries, text_list{"if_get_context_id 5"});
 }
 
 TEST(rib_interface, the_add_announces_all_ones_when_the_interface_manager_has_no_context)
@@ -156,6 +157,7 @@ TEST(rib_interface, a_quiet_add_announces_nothing)
     EXPECT_EQ(bring_up(MASK24, QUIET), 0u);
     EXPECT_EQ(routes(), UP_ROUTES);
     EXPECT_EQ(card.sent.size(), 0u);
+    EXPECT_EQ(card.queries, text_list{}) << "the context is not asked for";
 }
 
 TEST(rib_interface, the_removal_announces_the_context_that_it_was_given)
@@ -438,6 +440,22 @@ TEST(rib_interface, host_cleanup_does_not_look_at_the_members_of_a_set)
     ASSERT_NE(on_chain(CTX, GATEWAY, 32), nullptr);
     EXPECT_EQ(on_chain(CTX, GATEWAY, 32)->ecmp_count, 2);
     EXPECT_EQ(entries_of(CTX), 2u);
+}
+
+TEST(rib_interface, host_cleanup_of_a_sets_head_takes_the_members_off_the_chain_with_it)
+{
+    rib_card card;
+    ASSERT_EQ(learn(), 0u);
+    ASSERT_NE(route_add_rib_and_mtrie_entry(RIB_F_INTERFACE, 0x8001, RIB_OBJ_INTERFACE, GATEWAY, 32, IFID, CTX),
+              nullptr);                     // joins the host's entry as a member
+    ASSERT_EQ(learn(IP(10, 1, 0, 40)), 0u); // the next of the same chain
+    ASSERT_EQ(on_chain(CTX, GATEWAY, 32)->ecmp_count, 2);
+    card.forget();
+    norvik_remove_host_ifdown(CTX, IF_ADDR);
+    EXPECT_EQ(entries_of(CTX), 0u);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u) << "the member is not given back";
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "Removed OK").size(), 2u) << "the head and its chain neighbour";
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
 }
 
 TEST(rib_interface, host_cleanup_leaves_static_routes_through_the_hosts_programmed)

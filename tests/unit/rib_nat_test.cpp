@@ -362,6 +362,19 @@ TEST(rib_nat, while_its_interface_is_not_up_a_pool_is_known_and_not_programmed)
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
 }
 
+TEST(rib_nat, the_interfaces_state_is_asked_first_and_for_each_prefix)
+{
+    rib_card card;
+    learn(IP(10, 0, 0, 5));
+    card.forget();
+    EXPECT_EQ(add_pool(), 1u);
+    EXPECT_EQ(card.queries, (text_list{"if_get_status 5", "if_get_status 5", "if_get_status 5"}))
+        << "also for the prefix that is refused, and not for the roll-back";
+    card.forget();
+    EXPECT_EQ(remove_pool(), 0u);
+    EXPECT_EQ(card.queries, text_list{});
+}
+
 TEST(rib_nat, a_pool_over_a_learned_host_is_refused_and_rolled_back)
 {
     rib_card card;

@@ -279,6 +279,53 @@ TEST(rib_show, a_bucket_behind_the_last_begins_the_next_length)
     }
 }
 
+TEST(rib_show, a_position_counts_in_the_first_list_of_the_walk_also_when_that_begins_the_next_length)
+{
+    rib_card card;
+    put(IP(62, 0, 0, 0), 8, STATIC_IN); // with the next two the first chain of row 8
+    put(IP(93, 0, 0, 0), 8, STATIC_IN);
+    put(IP(10, 9, 0, 0), 16, STATIC_IN);
+    for (const cursor start : {cursor{8, 0, IP(63, 0, 0, 0)}, cursor{7, 31, IP(63, 0, 0, 0)}}) {
+        cursor at = start;
+        EXPECT_EQ(page_of(9, &at), (prefix_list{IP(93, 0, 0, 0), IP(10, 9, 0, 0)}));
+        EXPECT_EQ(at, FINISHED);
+    }
+}
+
+TEST(rib_show, a_walk_that_stopped_at_the_last_address_of_all_can_be_resumed_there)
+{
+    rib_card card;
+    put(0xFFFFFFFE, 32, STATIC_IN);
+    put(0xFFFFFFFF, 32, STATIC_IN);
+    cursor at;
+    EXPECT_EQ(page_of(1, &at).size(), 1u);
+    const bool last_waits = at.position == 0xFFFFFFFF;
+    EXPECT_EQ(at.list, 32) << "the list, not the position, tells that the walk is not complete";
+    EXPECT_EQ(page_of(1, &at), (prefix_list{last_waits ? 0xFFFFFFFF : 0xFFFFFFFE}));
+    EXPECT_EQ(at, FINISHED);
+    at = {32, 0, 0xFFFFFFFF};
+    EXPECT_EQ(page_of(9, &at).size(), 2u) << "bucket 0 is below both: nothing is skipped behind it";
+}
+
+TEST(rib_show, an_entry_of_the_stopping_entrys_prefix_that_stands_before_it_is_listed_again)
+{
+    rib_card card;
+    put(ROUTE_A, 24, STATIC_IN, GATEWAY);
+    route_entry *const first = put(ROUTE_B, 24, STATIC_IN, GATEWAY + 1);
+    // No caller puts two entries of a prefix on one chain; it is done here by hand, and undone.
+    route_entry *const second = rib_entry_alloc(MTRACK_ROUTE_ENTRY_3);
+    *second = *first;
+    second->next = first->next;
+    first->next = second;
+    cursor at;
+    EXPECT_EQ(page_of(2, &at), (prefix_list{ROUTE_A, ROUTE_B}));
+    EXPECT_EQ(at.position, ROUTE_B);
+    EXPECT_EQ(page_of(2, &at), (prefix_list{ROUTE_B, ROUTE_B}));
+    EXPECT_EQ(at, FINISHED);
+    first->next = second->next;
+    mtrack_free(second);
+}
+
 TEST(rib_show, a_page_filled_exactly_by_an_ordinary_entry_stops_at_the_next_entry)
 {
     rib_card card;

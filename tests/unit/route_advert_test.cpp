@@ -90,6 +90,7 @@ TEST(route_advert, an_interface_without_a_vlan_sends_nothing)
     card.interfaces[IFID].vlan = -1;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0x1234, CTX), -1);
     EXPECT_TRUE(card.calls.empty());
+    EXPECT_EQ(card.queries, text_list{"if_get_vlanid 5"});
     EXPECT_TRUE(card.scp_messages.empty());
     EXPECT_EQ(card.lines(),
               text_list{"100 <Ctx:3>norvik_send_route_advert: Cannot resolve ifid 5 to vlan id."}); // no line end
@@ -143,6 +144,20 @@ TEST(route_advert, the_slot_in_the_message_counts_from_0)
         EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0, CTX), 0);
         ASSERT_EQ(card.scp_messages.size(), 1u);
         EXPECT_EQ(card.scp_messages[0][0], slot - 1) << slot;
+    }
+}
+
+TEST(route_advert, the_supervisors_address_goes_into_its_byte_whatever_it_is)
+{
+    advert_card card;
+    for (const unsigned address : {0u, 2u, 0x7Fu, 0xFFu}) {
+        card.supervisor_address = static_cast<std::uint8_t>(address);
+        card.scp_messages.clear();
+        EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0x1234, CTX), 0);
+        ASSERT_EQ(card.scp_messages.size(), 1u);
+        std::string expected = message(0x22, 0x1234);
+        expected[1] = static_cast<char>(address);
+        EXPECT_EQ(card.scp_messages[0], expected) << address;
     }
 }
 

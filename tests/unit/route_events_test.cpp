@@ -317,8 +317,8 @@ TEST(route_events, an_address_change_that_is_none_is_ignored_without_a_query)
 {
     for (const std::uint32_t word : {0u, 1u, 0x7FFFFFFFu}) {
         rib_card card;
-        card.interfaces.clear(); // any query would fail, and be logged
         EXPECT_EQ(deliver(4089, change(IF_ADDR, MASK24, word)), 0);
+        EXPECT_EQ(card.queries, text_list{});
         EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
         EXPECT_EQ(card.calls, text_list{});
     }
@@ -354,6 +354,7 @@ TEST(route_events, a_changed_address_keeps_hosts_and_static_routes_and_is_not_an
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT | RIB_F_NAT_IN_MTRIE) << "down, and up with the new address";
     EXPECT_EQ(card.sent.size(), 0u);
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
+    EXPECT_EQ(card.queries, (text_list{"if_get_address 5", "if_get_ip 5", "if_get_context_id 5"})) << "each once";
 }
 
 TEST(route_events, a_change_from_no_address_only_adds)
@@ -443,6 +444,7 @@ TEST(route_events, a_change_of_an_interface_that_does_not_route_by_itself_is_sil
     card.forget();
     EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
     EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
+    EXPECT_EQ(card.queries, text_list{"if_get_address 5"});
     EXPECT_EQ(entries_of(CTX), 7u);
 }
 

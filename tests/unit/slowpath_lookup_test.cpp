@@ -4,6 +4,7 @@
 // encapsulation, say), it sets that field of an entered route and says so.
 #include "slowpath_lookup.h"
 
+#include "mtrack.h"
 #include "rib_card.h"
 #include "rib_host.h"
 #include "rib_static.h"
@@ -58,6 +59,42 @@ answer lookup(std::uint32_t addr, std::uint16_t ctx = CTX)
     std::uint32_t nexthop = NOTHING;
     const std::uint32_t result = slowpath_route_lookup(ctx, addr, &nexthop);
     return {result, nexthop};
+}
+
+// A second chain entry of a prefix, linked behind the one that stands there. No caller makes one; taken out again with
+// the record.
+struct twin {
+    route_entry *first, *second;
+    twin(std::uint32_t prefix, std::uint32_t len, std::uint32_t nexthop, std::uint32_t encap)
+        : first(on_chain(CTX, prefix, len)), second(rib_entry_alloc(MTRACK_ROUTE_ENTRY_3))
+    {
+        second->prefix = prefix;
+        second->len = len;
+        second->nexthop = nexthop;
+        second->ctx = CTX;
+        second->encap_id = encap;
+        second->next = first->next;
+        first->next = second;
+    }
+    ~twin()
+    {
+        first->next = second->next;
+        mtrack_free(second);
+    }
+    twin(const twin &) = delete;
+    twin &operator=(const twin &) = delete;
+};
+
+// The slow path from now on knows the MAC address of the second encapsulation only, or of none.
+void fail_check_of(lookup_card &card, const text_list &failing)
+{
+    card.macs(1);
+    card.on_call = [&card, failing](const std::string &call) {
+        bool valid = true;
+        for (const std::string &check : failing)
+            valid = valid && call != check;
+        card.call_refs["encap_valid_mac"] = valid ? 1 : 0;
+    };
 }
 
 } // namespace
@@ -223,4 +260,79 @@ TEST(slowpath_lookup, every_length_is_searched_among_the_neighbours_of_its_bucke
         for (std::uint32_t i = 0; i < count; ++i)
             EXPECT_EQ(rib_remove_route(CTX, CTX, (first + i) << (32 - len), mask, GATEWAY), 0u);
     }
+}
+
+TEST(slowpath_lookup, entries_of_one_prefix_are_tried_in_turn_until_one_is_accepted)
+{
+    lookup_card card;
+    card.route(NET24, MASK24, GATEWAY);
+    const twin second(NET24, 24, GATEWAY2, ENCAP2);
+    EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
+    EXPECT_EQ(card.calls, text_list{CHECK}) << "the first is good enough";
+
+    card.forget();
+    fail_check_of(card, {CHECK});
+    EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
+    EXPECT_EQ(card.calls, (text_list{CHECK, CHECK2}));
+}
+
+TEST(slowpath_lookup, an_entry_without_an_encapsulation_gives_way_to_the_next_of_its_prefix)
+{
+    lookup_card card;
+    card.route(NET24, MASK24, IP(10, 1, 0, 50)); // waits for its gateway
+    const twin second(NET24, 24, GATEWAY2, ENCAP2);
+    EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
+    EXPECT_EQ(card.calls, text_list{CHECK2});
+}
+
+TEST(slowpath_lookup, when_every_check_fails_the_last_entrys_next_hop_is_answered)
+{
+    lookup_card card;
+    card.route(NET24, MASK24, GATEWAY);
+    const twin second(NET24, 24, GATEWAY2, ENCAP2);
+    fail_check_of(card, {CHECK, CHECK2});
+    EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
+    EXPECT_EQ(card.calls, (text_list{CHECK, CHECK2}));
+}
+
+TEST(slowpath_lookup, a_last_entry_without_an_encapsulation_decides_that_nothing_was_found)
+{
+    lookup_card card;
+    card.route(NET24, MASK24, GATEWAY);
+    const twin second(NET24, 24, GATEWAY2, 0);
+    fail_check_of(card, {CHECK});
+    std::uint32_t nexthop = NOTHING;
+    EXPECT_EQ(slowpath_no_default_route_lookup(CTX, ADDR, &nexthop), 1u);
+    EXPECT_EQ(nexthop, GATEWAY) << "the first entry's stays in the output";
+    EXPECT_EQ(lookup(ADDR), (answer{1, 0}));
+}
+
+TEST(slowpath_lookup, the_walk_of_a_prefix_ends_where_its_bucket_goes_on_with_another)
+{
+    lookup_card card;
+    card.route(NET24, MASK24, IP(10, 1, 0, 50));     // waits for its gateway
+    card.route(NET24 + (31u << 8), MASK24, GATEWAY); // the next of the same chain
+    ASSERT_EQ(on_chain(CTX, NET24, 24)->next.get(), on_chain(CTX, NET24 + (31u << 8), 24));
+    EXPECT_EQ(lookup(ADDR), (answer{1, 0}));
+    EXPECT_TRUE(card.calls.empty());
+}
+
+TEST(slowpath_lookup, the_default_lookup_walks_its_whole_chain)
+{
+    lookup_card card;
+    card.route(0, 0, IP(10, 1, 0, 50)); // waits for its gateway
+    {
+        const twin second(0, 0, GATEWAY2, ENCAP2);
+        EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
+        EXPECT_EQ(card.calls, text_list{CHECK2});
+    }
+    on_chain(CTX, 0, 0)->encap_id = ENCAP;
+    fail_check_of(card, {CHECK});
+    {
+        const twin second(0, 0, GATEWAY2, ENCAP2);
+        EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
+    }
+    const twin second(0, 0, GATEWAY2, 0);
+    EXPECT_EQ(lookup(ADDR), (answer{1, 0})) << "the last one examined decides";
+    on_chain(CTX, 0, 0)->encap_id = 0;
 }
