@@ -270,6 +270,16 @@ rpc_arg arg_small(std::uint32_t value) { return arg_bytes(0, value, 1); }
 rpc_arg arg16(std::uint32_t value) { return arg_bytes(1, value, 2); }
 rpc_arg arg32(std::uint32_t value) { return arg_bytes(2, value, 4); }
 rpc_arg arg_ref(std::uint32_t value) { return arg_bytes(8, value, 4); }
+rpc_arg arg_ref16(std::uint32_t value) { return arg_bytes(8, value, 2); }
+rpc_arg arg_block() { return {9, {}}; }
+
+void put_argument(byte_string &to, const rpc_arg &arg)
+{
+    put16(to, arg.code);
+    put16(to, 0);
+    put32(to, static_cast<std::uint32_t>(arg.bytes.size()));
+    to.insert(to.end(), arg.bytes.begin(), arg.bytes.end());
+}
 
 byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args)
 {
@@ -279,12 +289,8 @@ byte_string rpc_record(std::uint32_t transaction, std::string_view name, const s
     put16(record, static_cast<std::uint32_t>(name.size()));
     put16(record, static_cast<std::uint32_t>(args.size()));
     record.insert(record.end(), name.begin(), name.end());
-    for (const rpc_arg &arg : args) {
-        put16(record, arg.code);
-        put16(record, 0);
-        put32(record, static_cast<std::uint32_t>(arg.bytes.size()));
-        record.insert(record.end(), arg.bytes.begin(), arg.bytes.end());
-    }
+    for (const rpc_arg &arg : args)
+        put_argument(record, arg);
     return record;
 }
 
@@ -352,21 +358,41 @@ rpc_server::~rpc_server()
             ::close(fd);
 }
 
-byte_string rpc_serve_one(rpc_server &server, std::uint32_t result)
+byte_string rpc_take_one(rpc_server &server)
 {
     if (server.connection < 0) {
         if (!readable(server.listener))
             return {};
         server.connection = ::accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC);
     }
-    const byte_string call = received(server.connection);
+    return received(server.connection);
+}
+
+byte_string rpc_serve_raw(rpc_server &server, std::uint32_t magic, const byte_string &rest)
+{
+    const byte_string call = rpc_take_one(server);
     byte_string reply;
-    put32(reply, REPLY_MAGIC);
+    put32(reply, magic);
     put32(reply, get32(call, 4));
-    put32(reply, 0);
-    put32(reply, result);
+    reply.insert(reply.end(), rest.begin(), rest.end());
     rpc_send(server.connection, reply);
     return call;
+}
+
+byte_string rpc_serve_one(rpc_server &server, std::uint32_t result, const std::vector<rpc_arg> &values)
+{
+    byte_string rest;
+    put32(rest, 0);
+    put32(rest, result);
+    for (const rpc_arg &value : values)
+        put_argument(rest, value);
+    return rpc_serve_raw(server, REPLY_MAGIC, rest);
+}
+
+void rpc_hang_up(rpc_server &server)
+{
+    ::close(server.connection);
+    server.connection = -1;
 }
 
 mts_queue::mts_queue(const card_dir &card, std::uint32_t own_sap) : sap(own_sap), manager(card.at("mts/514"))
@@ -399,9 +425,11 @@ void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &p
     mts_send_raw(queue, datagram);
 }
 
+byte_string mts_receive_raw(const mts_queue &queue) { return received(queue.fd); }
+
 mts_message mts_receive(const mts_queue &queue)
 {
-    const byte_string datagram = received(queue.fd);
+    const byte_string datagram = mts_receive_raw(queue);
     if (datagram.size() < 16 || get32(datagram, 0) != MESSAGE_MAGIC)
         return {};
     return {get32(datagram, 4), get32(datagram, 8), get32(datagram, 12),
@@ -462,7 +490,8 @@ history history_read(const card_dir &card)
             break;
         h.records.push_back({number_at<std::uint32_t>(ring, at + 4), number_at<std::uint32_t>(ring, at + 20),
                              number_at<std::uint64_t>(ring, at + 8),
-                             std::string(reinterpret_cast<const char *>(ring.data()) + at + 24, length - 5)});
+                             std::string(reinterpret_cast<const char *>(ring.data()) + at + 24, length - 5),
+                             h.tail + at + size});
         at += size;
     }
     return h;
@@ -475,6 +504,16 @@ bool history_has(const history &from, std::uint32_t category, std::string_view t
             return true;
     return false;
 }
+
+supervisor_socket::supervisor_socket(const card_dir &card)
+{
+    make_folder(card.at("scp"));
+    fd = bound_socket(SOCK_DGRAM, card.at("scp/supervisor"));
+}
+
+supervisor_socket::~supervisor_socket() { ::close(fd); }
+
+byte_string supervisor_receive(const supervisor_socket &supervisor) { return received(supervisor.fd); }
 
 void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces)
 {

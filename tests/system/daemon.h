@@ -66,6 +66,8 @@ rpc_arg arg_small(std::uint32_t value); // code 0
 rpc_arg arg16(std::uint32_t value);     // code 1
 rpc_arg arg32(std::uint32_t value);     // code 2
 rpc_arg arg_ref(std::uint32_t value);   // code 8, 4 bytes
+rpc_arg arg_ref16(std::uint32_t value); // code 8, 2 bytes
+rpc_arg arg_block();                    // code 9
 
 struct rpc_reply {
     bool arrived = false;
@@ -73,6 +75,7 @@ struct rpc_reply {
     byte_string record; // the whole of it
 };
 
+void put_argument(byte_string &to, const rpc_arg &arg); // type code, 0, length, bytes
 byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args);
 int rpc_connect(const card_dir &card, std::string_view socket); // such as "rpc/9"; -1 when nobody listens
 void rpc_send(int connection, const byte_string &record);
@@ -96,7 +99,12 @@ struct rpc_server {
     rpc_server(const rpc_server &) = delete;
     rpc_server &operator=(const rpc_server &) = delete;
 };
-byte_string rpc_serve_one(rpc_server &server, std::uint32_t result); // receives a call, answers it, gives the record
+// Receive a call and answer it: with status 0 and `values` behind the result, or with bytes of the test's own after the
+// call's transaction. They give the call's record.
+byte_string rpc_serve_one(rpc_server &server, std::uint32_t result, const std::vector<rpc_arg> &values = {});
+byte_string rpc_serve_raw(rpc_server &server, std::uint32_t magic, const byte_string &rest);
+byte_string rpc_take_one(rpc_server &server); // receives a call and leaves it unanswered
+void rpc_hang_up(rpc_server &server);         // ends the connection; the next call makes a new one
 
 // The message queue of a service access point of the test's own.
 struct mts_queue {
@@ -114,7 +122,8 @@ struct mts_message {
 };
 void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &payload);
 void mts_send_raw(const mts_queue &queue, const byte_string &datagram);
-mts_message mts_receive(const mts_queue &queue); // opcode 0 at the limit
+mts_message mts_receive(const mts_queue &queue);     // opcode 0 at the limit
+byte_string mts_receive_raw(const mts_queue &queue); // the whole datagram, empty at the limit
 // Requests of the debug service; the second waits for the answer.
 void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t category, std::uint32_t context,
                    std::uint32_t value);
@@ -125,7 +134,8 @@ std::uint64_t counter_value(const std::string &answer, std::string_view name); /
 struct history_record {
     std::uint32_t type, category;
     std::uint64_t time;
-    std::string text; // without its NUL
+    std::string text;  // without its NUL
+    std::uint64_t end; // position in the history behind it, as `head` counts
 };
 struct history {
     bool valid = false;
@@ -135,11 +145,21 @@ struct history {
 history history_read(const card_dir &card);
 bool history_has(const history &from, std::uint32_t category, std::string_view text); // a record of just this text
 
+// The socket of the supervisor card.
+struct supervisor_socket {
+    int fd;
+    explicit supervisor_socket(const card_dir &card);
+    ~supervisor_socket();
+    supervisor_socket(const supervisor_socket &) = delete;
+    supervisor_socket &operator=(const supervisor_socket &) = delete;
+};
+byte_string supervisor_receive(const supervisor_socket &supervisor); // one datagram, empty at the limit
+
 // Interface database: written whole, `interfaces` records of which exist.
 struct interface_record {
     std::uint32_t ifid, flags, rmode, bvi, address, mask, context, vlan;
 };
-constexpr std::uint32_t IF_EXISTS = 1, IF_UP = 2, IF_ADDRESS = 4, IF_CONTEXT = 8;
+constexpr std::uint32_t IF_EXISTS = 1, IF_UP = 2, IF_ADDRESS = 4, IF_CONTEXT = 8, IF_VLAN = 16;
 void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces);
 
 // The words of a table memory at this moment.
