@@ -9,7 +9,7 @@
 namespace
 {
 constexpr std::uint32_t NET = address(10, 9, 0, 0), MASK16 = 0xFFFF0000, POOL = address(10, 8, 0, 16);
-constexpr std::uint32_t DROP = 0x00008001, HOST_WORD = 0x00051234, LOCAL = 0x00058001, NAT_WORD = 0x20050077;
+constexpr std::uint32_t HOST_WORD = 0x00051234, NAT_WORD = 0x20050077;
 
 class daemon_procedures : public testing::TestWithParam<unsigned>
 {
@@ -305,6 +305,19 @@ TEST_P(daemon_procedures, a_dump_is_lines_of_128_bytes_of_the_copy_asked_for)
     EXPECT_EQ(dump(1, address(224, 1, 2, 3)), dumped({"\n level 0 Mnode found, next_index=224.\n", FOUND,
                                                       "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
                                                       "\nRoute/ECMP result #1 encaps id 32769 if_id 0 \n"}));
+}
+
+TEST_P(daemon_procedures, a_block_is_given_back_when_its_reply_was_sent)
+{
+    fill();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(live.result("show_fib_print", FROM_START), 8u);
+        EXPECT_EQ(live.result("show_fib_summary", {arg16(LIVE_CTX), arg_block()}), 0u);
+        EXPECT_EQ(dump(1, LIVE_HOST).size(), 12u + 7 * 128);
+    }
+    const std::string memory = debug_answer(live.queue, 3);
+    EXPECT_NE(memory.find("\n7 MTRACK_CLI_ROUTE 0 0 61200\n8 MTRACK_FIB_DISPLAY 0 0 5120\n"), std::string::npos)
+        << memory;
 }
 
 TEST_P(daemon_procedures, an_advertisement_is_46_bytes_to_the_supervisor_and_a_withdrawal_too)
