@@ -1,0 +1,101 @@
+// ixp.cpp - an emulated network processor: looks destinations up in one route-table memory of a card.
+//
+// It knows the table's format and nothing else of the route manager: it maps the memory read-only and reads it as the
+// processor would, in that copy's own address form, while the daemon goes on changing it.
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include <CLI/CLI.hpp>
+
+#include "hw_table.h"
+#include "ixp_memory.h"
+#include "ixp_tool.h"
+
+namespace
+{
+constexpr std::uint32_t WIRED_BASE = 0x08000000; // where the wired region lies unless card.conf says otherwise
+
+std::string memory_path(const ixp_options &options)
+{
+    if (options.memory.find('/') != std::string::npos)
+        return options.memory;
+    const char *card = std::getenv("CARD_DIR");
+    return std::string(card == nullptr ? "/run/card" : card) + "/mem/" + options.memory;
+}
+
+std::uint32_t base_of(const ixp_options &options)
+{
+    const bool wired = options.memory.size() >= 5 && options.memory.ends_with("wired");
+    return options.base.value_or(wired ? WIRED_BASE : HW_IXP_BASE);
+}
+
+using mode = int (*)(const ixp_options &, const ixp_table &, ixp_body);
+
+int run(const ixp_options &options, mode chosen)
+{
+    const ixp_body body = ixp_chosen_body(options);
+    if (body == IXP_BODIES) {
+        std::fprintf(stderr, "ixp: %s: no such body on this machine\n", options.body.c_str());
+        return 2;
+    }
+    const ixp_memory memory(memory_path(options), base_of(options));
+    if (!memory.error.empty()) {
+        std::fprintf(stderr, "ixp: %s\n", memory.error.c_str());
+        return 2;
+    }
+    return chosen(options, memory.table, body);
+}
+
+void shared_options(CLI::App &app, ixp_options &options)
+{
+    app.add_option("-m,--memory", options.memory, "ixp1, ixp2 or wired of $CARD_DIR, or a file (with a slash)")
+        ->capture_default_str();
+    app.add_option("--base", options.base, "address of the table as its reader sees it (wired: 0x08000000)");
+    app.add_option("-t,--tree", options.tree, "route id")->check(CLI::Range(0, 255))->capture_default_str();
+    app.add_option("--body", options.body, "auto, scalar, batch or avx2")->capture_default_str();
+    app.add_flag("-j,--json", options.json, "JSON instead of text");
+}
+} // namespace
+
+ixp_body ixp_chosen_body(const ixp_options &options)
+{
+    if (options.body == "auto")
+        return ixp_best_body();
+    for (unsigned i = 0; i < IXP_BODIES; ++i)
+        if (const auto body = static_cast<ixp_body>(i); options.body == ixp_body_name(body) && ixp_body_runs(body))
+            return body;
+    return IXP_BODIES;
+}
+
+int main(int argc, char **argv)
+{
+    ixp_options options;
+    mode chosen = nullptr;
+    CLI::App app{"An emulated network processor: looks destinations up in a card's route-table memory."};
+    app.require_subcommand(1);
+    app.fallthrough();
+    shared_options(app, options);
+    CLI::App *lookup = app.add_subcommand("lookup", "look addresses up once; status 1 when one is a miss");
+    lookup->add_option("address", options.addresses, "IPv4 addresses")->required();
+    lookup->callback([&] { chosen = ixp_mode_lookup; });
+    CLI::App *follow = app.add_subcommand("follow", "print the answers of addresses as they change");
+    follow->add_option("address", options.addresses, "IPv4 addresses")->required();
+    follow->add_option("--seconds", options.seconds, "stop after these")->check(CLI::PositiveNumber);
+    follow->add_option("--every-ms", options.every_ms, "pause between passes")->capture_default_str();
+    follow->callback([&] { chosen = ixp_mode_follow; });
+    CLI::App *run_mode = app.add_subcommand("run", "look up without pause and say how fast");
+    run_mode->add_option("--addresses", options.source, "random, zipf or a file")->capture_default_str();
+    run_mode->add_option("--seconds", options.seconds, "how long (5)")->check(CLI::PositiveNumber);
+    run_mode->add_option("--seed", options.seed, "of random and zipf")->capture_default_str();
+    run_mode->callback([&] { chosen = ixp_mode_run; });
+    try {
+        app.parse(argc, argv);
+        return run(options, chosen);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "ixp: %s\n", error.what());
+        return 2;
+    }
+}

@@ -1,0 +1,55 @@
+// ixp_tool.h - what the modes of the tool share: its options, addresses, and how an answer is shown.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ixp_lookup.h"
+
+constexpr unsigned IXP_PATHS = 8; // of a route at most: the leaf's own and seven entries
+
+struct ixp_options {
+    std::string memory = "ixp1"; // file in the card directory's mem/, or a path with a slash
+    std::optional<std::uint32_t> base;
+    std::uint32_t tree = 0;
+    std::string body = "auto";
+    bool json = false;
+    std::vector<std::string> addresses; // of lookup and follow, dotted
+    std::string source = "random";      // of run: a file, random or zipf
+    double seconds = 0;                 // 0: no limit (follow), 5 (run)
+    std::uint32_t seed = 1;
+    unsigned every_ms = 10;
+};
+
+ixp_body ixp_chosen_body(const ixp_options &options); // IXP_BODIES when there is none of that name here
+
+// Addresses. Both throw std::runtime_error with a readable reason.
+std::uint32_t ixp_parse_address(const std::string &text);
+std::vector<std::uint32_t> ixp_read_addresses(const std::string &file); // one a line, # starts a comment
+std::string ixp_address_text(std::uint32_t address);
+// `count` addresses: over the whole space, or over the leaves of a tree, the n-th of which gets 1/n of the first's
+// share.
+std::vector<std::uint32_t> ixp_random_addresses(std::size_t count, std::uint32_t seed);
+std::vector<std::uint32_t> ixp_zipf_addresses(const ixp_table &table, std::uint32_t tree, std::size_t count,
+                                              std::uint32_t seed);
+
+// Everything that an address is answered: one word a path. Equal answers are equal records.
+struct ixp_answer {
+    bool found = false;
+    unsigned paths = 0; // 1 and more when found
+    std::array<std::uint32_t, IXP_PATHS> words{};
+    bool operator==(const ixp_answer &) const = default;
+};
+ixp_answer ixp_answer_of(const ixp_table &table, ixp_body body, std::uint32_t tree, std::uint32_t address);
+std::string ixp_answer_text(const ixp_answer &answer);
+nlohmann::json ixp_answer_json(const ixp_answer &answer);
+
+// The modes. Each returns the tool's exit status.
+int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_body body);
+int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_body body);
+int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_body body);
