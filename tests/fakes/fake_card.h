@@ -194,6 +194,10 @@ struct fake_card {
     bool journal_on = false;
     std::vector<fake_store> journal;
     void after_each_store(std::function<void()> callback);
+    // A faulty store, for tests that must notice one: asked before each word is stored; true keeps the word back, and
+    // whoever keeps it makes it good with store_now, in an order of its own.
+    std::function<bool(const fake_store &)> keep_store;
+    void store_now(const fake_store &store);
     // Memory of the wired region (0) and of the processors (1, 2) while they are mapped, else 0.
     card_addr memory(unsigned copy) const;
     // One word of a copy, loaded as a processor does it. offset: bytes from the table's start.

@@ -50,12 +50,9 @@ void unmap_copy(card_addr addr)
 
 void store_word(std::uint32_t *word, std::uint32_t value)
 {
-    std::atomic_ref<std::uint32_t>(*word).store(value, std::memory_order_release);
     fake_card &card = the_card();
-    if (card.journal_on)
-        card.journal.push_back({card_addr_of(word), value});
-    if (card.store_callback)
-        card.store_callback();
+    if (!card.keep_store || !card.keep_store({card_addr_of(word), value}))
+        card.store_now({card_addr_of(word), value});
 }
 
 } // namespace
@@ -70,6 +67,16 @@ std::uint32_t fake_card::blocks(std::uint32_t type) const
 }
 
 std::uint32_t fake_card::all_blocks() const { return static_cast<std::uint32_t>(heap.size()); }
+
+void fake_card::store_now(const fake_store &store)
+{
+    std::atomic_ref<std::uint32_t>(*card_at<std::uint32_t>(store.address))
+        .store(store.value, std::memory_order_release);
+    if (journal_on)
+        journal.push_back(store);
+    if (store_callback)
+        store_callback();
+}
 
 void fake_card::after_each_store(std::function<void()> callback) { store_callback = std::move(callback); }
 
