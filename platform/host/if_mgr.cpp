@@ -2,7 +2,8 @@
 //
 // A record has a sequence word: odd while it is being changed, another even value afterwards. A reader that saw the
 // same even value before and after has one consistent record; one whose writer died in the middle gives up.
-// Always: the file is mapped read-only and checked once; until it is there, each query looks for it again.
+// Always: the file is mapped read-only and checked once; until it is there, each query looks for it again. One that was
+// cut after it was mapped counts as not there.
 #include "if_mgr.h"
 
 #include <array>
@@ -51,11 +52,23 @@ std::int64_t now_ns()
     return std::int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
+// The database as it is mapped. The descriptor stays open to ask for the file's length: a word beyond its end, once a
+// manager has cut it, would end this process.
+struct mapped_database {
+    int fd = -1;
+    std::uint32_t *words = nullptr; // null while there is none
+};
+
+bool is_long_enough(int fd)
+{
+    struct stat st = {};
+    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= static_cast<off_t>(IFDB_BYTES);
+}
+
 // Maps the file behind `fd` when it has the database's form.
 std::uint32_t *map_database(int fd)
 {
-    struct stat st = {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < static_cast<off_t>(IFDB_BYTES))
+    if (!is_long_enough(fd))
         return nullptr;
     void *const at = mmap(nullptr, IFDB_BYTES, PROT_READ, MAP_SHARED, fd, 0);
     if (at == MAP_FAILED)
@@ -68,25 +81,39 @@ std::uint32_t *map_database(int fd)
     return nullptr;
 }
 
+void let_go(mapped_database &db)
+{
+    if (db.words != nullptr)
+        (void)munmap(db.words, IFDB_BYTES);
+    if (db.fd >= 0)
+        (void)close(db.fd);
+    db = {};
+}
+
 // The mapped database; null while there is none.
 std::uint32_t *database()
 {
-    static std::uint32_t *words = nullptr;
+    static mapped_database db;
     static bool told = false;
-    if (words != nullptr || card_dir_path().empty())
-        return words;
-    static const std::string &path = *new std::string(card_dir_path() + "/interfaces");
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0)
+    if (db.words != nullptr && is_long_enough(db.fd))
+        return db.words;
+    let_go(db);
+    if (card_dir_path().empty())
         return nullptr;
-    words = map_database(fd);
-    (void)close(fd);
-    if (words == nullptr && !told) {
+    static const std::string &path = *new std::string(card_dir_path() + "/interfaces");
+    db.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (db.fd < 0)
+        return nullptr;
+    db.words = map_database(db.fd);
+    if (db.words != nullptr)
+        return db.words;
+    let_go(db);
+    if (!told) {
         told = true;
         (void)std::fprintf(stderr, "%s: %s: is no interface database; no interface exists\n",
                            program_invocation_short_name, path.c_str());
     }
-    return words;
+    return nullptr;
 }
 
 // Copies a record's words. Returns whether no change fell between them.
