@@ -115,7 +115,7 @@ void read_line(card_conf &conf, const char *path, unsigned number, std::string_v
 // Opens the file for reading; null when there is none or it cannot be read (said).
 std::FILE *open_conf(const std::string &path)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0 && errno == ENOENT)
         return nullptr;
     struct stat st = {};
@@ -128,12 +128,11 @@ std::FILE *open_conf(const std::string &path)
     return nullptr;
 }
 
-card_conf read_conf()
+} // namespace
+
+card_conf card_conf_read(const std::string &path)
 {
     card_conf conf;
-    if (card_dir_path().empty())
-        return conf;
-    const std::string path = card_dir_path() + "/card.conf";
     std::FILE *const file = open_conf(path);
     if (file == nullptr)
         return conf;
@@ -146,10 +145,10 @@ card_conf read_conf()
     (void)std::fclose(file);
     return conf;
 }
-} // namespace
 
 const card_conf &card_conf_get()
 {
-    static const card_conf conf = read_conf();
+    static const card_conf conf =
+        card_dir_path().empty() ? card_conf{} : card_conf_read(card_dir_path() + "/card.conf");
     return conf;
 }

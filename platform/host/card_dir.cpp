@@ -48,9 +48,17 @@ int make_folder(const std::string &path)
     return errno == EEXIST ? 0 : -1;
 }
 
-// Whether the folder at `path` is ours alone; says why not.
+// Whether the folder at `path` is ours alone; says why not. A link to it must be ours as well: another could point it
+// elsewhere once it has been judged.
 bool is_ours_alone(const std::string &path)
 {
+    struct stat link = {};
+    if (lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode) && link.st_uid != geteuid()) {
+        const std::string why =
+            "is a link of uid " + std::to_string(link.st_uid) + ", not " + std::to_string(geteuid());
+        refuse(path, why.c_str());
+        return false;
+    }
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     struct stat st = {};
     if (fd < 0 || fstat(fd, &st) != 0) {

@@ -15,7 +15,8 @@ struct card_conf {
     std::uint32_t rpc_timeout_ms = 2000;
     bool route_cache_kernel = false;
 };
-const card_conf &card_conf_get(); // read once; problems are reported on standard error with their line
+card_conf card_conf_read(const std::string &path); // the settings of one file; never through a symbolic link
+const card_conf &card_conf_get(); // of the card, read once; problems are reported on standard error with their line
 
 // The directory's path, made and checked on the first call. Empty when it is refused (said once on standard error).
 const std::string &card_dir_path();

@@ -70,6 +70,21 @@ TEST(card_dir, one_of_another_user_is_refused)
     });
 }
 
+TEST(card_dir, a_link_of_another_user_is_refused_and_an_own_one_taken)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a link away";
+    const fresh_folder folder, above;
+    const std::string link = above.path + "/card";
+    std::filesystem::create_symlink(folder.path, link);
+    on_card(link, [&] { EXPECT_EQ(card_dir_path(), link); });
+    ASSERT_EQ(lchown(link.c_str(), 12345, 12345), 0); // who can point it elsewhere after the check
+    on_card(link, [] {
+        const std::string said = stderr_of([] { EXPECT_EQ(card_dir_path(), ""); });
+        EXPECT_NE(said.find("is a link of uid 12345, not 0; refused"), std::string::npos) << said;
+    });
+}
+
 TEST(card_dir, a_path_of_64_bytes_is_taken_and_one_more_refused)
 {
     const fresh_folder above;
@@ -213,6 +228,18 @@ TEST(card_conf, the_defaults_stand_without_a_file)
         EXPECT_EQ(card_conf_get().supervisor_address, 1u);
         EXPECT_EQ(card_conf_get().rpc_timeout_ms, 2000u);
         EXPECT_FALSE(card_conf_get().route_cache_kernel);
+    });
+}
+
+TEST(card_conf, a_link_is_not_followed)
+{
+    const fresh_folder folder;
+    write_text(folder.path + "/elsewhere", "slot = 9\n");
+    std::filesystem::create_symlink("elsewhere", folder.path + "/card.conf");
+    on_card(folder.path, [] {
+        const std::string said = stderr_of([] { (void)card_conf_get(); });
+        EXPECT_EQ(card_conf_get().slot, 1u);
+        EXPECT_NE(said.find("the defaults stand"), std::string::npos) << said;
     });
 }
 
