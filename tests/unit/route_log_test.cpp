@@ -3,6 +3,7 @@
 // What holds in all: the history copy carries the context in front, the debug copy does not, and neither gate decides
 // for the other.
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -191,5 +192,50 @@ TEST(routemgr_mydebug, a_file_that_cannot_be_opened_is_said_and_tried_again)
     });
     EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0);
     EXPECT_EQ(card.printed(), "Couldn't open /tmp/routemgr.dbg for writing!\nkept\n");
+    unlink(DEBUG_FILE);
+}
+
+// What another user can have planted under the file's name. Each is the failure to open, and stays as it was.
+TEST(routemgr_mydebug, a_link_a_pipe_and_a_file_with_a_second_name_are_not_written)
+{
+    const debug_file_turn turn;
+    const std::string target = DEBUG_FILE + std::string(".target");
+    for (const char *planted : {"link", "dangling link", "pipe", "second name"}) {
+        SCOPED_TRACE(planted);
+        fake_card card;
+        const fake_child_result child = run_in_child([&] {
+            unlink(DEBUG_FILE);
+            unlink(target.c_str());
+            if (std::string(planted) != "dangling link")
+                std::ofstream(target) << "as it was";
+            const int made = std::strstr(planted, "link") != nullptr ? symlink(target.c_str(), DEBUG_FILE)
+                             : std::strcmp(planted, "pipe") == 0     ? mkfifo(DEBUG_FILE, 0600)
+                                                                     : link(target.c_str(), DEBUG_FILE);
+            routemgr_mydebug(0, "lost\n");
+            const std::string expected = std::string(planted) == "dangling link" ? "" : "as it was";
+            std::exit(made == 0 && file_text(target.c_str()) == expected ? 0 : 1);
+        });
+        EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0);
+        EXPECT_EQ(card.printed(), "Couldn't open /tmp/routemgr.dbg for writing!\n");
+        unlink(DEBUG_FILE);
+        unlink(target.c_str());
+    }
+}
+
+TEST(routemgr_mydebug, a_file_of_another_user_is_not_written)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a file away";
+    const debug_file_turn turn;
+    fake_card card;
+    const fake_child_result child = run_in_child([] {
+        unlink(DEBUG_FILE);
+        std::ofstream(DEBUG_FILE) << "as it was";
+        const int given = chown(DEBUG_FILE, 12345, 12345);
+        routemgr_mydebug(0, "lost\n");
+        std::exit(given == 0 && file_text(DEBUG_FILE) == "as it was" ? 0 : 1);
+    });
+    EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0);
+    EXPECT_EQ(card.printed(), "Couldn't open /tmp/routemgr.dbg for writing!\n");
     unlink(DEBUG_FILE);
 }

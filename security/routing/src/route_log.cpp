@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -24,13 +25,16 @@ static_assert(offsetof(history_record, text) == 4);
 constexpr char DEBUG_FILE[] = "/tmp/routemgr.dbg";
 std::FILE *debug_stream; // opened on first use, never closed
 
-// Never through a link: in /tmp anyone could have planted one.
+// In /tmp anyone could have planted something: a link is not followed, a pipe not waited for, a file of another user
+// not written. So the file is emptied only after it has been judged.
 std::FILE *open_debug_file()
 {
-    const int fd = open(DEBUG_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int fd = open(DEBUG_FILE, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
     if (fd < 0)
         return nullptr;
-    std::FILE *stream = fdopen(fd, "w");
+    struct stat st = {};
+    const bool is_ours = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1;
+    std::FILE *stream = is_ours && ftruncate(fd, 0) == 0 ? fdopen(fd, "w") : nullptr;
     if (stream == nullptr)
         close(fd);
     return stream;
