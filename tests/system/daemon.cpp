@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -90,13 +91,30 @@ std::string daemon_program()
     return named != nullptr ? named : ROUTEMGR_PATH;
 }
 
+void take_limits(const daemon_limits &limits)
+{
+    if (limits.file_bytes != 0) {
+        const rlimit bytes = {limits.file_bytes, limits.file_bytes};
+        ::setrlimit(RLIMIT_FSIZE, &bytes);
+        ::signal(SIGXFSZ, SIG_IGN);
+    }
+    if (limits.descriptors != 0) {
+        const rlimit descriptors = {limits.descriptors, limits.descriptors};
+        ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    }
+}
+
 // In the child: never returns. Only calls that are safe after a fork.
-[[noreturn]] void become_daemon(const char *program, const char *out, const char *err, char *const *environment)
+[[noreturn]] void become_daemon(const char *program, const char *out, const char *err, char *const *environment,
+                                const daemon_limits &limits)
 {
     const int out_fd = ::open(out, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err_fd = ::open(err, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     ::dup2(out_fd, STDOUT_FILENO);
     ::dup2(err_fd, STDERR_FILENO);
+    ::close(out_fd);
+    ::close(err_fd);
+    take_limits(limits);
     char *const arguments[] = {const_cast<char *>(program), nullptr};
     ::execve(program, arguments, environment);
     ::_exit(127);
@@ -152,8 +170,9 @@ card_dir::~card_dir()
 
 std::string card_dir::at(std::string_view name) const { return path + "/" + std::string(name); }
 
-daemon_process::daemon_process(const card_dir &card, const char *name)
-    : out(card.at(std::string(name) + ".out")), err(card.at(std::string(name) + ".err"))
+daemon_process::daemon_process(const card_dir &card, const char *name, const daemon_limits &limits)
+    : out((limits.output.empty() ? card.path : limits.output) + "/" + name + ".out"),
+      err((limits.output.empty() ? card.path : limits.output) + "/" + name + ".err")
 {
     const std::string program = daemon_program(), socket = card.at(std::string(name) + ".notify");
     notify = bound_socket(SOCK_DGRAM, socket);
@@ -166,7 +185,7 @@ daemon_process::daemon_process(const card_dir &card, const char *name)
     if (pid < 0)
         fail("fork");
     if (pid == 0)
-        become_daemon(program.c_str(), out.c_str(), err.c_str(), environment.data());
+        become_daemon(program.c_str(), out.c_str(), err.c_str(), environment.data(), limits);
     pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
     if (pidfd < 0)
         fail("pidfd_open");

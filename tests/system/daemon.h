@@ -27,6 +27,13 @@ struct card_dir {
     std::string at(std::string_view name) const; // path of `name` in the directory
 };
 
+// What the host allows a daemon. 0: as it allows the test.
+struct daemon_limits {
+    unsigned descriptors = 0;
+    unsigned long file_bytes = 0; // longest file; the signal for a longer one is ignored, so writing it fails
+    std::string output;           // folder of its standard output and error; empty: the card directory
+};
+
 // One daemon. Killed with the record if it still runs.
 struct daemon_process {
     pid_t pid = -1;
@@ -35,7 +42,7 @@ struct daemon_process {
     std::string out, err; // files with its standard output and standard error
 
     // start: an instance of the program on `card`; name tells several on one card apart.
-    explicit daemon_process(const card_dir &card, const char *name = "first");
+    explicit daemon_process(const card_dir &card, const char *name = "first", const daemon_limits &limits = {});
     ~daemon_process();
     daemon_process(const daemon_process &) = delete;
     daemon_process &operator=(const daemon_process &) = delete;

@@ -1,0 +1,35 @@
+// card_peers.h - the daemon's peers as a test of its faults needs them: an ARP service in a process of its own, an
+// interface that comes up, random calls.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <random>
+
+#include "daemon.h"
+
+constexpr std::uint32_t PEER_CTX = 3, PEER_IFID = 5, PEER_ADDRESS = 0x0A010101, PEER_MASK = 0xFFFFFF00;
+
+// An ARP service that answers every call with 0, from the time it is made until its record goes.
+struct arp_service {
+    explicit arp_service(const card_dir &card);
+    ~arp_service();
+    arp_service(const arp_service &) = delete;
+    arp_service &operator=(const arp_service &) = delete;
+    std::uint32_t served() const; // calls answered so far
+
+    rpc_server server;
+    std::atomic<std::uint32_t> *count; // shared with the process
+    pid_t pid = -1;
+};
+
+void interface_database(const card_dir &card); // PEER_IFID is up, routed, with its address in PEER_CTX
+// The interface event `opcode` (4065 up, 4066 down) for PEER_IFID.
+byte_string interface_event(std::uint32_t ifid = PEER_IFID, std::uint32_t address = PEER_ADDRESS);
+
+// Whether the daemon serves all that it should: a message taken from `manager`, a route whose gateway the ARP service
+// is asked for, a host, a listing. Leaves no route behind. Empty, or what does not work.
+std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const arp_service &arp);
+
+// One call with random arguments, most of them sensible.
+byte_string random_call(std::mt19937 &random, std::uint32_t transaction);
