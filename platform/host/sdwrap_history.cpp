@@ -53,7 +53,8 @@ struct history {
     history_header *header = nullptr; // null until set up
     std::uint8_t *ring = nullptr;
     std::uint64_t capacity = 0;
-    std::uint64_t head = 0, tail = 0; // as in the file, which others could change under us
+    std::uint64_t head = 0, tail = 0;       // as in the file, which others could change under us
+    std::uint64_t head_at = 0, tail_at = 0; // the same modulo capacity: no division on the way of a record
     std::uint32_t component = 0;
 };
 history own;
@@ -69,12 +70,18 @@ void publish(std::uint64_t &word, std::uint64_t value)
     std::atomic_ref<std::uint64_t>(word).store(value, std::memory_order_release);
 }
 
+// at: an offset in the ring, below its capacity.
 void ring_write(const history &h, std::uint64_t at, const void *from, std::size_t bytes)
 {
-    const std::size_t offset = at % h.capacity;
-    const std::size_t first = bytes < h.capacity - offset ? bytes : h.capacity - offset;
-    std::memcpy(h.ring + offset, from, first);
-    std::memcpy(h.ring, static_cast<const std::uint8_t *>(from) + first, bytes - first);
+    const std::size_t first = bytes < h.capacity - at ? bytes : h.capacity - at;
+    std::memcpy(h.ring + at, from, first);
+    if (first != bytes)
+        std::memcpy(h.ring, static_cast<const std::uint8_t *>(from) + first, bytes - first);
+}
+
+std::uint64_t advanced(const history &h, std::uint64_t at, std::uint64_t bytes)
+{
+    return at + bytes < h.capacity ? at + bytes : at + bytes - h.capacity;
 }
 
 void ring_read(const history &h, std::uint64_t at, void *to, std::size_t bytes)
@@ -159,6 +166,8 @@ int open_history(std::uint32_t component, std::size_t bytes)
         start_empty(h);
     h.head = h.header->head;
     h.tail = h.header->tail;
+    h.head_at = h.head % h.capacity;
+    h.tail_at = h.tail % h.capacity;
     unmap_file(own);
     own = h;
     return 0;
@@ -169,16 +178,17 @@ void make_room(history &h, std::uint64_t bytes)
 {
     const std::uint64_t old_tail = h.tail;
     while (h.head + bytes - h.tail > h.capacity) {
-        std::uint32_t size = 0;
-        ring_read(h, h.tail, &size, sizeof size);
+        std::uint32_t size = 0; // never wraps: records start at multiples of 8
+        std::memcpy(&size, h.ring + h.tail_at, sizeof size);
         // Another program damaged the ring: all of it goes, since where the next record starts is not known.
         const bool damaged = size < sizeof(record_header) || size % RECORD_ALIGN != 0 || size > h.head - h.tail;
         h.tail = damaged ? h.head : h.tail + size;
+        h.tail_at = damaged ? h.head_at : advanced(h, h.tail_at, size);
     }
     if (h.tail == old_tail)
         return;
     publish(h.header->tail, h.tail);
-    std::atomic_thread_fence(std::memory_order_seq_cst); // the record's bytes come after the tail
+    std::atomic_thread_fence(std::memory_order_release); // the record's bytes come after the tail
 }
 } // namespace
 
@@ -227,10 +237,11 @@ int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *r
     make_room(own, size);
     constexpr std::uint8_t ZEROS[RECORD_ALIGN] = {};
     const std::size_t used = sizeof header + bytes;
-    ring_write(own, own.head, &header, sizeof header);
-    ring_write(own, own.head + sizeof header, record, bytes);
-    ring_write(own, own.head + used, ZEROS, size - used);
+    ring_write(own, own.head_at, &header, sizeof header);
+    ring_write(own, advanced(own, own.head_at, sizeof header), record, bytes);
+    ring_write(own, advanced(own, own.head_at, used), ZEROS, size - used);
     own.head += size;
+    own.head_at = advanced(own, own.head_at, size);
     publish(own.header->head, own.head);
     ++platform_counters.history_records;
     return 0;

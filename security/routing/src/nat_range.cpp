@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "line_format.h"
 #include "rib_nat.h"
 #include "route_log.h"
 
@@ -18,7 +19,7 @@ constexpr std::size_t LINE_BYTES = 2048, ADDRESS_BYTES = 64;
     char line[LINE_BYTES];
     va_list args;
     va_start(args, format);
-    (void)std::vsnprintf(line, sizeof line, format, args); // all lines are short
+    (void)line_vformat(line, sizeof line, format, args); // all lines are short
     va_end(args);
     route_log(ROUTE_DBG_INFO, static_cast<std::uint32_t>(ctx), "%s", line);
     std::fputs(line, stdout);

@@ -7,8 +7,7 @@
 // (norvik_mtrie_hw.cpp).
 #include "norvik_mtrie_leaf.h"
 
-#include <cstdio>
-
+#include "line_format.h"
 #include "mtrack.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
@@ -166,7 +165,7 @@ std::uint32_t mtrie_leaf_insert_stub(mtrie_node *root, std::uint32_t prefix, std
                                      std::uint32_t ifid, std::uint32_t flags, std::uint32_t tree)
 {
     mtrie_leaf *leaf = mtrie_leaf_alloc(tree, root);
-    std::printf("\n%s[%d] :: leaf allocated 0x%x.\n", "mtrie_leaf_insert_stub", 202, card_addr_of(leaf));
+    line_print("\n%s[%d] :: leaf allocated 0x%x.\n", "mtrie_leaf_insert_stub", 202, card_addr_of(leaf));
     if (leaf == nullptr) {
         route_log(ROUTE_DBG_ERRORS, tree, "leaf alloc fail:0x%lx/%u", static_cast<unsigned long>(prefix),
                   mtrie_mask_len(mask));
@@ -208,7 +207,7 @@ std::uint32_t mtrie_leaf_delete_stub(std::uint32_t tree, mtrie_node *root, std::
 {
     mtrie_leaf *leaf = mtrie_lookup_exact(root, prefix, mask);
     if (leaf == nullptr) {
-        std::printf("\nRoute to delete not found.\n");
+        line_print("\nRoute to delete not found.\n");
         return 0;
     }
     (void)mtrie_leaf_delete(tree, root, leaf); // always 0
@@ -219,8 +218,8 @@ mtrie_leaf *mtrie_alloc_default_leaf_stub(std::uint32_t tree)
 {
     mtrie_leaf_gone = forget_default_leaf;
     mtrie_leaf *leaf = mtrie_leaf_alloc(tree, nullptr);
-    std::printf("\n%s[%d] :: norvik_leaf_default allocated 0x%x.\n", "mtrie_alloc_default_leaf_stub", 299,
-                card_addr_of(leaf));
+    line_print("\n%s[%d] :: norvik_leaf_default allocated 0x%x.\n", "mtrie_alloc_default_leaf_stub", 299,
+               card_addr_of(leaf));
     if (leaf == nullptr) {
         route_log(ROUTE_DBG_ERRORS, tree, "\n Failed to allocate default leaf.\n");
         return nullptr;

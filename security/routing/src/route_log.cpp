@@ -5,11 +5,12 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "line_format.h"
 
 namespace
 {
@@ -45,13 +46,15 @@ void route_log_history(std::uint32_t category, std::uint32_t ctx, const char *fo
 {
     history_record record;
     record.category = category;
-    const int prefix = std::snprintf(record.text, TEXT_BYTES, "<Ctx:%d>", static_cast<int>(ctx));
-    const std::size_t used = static_cast<std::size_t>(prefix);
+    const int prefix = line_format(record.text, TEXT_BYTES, "<Ctx:%d>", static_cast<int>(ctx));
+    const std::size_t used = static_cast<std::size_t>(prefix), room = TEXT_BYTES - used;
     va_list args;
     va_start(args, format);
-    (void)std::vsnprintf(record.text + used, TEXT_BYTES - used, format, args); // a longer message is cut
+    const int made = line_vformat(record.text + used, room, format, args);
     va_end(args);
-    (void)sdwrap_hist_event(ROUTE_HIST_EVENT, std::strlen(record.text) + 5, &record);
+    const std::size_t wanted = made < 0 ? 0 : static_cast<std::size_t>(made);
+    const std::size_t length = used + (wanted < room ? wanted : room - 1); // a longer message is cut
+    (void)sdwrap_hist_event(ROUTE_HIST_EVENT, length + 5, &record);
 }
 
 void routemgr_mydebug(int, const char *format, ...)
