@@ -3,7 +3,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <random>
 
+#include "mtrack.h"
 #include "route_ids.h"
 
 namespace
@@ -405,4 +407,94 @@ TEST(rib_table, the_audit_sees_each_broken_rule)
     a->next = a; // a ring of links ends the audit, too
     EXPECT_GT(rib_check(CTX), 0);
     a->next = b;
+}
+
+namespace
+{
+// What rib_find_entry and rib_find_prefix have to answer, by the plain walk over every bucket.
+template <class Visit> void walk_all_buckets(Visit visit)
+{
+    for (auto &row : norvik_get_t(CTX)->table)
+        for (const card_ptr<route_entry> head : row)
+            for (const route_entry *entry = head; entry != nullptr; entry = entry->next)
+                visit(entry);
+}
+
+// A prefix of few addresses and all lengths, so that chains are shared and buckets empty again.
+void toggle(std::uint32_t drawn)
+{
+    const std::uint32_t len = drawn % RIB_ROWS;
+    const std::uint32_t prefix = (IP(10, 0, 0, 0) | (drawn >> 8 & 0x30F)) & rib_mask_table[len];
+    rib_search_result search;
+    if (rib_route_search(CTX, prefix, len, nullptr, nullptr, &search) == 0) {
+        route_entry *const entry = make(prefix, len);
+        entry->flags = (drawn & 1u << 30) != 0 ? RIB_F_ARP_HOST : std::uint16_t{0};
+        (void)rib_link(entry, search, nullptr);
+        return;
+    }
+    *search.prev = search.entry->next;
+    mtrack_free(search.entry);
+}
+} // namespace
+
+TEST(rib_table, a_visit_meets_what_a_walk_over_every_bucket_meets_in_its_order)
+{
+    rib_card card;
+    std::mt19937 random(20240608);
+    for (int step = 0; step < 600; ++step) {
+        toggle(static_cast<std::uint32_t>(random()));
+        std::vector<const route_entry *> seen, there;
+        EXPECT_EQ(rib_find_entry(CTX,
+                                 [&seen](const route_entry *entry) {
+                                     seen.push_back(entry);
+                                     return false;
+                                 }),
+                  nullptr);
+        walk_all_buckets([&there](const route_entry *entry) { there.push_back(entry); });
+        ASSERT_EQ(seen, there) << "step " << step;
+        ASSERT_EQ(rib_check(CTX), 0) << "step " << step;
+    }
+}
+
+TEST(rib_table, a_prefix_is_found_where_a_walk_over_every_bucket_finds_it_first)
+{
+    rib_card card;
+    std::mt19937 random(20240609);
+    const auto is_host = [](const route_entry *entry) { return (entry->flags & RIB_F_ARP_HOST) != 0; };
+    for (int step = 0; step < 600; ++step) {
+        toggle(static_cast<std::uint32_t>(random()));
+        for (const std::uint32_t prefix : {0u, IP(10, 0, 0, 0), IP(10, 0, 0, 8), IP(10, 0, 3, 0), IP(10, 0, 3, 15)}) {
+            const route_entry *first = nullptr;
+            walk_all_buckets([&](const route_entry *entry) {
+                if (first == nullptr && entry->prefix == prefix && is_host(entry))
+                    first = entry;
+            });
+            ASSERT_EQ(rib_find_prefix(CTX, prefix, is_host), first) << "step " << step << ", prefix " << prefix;
+        }
+    }
+}
+
+TEST(rib_table, the_audit_sees_a_bucket_that_visits_would_pass_by)
+{
+    rib_card card;
+    put(A, 32);
+    const rib_occupancy kept = rib_occupied[CTX];
+    rib_occupied[CTX].buckets[32] = 0;
+    EXPECT_GT(rib_check(CTX), 0);
+    rib_occupied[CTX] = kept;
+    rib_occupied[CTX].rows = 0;
+    EXPECT_GT(rib_check(CTX), 0);
+    rib_occupied[CTX] = kept;
+}
+
+TEST(rib_table, a_visit_forgets_the_buckets_that_it_finds_empty)
+{
+    rib_card card;
+    route_entry *const entry = put(A, 32);
+    *rib_bucket(CTX, A, 32) = nullptr;
+    mtrack_free(entry);
+    EXPECT_NE(rib_occupied[CTX].buckets[32], 0u);
+    (void)rib_find_entry(CTX, [](const route_entry *) { return false; });
+    EXPECT_EQ(rib_occupied[CTX].buckets[32], 0u);
+    EXPECT_EQ(rib_occupied[CTX].rows >> 32, 0u);
 }

@@ -185,15 +185,13 @@ std::uint32_t norvik_remove_interface(std::uint32_t addr, std::uint32_t mask, st
 void norvik_remove_host_ifdown(std::uint16_t ctx, std::uint32_t addr)
 {
     route_log(ROUTE_DBG_INFO, ctx, "norvik_remove_host_ifdown(ip 0x%x)\n", addr);
-    for (auto &row : norvik_get_t(ctx)->table)
-        for (card_ptr<route_entry> &head : row) {
-            card_ptr<route_entry> *link = &head;
-            while (route_entry *entry = *link) {
-                if ((entry->flags & RIB_F_ARP_HOST) != 0 && entry->nexthop == addr)
-                    drop_host(link);
-                else
-                    link = &entry->next;
-            }
+    unsigned row = 0, bucket = 0;
+    for (; card_ptr<route_entry> *link = rib_next_bucket(ctx, &row, &bucket); ++bucket)
+        while (route_entry *entry = *link) {
+            if ((entry->flags & RIB_F_ARP_HOST) != 0 && entry->nexthop == addr)
+                drop_host(link);
+            else
+                link = &entry->next;
         }
     route_log(ROUTE_DBG_INFO, ctx, "DONE: norvik_remove_host_ifdown(ip 0x%x)\n", addr);
 }

@@ -126,8 +126,7 @@ std::uint32_t rib_add_nat_route(std::uint16_t ctx, std::uint16_t route_id, std::
     entry->ifid = ifid;
     entry->encap_id = encap;
     entry->flags = RIB_F_NAT;
-    entry->next = *search.prev;
-    *search.prev = entry;
+    rib_chain_insert(route_id, entry, search.prev);
     if (status == IF_UP) {
         if (prefix_mgr_route_add(wired_table_mgr, entry) == 0) {
             route_log(ROUTE_DBG_ERRORS, ctx, "mtrie add nat fail: rte_id:%d %08x/%d encap %04x\n",

@@ -13,6 +13,7 @@
 #include "mtrack.h"
 #include "norvik_init.h"
 #include "norvik_mtrie_pool.h"
+#include "rib_table.h"
 #include "route_log.h"
 
 namespace
@@ -150,28 +151,34 @@ void route_traversal(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *buck
         ++l;
         b = 0;
     }
-    const prefix_tree *tree = norvik_get_t(ctx);
-    for (; l < RIB_ROWS; ++l, b = 0) {
-        for (; b < RIB_BUCKETS; ++b) {
-            route_entry *entry = tree->table[l][b];
-            if (start != 0)
-                entry = resume(ctx, entry, start, l, b);
-            start = 0;
-            while (entry != nullptr) {
-                route_entry *successor = entry->next; // first: the action may free the entry
-                if (filter(entry, arg) != 0 && action(entry, arg) == 0 && stop_allowed != 0) {
-                    *list = static_cast<std::uint16_t>(l);
-                    *bucket = static_cast<std::uint16_t>(b);
-                    *position = entry->prefix;
-                    return;
-                }
-                entry = successor;
+    // Walks one list. Returns true when the action had no room, with the cursor at that entry.
+    const auto stops_in = [=](route_entry *entry) {
+        while (entry != nullptr) {
+            route_entry *const successor = entry->next; // first: the action may free the entry
+            if (filter(entry, arg) != 0 && action(entry, arg) == 0 && stop_allowed != 0) {
+                *position = entry->prefix;
+                return true;
             }
+            entry = successor;
         }
+        return false;
+    };
+    bool stopped = false;
+    if (start != 0 && l < RIB_ROWS) {
+        stopped = stops_in(resume(ctx, norvik_get_t(ctx)->table[l][b], start, l, b));
+        b += stopped ? 0 : 1;
     }
-    *list = static_cast<std::uint16_t>(l);
-    *bucket = 0;
-    *position = ROUTE_WALK_DONE;
+    while (!stopped) {
+        const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &l, &b);
+        if (head == nullptr)
+            break;
+        stopped = stops_in(*head);
+        b += stopped ? 0 : 1;
+    }
+    *list = static_cast<std::uint16_t>(stopped ? l : RIB_ROWS);
+    *bucket = static_cast<std::uint16_t>(stopped ? b : 0);
+    if (!stopped)
+        *position = ROUTE_WALK_DONE;
 }
 
 std::uint32_t route_in_fib(const route_entry *entry)

@@ -177,9 +177,8 @@ int request_gwy_resolution(const std::uint32_t *gateway, std::uint16_t ctx, std:
 
 route_entry *host_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop)
 {
-    route_entry *const host = rib_find_entry(ctx, [nexthop](const route_entry *entry) {
-        return has_all(entry, RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED) && entry->prefix == nexthop;
-    });
+    route_entry *const host = rib_find_prefix(
+        ctx, nexthop, [](const route_entry *entry) { return has_all(entry, RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED); });
     if (host == nullptr)
         route_log(ROUTE_DBG_INFO, ctx, "Host route entry not found for nexthop 0x%x ", nexthop);
     else
@@ -199,9 +198,8 @@ void rib_static_discard(route_entry *entry)
 
 route_entry *int_lookup_by_addr(std::uint32_t ctx, std::uint32_t addr)
 {
-    route_entry *const entry = rib_find_entry(ctx, [addr](const route_entry *candidate) {
-        return has_all(candidate, RIB_F_INTERFACE) && candidate->prefix == addr;
-    });
+    route_entry *const entry =
+        rib_find_prefix(ctx, addr, [](const route_entry *candidate) { return has_all(candidate, RIB_F_INTERFACE); });
     if (entry == nullptr)
         route_log(ROUTE_DBG_INFO, ctx, "interface route entry not found for addr 0x%x ", addr);
     else

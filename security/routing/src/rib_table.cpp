@@ -29,10 +29,20 @@ card_ptr<route_entry> route_entry_list;
 card_ptr<route_entry> entry_list;
 std::uint32_t if_stats_table_dp[2];
 
+rib_occupancy rib_occupied[ROUTE_CONTEXTS];
+
 namespace
 {
 
 constexpr std::uint32_t MAX_SET_MEMBERS = 0xFFFF; // what a head's count can hold
+
+// Of the context that norvik_get_t takes the number for.
+rib_occupancy &occupancy_of(std::uint32_t ctx) { return rib_occupied[ctx % ROUTE_CONTEXTS]; }
+
+std::uint32_t bucket_of(std::uint32_t prefix, std::uint32_t len)
+{
+    return slowpath_route_hashing_ip_key(prefix, len) % RIB_BUCKETS;
+}
 
 // Walks the chain at result->prev to the entry of the wanted key, or to where it belongs. Returns the entry or null.
 route_entry *find_candidate(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, rib_search_result *result)
@@ -104,8 +114,21 @@ int check_chain(const route_entry *entry, std::uint32_t ctx, std::uint32_t len, 
         if (before != nullptr && rib_key(before->prefix, len) >= rib_key(entry->prefix, len))
             return faults + 1;
         faults += check_entry(entry, ctx, len) + check_set(entry, ctx);
-        faults += broken(slowpath_route_hashing_ip_key(entry->prefix, len) % RIB_BUCKETS == bucket);
+        faults += broken(bucket_of(entry->prefix, len) == bucket);
     }
+    return faults;
+}
+
+// Each bucket that holds entries has its bit, and so has its row.
+int check_occupancy(const prefix_tree *tree, std::uint32_t ctx)
+{
+    const rib_occupancy &occupied = occupancy_of(ctx);
+    int faults = 0;
+    for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
+        for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket) {
+            const bool marked = (occupied.rows >> len & 1) != 0 && (occupied.buckets[len] >> bucket & 1) != 0;
+            faults += broken(marked || !tree->table[len][bucket]);
+        }
     return faults;
 }
 
@@ -124,7 +147,7 @@ std::uint8_t count_mask_bit(std::uint32_t mask) { return static_cast<std::uint8_
 
 card_ptr<route_entry> *rib_bucket(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
 {
-    return &norvik_get_t(ctx)->table[len][slowpath_route_hashing_ip_key(prefix, len) % RIB_BUCKETS];
+    return &norvik_get_t(ctx)->table[len][bucket_of(prefix, len)];
 }
 
 std::uint32_t rib_route_search(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, const void *key,
@@ -155,9 +178,55 @@ card_ptr<route_entry> *rib_link(route_entry *entry, const rib_search_result &sea
 {
     if (head != nullptr)
         return rib_ecmp_link(entry, head);
-    entry->next = *search.prev;
-    *search.prev = entry;
+    rib_chain_insert(entry->ctx, entry, search.prev);
     return search.prev;
+}
+
+void rib_chain_insert(std::uint32_t ctx, route_entry *entry, card_ptr<route_entry> *prev)
+{
+    entry->next = *prev;
+    *prev = entry;
+    rib_occupancy &occupied = occupancy_of(ctx);
+    occupied.rows |= std::uint64_t{1} << entry->len;
+    occupied.buckets[entry->len] |= 1u << bucket_of(entry->prefix, entry->len);
+}
+
+route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
+{
+    if ((occupancy_of(ctx).rows >> len & 1) == 0)
+        return nullptr;
+    const std::uint32_t wanted = rib_key(prefix, len);
+    for (route_entry *entry = *rib_bucket(ctx, prefix, len); entry != nullptr; entry = entry->next) {
+        const std::uint32_t key = rib_key(entry->prefix, len);
+        if (key == wanted)
+            return entry;
+        if (wanted < key)
+            return nullptr;
+    }
+    return nullptr;
+}
+
+card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, unsigned *row, unsigned *bucket)
+{
+    rib_occupancy &occupied = occupancy_of(ctx);
+    prefix_tree *const tree = norvik_get_t(ctx);
+    std::uint64_t rows = *row < RIB_ROWS ? occupied.rows >> *row << *row : 0;
+    for (unsigned first = *bucket; rows != 0; rows &= rows - 1) {
+        const auto r = static_cast<unsigned>(std::countr_zero(rows));
+        std::uint32_t &bits = occupied.buckets[r];
+        for (std::uint32_t left = r == *row ? bits >> first << first : bits; left != 0; left &= left - 1) {
+            const auto b = static_cast<unsigned>(std::countr_zero(left));
+            if (tree->table[r][b]) {
+                *row = r;
+                *bucket = b;
+                return &tree->table[r][b];
+            }
+            bits &= ~(1u << b);
+        }
+        if (bits == 0)
+            occupied.rows &= ~(std::uint64_t{1} << r);
+    }
+    return nullptr;
 }
 
 route_entry *rib_entry_alloc(mtrack_type type)
@@ -244,8 +313,8 @@ bool rib_nat_ifid_match(const route_entry *entry, const void *ifid)
 
 int rib_check(std::uint32_t ctx)
 {
-    int faults = 0;
     prefix_tree *const tree = norvik_get_t(ctx);
+    int faults = check_occupancy(tree, ctx);
     for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
         for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket)
             faults += check_chain(tree->table[len][bucket], ctx, len, bucket);

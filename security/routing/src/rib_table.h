@@ -33,9 +33,13 @@ std::uint32_t rib_route_search(std::uint32_t ctx, std::uint32_t prefix, std::uin
                                rib_match match, rib_search_result *result);
 // After a search that found nothing: the chain entry of the same prefix and length that it stopped at, or null.
 route_entry *rib_set_at(const rib_search_result &search, std::uint32_t prefix, std::uint32_t len);
-// Links a new entry where the search stopped: into the set of `head`, or into the chain when `head` is null.
+// Links a new entry where the search in its context stopped: into the set of `head`, or into the chain when it is null.
 // Returns the link that now points at it.
 card_ptr<route_entry> *rib_link(route_entry *entry, const rib_search_result &search, route_entry *head);
+// Puts a new entry into the chain of `ctx` at the link `prev`, where a search in that context stopped.
+void rib_chain_insert(std::uint32_t ctx, route_entry *entry, card_ptr<route_entry> *prev);
+// The chain entry of a masked prefix, without a line logged, or null.
+route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len);
 // A zeroed entry charged to the memory type, or null when memory is short.
 [[nodiscard]] route_entry *rib_entry_alloc(mtrack_type type);
 // Joins `entry` to the set of `head`; returns the link that now points at it. No limit is checked.
@@ -50,19 +54,46 @@ bool rib_nat_encap_match(const route_entry *entry, const void *encap);   // key:
 bool rib_nat_learned_match(const route_entry *entry, const void *range); // key: std::uint32_t[2], low and high
 bool rib_nat_ifid_match(const route_entry *entry, const void *ifid);     // key: std::uint16_t
 
+// Which buckets of a context may hold entries, one bit each, beside the fixed table: a context of few routes is visited
+// without touching a thousand empty heads. Set when a chain gets an entry, cleared when a visit finds the bucket empty.
+struct rib_occupancy {
+    std::uint64_t rows;              // bit n: a bit of row n is set
+    std::uint32_t buckets[RIB_ROWS]; // bit n: bucket n of the row
+};
+extern rib_occupancy rib_occupied[ROUTE_CONTEXTS];
+
+// The first bucket at or behind {*row, *bucket} that holds entries, in the order of rows and buckets. *row and *bucket
+// become its place. Returns null when there is none. bucket: 0 to 31.
+card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, unsigned *row, unsigned *bucket);
+
 // Visits the chain entries of a context (set heads and single entries, no members): rows 0 to 32, in each the buckets
 // 0 to 30, in each the chain. Stops at the first entry that `visit` answers true for and returns it, else null.
 // The successor is read before the visit, so a visit may free its entry.
 template <class Visit> route_entry *rib_find_entry(std::uint32_t ctx, Visit visit)
 {
-    prefix_tree *const tree = norvik_get_t(ctx);
-    for (auto &row : tree->table)
-        for (auto &head : row)
-            for (route_entry *entry = head.get(), *next = nullptr; entry != nullptr; entry = next) {
-                next = entry->next.get();
-                if (visit(entry))
-                    return entry;
-            }
+    unsigned row = 0, bucket = 0;
+    while (const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &row, &bucket)) {
+        for (route_entry *entry = head->get(), *next = nullptr; entry != nullptr; entry = next) {
+            next = entry->next.get();
+            if (visit(entry))
+                return entry;
+        }
+        ++bucket;
+    }
+    return nullptr;
+}
+
+// The first chain entry, in that order, whose prefix is `prefix` and for which `wanted` answers true, or null. It looks
+// only where such an entry can be: for each length that leaves the prefix as it is, at one place of one chain.
+template <class Wanted> route_entry *rib_find_prefix(std::uint32_t ctx, std::uint32_t prefix, Wanted wanted)
+{
+    for (std::uint32_t len = 0; len < RIB_ROWS; ++len) {
+        if ((prefix & ~rib_mask_table[len]) != 0)
+            continue;
+        route_entry *const entry = rib_chain_entry(ctx, prefix, len);
+        if (entry != nullptr && wanted(entry))
+            return entry;
+    }
     return nullptr;
 }
 
