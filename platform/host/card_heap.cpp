@@ -1,17 +1,19 @@
 // card_heap.cpp - the heap inside the card space: route records, tree records, pages for callers.
 //
 // A pool resource cuts ranges of the card space into blocks of a few sizes, since route records come and go by the
-// thousand in two or three sizes; what is larger than a pool block has a range of its own, which goes back to the host.
-// The pool is built in place and never destroyed: the clean-up of a process frees records after the destructors of
-// static objects have run.
-// Under AddressSanitizer a block ends exactly where it was asked to, and a freed block cannot be touched.
-// Always: the pool keeps no word of its own inside a block, so a poisoned block is never read by it.
-// Elsewhere: which ranges are free (card_space.cpp), who holds how much (mtrack.cpp).
+// thousand in two or three sizes; what is larger than a pool block has a range of its own, which goes back to the host,
+// but for the last one up to the size of a caller's page of routes: a listing takes and frees one for each page, and
+// the host's two calls and the page faults cost ten times what filling it does. The pool is built in place and never
+// destroyed: the clean-up of a process frees records after the destructors of static objects have run. Under
+// AddressSanitizer a block ends exactly where it was asked to, and a freed block cannot be touched. Always: the pool
+// keeps no word of its own inside a block, so a poisoned block is never read by it. Elsewhere: which ranges are free
+// (card_space.cpp), who holds how much (mtrack.cpp).
 #include "card_space.h"
 
 #include <cstring>
 #include <memory_resource>
 #include <new>
+#include <utility>
 
 #include <sys/mman.h>
 
@@ -49,11 +51,21 @@ constexpr std::size_t block_bytes(std::size_t bytes)
     return ((bytes == 0 ? 1 : bytes) + RED_ZONE + BLOCK_ALIGN - 1) / BLOCK_ALIGN * BLOCK_ALIGN;
 }
 
+constexpr std::size_t KEPT_RANGE_BYTES = 128 * 1024; // at most, of the range that is kept
+
 // Whole pages of the card space, as the pool asks for them.
 class card_pages : public std::pmr::memory_resource
 {
+    card_addr kept_ = 0; // a freed range that is still accessible; 0: none
+    std::size_t kept_bytes_ = 0;
+
     void *do_allocate(std::size_t bytes, std::size_t align) override
     {
+        if (kept_ != 0 && kept_bytes_ == card_pages_bytes(bytes) && align <= CARD_PAGE_BYTES) {
+            std::byte *const kept = card_at<std::byte>(std::exchange(kept_, 0));
+            allow(kept, kept_bytes_); // the pool may cut it, and then writes into it
+            return kept;
+        }
         const card_addr addr = align <= CARD_PAGE_BYTES ? card_range_take(bytes) : 0;
         if (addr == 0)
             throw std::bad_alloc();
@@ -67,8 +79,17 @@ class card_pages : public std::pmr::memory_resource
 
     void do_deallocate(void *p, std::size_t bytes, std::size_t) override
     {
-        allow(p, card_pages_bytes(bytes)); // the range may become a mapping, where no block is forbidden
-        card_range_give(card_addr_of(p), bytes);
+        card_addr addr = card_addr_of(p);
+        bytes = card_pages_bytes(bytes);
+        if (bytes <= KEPT_RANGE_BYTES) { // takes the place of the one kept so far
+            forbid(p, bytes);
+            std::swap(addr, kept_);
+            std::swap(bytes, kept_bytes_);
+        }
+        if (addr == 0)
+            return;
+        allow(card_at<std::byte>(addr), bytes); // it may become a mapping, where no block is forbidden
+        card_range_give(addr, bytes);
     }
 
     bool do_is_equal(const memory_resource &other) const noexcept override { return this == &other; }

@@ -172,6 +172,29 @@ TEST(card_heap, a_large_block_goes_back_to_the_host)
     EXPECT_EQ(lines_of_map_at(addr, 1 << 20, "---p"), std::size_t{1} << 20);
 }
 
+// One of a caller's page of routes; a larger one between two of them changes nothing.
+TEST(card_heap, the_last_range_of_a_page_of_routes_is_kept_and_comes_back_zeroed)
+{
+    constexpr std::size_t BYTES = 61200;
+    auto *const first = static_cast<unsigned char *>(card_heap_alloc(BYTES));
+    auto *const second = static_cast<unsigned char *>(card_heap_alloc(BYTES));
+    ASSERT_TRUE(first != nullptr && second != nullptr);
+    std::memset(second, 0xA5, BYTES);
+    const card_addr first_page = card_addr_of(first) & ~0xFFFu, second_page = card_addr_of(second) & ~0xFFFu;
+    card_heap_free(first, BYTES);
+    EXPECT_EQ(lines_of_map_at(first_page, 4096, "rw-p"), 4096u);
+    card_heap_free(second, BYTES);
+    EXPECT_EQ(lines_of_map_at(first_page, 4096, "---p"), 4096u) << "one is kept, no more";
+    EXPECT_EQ(lines_of_map_at(second_page, 4096, "rw-p"), 4096u);
+
+    void *const large = card_heap_alloc(1 << 20);
+    card_heap_free(large, 1 << 20);
+    auto *const again = static_cast<unsigned char *>(card_heap_alloc(BYTES));
+    EXPECT_EQ(again, second);
+    EXPECT_TRUE(all_zero(again, BYTES));
+    card_heap_free(again, BYTES);
+}
+
 TEST(mtrack, counts_follow_each_type_and_the_peak_stays)
 {
     static const char *const names[] = {"FIRST", "SECOND"};
@@ -216,5 +239,11 @@ TEST(mtrack, a_freed_block_and_the_bytes_behind_a_block_cannot_be_touched)
     mtrack_free(const_cast<char *>(p));
     EXPECT_DEATH(p[0] = 1, "use-after-poison");
     EXPECT_DEATH(mtrack_free(const_cast<char *>(p)), "use-after-poison");
+
+    p = static_cast<volatile char *>(mtrack_alloc(340, 0, 61200)); // whose range is kept
+    EXPECT_DEATH(p[61200] = 1, "use-after-poison");
+    mtrack_free(const_cast<char *>(p));
+    EXPECT_DEATH(p[0] = 1, "use-after-poison");
+    EXPECT_DEATH(p[61199] = 1, "use-after-poison");
 }
 #endif
