@@ -190,6 +190,22 @@ void make_room(history &h, std::uint64_t bytes)
     publish(h.header->tail, h.tail);
     std::atomic_thread_fence(std::memory_order_release); // the record's bytes come after the tail
 }
+// Writes a record at head_at: header, data, zeros up to its size.
+void write_record(const history &h, const record_header &header, const void *data, std::size_t bytes)
+{
+    constexpr std::uint8_t ZEROS[RECORD_ALIGN] = {};
+    const std::size_t used = sizeof header + bytes;
+    if (h.head_at + header.size <= h.capacity) { // nearly always: nothing wraps
+        std::uint8_t *const at = h.ring + h.head_at;
+        std::memcpy(at + header.size - sizeof ZEROS, ZEROS, sizeof ZEROS); // the data covers what is not padding
+        std::memcpy(at, &header, sizeof header);
+        std::memcpy(at + sizeof header, data, bytes);
+        return;
+    }
+    ring_write(h, h.head_at, &header, sizeof header);
+    ring_write(h, advanced(h, h.head_at, sizeof header), data, bytes);
+    ring_write(h, advanced(h, h.head_at, used), ZEROS, header.size - used);
+}
 } // namespace
 
 int sdwrap_hist_init(std::size_t bytes)
@@ -235,11 +251,7 @@ int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *r
     std::memcpy(header.time_words, &ns, sizeof ns);
 
     make_room(own, size);
-    constexpr std::uint8_t ZEROS[RECORD_ALIGN] = {};
-    const std::size_t used = sizeof header + bytes;
-    ring_write(own, own.head_at, &header, sizeof header);
-    ring_write(own, advanced(own, own.head_at, sizeof header), record, bytes);
-    ring_write(own, advanced(own, own.head_at, used), ZEROS, size - used);
+    write_record(own, header, record, bytes);
     own.head += size;
     own.head_at = advanced(own, own.head_at, size);
     publish(own.header->head, own.head);
