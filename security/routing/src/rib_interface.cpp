@@ -185,8 +185,8 @@ std::uint32_t norvik_remove_interface(std::uint32_t addr, std::uint32_t mask, st
 void norvik_remove_host_ifdown(std::uint16_t ctx, std::uint32_t addr)
 {
     route_log(ROUTE_DBG_INFO, ctx, "norvik_remove_host_ifdown(ip 0x%x)\n", addr);
-    unsigned row = 0, bucket = 0;
-    for (; card_ptr<route_entry> *link = rib_next_bucket(ctx, &row, &bucket); ++bucket)
+    rib_place place;
+    for (; card_ptr<route_entry> *link = rib_next_bucket(ctx, &place); ++place.bucket)
         while (route_entry *entry = *link) {
             if ((entry->flags & RIB_F_ARP_HOST) != 0 && entry->nexthop == addr)
                 drop_host(link);

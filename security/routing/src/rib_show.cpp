@@ -168,15 +168,16 @@ void route_traversal(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *buck
         stopped = stops_in(resume(ctx, norvik_get_t(ctx)->table[l][b], start, l, b));
         b += stopped ? 0 : 1;
     }
+    rib_place place = {l, b};
     while (!stopped) {
-        const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &l, &b);
+        const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &place);
         if (head == nullptr)
             break;
         stopped = stops_in(*head);
-        b += stopped ? 0 : 1;
+        place.bucket += stopped ? 0 : 1;
     }
-    *list = static_cast<std::uint16_t>(stopped ? l : RIB_ROWS);
-    *bucket = static_cast<std::uint16_t>(stopped ? b : 0);
+    *list = static_cast<std::uint16_t>(stopped ? place.row : RIB_ROWS);
+    *bucket = static_cast<std::uint16_t>(stopped ? place.bucket : 0);
     if (!stopped)
         *position = ROUTE_WALK_DONE;
 }

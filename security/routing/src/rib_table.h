@@ -62,24 +62,28 @@ struct rib_occupancy {
 };
 extern rib_occupancy rib_occupied[ROUTE_CONTEXTS];
 
-// The first bucket at or behind {*row, *bucket} that holds entries, in the order of rows and buckets. *row and *bucket
-// become its place. Returns null when there is none. bucket: 0 to 31.
-card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, unsigned *row, unsigned *bucket);
+// A place on the way through a context's buckets: row by row, in each bucket by bucket.
+struct rib_place {
+    unsigned row = 0;
+    unsigned bucket = 0;  // 0 to 31
+    unsigned fetched = 0; // buckets whose chains were fetched together: what rib_next_bucket remembers of its way
+};
+
+// The first bucket at or behind `place` that holds entries; `place` becomes its place. Returns null when there is none.
+card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, rib_place *place);
 
 // Visits the chain entries of a context (set heads and single entries, no members): rows 0 to 32, in each the buckets
 // 0 to 30, in each the chain. Stops at the first entry that `visit` answers true for and returns it, else null.
 // The successor is read before the visit, so a visit may free its entry.
 template <class Visit> route_entry *rib_find_entry(std::uint32_t ctx, Visit visit)
 {
-    unsigned row = 0, bucket = 0;
-    while (const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &row, &bucket)) {
+    rib_place place;
+    for (; const card_ptr<route_entry> *const head = rib_next_bucket(ctx, &place); ++place.bucket)
         for (route_entry *entry = head->get(), *next = nullptr; entry != nullptr; entry = next) {
             next = entry->next.get();
             if (visit(entry))
                 return entry;
         }
-        ++bucket;
-    }
     return nullptr;
 }
 
