@@ -1,0 +1,208 @@
+// bench.cpp - rounds, medians, the machine, tables.
+//
+// The sides of a comparison run in turns, so that what disturbs the machine disturbs them alike, and the median of the
+// rounds drops what struck one of them. The canary's spread (the middle half of its times over its median) is printed
+// with each table: figures of a run with a wide one are not worth comparing with another run's, though the ratios in
+// it may be.
+#include "bench.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+namespace
+{
+constexpr unsigned CANARY_STEPS = 200000;
+
+std::vector<double> canary_times;
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n == 0 ? 0 : (values[(n - 1) / 2] + values[n / 2]) / 2;
+}
+
+// A chain of multiplications: no memory, no branch that is not taken, the same work each time.
+void canary()
+{
+    canary_times.push_back(bench_time(bench_clock::wall, [] {
+        std::uint64_t x = 88172645463325252u;
+        for (unsigned i = 0; i < CANARY_STEPS; ++i)
+            x = x * 6364136223846793005u + 1442695040888963407u;
+        asm volatile("" : : "r"(x)); // it is wanted
+    }));
+}
+
+// Width of the middle half of the canary's times, in parts of their median.
+double canary_spread()
+{
+    if (canary_times.empty())
+        return 0;
+    std::vector<double> sorted = canary_times;
+    std::sort(sorted.begin(), sorted.end());
+    const std::size_t n = sorted.size();
+    return (sorted[n * 3 / 4] - sorted[n / 4]) / median(sorted);
+}
+
+std::string processor()
+{
+    std::ifstream info("/proc/cpuinfo");
+    for (std::string line; std::getline(info, line);)
+        if (line.rfind("model name", 0) == 0)
+            return line.substr(line.find(':') + 2);
+    return "unknown processor";
+}
+
+std::string machine()
+{
+    utsname system{};
+    (void)uname(&system);
+    double load[1] = {0};
+    (void)getloadavg(load, 1);
+    char text[512];
+    (void)std::snprintf(text, sizeof text, "%s, %ld of them, Linux %s, g++ %s, load %.1f", processor().c_str(),
+                        sysconf(_SC_NPROCESSORS_ONLN), system.release, __VERSION__, load[0]);
+    return text;
+}
+
+double ratio_of(const bench_row &row)
+{
+    if (!row.theirs || row.own <= 0 || *row.theirs <= 0)
+        return 0;
+    return row.unit == "/s" ? row.own / *row.theirs : *row.theirs / row.own;
+}
+
+std::string number(double value)
+{
+    char text[64];
+    (void)std::snprintf(text, sizeof text,
+                        value >= 1e6   ? "%.4g"
+                        : value >= 100 ? "%.0f"
+                        : value >= 10  ? "%.1f"
+                                       : "%.2f",
+                        value);
+    return text;
+}
+
+std::string wanted_of(const bench_row &row)
+{
+    if (row.wanted == 0)
+        return "";
+    const bool at_least = row.wanted_is_ratio || row.unit == "/s";
+    return (at_least ? ">= " : "<= ") + number(row.wanted) + (row.wanted_is_ratio ? " x" : "");
+}
+
+// Whether a row reaches what is wanted of it; empty when nothing is, or the peer is missing.
+std::string verdict_of(const bench_row &row)
+{
+    if (row.wanted == 0 || (row.wanted_is_ratio && !row.theirs))
+        return "";
+    const double value = row.wanted_is_ratio ? ratio_of(row) : row.own;
+    const bool at_least = row.wanted_is_ratio || row.unit == "/s";
+    return (at_least ? value >= row.wanted : value <= row.wanted) ? "yes" : "no";
+}
+
+void print_json(const std::string &subject, const std::vector<bench_row> &rows)
+{
+    nlohmann::json out = {{"subject", subject}, {"machine", machine()}, {"canary_spread", canary_spread()}};
+    for (const bench_row &row : rows) {
+        nlohmann::json one = {{"what", row.what}, {"unit", row.unit}, {"own", row.own}};
+        if (!row.peer.empty())
+            one["peer"] = row.peer;
+        if (row.theirs) {
+            one["theirs"] = *row.theirs;
+            one["ratio"] = ratio_of(row);
+        }
+        if (!row.missing.empty())
+            one["missing"] = row.missing;
+        if (row.wanted != 0)
+            one[row.wanted_is_ratio ? "wanted_ratio" : "wanted"] = row.wanted;
+        if (!row.remark.empty())
+            one["remark"] = row.remark;
+        out["rows"].push_back(one);
+    }
+    std::fprintf(bench_report, "%s\n", out.dump().c_str());
+}
+} // namespace
+
+std::FILE *bench_report = stdout;
+
+bench_options bench_start(int argc, char **argv)
+{
+    bench_options options;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--json") == 0) {
+            options.json = true;
+        } else if (std::strcmp(argv[i], "--brief") == 0) {
+            options.brief = true;
+        } else {
+            std::fprintf(stderr, "usage: %s [--json] [--brief]\n", argv[0]);
+            std::exit(2);
+        }
+    }
+    return options;
+}
+
+double bench_time(bench_clock clock, const std::function<void()> &work)
+{
+    const clockid_t id = clock == bench_clock::cpu ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC;
+    timespec before{}, after{};
+    (void)clock_gettime(id, &before);
+    work();
+    (void)clock_gettime(id, &after);
+    return static_cast<double>(after.tv_sec - before.tv_sec) * 1e9 +
+           static_cast<double>(after.tv_nsec - before.tv_nsec);
+}
+
+std::vector<double> bench_rounds(const bench_options &options, unsigned rounds,
+                                 const std::vector<std::function<double()>> &sides)
+{
+    std::vector<std::vector<double>> figures(sides.size());
+    for (unsigned round = 0; round < (options.brief ? 1 : rounds); ++round)
+        for (std::size_t side = 0; side < sides.size(); ++side) {
+            canary();
+            figures[side].push_back(sides[side]());
+        }
+    std::vector<double> medians;
+    for (const std::vector<double> &of_side : figures)
+        medians.push_back(median(of_side));
+    return medians;
+}
+
+void bench_print(const bench_options &options, const std::string &subject, const std::vector<bench_row> &rows)
+{
+    if (options.json)
+        return print_json(subject, rows);
+    std::fprintf(bench_report, "\n### %s\n\n", subject.c_str());
+    std::fprintf(bench_report, "%s; canary spread %.0f %%%s\n\n", machine().c_str(), 100 * canary_spread(),
+                 options.brief ? "; BRIEF, not to be read as a measurement" : "");
+    std::fprintf(
+        bench_report,
+        "| measured | this | peer | | ratio | wanted | reached | remark |\n|---|---|---|---|---|---|---|---|\n");
+    for (const bench_row &row : rows) {
+        const double ratio = ratio_of(row);
+        const std::string theirs = row.theirs ? number(*row.theirs) + " " + row.unit : row.missing;
+        std::fprintf(bench_report, "| %s | %s %s | %s | %s | %s | %s | %s | %s |\n", row.what.c_str(),
+                     number(row.own).c_str(), row.unit.c_str(), theirs.c_str(), row.peer.c_str(),
+                     ratio == 0 ? "" : number(ratio).c_str(), wanted_of(row).c_str(), verdict_of(row).c_str(),
+                     row.remark.c_str());
+    }
+    std::fflush(bench_report);
+}
+
+void bench_require(bool right, const std::string &what)
+{
+    if (right)
+        return;
+    std::fprintf(stderr, "bench: wrong: %s; not timed\n", what.c_str());
+    std::exit(1);
+}

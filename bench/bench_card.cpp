@@ -1,0 +1,105 @@
+// bench_card.cpp - the route manager inside the benchmark's own process, on a card directory of its own.
+//
+// The start-up is the process's (route_mgr.cpp), less what needs a caller: no procedure is served and the loop is not
+// entered. No ARP service answers, so a request for a gateway fails after its link has been looked for.
+#include "bench_card.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include <unistd.h>
+
+#include "bench.h"
+#include "mtrack.h"
+#include "mts.h"
+#include "norvik_init.h"
+#include "norvik_mtrie_pool.h"
+#include "rib_mtrie.h"
+#include "route_ids.h"
+#include "route_mgr.h"
+#include "sdwrap.h"
+#include "sdwrap_gates.h"
+
+namespace
+{
+constexpr std::uint32_t IFID = 5, IF_ADDRESS = 0x0A010001, IF_MASK = 0xFFFF0000;
+constexpr std::size_t IF_RECORD_BYTES = 32, IF_HEADER_BYTES = 64, IF_RECORDS = 8192;
+
+std::string folder;
+constexpr const char *NAMES[ROUTE_DBG_COUNT] = {};
+constexpr const char *TYPES[MTRACK_ROUTE_ENTRY_MAX] = {};
+
+void remove_folder() { std::filesystem::remove_all(folder); }
+
+// The interface manager's database with the one interface.
+void write_interfaces()
+{
+    std::vector<std::uint32_t> words((IF_HEADER_BYTES + IF_RECORD_BYTES * IF_RECORDS) / 4);
+    const std::uint32_t header[] = {0x49464442, 1, IF_RECORD_BYTES, IF_RECORDS};
+    std::memcpy(words.data(), header, sizeof header);
+    const std::uint32_t record[] = {2, 0x0F, 1, 0, IF_ADDRESS, IF_MASK, 0, 0};
+    std::memcpy(words.data() + (IF_HEADER_BYTES + IF_RECORD_BYTES * IFID) / 4, record, sizeof record);
+    std::ofstream(bench_card_file("interfaces"), std::ios::binary)
+        .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
+}
+
+void start_logging()
+{
+    constexpr std::size_t HISTORY_BYTES = 0x10000;
+    bench_require(sdwrap_dbg_init(route_mts_q, "ROUTE Mgr", "ROUTE Mgr", ROUTE_DBG_COUNT, NAMES, 0, 0, 0) == 0,
+                  "debug categories");
+    bench_require(sdwrap_hist_init(HISTORY_BYTES) == 0 && sdwrap_hist_init_for_uuid(ROUTE_HIST_ID, HISTORY_BYTES) == 0,
+                  "event history");
+    for (const std::uint32_t category : {ROUTE_DBG_ERRORS, ROUTE_DBG_EVENTS})
+        bench_require(sdwrap_hist_set_event_subtype(ROUTE_HIST_EVENT, category, 1) == 0, "history gates");
+}
+} // namespace
+
+void bench_card_start()
+{
+    char made[] = "/tmp/bench.XXXXXX";
+    bench_require(mkdtemp(made) != nullptr, "a card directory");
+    folder = made;
+    (void)std::atexit(remove_folder);
+    (void)setenv("CARD_DIR", made, 1);
+    write_interfaces();
+
+    bench_report = fdopen(dup(STDOUT_FILENO), "w");
+    bench_require(bench_report != nullptr && std::freopen(bench_card_file("stdout").c_str(), "a", stdout) != nullptr,
+                  "standard output to a file");
+
+    const mts_bind_options options = {{1, 0, 1024, 0, 0}};
+    route_mts_q = mts_bind(4, ROUTE_MGR_SAP, &options, "Route Manager");
+    bench_require(route_mts_q >= 0, "the message queue");
+    start_logging();
+    bench_require(mtrack_init("ROUTE Manager", ROUTE_MGR_UUID, TYPES, MTRACK_ROUTE_ENTRY_MAX) == 0, "memory types");
+    bench_require(mtrie_pool_init() == 0 && norvik_init_ixp_fib() == 0, "pools and trees");
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        bench_require(route_add_rib_and_mtrie_entry(RIB_F_MCAST_DROP, 0x8001, RIB_OBJ_MCAST_DROP, 0xE0000000, 3, 0,
+                                                    ctx) != nullptr,
+                      "multicast drop entries");
+}
+
+std::string bench_card_file(const char *name) { return folder + "/" + name; }
+
+void bench_card_drop_output()
+{
+    std::fflush(stdout);
+    (void)!ftruncate(STDOUT_FILENO, 0); // opened for appending, so the next line goes to its start
+}
+
+std::uint64_t bench_card_output_lines()
+{
+    std::fflush(stdout);
+    std::ifstream in(bench_card_file("stdout"));
+    std::uint64_t lines = 0;
+    for (std::string line; std::getline(in, line);)
+        lines += line.empty() ? 0u : 1u;
+    return lines;
+}
+
+void bench_card_history(std::uint32_t category, bool open) { sdwrap_switch_history(category, open); }
