@@ -56,7 +56,8 @@ struct card_rpc_delete {
 using card_rpc_ptr = std::unique_ptr<card_rpc, card_rpc_delete>;
 
 // A connection to whoever serves `procedure` (followed through its link in the card directory when it is first needed,
-// and again after a failure). timeout_ms: for each call, from card_rpc_call to its answer.
+// and again after a failure). timeout_ms: for each call, from card_rpc_call or the last answer on the connection,
+// whichever is later, to its own answer: a server that works through a full window is slow, not silent.
 card_rpc_ptr card_rpc_open(std::string procedure, unsigned timeout_ms);
 
 // Queues a call; `done` runs once, inside a later card_rpc_process or card_rpc_wait (never in here).
