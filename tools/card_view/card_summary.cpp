@@ -1,0 +1,78 @@
+// card_summary.cpp - asks for the summaries of all contexts and adds them up.
+#include "card_summary.h"
+
+#include "big_endian.h"
+
+namespace
+{
+constexpr std::size_t RIB_BYTES = 12, FIB_BYTES = 24;
+
+using decoder = bool (*)(const std::vector<std::uint8_t> &block, context_summary &to);
+
+void take_reply(card_summary &summary, unsigned ctx, const card_rpc_reply &reply, const char *procedure, decoder decode)
+{
+    summary.waiting -= 1;
+    if (!reply.ran()) {
+        if (summary.end == CARD_RPC_RAN) {
+            summary.end = reply.end;
+            summary.why = card_rpc_reason(reply, procedure);
+        }
+        return;
+    }
+    if (reply.result != 0 || reply.blocks.size() != 1 || !decode(reply.blocks[0], summary.contexts[ctx]))
+        summary.is_refused = true;
+}
+} // namespace
+
+bool context_summary_rib(const std::vector<std::uint8_t> &block, context_summary &to)
+{
+    if (block.size() != RIB_BYTES)
+        return false;
+    to.connected_nat = get_be32(block.data());
+    to.statics = get_be32(block.data() + 4);
+    return true;
+}
+
+bool context_summary_fib(const std::vector<std::uint8_t> &block, context_summary &to)
+{
+    if (block.size() != FIB_BYTES)
+        return false;
+    to.nodes = get_be32(block.data());
+    to.leaves = get_be32(block.data() + 4);
+    to.blocks = get_be32(block.data() + 8);
+    to.in_fib = get_be32(block.data() + 12);
+    return true;
+}
+
+std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc)
+{
+    static constexpr struct {
+        const char *procedure;
+        decoder decode;
+    } CALLS[] = {{"show_rib_summary", context_summary_rib}, {"show_fib_summary", context_summary_fib}};
+    auto summary = std::make_shared<card_summary>();
+    for (unsigned ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx) {
+        for (const auto &call : CALLS) {
+            summary->waiting += 1;
+            card_rpc_call(rpc, call.procedure, {rpc_u16(ctx), rpc_block()},
+                          [summary, ctx, &call](const card_rpc_reply &reply) {
+                              take_reply(*summary, ctx, reply, call.procedure, call.decode);
+                          });
+        }
+    }
+    return summary;
+}
+
+context_summary card_summary_total(const card_summary &summary)
+{
+    context_summary total{};
+    for (const context_summary &c : summary.contexts) {
+        total.connected_nat += c.connected_nat;
+        total.statics += c.statics;
+        total.in_fib += c.in_fib;
+        total.nodes += c.nodes;
+        total.leaves += c.leaves;
+        total.blocks += c.blocks;
+    }
+    return total;
+}

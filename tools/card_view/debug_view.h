@@ -1,0 +1,38 @@
+// debug_view.h - what the route manager's debug service answers: memory by type and the platform's counters.
+//
+// A request and its answer are a message each, either of which may be lost, so nothing waits here: ask, poll the
+// queue's descriptor, take what came.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+constexpr std::uint32_t DEBUG_VERB_MEMORY = 3, DEBUG_VERB_COUNTERS = 5;
+
+struct debug_memory {
+    std::uint32_t type;
+    std::string name;
+    std::uint64_t live_blocks, live_bytes, peak_bytes;
+};
+
+// One answer; which of the two it is shows in its form.
+struct debug_answer {
+    std::vector<debug_memory> memory;
+    std::map<std::string, std::uint64_t> counters;
+};
+
+// A queue of our own; -1 when none can be had.
+int debug_view_open();
+
+// Sends a request of `verb` to the route manager. Returns false when it cannot take it.
+bool debug_view_ask(int queue, std::uint32_t verb);
+
+// The next answer of the route manager that waits, without waiting. Other messages are dropped. Empty: none.
+std::optional<debug_answer> debug_view_take(int queue);
+
+// Decodes an answer's lines; lines of no known form are left out.
+debug_answer debug_view_parse(std::string_view text);

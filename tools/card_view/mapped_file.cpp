@@ -1,0 +1,65 @@
+// mapped_file.cpp - opens and maps, and tells whether the name has moved on to another file.
+#include "mapped_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+mapped_file::mapped_file(mapped_file &&other) noexcept
+    : bytes(std::exchange(other.bytes, nullptr)), size(other.size), device(other.device), inode(other.inode)
+{
+}
+
+mapped_file &mapped_file::operator=(mapped_file &&other) noexcept
+{
+    std::swap(bytes, other.bytes);
+    std::swap(size, other.size);
+    device = other.device;
+    inode = other.inode;
+    return *this;
+}
+
+mapped_file::~mapped_file()
+{
+    if (bytes != nullptr)
+        (void)munmap(const_cast<void *>(bytes), size);
+}
+
+mapped_file mapped_file_open(const std::string &path, std::size_t least, std::string *why)
+{
+    mapped_file file;
+    // Not waited for: a pipe of this name has no writer.
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat found = {};
+    if (fd < 0 || fstat(fd, &found) != 0) {
+        *why = path + ": " + std::strerror(errno);
+    } else if (!S_ISREG(found.st_mode) || static_cast<std::size_t>(found.st_size) < least) {
+        *why = path + ": no regular file of at least " + std::to_string(least) + " bytes";
+    } else {
+        const std::size_t size = static_cast<std::size_t>(found.st_size);
+        void *const map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        if (map == MAP_FAILED) {
+            *why = path + ": " + std::strerror(errno);
+        } else {
+            file.bytes = map;
+            file.size = size;
+            file.device = found.st_dev;
+            file.inode = found.st_ino;
+        }
+    }
+    if (fd >= 0)
+        (void)close(fd);
+    return file;
+}
+
+bool mapped_file_is_current(const mapped_file &file, const std::string &path)
+{
+    struct stat found = {};
+    return file.is_open() && stat(path.c_str(), &found) == 0 && found.st_dev == file.device &&
+           found.st_ino == file.inode && static_cast<std::size_t>(found.st_size) == file.size;
+}
