@@ -1,0 +1,61 @@
+// manager_link.h - the way to the route manager: events, calls, whether it is there, and whether it has been told.
+//
+// Events and calls reach the route manager on two ways, which it serves in turns; here they are one queue, and what was
+// put in first takes effect first. Before an event is sent the calls ahead of it are answered; before a call is sent
+// the events ahead of it are known to be handled: a request of the debug service behind them is answered (the route
+// manager takes its messages in order). Nothing waits: link_process does what can be done now.
+//
+// While no route manager is there, events are dropped and calls answered with CARD_RPC_UNREACHABLE: one that starts is
+// told everything anew.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "card_rpc.h"
+#include "mts.h"
+
+struct link_item {
+    bool is_event;
+    std::uint32_t opcode;              // of an event
+    std::vector<std::uint8_t> payload; // of an event
+    std::string procedure;             // of a call, as the next two
+    std::vector<card_rpc_arg> args;
+    card_rpc_done done;
+};
+
+struct manager_link {
+    int queue = -1;   // our message queue
+    int watch = -1;   // tells of route managers that come and go
+    card_rpc_ptr rpc; // to the route manager
+    std::deque<link_item> items;
+    bool is_present = false;
+    bool is_unfenced = false; // events were sent, and it is not known whether they are handled
+    bool is_fence_asked = false;
+    std::uint64_t retry_ms = 0;       // no message is sent before: the route manager's queue is full
+    std::uint64_t fence_ms = 0;       // when the request is made again
+    std::function<void()> on_arrival; // a route manager has started, or was found
+    std::function<void(const mts_message &message)> on_message; // other than the link's own
+};
+
+constexpr std::uint32_t CARDSIM_SAP = 515; // first of the card's services beside the route manager
+
+// Binds the queue and looks for a route manager. Returns 0, or -1 with a line on standard error.
+[[nodiscard]] int link_open(manager_link *link, unsigned timeout_ms);
+
+void link_event(manager_link &link, std::uint32_t opcode, const std::vector<std::uint8_t> &payload);
+void link_call(manager_link &link, const std::string &procedure, const std::vector<card_rpc_arg> &args,
+               card_rpc_done done);
+
+// Whether events are on their way: what the route manager knows is about to change.
+bool link_has_events(const manager_link &link);
+// Whether the route manager is there and has handled all there was.
+bool link_is_at_rest(const manager_link &link);
+
+// Handles what has come in and sends what can be sent.
+void link_process(manager_link &link, std::uint64_t now_ms);
+// The time at which link_process has something to do of its own; UINT64_MAX: none.
+std::uint64_t link_next_ms(const manager_link &link, std::uint64_t now_ms);
