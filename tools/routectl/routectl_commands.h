@@ -25,13 +25,13 @@ enum routectl_status : int {
 };
 
 struct routectl_options {
-    bool json = false;    // -j
-    bool oneline = false; // -o
-    bool colour = false;  // standard output is a terminal and NO_COLOR is not set
-    bool go_on = false;   // -f
-    unsigned timeout_ms = 2000;
-    std::string batch; // -b; empty: none
-    std::string card;  // -c; empty: as $CARD_DIR says
+    bool json = false;          // -j
+    bool oneline = false;       // -o
+    bool colour = false;        // standard output is a terminal and NO_COLOR is not set
+    bool go_on = false;         // -f
+    unsigned timeout_ms = 5000; // longer than the route manager waits for others itself
+    std::string batch;          // -b; empty: none
+    std::string card;           // -c; empty: as $CARD_DIR says
 };
 
 // A value that was given for an argument.
@@ -45,6 +45,8 @@ struct routectl_value {
 struct routectl_session {
     card_rpc_ptr route_manager;
     card_rpc_ptr card; // the card's other processes
+    int queue = -1;    // for messages, once one was needed
+    std::uint32_t sap = 0;
 };
 
 struct routectl_command;
@@ -79,16 +81,19 @@ struct routectl_answer {
 };
 routectl_answer routectl_error(int status, std::string error);
 
-// A change that is one remote call, so that a batch can have many of them outstanding.
+// A change that is one remote call, so that a batch can have many of them outstanding. It is done when the call answers
+// 0.
 struct routectl_change {
     std::string procedure;
     std::vector<card_rpc_arg> args;
-    std::uint32_t ctx;     // of the history lines that explain a refusal
-    std::uint32_t address; // that such a line names
+    std::uint32_t ctx = 0;               // of the history lines that explain a refusal
+    std::uint32_t address = 0, last = 0; // the range of addresses of which such a line names one
+    bool answers_nothing = false;        // the call answers 0 also when it failed: the history tells
+    std::string error;                   // not empty: the words make no sense, nothing is to be called
 };
 
 // One command. `arguments` is its usage and its grammar: capitals are values (the kind by the name, see
-// routectl_grammar.cpp: PREFIX, ADDR, CTX, IFID, ENCAP, COUNT, COPY, CATEGORY ...), other words stand for themselves,
+// grammar.cpp: PREFIX, ADDR, CTX, IFID, ENCAP, COUNT, COPY, CATEGORY ...), other words stand for themselves,
 // a|b is a choice of words, [ ] can be left out, "word VALUE" is a value after its word. Values with a word and words
 // in brackets come in any order. A value is found under its word, or under its own name in lower case; a choice of
 // words under the first of them. Example: "PREFIX via NEXTHOP [ctx CTX]" gives values "prefix", "via" and "ctx".
@@ -115,7 +120,7 @@ card_rpc &routectl_card(const routectl_call &call);
 card_rpc_reply routectl_ask(const routectl_call &call, const std::string &procedure,
                             const std::vector<card_rpc_arg> &args);
 // What a call that did not run means for the user: status 3 (or 2 for what the server does not accept) and a sentence.
-routectl_answer routectl_not_run(const routectl_call &call, const card_rpc_reply &reply, const std::string &procedure);
+routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure);
 
 // Text forms.
 std::string routectl_dotted(std::uint32_t address);

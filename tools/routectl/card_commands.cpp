@@ -1,0 +1,146 @@
+// card_commands.cpp - the card's other processes: interfaces, hosts, what the supervisor was told.
+//
+// `if show` reads the interface database, which the interface manager writes for all; the rest are procedures of the
+// program that plays these processes (cardsim).
+#include <sstream>
+
+#include <unistd.h>
+
+#include "address_text.h"
+#include "card_dir.h"
+#include "if_mgr.h"
+#include "routectl_commands.h"
+
+namespace
+{
+using json = nlohmann::ordered_json;
+constexpr std::uint32_t INTERFACES = 8192;
+
+json number_or_null(std::int32_t value) { return value < 0 ? json(nullptr) : json(value); }
+
+// The record of an interface; null when there is none.
+json interface_json(std::uint32_t ifid)
+{
+    std::uint32_t mode = 0, address = 0, mask = 0;
+    if (if_get_address(ifid, &mode, nullptr) != 0)
+        return nullptr;
+    const bool has_address = if_get_ip(ifid, &address, &mask) == 0;
+    return {{"interface", ifid},
+            {"state", if_get_status(ifid) == 1 ? "up" : "down"},
+            {"address", has_address ? json(routectl_dotted(address)) : json(nullptr)},
+            {"mask", has_address ? json(routectl_dotted(mask)) : json(nullptr)},
+            {"context", number_or_null(if_get_context_id(ifid))},
+            {"mode", mode},
+            {"bridge", mode == IF_RMODE_ROUTED ? json(nullptr) : json(if_get_bvi(ifid))},
+            {"vlan", number_or_null(if_get_vlanid(ifid))}};
+}
+
+routectl_answer if_show(const routectl_call &call)
+{
+    const std::string database = card_dir_path() + "/interfaces";
+    if (access(database.c_str(), R_OK) != 0)
+        return routectl_error(ROUTECTL_UNREACHABLE, database + ": there is no interface database");
+    routectl_answer answer;
+    answer.records_key = "interfaces";
+    answer.columns = {{"interface", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
+                      {"context", "CTX"},         {"mode", "MODE"},   {"bridge", "BRIDGE"},   {"vlan", "VLAN"}};
+    const routectl_value *const one = routectl_given(call, "ifid");
+    for (std::uint32_t ifid = one == nullptr ? 0 : one->number; ifid < (one == nullptr ? INTERFACES : one->number + 1);
+         ++ifid)
+        if (json record = interface_json(ifid); !record.is_null())
+            answer.records.push_back(std::move(record));
+    if (one != nullptr && answer.records.empty())
+        return routectl_error(ROUTECTL_REFUSED, "refused: there is no interface " + one->text);
+    return answer;
+}
+
+// Calls a procedure of the card's other processes that answers with an error number.
+routectl_answer card_change(const routectl_call &call, const std::string &procedure,
+                            const std::vector<std::uint32_t> &numbers)
+{
+    constexpr const char *ERRORS[] = {"", "there is no such interface", "it exists already",
+                                      "that is not possible for it", "it is not there"};
+    std::vector<card_rpc_arg> args;
+    for (const std::uint32_t number : numbers)
+        args.push_back(rpc_u32(number));
+    const card_rpc_reply reply = card_rpc_call_wait(routectl_card(call), procedure, args);
+    if (!reply.ran())
+        return routectl_not_run(reply, procedure);
+    if (reply.result == 0)
+        return {};
+    return routectl_error(ROUTECTL_REFUSED,
+                          "refused: " + (reply.result < std::size(ERRORS) ? std::string(ERRORS[reply.result])
+                                                                          : "error " + std::to_string(reply.result)));
+}
+
+std::uint32_t interface_of(const routectl_call &call) { return routectl_number(call, "ifid", 0); }
+
+routectl_answer if_create(const routectl_call &call)
+{
+    const routectl_value &address = *routectl_given(call, "address");
+    return card_change(call, "cardsim_if_create",
+                       {interface_of(call), routectl_number(call, "ctx", 0), address.number, address.mask,
+                        routectl_number(call, "mode", IF_RMODE_ROUTED)});
+}
+
+routectl_answer if_up(const routectl_call &call)
+{
+    return card_change(call, "cardsim_if_state", {interface_of(call), 1});
+}
+routectl_answer if_down(const routectl_call &call)
+{
+    return card_change(call, "cardsim_if_state", {interface_of(call), 0});
+}
+routectl_answer if_delete(const routectl_call &call)
+{
+    return card_change(call, "cardsim_if_delete", {interface_of(call)});
+}
+
+routectl_answer if_address(const routectl_call &call)
+{
+    const routectl_value &address = *routectl_given(call, "address");
+    return card_change(call, "cardsim_if_address", {interface_of(call), address.number, address.mask});
+}
+
+routectl_answer host_add(const routectl_call &call)
+{
+    return card_change(
+        call, "cardsim_host_add",
+        {routectl_number(call, "if", 0), routectl_number(call, "addr", 0), routectl_number(call, "encap", 0)});
+}
+
+routectl_answer host_del(const routectl_call &call)
+{
+    return card_change(call, "cardsim_host_del", {routectl_number(call, "if", 0), routectl_number(call, "addr", 0)});
+}
+
+routectl_answer supervisor_show(const routectl_call &call)
+{
+    const char *const procedure = "cardsim_advertisements";
+    const card_rpc_reply reply = card_rpc_call_wait(routectl_card(call), procedure, {rpc_block()});
+    if (!reply.ran())
+        return routectl_not_run(reply, procedure);
+    routectl_answer answer;
+    answer.records_key = "advertisements";
+    answer.columns = {{"line", "ADVERTISEMENT"}};
+    std::istringstream text(std::string(reply.blocks[0].begin(), reply.blocks[0].end()));
+    for (std::string line; std::getline(text, line);)
+        if (line.erase(line.find_last_not_of('\0') + 1); !line.empty())
+            answer.records.push_back({{"line", line}});
+    return answer;
+}
+
+constexpr routectl_command ROWS[] = {
+    {"if show", "[IFID]", "List the interfaces of the card", if_show},
+    {"if create", "IFID ADDRESS [ctx CTX] [mode MODE]", "Make an interface; it is down at first", if_create},
+    {"if up", "IFID", "Bring an interface up", if_up},
+    {"if down", "IFID", "Take an interface down", if_down},
+    {"if delete", "IFID", "Delete an interface", if_delete},
+    {"if address", "IFID ADDRESS", "Give an interface another address", if_address},
+    {"host add", "ADDR if IFID [encap ENCAP]", "Let a neighbour appear on an interface", host_add},
+    {"host del", "ADDR if IFID", "Let a neighbour go", host_del},
+    {"supervisor", "", "List what was advertised to the supervisor", supervisor_show},
+};
+} // namespace
+
+std::span<const routectl_command> routectl_card_commands() { return ROWS; }

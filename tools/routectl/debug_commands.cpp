@@ -1,0 +1,212 @@
+// debug_commands.cpp - the debug service of the route manager, and how full the pools are.
+//
+// A switch is a message without an answer. So a question is sent behind it: once that is answered, the switch was
+// thrown, and a route manager that is silent does not pass for one that obeyed.
+#include <chrono>
+
+#include <poll.h>
+
+#include "big_endian.h"
+#include "card_dir.h"
+#include "card_view/debug_view.h"
+#include "card_view/history_view.h"
+#include "card_view/pools_view.h"
+#include "mts.h"
+#include "route_ids.h"
+#include "routectl_commands.h"
+
+namespace
+{
+using json = nlohmann::ordered_json;
+using steady = std::chrono::steady_clock;
+constexpr std::uint32_t VERB_OUTPUT = 1, VERB_HISTORY = 2, VERB_SYSLOG = 4, ALL_CONTEXTS = 0xFFFFFFFF;
+
+struct debug_request {
+    std::uint32_t verb, category, context, value;
+};
+
+routectl_answer silent(const std::string &what)
+{
+    return routectl_error(ROUTECTL_UNREACHABLE, "the route manager " + what);
+}
+
+bool queue_open(const routectl_call &call)
+{
+    if (call.session.queue < 0)
+        call.session.queue = debug_view_open();
+    return call.session.queue >= 0;
+}
+
+// Waits for the answer to a request of `verb`; answers to earlier ones, that came too late for them, are passed over.
+std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t verb)
+{
+    const auto deadline = steady::now() + std::chrono::milliseconds(call.options.timeout_ms);
+    for (;;) {
+        while (std::optional<debug_answer> answer = debug_view_take(call.session.queue))
+            if (verb == DEBUG_VERB_MEMORY ? !answer->memory.empty() : !answer->counters.empty())
+                return answer;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
+        pollfd waited{call.session.queue, POLLIN, 0};
+        if (left <= 0)
+            return std::nullopt;
+        (void)poll(&waited, 1, static_cast<int>(left)); // whatever ends it: what came is looked at
+    }
+}
+
+// Asks a question of the debug service. Returns its answer, or none with `error` set.
+std::optional<debug_answer> ask(const routectl_call &call, std::uint32_t verb, routectl_answer &error)
+{
+    if (!queue_open(call)) {
+        error = routectl_error(ROUTECTL_UNREACHABLE, "no message queue can be had in " + card_dir_path());
+        return std::nullopt;
+    }
+    while (debug_view_take(call.session.queue))
+        ; // answers to questions that were given up
+    if (!debug_view_ask(call.session.queue, verb)) {
+        error = silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+        return std::nullopt;
+    }
+    std::optional<debug_answer> answer = answer_wait(call, verb);
+    if (!answer)
+        error = silent("did not answer the debug service's request in time");
+    return answer;
+}
+
+// Throws a switch and makes sure that it was thrown.
+routectl_answer throw_switch(const routectl_call &call, const debug_request &request)
+{
+    constexpr mts_address ROUTE_MANAGER = {MTS_NODE_LOCAL, ROUTE_MGR_SAP};
+    routectl_answer answer;
+    std::uint8_t payload[16];
+    put_be32(payload, request.verb);
+    put_be32(payload + 4, request.category);
+    put_be32(payload + 8, request.context);
+    put_be32(payload + 12, request.value);
+    if (!queue_open(call) ||
+        mts_send(call.session.queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, payload, sizeof payload) != 0)
+        return silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+    (void)ask(call, DEBUG_VERB_COUNTERS, answer);
+    return answer;
+}
+
+// The choice "on|off" has "on" as its first.
+bool is_on(const routectl_call &call) { return routectl_number(call, "on", 0) == 0; }
+
+routectl_answer debug_switch(const routectl_call &call)
+{
+    const std::uint32_t ctx = routectl_number(call, "ctx", ALL_CONTEXTS);
+    routectl_answer answer =
+        throw_switch(call, {VERB_OUTPUT, routectl_number(call, "category", 0), ctx, is_on(call) ? 1u : 0u});
+    if (answer.status == ROUTECTL_DONE)
+        answer.facts = {{"category", routectl_given(call, "category")->text},
+                        {"context", ctx == ALL_CONTEXTS ? json("all") : json(ctx)},
+                        {"debug", is_on(call) ? "on" : "off"}};
+    return answer;
+}
+
+routectl_answer keep_switch(const routectl_call &call)
+{
+    routectl_answer answer =
+        throw_switch(call, {VERB_HISTORY, routectl_number(call, "category", 0), ALL_CONTEXTS, is_on(call) ? 1u : 0u});
+    if (answer.status == ROUTECTL_DONE)
+        answer.facts = {{"category", routectl_given(call, "category")->text}, {"history", is_on(call) ? "on" : "off"}};
+    return answer;
+}
+
+routectl_answer syslog_level(const routectl_call &call)
+{
+    const std::uint32_t level = routectl_number(call, "level", 0);
+    routectl_answer answer = throw_switch(call, {VERB_SYSLOG, 0, 0, level});
+    if (answer.status == ROUTECTL_DONE)
+        answer.facts = {{"level", level}};
+    return answer;
+}
+
+routectl_answer memory_show(const routectl_call &call)
+{
+    routectl_answer answer;
+    const std::optional<debug_answer> said = ask(call, DEBUG_VERB_MEMORY, answer);
+    if (!said)
+        return answer;
+    answer.records_key = "types";
+    answer.columns = {{"type", "TYPE"},
+                      {"name", "NAME"},
+                      {"live_blocks", "BLOCKS"},
+                      {"live_bytes", "BYTES"},
+                      {"peak_bytes", "PEAK BYTES"}};
+    for (const debug_memory &m : said->memory)
+        answer.records.push_back({{"type", m.type},
+                                  {"name", m.name},
+                                  {"live_blocks", m.live_blocks},
+                                  {"live_bytes", m.live_bytes},
+                                  {"peak_bytes", m.peak_bytes}});
+    return answer;
+}
+
+routectl_answer counters_show(const routectl_call &call)
+{
+    routectl_answer answer;
+    const std::optional<debug_answer> said = ask(call, DEBUG_VERB_COUNTERS, answer);
+    if (!said)
+        return answer;
+    answer.records_key = "counters";
+    answer.columns = {{"name", "NAME"}, {"value", "VALUE"}};
+    for (const auto &[name, value] : said->counters)
+        answer.records.push_back({{"name", name}, {"value", value}});
+    return answer;
+}
+
+routectl_answer pools_answer(const pools_view &view)
+{
+    routectl_answer answer;
+    answer.facts["source"] = view.source;
+    answer.records_key = "pools";
+    answer.columns = {{"name", "POOL"}, {"used", "USED"}, {"free", "FREE"}, {"total", "TOTAL"}, {"percent", "%"}};
+    for (const pool_use &pool : view.pools)
+        answer.records.push_back({{"name", pool.name},
+                                  {"used", pool.used},
+                                  {"free", pool.total - pool.used},
+                                  {"total", pool.total},
+                                  {"percent", pool.used * 100 / pool.total}});
+    return answer;
+}
+
+routectl_answer pools_direct(const routectl_call &call)
+{
+    std::string why;
+    const auto copy = static_cast<table_copy>(routectl_number(call, "copy", COPY_WIRED));
+    const table_view view = table_open(card_dir_path(), copy, card_conf_get().wired_phys_base, &why);
+    if (!view.is_open())
+        return routectl_error(ROUTECTL_UNREACHABLE, why);
+    return pools_answer(pools_from_table(view));
+}
+
+routectl_answer pools_show(const routectl_call &call)
+{
+    if (routectl_given(call, "--direct") != nullptr || routectl_given(call, "copy") != nullptr)
+        return pools_direct(call);
+    card_rpc &rpc = routectl_route_manager(call);
+    const std::shared_ptr<card_summary> summary = card_summary_ask(rpc);
+    while (!summary->is_over())
+        card_rpc_wait(rpc, card_rpc_pending(rpc));
+    if (summary->end != CARD_RPC_RAN) {
+        card_rpc_reply failed;
+        failed.end = summary->end;
+        return routectl_not_run(failed, "show_fib_summary");
+    }
+    if (summary->is_refused)
+        return routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the summary");
+    return pools_answer(pools_from_summary(*summary));
+}
+
+constexpr routectl_command ROWS[] = {
+    {"debug", "CATEGORY on|off [ctx CTX]", "Switch the debug output of a category", debug_switch},
+    {"keep", "CATEGORY on|off", "Switch whether the event history keeps a category", keep_switch},
+    {"syslog", "LEVEL", "Set the least severe level that goes to syslog", syslog_level},
+    {"memory", "", "Show the route manager's memory, by what it is for", memory_show},
+    {"counters", "", "Show the platform's counters of the route manager", counters_show},
+    {"pools", "[--direct] [copy COPY]", "Show how full the pools of the hardware tables are", pools_show},
+};
+} // namespace
+
+std::span<const routectl_command> routectl_debug_commands() { return ROWS; }

@@ -1,0 +1,102 @@
+// main.cpp - routectl: see and drive the route manager of a card.
+//
+// A command on the command line, a batch, or a prompt; the exit status says how it ended (routectl_commands.h).
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "batch.h"
+#include "card_dir.h"
+#include "execute.h"
+#include "grammar.h"
+#include "options.h"
+#include "output.h"
+#include "prompt.h"
+
+namespace
+{
+// For the shell's completion: the words that can stand where the last argument does.
+int print_completions(std::vector<std::string> words)
+{
+    const std::string begun = words.empty() ? "" : words.back();
+    if (!words.empty())
+        words.pop_back();
+    for (const std::string &word : grammar_complete(words, begun, grammar_values::leave_out))
+        std::printf("%s\n", word.c_str());
+    return ROUTECTL_DONE;
+}
+
+// The card directory has to be there: nothing that could answer meets in one that this program would make.
+std::string card_missing(const routectl_options &options)
+{
+    if (!options.card.empty())
+        (void)setenv("CARD_DIR", options.card.c_str(), 1);
+    const char *const given = std::getenv("CARD_DIR");
+    const std::string path = given != nullptr && *given != 0 ? given : "/run/card";
+    struct stat st = {};
+    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return path + ": there is no card directory";
+    return card_dir_path().empty() ? path + ": the card directory is refused" : "";
+}
+
+int print_help(const std::vector<std::string> &words)
+{
+    std::vector<std::string> asked = words;
+    asked.insert(asked.begin(), "help");
+    const grammar_result help = grammar_parse(asked);
+    if (!help.error.empty())
+        return std::fprintf(stderr, "routectl: %s\n", help.error.c_str()), ROUTECTL_USAGE;
+    std::printf("%s%s", help.help.c_str(), words.empty() ? options_help() : "");
+    return ROUTECTL_DONE;
+}
+
+int end_with(const routectl_options &options, const std::string &command, const routectl_answer &answer)
+{
+    output_answer(options, command, answer);
+    return answer.status;
+}
+
+int run(const routectl_options &options, const std::vector<std::string> &words)
+{
+    routectl_session session;
+    if (!options.batch.empty())
+        return end_with(options, "batch", batch_run(options, session));
+    if (words.empty())
+        return prompt_run(options, session);
+    const executed_command ended = execute_words(options, session, words);
+    return end_with(options, ended.command, ended.answer);
+}
+
+bool is_terminal() { return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0; }
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words[0] == "--complete")
+        return print_completions({words.begin() + 1, words.end()});
+    routectl_options options;
+    const char *const no_colour = std::getenv("NO_COLOR");
+    options.colour = isatty(STDOUT_FILENO) != 0 && (no_colour == nullptr || *no_colour == 0);
+    bool is_help = false;
+    std::string wrong = options_take(words, options, is_help);
+    if (wrong.empty() && is_help && !options.json)
+        return print_help(words);
+    if (wrong.empty() && !options.batch.empty() && !words.empty())
+        wrong = "a batch has its commands in its file, not on the command line";
+    if (wrong.empty() && options.batch.empty() && words.empty() && (!is_terminal() || options.json))
+        wrong = "no command; -b - reads commands from standard input, help lists them";
+    if (!wrong.empty())
+        return end_with(options, "", routectl_error(ROUTECTL_USAGE, wrong));
+    // What is not understood is said before what is missing.
+    const grammar_result parsed = words.empty() ? grammar_result{} : grammar_parse(words);
+    if (words.empty() || parsed.command != nullptr)
+        if (const std::string missing = card_missing(options); !missing.empty())
+            return end_with(options, parsed.command == nullptr ? "" : parsed.command->words,
+                            routectl_error(ROUTECTL_UNREACHABLE, missing));
+    return run(options, words);
+}

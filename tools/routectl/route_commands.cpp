@@ -1,0 +1,337 @@
+// route_commands.cpp - what the route manager itself is asked: routes, hosts, NAT pools, advertisements.
+//
+// Listings come in pages behind a cursor that the caller keeps. A page begins with the entry at which the last one
+// stopped; what changed meanwhile may show twice or not at all, as it may for any reader of a table that lives.
+// Elsewhere: why a change was refused (refusal.cpp), the words (grammar.cpp), how it is printed (output.cpp).
+#include "address_text.h"
+#include "big_endian.h"
+#include "card_view/card_summary.h"
+#include "route_entry.h"
+#include "route_ids.h"
+#include "routectl_commands.h"
+
+namespace
+{
+using json = nlohmann::ordered_json;
+constexpr std::size_t RECORD_BYTES = 24;
+constexpr std::uint32_t LIST_DONE = 0xFFFFFFFF;
+constexpr std::uint32_t METRIC_WITHDRAW = 0xFFFF, DEFAULT_METRIC = 1;
+constexpr std::uint32_t HOST_LENGTH = 32;
+
+std::uint32_t context_of(const routectl_call &call) { return routectl_number(call, "ctx", 0); }
+
+// A record of a listing.
+struct route_record {
+    std::uint32_t prefix, length, nexthop, route_id, ifid, flags, encap;
+};
+
+route_record record_decode(const std::uint8_t *from)
+{
+    return {get_be32(from),      get_be32(from + 4),  get_be32(from + 8), get_be32(from + 12),
+            get_be16(from + 16), get_be16(from + 18), get_be32(from + 20)};
+}
+
+const char *kind_of(std::uint32_t flags)
+{
+    constexpr struct {
+        std::uint32_t flag;
+        const char *kind;
+    } KINDS[] = {{RIB_F_MCAST_DROP, "drop"},     {RIB_F_NAT, "nat"},
+                 {RIB_F_GATEWAY, "static"},      {RIB_F_ARP_HOST, "host"},
+                 {RIB_F_CONNECTED, "connected"}, {RIB_F_INTERFACE, "interface"}};
+    for (const auto &[flag, kind] : KINDS)
+        if ((flags & flag) != 0)
+            return kind;
+    return "other";
+}
+
+json flag_names(std::uint32_t flags)
+{
+    constexpr const char *NAMES[] = {"arp-host",  "arp-installed", "gateway", "in-mtrie",   "interface",
+                                     "connected", "ecmp",          "nat",     "mcast-drop", "nat-in-mtrie"};
+    json names = json::array();
+    for (unsigned i = 0; i < std::size(NAMES); ++i)
+        if ((flags >> i & 1) != 0)
+            names.push_back(NAMES[i]);
+    return names;
+}
+
+json record_json(const route_record &r, std::uint32_t ctx)
+{
+    return {{"context", ctx},           {"prefix", routectl_prefix(r.prefix, r.length)},
+            {"kind", kind_of(r.flags)}, {"nexthop", r.nexthop == 0 ? json(nullptr) : json(routectl_dotted(r.nexthop))},
+            {"interface", r.ifid},      {"encap", routectl_hex(r.encap, 4)},
+            {"route_id", r.route_id},   {"flags", flag_names(r.flags)}};
+}
+
+// Which records of a listing are wanted.
+struct route_wanted {
+    const routectl_value *prefix; // null: all
+    bool operator()(const route_record &r) const
+    {
+        if (prefix == nullptr)
+            return true;
+        if (prefix->text == "default")
+            return r.length == 0;
+        return r.length >= address_mask_length(prefix->mask) && (r.prefix & prefix->mask) == prefix->number;
+    }
+};
+
+// Appends the routes of one context to the answer. Returns false with the answer an error.
+bool list_context(const routectl_call &call, const char *procedure, std::uint32_t ctx, routectl_answer &answer)
+{
+    const route_wanted wanted{routectl_given(call, "prefix")};
+    std::vector<std::uint32_t> cursor = {0, 0, 0};
+    while (cursor[2] != LIST_DONE) {
+        const card_rpc_reply reply =
+            routectl_ask(call, procedure,
+                         {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()});
+        if (!reply.ran()) {
+            answer = routectl_not_run(reply, procedure);
+            return false;
+        }
+        if (reply.refs == cursor || reply.blocks[0].size() != reply.result * RECORD_BYTES) {
+            answer = routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the listing");
+            return false;
+        }
+        for (std::size_t at = 0; at < reply.blocks[0].size(); at += RECORD_BYTES)
+            if (const route_record record = record_decode(&reply.blocks[0][at]); wanted(record))
+                answer.records.push_back(record_json(record, ctx));
+        cursor = reply.refs;
+    }
+    return true;
+}
+
+// First and last context that the words ask for.
+struct context_range {
+    std::uint32_t first, last;
+};
+context_range contexts_of(const routectl_call &call)
+{
+    if (routectl_given(call, "all") != nullptr)
+        return {0, ROUTE_CONTEXTS - 1};
+    return {context_of(call), context_of(call)};
+}
+
+routectl_answer list_routes(const routectl_call &call, const char *procedure)
+{
+    routectl_answer answer;
+    answer.records_key = "routes";
+    answer.columns = {{"context", "CTX"},         {"prefix", "PREFIX"}, {"kind", "KIND"},  {"nexthop", "NEXT HOP"},
+                      {"interface", "INTERFACE"}, {"encap", "ENCAP"},   {"flags", "FLAGS"}};
+    const context_range contexts = contexts_of(call);
+    for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
+        if (!list_context(call, procedure, ctx, answer))
+            break;
+    return answer;
+}
+
+routectl_answer route_show(const routectl_call &call) { return list_routes(call, "show_rib_print"); }
+routectl_answer fib_show(const routectl_call &call) { return list_routes(call, "show_fib_print"); }
+
+json summary_json(const context_summary &summary, std::uint32_t ctx)
+{
+    return {{"context", ctx},
+            {"static", summary.statics},
+            {"connected_and_nat", summary.connected_nat},
+            {"in_fib", summary.in_fib},
+            {"nodes", summary.nodes},
+            {"leaves", summary.leaves},
+            {"ecmp_blocks", summary.blocks}};
+}
+
+// Appends the counts of one context. Returns false with the answer an error.
+bool summarise_context(const routectl_call &call, std::uint32_t ctx, routectl_answer &answer)
+{
+    context_summary summary{};
+    constexpr struct {
+        const char *procedure;
+        bool (*decode)(const std::vector<std::uint8_t> &block, context_summary &to);
+    } HALVES[] = {{"show_rib_summary", context_summary_rib}, {"show_fib_summary", context_summary_fib}};
+    for (const auto &[procedure, decode] : HALVES) {
+        const card_rpc_reply reply = routectl_ask(call, procedure, {rpc_u16(ctx), rpc_block()});
+        if (!reply.ran()) {
+            answer = routectl_not_run(reply, procedure);
+            return false;
+        }
+        if (!decode(reply.blocks[0], summary)) {
+            answer = routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the summary");
+            return false;
+        }
+    }
+    answer.records.push_back(summary_json(summary, ctx));
+    return true;
+}
+
+routectl_answer route_summary(const routectl_call &call)
+{
+    routectl_answer answer;
+    answer.records_key = "contexts";
+    answer.columns = {
+        {"context", "CTX"}, {"static", "STATIC"}, {"connected_and_nat", "CONNECTED+NAT"}, {"in_fib", "IN FIB"},
+        {"nodes", "NODES"}, {"leaves", "LEAVES"}, {"ecmp_blocks", "ECMP BLOCKS"}};
+    const context_range contexts = contexts_of(call);
+    for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
+        if (!summarise_context(call, ctx, answer))
+            break;
+    return answer;
+}
+
+routectl_answer route_get(const routectl_call &call)
+{
+    const routectl_value &address = *routectl_given(call, "addr");
+    const card_rpc_reply reply =
+        routectl_ask(call, "slowpath_route_lookup", {rpc_u16(context_of(call)), rpc_u32(address.number), rpc_ref32(0)});
+    if (!reply.ran())
+        return routectl_not_run(reply, "slowpath_route_lookup");
+    if (reply.result != 0)
+        return routectl_error(ROUTECTL_REFUSED, "refused: no route to " + address.text + " in context " +
+                                                    std::to_string(context_of(call)));
+    routectl_answer answer;
+    answer.facts = {
+        {"context", context_of(call)}, {"address", address.text}, {"nexthop", routectl_dotted(reply.refs[0])}};
+    return answer;
+}
+
+routectl_answer fib_get(const routectl_call &call)
+{
+    const routectl_value &prefix = *routectl_given(call, "prefix");
+    const card_rpc_reply reply =
+        routectl_ask(call, "mtrie_lookup_exact_stub",
+                     {rpc_u32(context_of(call)), rpc_u32(prefix.number), rpc_u32(prefix.mask), rpc_ref32(0)});
+    const std::string name = routectl_prefix(prefix.number, address_mask_length(prefix.mask));
+    if (!reply.ran())
+        return routectl_not_run(reply, "mtrie_lookup_exact_stub");
+    if (reply.result != 0)
+        return routectl_error(ROUTECTL_REFUSED, "refused: the trie of context " + std::to_string(context_of(call)) +
+                                                    " has no leaf for " + name);
+    routectl_answer answer;
+    answer.facts = {{"context", context_of(call)}, {"prefix", name}, {"interface", reply.refs[0]}};
+    return answer;
+}
+
+routectl_answer route_full(const routectl_call &call)
+{
+    const routectl_value &prefix = *routectl_given(call, "prefix");
+    const std::uint32_t ctx = context_of(call);
+    const card_rpc_reply reply = routectl_ask(
+        call, "rib_max_ecmp_route",
+        {rpc_u16(ctx), rpc_u32(routectl_number(call, "id", ctx)), rpc_u32(prefix.number), rpc_u32(prefix.mask)});
+    if (!reply.ran())
+        return routectl_not_run(reply, "rib_max_ecmp_route");
+    routectl_answer answer;
+    answer.facts = {{"context", ctx},
+                    {"prefix", routectl_prefix(prefix.number, address_mask_length(prefix.mask))},
+                    {"full", reply.result != 0}};
+    return answer;
+}
+
+// A change that concerns the addresses from `address` to `last`.
+routectl_change change_of(const routectl_call &call, const char *procedure, std::vector<card_rpc_arg> args,
+                          std::uint32_t address, std::uint32_t last)
+{
+    routectl_change change;
+    change.procedure = procedure;
+    change.args = std::move(args);
+    change.ctx = context_of(call);
+    change.address = address;
+    change.last = last;
+    return change;
+}
+
+routectl_change route_change(const routectl_call &call, const char *procedure)
+{
+    const routectl_value &prefix = *routectl_given(call, "prefix");
+    const std::uint32_t ctx = context_of(call);
+    return change_of(call, procedure,
+                     {rpc_u16(ctx), rpc_u32(routectl_number(call, "id", ctx)), rpc_u32(prefix.number),
+                      rpc_u32(prefix.mask), rpc_u32(routectl_number(call, "via", 0))},
+                     prefix.number, prefix.number);
+}
+
+routectl_change route_add(const routectl_call &call) { return route_change(call, "rib_add_route"); }
+routectl_change route_del(const routectl_call &call) { return route_change(call, "rib_remove_route"); }
+
+routectl_change arp_add(const routectl_call &call)
+{
+    const std::uint32_t address = routectl_number(call, "addr", 0);
+    return change_of(call, "arp_prefix_mgr_add_route",
+                     {rpc_u16(RIB_OBJ_ARP_HOST), rpc_u32(address), rpc_u32(HOST_LENGTH),
+                      rpc_u16(routectl_number(call, "encap", 0)), rpc_u16(routectl_number(call, "if", 0)),
+                      rpc_u32(context_of(call))},
+                     address, address);
+}
+
+routectl_change arp_del(const routectl_call &call)
+{
+    const std::uint32_t address = routectl_number(call, "addr", 0);
+    return change_of(call, "arp_prefix_mgr_remove_route",
+                     {rpc_u16(RIB_OBJ_ARP_HOST), rpc_u32(address), rpc_u32(HOST_LENGTH), rpc_u32(0),
+                      rpc_u16(routectl_number(call, "encap", 0)), rpc_u16(routectl_number(call, "if", 0)),
+                      rpc_u32(context_of(call))},
+                     address, address);
+}
+
+routectl_change nat_change(const routectl_call &call, const char *procedure)
+{
+    const std::uint32_t address = routectl_number(call, "addr", 0), count = routectl_number(call, "count", 0);
+    routectl_change change = change_of(call, procedure,
+                                       {rpc_u16(context_of(call)), rpc_u16(routectl_number(call, "if", 0)),
+                                        rpc_u32(address), rpc_u32(count), rpc_u16(routectl_number(call, "ixp", 0))},
+                                       address, address + (count - 1));
+    if (count == 0)
+        change.error = "count 0: a pool has at least one address";
+    else if (change.last < address)
+        change.error = "count " + std::to_string(count) + ": the pool would end behind 255.255.255.255; from " +
+                       routectl_dotted(address) + " on there are " + std::to_string(0xFFFFFFFF - address + 1);
+    return change;
+}
+
+routectl_change nat_add(const routectl_call &call) { return nat_change(call, "rib_add_nat_pool"); }
+
+routectl_change nat_del(const routectl_call &call)
+{
+    routectl_change change = nat_change(call, "rib_remove_nat_pool");
+    change.answers_nothing = true;
+    return change;
+}
+
+routectl_change advert_change(const routectl_call &call, std::uint32_t metric)
+{
+    const routectl_value &prefix = *routectl_given(call, "prefix");
+    return change_of(call, "norvik_send_route_advert",
+                     {rpc_u32(prefix.number), rpc_u32(prefix.mask), rpc_u32(routectl_number(call, "if", 0)),
+                      rpc_u32(routectl_number(call, "via", 0)), rpc_u16(metric), rpc_u16(context_of(call))},
+                     prefix.number, prefix.number);
+}
+
+routectl_change advertise(const routectl_call &call)
+{
+    return advert_change(call, routectl_number(call, "metric", DEFAULT_METRIC));
+}
+routectl_change withdraw(const routectl_call &call) { return advert_change(call, METRIC_WITHDRAW); }
+
+constexpr routectl_command ROWS[] = {
+    {"route add", "PREFIX via NEXTHOP [ctx CTX] [id RID]", "Add a static route, or a further path to one", nullptr,
+     route_add},
+    {"route del", "PREFIX via NEXTHOP [ctx CTX] [id RID]", "Remove a static route, or one path of it", nullptr,
+     route_del},
+    {"route show", "[PREFIX] [ctx CTX] [all]", "List connected subnets and installed static and NAT routes",
+     route_show},
+    {"route get", "ADDR [ctx CTX]", "Ask for the next hop of an address, as the slow path does", route_get},
+    {"route full", "PREFIX [ctx CTX] [id RID]", "Ask whether a route has all the paths it can have", route_full},
+    {"route summary", "[ctx CTX] [all]", "Count routes, and what their tree holds of the pools", route_summary},
+    {"fib show", "[PREFIX] [ctx CTX] [all]", "List all that is in the forwarding table", fib_show},
+    {"fib get", "PREFIX [ctx CTX]", "Ask for the interface of exactly this prefix in the trie", fib_get},
+    {"arp add", "ADDR if IFID encap ENCAP [ctx CTX]", "Announce a host, as the ARP service does", nullptr, arp_add},
+    {"arp del", "ADDR [if IFID] [encap ENCAP] [ctx CTX]", "Take an announced host back", nullptr, arp_del},
+    {"nat add", "ADDR count COUNT if IFID ixp IXP [ctx CTX]", "Add a NAT pool of COUNT addresses from ADDR on", nullptr,
+     nat_add},
+    {"nat del", "ADDR count COUNT ixp IXP [if IFID] [ctx CTX]", "Remove a NAT pool", nullptr, nat_del},
+    {"advertise", "PREFIX via NEXTHOP if IFID [metric METRIC] [ctx CTX]", "Advertise a route to the supervisor",
+     nullptr, advertise},
+    {"withdraw", "PREFIX if IFID [via NEXTHOP] [ctx CTX]", "Withdraw an advertised route", nullptr, withdraw},
+};
+} // namespace
+
+std::span<const routectl_command> routectl_route_commands() { return ROWS; }

@@ -1,0 +1,38 @@
+// session.cpp - the connections that the commands share, and what a call that did not run means.
+#include "card_dir.h"
+#include "routectl_commands.h"
+
+card_rpc &routectl_route_manager(const routectl_call &call)
+{
+    if (!call.session.route_manager)
+        call.session.route_manager = card_rpc_open("rib_add_route", call.options.timeout_ms);
+    return *call.session.route_manager;
+}
+
+card_rpc &routectl_card(const routectl_call &call)
+{
+    if (!call.session.card)
+        call.session.card = card_rpc_open("cardsim_if_create", call.options.timeout_ms);
+    return *call.session.card;
+}
+
+card_rpc_reply routectl_ask(const routectl_call &call, const std::string &procedure,
+                            const std::vector<card_rpc_arg> &args)
+{
+    return card_rpc_call_wait(routectl_route_manager(call), procedure, args);
+}
+
+routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure)
+{
+    const std::string reason = card_rpc_reason(reply, procedure);
+    const std::string who = procedure.rfind("cardsim_", 0) == 0 ? "the card's other processes" : "the route manager";
+    switch (reply.end) {
+    case CARD_RPC_BAD_ARGUMENTS:
+    case CARD_RPC_OUT_OF_RANGE:
+        return routectl_error(ROUTECTL_USAGE, reason);
+    case CARD_RPC_UNREACHABLE:
+        return routectl_error(ROUTECTL_UNREACHABLE, who + " cannot be reached: " + reason + " in " + card_dir_path());
+    default:
+        return routectl_error(ROUTECTL_UNREACHABLE, who + ": " + reason);
+    }
+}
