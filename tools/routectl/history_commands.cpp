@@ -1,0 +1,204 @@
+// history_commands.cpp - the event history, as it stands or as it grows.
+//
+// Read from the ring in the card directory, so it is there after the route manager has died as well.
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include "card_dir.h"
+#include "card_view/history_view.h"
+#include "output.h"
+#include "route_ids.h"
+#include "routectl_commands.h"
+#include "run_signals.h"
+
+namespace
+{
+using json = nlohmann::ordered_json;
+constexpr int LOOK_MS = 100; // how often the ring is looked at while it is followed
+
+std::uint64_t now_ns()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// The filter that the words ask for. Returns false with the answer when one makes no sense.
+bool filter_of(const routectl_call &call, history_filter &filter, routectl_answer &wrong)
+{
+    if (const std::uint32_t category = routectl_number(call, "category", 0); category != 0) // 0: all
+        filter.categories.push_back(category);
+    if (const routectl_value *ctx = routectl_given(call, "ctx"))
+        filter.contexts.push_back(ctx->number);
+    if (const routectl_value *age = routectl_given(call, "age")) {
+        const auto ns = history_age_of(age->text);
+        if (!ns) {
+            wrong = routectl_error(ROUTECTL_USAGE,
+                                   "age: \"" + age->text + "\" is no AGE (such as 90s, 10m, 2h, 1d or 500ms)");
+            return false;
+        }
+        const std::uint64_t now = now_ns();
+        filter.since_ns = now > *ns ? now - *ns : 0;
+    }
+    return true;
+}
+
+json record_json(const history_entry &entry)
+{
+    return {{"time", history_time(entry.time_ns)},
+            {"category", entry.category},
+            {"name", history_category_name(entry.category)},
+            {"ctx", entry.context < 0 ? json(nullptr) : json(entry.context)},
+            {"text", history_line(entry)}};
+}
+
+std::string record_plain(const history_entry &entry, bool colour)
+{
+    const char *const on = !colour                               ? ""
+                           : entry.category == ROUTE_DBG_ERRORS  ? "\033[31m"
+                           : entry.category == ROUTE_DBG_WARNING ? "\033[33m"
+                                                                 : "";
+    std::string name = history_category_name(entry.category);
+    name.resize(std::max<std::size_t>(name.size(), 11), ' ');
+    std::string ctx = entry.context < 0 ? "-" : std::to_string(entry.context);
+    ctx.insert(0, ctx.size() < 3 ? 3 - ctx.size() : 0, ' ');
+    return history_time(entry.time_ns) + "  " + name + "  ctx " + ctx + "  " + on + history_line(entry) +
+           (*on != '\0' ? "\033[0m" : "") + "\n";
+}
+
+std::string record_text(const routectl_options &options, const history_entry &entry)
+{
+    if (options.json)
+        return output_json(record_json(entry)) + "\n";
+    if (!options.oneline)
+        return record_plain(entry, options.colour);
+    routectl_answer one;
+    one.records_key = "records";
+    one.records.push_back(record_json(entry));
+    return output_lines(one);
+}
+
+// The newest `last` of those that pass.
+std::vector<history_entry> chosen(const std::vector<history_entry> &entries, const history_filter &filter,
+                                  std::size_t last)
+{
+    std::vector<history_entry> passing;
+    for (const history_entry &entry : entries)
+        if (history_passes(filter, entry))
+            passing.push_back(entry);
+    if (passing.size() > last)
+        passing.erase(passing.begin(), passing.end() - static_cast<std::ptrdiff_t>(last));
+    return passing;
+}
+
+routectl_answer history_print(const routectl_call &call, const history_filter &filter, std::size_t last)
+{
+    std::string why;
+    history_view view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+    if (!view.is_open())
+        return routectl_error(ROUTECTL_UNREACHABLE, why);
+    std::vector<history_entry> entries;
+    const bool is_damaged = history_read(view, entries) == history_end::damaged;
+    routectl_answer answer;
+    answer.facts = {{"damaged", is_damaged}};
+    answer.records_key = "records";
+    for (const history_entry &entry : chosen(entries, filter, last)) {
+        answer.records.push_back(record_json(entry));
+        answer.text += record_plain(entry, call.options.colour);
+    }
+    if (is_damaged)
+        answer.text += "the history is damaged: what stands behind this cannot be read\n";
+    if (answer.text.empty())
+        answer.text = "no records\n";
+    return answer;
+}
+
+// What has been told about the file, so that it is told once.
+struct follow_state {
+    history_view view;
+    std::uint64_t lost_told = 0;
+    bool absent_told = false;
+};
+
+bool write_text(const std::string &text)
+{
+    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+}
+
+// Reads what is new. Opens the history when it is there at last, or there anew.
+std::vector<history_entry> follow_step(follow_state &state)
+{
+    std::vector<history_entry> entries;
+    std::string why;
+    if (!state.view.is_open()) {
+        state.view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+        if (!state.view.is_open()) {
+            if (!state.absent_told)
+                std::fprintf(stderr, "routectl: %s; waiting for it\n", why.c_str());
+            state.absent_told = true;
+            return entries;
+        }
+        state.lost_told = 0;
+    }
+    const history_end end = history_read(state.view, entries);
+    if (state.view.lost > state.lost_told)
+        std::fprintf(stderr, "routectl: %llu bytes of the history %s\n",
+                     static_cast<unsigned long long>(state.view.lost - state.lost_told),
+                     end == history_end::damaged ? "are damaged" : "were overwritten before they could be read");
+    state.lost_told = state.view.lost;
+    if (end == history_end::replaced)
+        state.view = {};
+    return entries;
+}
+
+routectl_answer history_follow(const routectl_call &call, const history_filter &filter, std::size_t last)
+{
+    follow_state state;
+    int ended_by = 0;
+    {
+        const run_signals signals;
+        bool is_over = false;
+        while (!is_over) {
+            for (const history_entry &entry : chosen(follow_step(state), filter, last))
+                is_over = is_over || !write_text(record_text(call.options, entry));
+            last = SIZE_MAX; // of what stood there; what comes is wanted whole
+            // A pipe whose reader has gone is an error that needs no events.
+            pollfd set[] = {{signals.fd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+            (void)poll(set, 2, LOOK_MS);
+            is_over = is_over || (set[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+            for (int signo = run_signals_take(signals); signo != 0; signo = run_signals_take(signals)) {
+                if (signo == SIGTSTP)
+                    (void)raise(SIGSTOP); // goes on here
+                else if (signo != SIGWINCH)
+                    ended_by = signo, is_over = true;
+            }
+        }
+    }
+    run_signals_end_by(ended_by);
+    routectl_answer answer;
+    answer.is_printed = true;
+    return answer;
+}
+
+routectl_answer history_run(const routectl_call &call)
+{
+    history_filter filter;
+    routectl_answer wrong;
+    if (!filter_of(call, filter, wrong))
+        return wrong;
+    const std::size_t last = routectl_given(call, "last") == nullptr ? SIZE_MAX : routectl_number(call, "last", 0);
+    return routectl_given(call, "follow") != nullptr ? history_follow(call, filter, last)
+                                                     : history_print(call, filter, last);
+}
+
+constexpr routectl_command ROWS[] = {
+    {"history", "[follow] [category CATEGORY] [age AGE] [ctx CTX] [last N]",
+     "Show the event history, or follow it until interrupted", history_run},
+};
+} // namespace
+
+std::span<const routectl_command> routectl_history_commands() { return ROWS; }
