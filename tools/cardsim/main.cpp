@@ -186,7 +186,7 @@ void work(card &c)
         card_arp_run(c.model);
     play_run(c.show, c.model.now_ms);
     link_process(c.link, c.model.now_ms);
-    if (c.show.is_standing && !c.is_told) {
+    if (c.show.is_standing && !c.is_told && !c.opts.check) {
         c.is_told = true;
         std::printf("cardsim: the card stands\n");
         std::fflush(stdout);

@@ -23,9 +23,9 @@
 
 namespace
 {
-constexpr std::uint32_t DEBUG_COUNTERS = 5;    // verb of the debug service that is answered and changes nothing
-constexpr std::uint64_t FENCE_AGAIN_MS = 2000; // an answer may be lost; asking again does no harm
-constexpr unsigned FULL_WAIT_MS = 1;           // for room in the route manager's queue, each time: it may be calling us
+constexpr std::uint32_t DEBUG_COUNTERS = 5;   // verb of the debug service that is answered and changes nothing
+constexpr std::uint64_t FENCE_AGAIN_MS = 500; // an answer may be lost; asking again does no harm
+constexpr unsigned FULL_WAIT_MS = 1;          // for room in the route manager's queue, each time: it may be calling us
 constexpr std::uint64_t FULL_AGAIN_MS = 10;
 constexpr const char *MANAGER_QUEUE = "mts/514", *MANAGER_SOCKET = "514", *MANAGER_LOCK = "514.lock";
 constexpr mts_address MANAGER = {MTS_NODE_LOCAL, ROUTE_MGR_SAP};

@@ -263,7 +263,6 @@ bool child_has_ended(play &p)
     (void)close(p.child);
     p.child = p.child_pid = -1;
     const scenario_step &step = step_at(p, p.next);
-    std::printf("\n");
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         refused(p, step,
                 "routectl ended with status " +
