@@ -143,7 +143,10 @@ void line_run(batch &b, const std::string &text)
         parsed.error = "help is not for a batch";
     if (!parsed.error.empty()) {
         drain(b);
-        line_ended(b, b.line, text, routectl_error(ROUTECTL_USAGE, parsed.error));
+        if (b.is_over)
+            --b.lines; // a line before it ended the batch
+        else
+            line_ended(b, b.line, text, routectl_error(ROUTECTL_USAGE, parsed.error));
         return;
     }
     const routectl_call call{b.options, b.session, *parsed.command, std::move(parsed.values)};

@@ -41,6 +41,7 @@ constexpr value_kind KINDS[] = {
     {"MODE", value_form::number, 0xFFFFFFFF, "a routing mode, 1 for an interface that routes by itself"},
     {"LEVEL", value_form::number, 7, "a syslog severity, 0 (emergency) to 7 (debug)"},
     {"N", value_form::number, 0xFFFFFFFF, "a number"},
+    {"AGE", value_form::text, 0, "a time such as 90s, 10m, 2h or 1d"},
     {"COPY", value_form::copy, 0, "a copy of the tables: wired, ixp1 or ixp2"},
     {"CATEGORY", value_form::category, 0, "a category: all, a name such as errors, or its number from 100 on"},
 };

@@ -1,0 +1,209 @@
+// routectl_grammar_test.cpp - words into commands: abbreviations, values in any usual form, errors that help.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "address_text.h"
+#include "grammar.h"
+#include "options.h"
+#include "routectl_samples.h"
+
+namespace
+{
+std::vector<std::string> split(const std::string &line)
+{
+    std::vector<std::string> words;
+    EXPECT_TRUE(grammar_split(line, words)) << line;
+    return words;
+}
+
+grammar_result parse(const std::string &line) { return grammar_parse(split(line)); }
+
+std::string command_of(const std::string &line)
+{
+    const grammar_result result = parse(line);
+    return result.command == nullptr ? "error: " + result.error : result.command->words;
+}
+
+std::string complete(const std::string &line, const std::string &begun)
+{
+    std::string text;
+    for (const std::string &word : grammar_complete(split(line), begun, grammar_values::leave_out))
+        text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+} // namespace
+
+TEST(routectl_grammar, words_may_be_cut_short_while_they_are_unambiguous)
+{
+    EXPECT_EQ(command_of("r a 10.1.0.0/16 via 192.0.2.1"), "route add");
+    EXPECT_EQ(command_of("ro sh"), "route show");
+    EXPECT_EQ(command_of("r su"), "route summary");
+    EXPECT_EQ(command_of("ar d 10.0.0.1"), "arp del");
+    EXPECT_EQ(command_of("if d 3").rfind("error: \"d\" could be down or delete", 0), 0u);
+    EXPECT_EQ(command_of("r s").rfind("error: \"s\" could be show or summary", 0), 0u);
+}
+
+TEST(routectl_grammar, an_error_names_the_word_and_what_would_fit)
+{
+    EXPECT_EQ(parse("route bad").error, "\"bad\" is no word here; here would fit: add, del, show, get, full, summary");
+    EXPECT_EQ(
+        parse("route add 10.1/16 nia 1.1.1.1").error.rfind("\"nia\" does not fit; here would fit: via, ctx, id", 0),
+        0u);
+    EXPECT_EQ(parse("route add 10.1/16 via").error.rfind("after \"via\" a value is missing: NEXTHOP", 0), 0u);
+    EXPECT_EQ(parse("route add 10.1/16").error.rfind("missing: via NEXTHOP", 0), 0u);
+    EXPECT_EQ(parse("route add 10.1/16 via 1.1.1.1 ctx 256").error.rfind("ctx: \"256\" is no CTX", 0), 0u);
+    EXPECT_EQ(parse("route add 10.1/16 via 1.1.1.1 ctx 1 ctx 2").error.rfind("\"ctx\" does not fit", 0), 0u);
+    EXPECT_EQ(parse("memory now").error.rfind("\"now\" is one word too many", 0), 0u);
+    EXPECT_EQ(parse("debug loud on").error.rfind("\"loud\" is no CATEGORY", 0), 0u);
+    EXPECT_NE(parse("").error.find("here would fit: route"), std::string::npos);
+}
+
+TEST(routectl_grammar, every_command_parses_with_all_and_with_only_its_needed_values)
+{
+    std::set<std::string> seen;
+    for (const routectl_command *command : routectl_table()) {
+        EXPECT_TRUE(seen.insert(command->words).second) << command->words << " is there twice";
+        EXPECT_TRUE((command->run != nullptr) != (command->change != nullptr)) << command->words;
+        for (const sample_values values : {sample_values::all, sample_values::needed}) {
+            const std::string line = sample_line(*command, values);
+            const grammar_result result = parse(line);
+            EXPECT_EQ(result.command, command) << line << ": " << result.error;
+        }
+    }
+    EXPECT_GE(seen.size(), 30u);
+}
+
+TEST(routectl_grammar, every_command_refuses_to_lack_a_needed_value_and_to_have_a_word_over)
+{
+    for (const routectl_command *command : routectl_table()) {
+        const std::string line = sample_line(*command, sample_values::needed);
+        const bool has_needed_values = line != command->words;
+        EXPECT_EQ(parse(command->words).error.empty(), !has_needed_values) << command->words;
+        EXPECT_FALSE(parse(sample_line(*command, sample_values::all) + " one-more").error.empty()) << command->words;
+    }
+}
+
+TEST(routectl_grammar, help_is_there_at_each_level)
+{
+    EXPECT_NE(parse("help").help.find("route add PREFIX"), std::string::npos);
+    EXPECT_NE(parse("route help").help.find("route del PREFIX"), std::string::npos);
+    EXPECT_EQ(parse("route help").help.find("nat add"), std::string::npos);
+    EXPECT_NE(parse("help route").help.find("route del PREFIX"), std::string::npos);
+    EXPECT_NE(parse("route add ?").help.find("a routing context, 0 to 255"), std::string::npos);
+    EXPECT_NE(parse("r a 10.1/16 help").help.find("route add PREFIX"), std::string::npos);
+    EXPECT_EQ(parse("help nonsense").error.rfind("\"nonsense\" is no word here", 0), 0u);
+    for (const routectl_command *command : routectl_table())
+        EXPECT_NE(parse(std::string(command->words) + " help").help.find(command->help), std::string::npos);
+}
+
+TEST(routectl_grammar, values_with_a_word_come_in_any_order)
+{
+    const grammar_result result = parse("nat add ixp 7 198.51.100.1 if 12 ctx 3 count 6");
+    ASSERT_NE(result.command, nullptr) << result.error;
+    EXPECT_EQ(result.values.at("addr").number, 0xC6336401u);
+    EXPECT_EQ(result.values.at("count").number, 6u);
+    EXPECT_EQ(result.values.at("if").number, 12u);
+    EXPECT_EQ(result.values.at("ixp").number, 7u);
+    EXPECT_EQ(result.values.at("ctx").number, 3u);
+}
+
+TEST(routectl_grammar, completion_offers_what_parses)
+{
+    EXPECT_EQ(complete("", "ro"), "route");
+    EXPECT_EQ(complete("route", "s"), "show summary");
+    EXPECT_EQ(complete("r", "a"), "add");
+    EXPECT_EQ(complete("route add 10.1/16", ""), "via ctx id");
+    EXPECT_EQ(complete("route add 10.1/16 via 1.1.1.1 ctx 3", ""), "id");
+    EXPECT_EQ(complete("pools copy", "ix"), "ixp1 ixp2");
+    EXPECT_EQ(complete("debug errors", "o"), "on off");
+    EXPECT_EQ(complete("nonsense", ""), "");
+    EXPECT_EQ(complete("route add nonsense", ""), "");
+}
+
+TEST(routectl_grammar, a_line_is_cut_at_blanks_but_not_in_quotes)
+{
+    EXPECT_EQ(split("a  b\tc # d"), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(split("\"a b\" c\"\" \"\""), (std::vector<std::string>{"a b", "c", ""}));
+    EXPECT_TRUE(split("   # nothing").empty());
+    std::vector<std::string> words;
+    EXPECT_FALSE(grammar_split("a \"b", words));
+}
+
+TEST(routectl_prefix, every_usual_form_is_read)
+{
+    const struct {
+        const char *text, *next;
+        std::uint32_t address, mask;
+        bool took_next;
+    } CASES[] = {
+        {"10.1.0.0/16", "", 0x0A010000, 0xFFFF0000, false},
+        {"10.1/16", "", 0x0A010000, 0xFFFF0000, false},
+        {"10/8", "", 0x0A000000, 0xFF000000, false},
+        {"10.1.0.0/255.255.0.0", "", 0x0A010000, 0xFFFF0000, false},
+        {"10.1.0.0", "255.255.0.0", 0x0A010000, 0xFFFF0000, true},
+        {"10.1.2.3", "via", 0x0A010203, 0xFFFFFFFF, false},
+        {"default", "via", 0, 0, false},
+        {"0.0.0.0/0", "", 0, 0, false},
+        {"0/0", "", 0, 0, false},
+        {"0.0.0.0", "0.0.0.0", 0, 0, true},
+        {"255.255.255.255/32", "", 0xFFFFFFFF, 0xFFFFFFFF, false},
+    };
+    for (const auto &c : CASES) {
+        const address_prefix prefix = prefix_parse(c.text, c.next);
+        EXPECT_EQ(prefix.error, "") << c.text;
+        EXPECT_EQ(prefix.address, c.address) << c.text;
+        EXPECT_EQ(prefix.mask, c.mask) << c.text;
+        EXPECT_EQ(prefix.took_next, c.took_next) << c.text;
+    }
+}
+
+TEST(routectl_prefix, host_bits_are_refused_with_the_prefix_that_was_meant)
+{
+    EXPECT_EQ(prefix_parse("10.1.2.0/16", "").error, "has bits behind its mask: 10.1.0.0/16 would be the prefix");
+    EXPECT_EQ(prefix_parse("10.1.2.3", "255.255.255.0").error,
+              "has bits behind its mask: 10.1.2.0/24 would be the prefix");
+    EXPECT_EQ(prefix_parse("10.1.2.3/0", "").error, "has bits behind its mask: 0.0.0.0/0 would be the prefix");
+    EXPECT_EQ(address_and_mask_parse("10.1.2.3/16", "").error, "") << "an interface's address has them";
+}
+
+TEST(routectl_prefix, what_is_no_prefix_is_refused)
+{
+    for (const char *text : {"", "10", "10.1", "10.1.0", "10.1.0.0/33", "10.1.0.0/", "10.1.0.0/-1", "10.1.0.0/0x10",
+                             "256.0.0.0/8", "10..0.0/8", "10.1.0.0.0/16", "010.1.0.0/16", "10.1.0.0/255.0.255.0",
+                             "10.1.0.0 /16", "+1.2.3.4", "1.2.3.4/8/8", "Default", "1.2.3.0004/32", "/8"})
+        EXPECT_NE(prefix_parse(text, "").error, "") << "\"" << text << "\"";
+    EXPECT_NE(prefix_parse("10.1.0.0", "255.0.255.0").error, "") << "a mask with holes";
+}
+
+TEST(routectl_prefix, numbers_are_decimal_or_hexadecimal_and_bounded)
+{
+    EXPECT_EQ(number_parse("255", 255), 255u);
+    EXPECT_EQ(number_parse("0xfF", 255), 255u);
+    EXPECT_EQ(number_parse("4294967295", 0xFFFFFFFF), 0xFFFFFFFFu);
+    for (const char *text : {"", "-1", "+1", " 1", "1 ", "256", "0x", "0x100", "1e1", "4294967296"})
+        EXPECT_EQ(number_parse(text, 255), std::nullopt) << "\"" << text << "\"";
+}
+
+TEST(routectl_options, letters_stand_together_or_alone_wherever_they_like)
+{
+    std::vector<std::string> words = {"route", "-jf", "show", "-b", "file", "-t100", "--direct"};
+    routectl_options options;
+    bool is_help = false;
+    EXPECT_EQ(options_take(words, options, is_help), "");
+    EXPECT_EQ(words, (std::vector<std::string>{"route", "show", "--direct"}));
+    EXPECT_TRUE(options.json && options.go_on);
+    EXPECT_EQ(options.batch, "file");
+    EXPECT_EQ(options.timeout_ms, 100u);
+}
+
+TEST(routectl_options, what_is_none_is_said)
+{
+    for (const std::vector<std::string> &given :
+         std::vector<std::vector<std::string>>{{"-x"}, {"-b"}, {"-t", "0"}, {"-t", "soon"}, {"-j", "-o"}, {"-jx"}}) {
+        std::vector<std::string> words = given;
+        routectl_options options;
+        bool is_help = false;
+        EXPECT_NE(options_take(words, options, is_help), "") << given[0];
+    }
+}
