@@ -72,6 +72,28 @@ TEST_P(daemon_events, an_interface_that_comes_up_has_its_four_routes_and_is_anno
               (text_lines{"105 <Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =24\n"}));
 }
 
+TEST_P(daemon_events, the_add_announces_the_interface_managers_context_and_the_removal_the_events)
+{
+    EXPECT_EQ(announced(EVENT_UP, state_payload(LIVE_ADDR, ROUTED, LIVE_IF, 7)), notification(0x1005, LIVE_CTX));
+    EXPECT_EQ(live.found(7, LIVE_ADDR), LOCAL);
+    EXPECT_EQ(live.found(LIVE_CTX, LIVE_ADDR), 0u);
+    EXPECT_EQ(announced(EVENT_DOWN, state_payload(LIVE_ADDR, ROUTED, LIVE_IF, 7)), notification(0x1006, 7));
+}
+
+TEST_P(daemon_events, an_interface_with_a_mask_of_31_or_32_bits_is_undone_and_not_announced)
+{
+    for (const std::uint32_t mask : {0xFFFFFFFFu, 0xFFFFFFFEu})
+        for (const std::uint32_t addr : {LIVE_ADDR, address(10, 1, 0, 4)}) {
+            event(EVENT_UP, state_payload(addr, ROUTED, LIVE_IF, LIVE_CTX, mask));
+            EXPECT_EQ(live.found(LIVE_CTX, addr), 0u);
+        }
+    const text_lines rejected = live.lines("rejecting");
+    EXPECT_EQ(rejected, (text_lines{"100 <Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n",
+                                    "100 <Ctx:3>rib_add_host_route:rejecting duplicate entry:a010004/32\n",
+                                    "100 <Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n",
+                                    "100 <Ctx:3>rib_add_host_route:rejecting duplicate entry:a010004/32\n"}));
+}
+
 TEST_P(daemon_events, the_daemon_does_not_hear_its_own_announcement)
 {
     const std::uint64_t before = counter_value(debug_answer(live.queue, 5), "messages_received");

@@ -217,6 +217,25 @@ TEST_P(daemon_procedures, a_listing_resumes_at_its_cursor_and_is_finished_at_lis
                           "105 <Ctx:3>route_traversal: Start with route list (33,7) at position 5\n"}));
 }
 
+TEST_P(daemon_procedures, a_by_reference_value_comes_back_in_the_width_that_the_caller_chose)
+{
+    fill();
+    const std::vector<rpc_arg> address_args = {arg16(LIVE_CTX), arg32(NET)};
+    const auto lookup = [&](const rpc_arg &next_hop) {
+        return live.answer("slowpath_route_lookup", {address_args[0], address_args[1], next_hop});
+    };
+    EXPECT_EQ(lookup(arg_ref(0)), (byte_string{0, 0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 4, 10, 1, 0, 9}));
+    EXPECT_EQ(lookup(arg_ref16(0)), (byte_string{0, 0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 2, 0, 9})) << "its low half";
+    // list 2 bytes, bucket 4, position 2: each as it came, the walk from the position's 16 bits.
+    EXPECT_EQ(live.answer("show_rib_print", {arg16(LIVE_CTX), arg_ref16(29), arg_ref(0), arg_ref16(0), arg_block()}),
+              joined({words({1}),
+                      {0, 8, 0, 0, 0, 0, 0, 2, 0, 33},
+                      {0, 8, 0, 0, 0, 0, 0, 4, 0, 0, 0, 0},
+                      {0, 8, 0, 0, 0, 0, 0, 2, 0xFF, 0xFF},
+                      {0, 9, 0, 0, 0, 0, 0, 24},
+                      NAT}));
+}
+
 TEST_P(daemon_procedures, a_cursor_of_four_bytes_keeps_the_upper_halves_of_list_and_bucket)
 {
     const byte_string reply = live.answer(
