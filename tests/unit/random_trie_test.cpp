@@ -1,13 +1,10 @@
 // random_trie_test.cpp - random operations on several trees against a slow, plain picture of them.
 //
-// The picture holds no nodes and no slots: a tree is a list of address ranges, each with the prefix that answers it.
-// What the trie does that a map of prefixes would not is written down in it and marked "odd".
 // After each operation the answers, the back chains, the paths, the pools and all copies must agree, and between any
 // two stores each copy must have answered with what was there before or with what is there afterwards.
-// Elsewhere: what is printed and logged (the tests of each area).
+// Elsewhere: the picture (plain_trie.cpp), what is printed and logged (the tests of each area).
 
 #include <deque>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -20,276 +17,13 @@
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
+#include "plain_trie.h"
 #include "prefix_mgr.h"
 #include "processor_walk.h"
 
 namespace
 {
 constexpr std::uint32_t TREES[] = {0, 1, 255};
-constexpr std::uint32_t LEAF_CAPACITY = 1024, BLOCK_CAPACITY = 128, NODE_CAPACITY = 1024;
-
-// --- The picture
-
-struct plain_block {
-    std::uint32_t npaths;
-    std::uint32_t words[8];
-};
-
-struct plain_leaf {
-    std::uint32_t prefix = 0, mask = 0, adjacency = 0;
-    plain_leaf *back = nullptr;
-    bool has_block = false;
-    plain_block block{};
-    bool in_use = true;
-};
-
-struct plain_pools {
-    std::uint32_t leaves, blocks; // in use, by all trees
-};
-
-struct plain_tree {
-    std::deque<plain_leaf> leaves;                // every leaf that ever was; none moves
-    std::map<std::uint32_t, plain_leaf *> ranges; // first address to the leaf that answers up to the next range
-    plain_leaf *standard = nullptr;               // the default leaf; null once it was given back
-    bool had_gap = false;                         // once an address had no answer; filling it folds no node
-    std::uint32_t lost_leaves = 0;                // taken and never linked
-    std::uint32_t blocks = 0;
-    plain_pools *pools = nullptr;
-
-    explicit plain_tree(plain_pools *shared) : pools(shared)
-    {
-        standard = &leaves.emplace_back();
-        ranges[0] = standard;
-    }
-};
-
-std::uint32_t mask_of(std::uint32_t length) { return length == 0 ? 0 : 0xFFFFFFFFu << (32 - length); }
-
-plain_leaf *plain_find(const plain_tree &tree, std::uint32_t address)
-{
-    return std::prev(tree.ranges.upper_bound(address))->second;
-}
-
-// Odd: it starts at whatever answers the address as given, so a prefix that is not on that one's back chain is missed.
-plain_leaf *plain_exact(const plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
-{
-    plain_leaf *leaf = plain_find(tree, prefix);
-    while (leaf != nullptr && (leaf->prefix != prefix || leaf->mask != mask))
-        leaf = leaf->back;
-    return leaf;
-}
-
-void plain_split(plain_tree &tree, std::uint32_t at) { tree.ranges.emplace(at, plain_find(tree, at)); }
-
-// First and last range of a prefix, cut so that they end with it.
-std::pair<std::map<std::uint32_t, plain_leaf *>::iterator, std::map<std::uint32_t, plain_leaf *>::iterator>
-plain_range(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
-{
-    const std::uint32_t first = prefix & mask, last = first | ~mask;
-    plain_split(tree, first);
-    if (last != 0xFFFFFFFF)
-        plain_split(tree, last + 1);
-    return {tree.ranges.find(first), last == 0xFFFFFFFF ? tree.ranges.end() : tree.ranges.find(last + 1)};
-}
-
-// A leaf is in use while it answers, while it hangs below another, or while another hangs below it. Odd: so a prefix
-// with nothing of these left is lost without having been deleted, and one that only hangs stays though no lookup finds
-// it. A block goes down with its leaf and stays taken.
-void plain_release(plain_tree &tree)
-{
-    std::map<const plain_leaf *, bool> used;
-    for (const auto &[first, leaf] : tree.ranges)
-        used[leaf] = true;
-    for (plain_leaf &leaf : tree.leaves)
-        if (leaf.in_use && leaf.back != nullptr)
-            used[&leaf] = used[leaf.back] = true;
-    for (plain_leaf &leaf : tree.leaves)
-        if (leaf.in_use && !used[&leaf]) {
-            leaf.in_use = false;
-            --tree.pools->leaves;
-            if (tree.standard == &leaf)
-                tree.standard = nullptr;
-        }
-}
-
-void plain_compact(plain_tree &tree)
-{
-    for (auto range = std::next(tree.ranges.begin()); range != tree.ranges.end();)
-        range = range->second == std::prev(range)->second ? tree.ranges.erase(range) : std::next(range);
-}
-
-void plain_spread(plain_tree &tree, plain_leaf *leaf)
-{
-    const auto [first, end] = plain_range(tree, leaf->prefix, leaf->mask);
-    for (auto range = first; range != end; ++range) {
-        plain_leaf *old = range->second;
-        if (old == nullptr) {
-            range->second = leaf;
-        } else if (old->mask < leaf->mask) {
-            range->second = leaf;
-            if (leaf->back == nullptr) // odd: only what it displaces becomes its back
-                leaf->back = old;
-        } else if (old->mask > leaf->mask) {
-            while (old->back != nullptr && old->back->mask > leaf->mask)
-                old = old->back;
-            old->back = leaf;
-        }
-    }
-}
-
-// 1 or 2 as the trie answers. The leaf is taken by the caller.
-std::uint32_t plain_insert(plain_tree &tree, const plain_leaf &route)
-{
-    if (plain_exact(tree, route.prefix, route.mask) != nullptr) {
-        ++tree.lost_leaves; // odd: a repeat keeps its leaf
-        return 2;
-    }
-    plain_leaf *leaf = &tree.leaves.emplace_back(route);
-    leaf->prefix &= leaf->mask;
-    plain_spread(tree, leaf);
-
-    bool linked = leaf->back != nullptr;
-    for (const auto &[first, answer] : tree.ranges)
-        linked = linked || answer == leaf;
-    for (const plain_leaf &other : tree.leaves)
-        linked = linked || (other.in_use && other.back == leaf);
-    if (!linked) { // odd: nothing of its range was free for it, and nothing is longer
-        leaf->in_use = false;
-        ++tree.lost_leaves;
-    }
-    plain_release(tree);
-    plain_compact(tree);
-    return 1;
-}
-
-std::uint32_t plain_delete(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
-{
-    plain_leaf *leaf = plain_exact(tree, prefix, mask);
-    if (leaf == nullptr)
-        return 0;
-    const auto [first, end] = plain_range(tree, leaf->prefix, leaf->mask);
-    for (auto range = first; range != end; ++range) {
-        if (range->second == leaf) {
-            range->second = leaf->back; // odd: a prefix without a back leaves nothing, whatever covers it
-            tree.had_gap = tree.had_gap || leaf->back == nullptr;
-            continue;
-        }
-        plain_leaf *below = range->second;
-        while (below != nullptr && below->back != leaf)
-            below = below->back;
-        if (below != nullptr)
-            below->back = leaf->back;
-    }
-    leaf->back = nullptr;
-    plain_release(tree);
-    plain_compact(tree);
-    return 1;
-}
-
-struct path {
-    std::uint32_t encap, ifid, flags;
-};
-
-std::uint32_t plain_add_path(plain_tree &tree, plain_leaf *leaf, const path &added)
-{
-    if ((added.flags & MTRIE_F_ECMP) == 0)
-        return 0;
-    plain_block &block = leaf->block;
-    if (!leaf->has_block) {
-        if (tree.pools->blocks == BLOCK_CAPACITY)
-            return 0;
-        ++tree.pools->blocks;
-        ++tree.blocks;
-        leaf->has_block = true;
-        block = {1, {0x92000000, ecmp_entry(added.ifid, added.encap)}};
-        leaf->adjacency |= 1u << 30;
-        return 1;
-    }
-    if (block.words[0] >> 31 == 0 || block.npaths == 7)
-        return 0;
-    ++block.npaths; // odd: a block whose leaf lost the ECMP flag grows without giving it back
-    block.words[block.npaths] = ecmp_entry(added.ifid, added.encap);
-    block.words[0] = ecmp_header(ecmp_count(block.words[0]) + 1, ecmp_sequence(block.words[0]) + 1);
-    return 1;
-}
-
-// Entry that holds the path: 0 for the leaf itself, 8 for none.
-unsigned plain_entry_of(const plain_leaf *leaf, const path &sought)
-{
-    if (adj_encap(leaf->adjacency) == sought.encap && adj_ifid(leaf->adjacency) == sought.ifid)
-        return 0;
-    for (unsigned i = 1; i < 8; ++i)
-        if ((leaf->block.words[i] & 0xFFFF) == sought.encap && leaf->block.words[i] >> 18 == sought.ifid)
-            return i;
-    return 8;
-}
-
-std::uint32_t plain_remove_path(plain_tree &tree, plain_leaf *leaf, const path &removed)
-{
-    plain_block &block = leaf->block;
-    if (block.words[0] >> 31 == 0)
-        return 0;
-    block.words[0] &= 0x7FFFFFFF; // odd: an unknown path leaves the block invalid for good
-    const unsigned entry = plain_entry_of(leaf, removed);
-    if (entry == 8)
-        return 0;
-
-    const std::uint32_t last = block.words[block.npaths];
-    if (entry == 0)
-        leaf->adjacency = adj_pack(leaf->adjacency & 0xE0000000, last >> 18, last);
-    else
-        block.words[entry] = last;
-    block.words[block.npaths] = 0;
-    block.words[0] = ecmp_header(ecmp_count(block.words[0]) - 1, ecmp_sequence(block.words[0]) - 1);
-    if (--block.npaths == 0) {
-        leaf->has_block = false;
-        leaf->adjacency &= ~(1u << 30);
-        --tree.pools->blocks;
-        --tree.blocks;
-    }
-    return 1;
-}
-
-std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask, const path &added)
-{
-    plain_leaf *leaf = plain_exact(tree, prefix, mask);
-    if (leaf != nullptr && (added.flags & MTRIE_F_ECMP) != 0)
-        return plain_add_path(tree, leaf, added);
-    if (tree.pools->leaves == LEAF_CAPACITY) {
-        (void)plain_delete(tree, prefix, mask); // odd: the clean-up finds the route that was there before
-        return 0;
-    }
-    ++tree.pools->leaves;
-    plain_leaf route;
-    route.prefix = prefix;
-    route.mask = mask;
-    const std::uint32_t resolve = (added.flags & 0x20) != 0 ? 1u << 31 : 0,
-                        nat = (added.flags & 0x80) != 0 ? 1u << 29 : 0;
-    route.adjacency = adj_pack(resolve | nat, added.ifid, added.encap);
-    return plain_insert(tree, route);
-}
-
-std::uint32_t plain_route_remove(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask, const path &removed)
-{
-    plain_leaf *leaf = plain_exact(tree, prefix, mask);
-    if (leaf != nullptr && (leaf->adjacency & 1u << 30) != 0 && leaf->has_block)
-        return plain_remove_path(tree, leaf, removed);
-    return plain_delete(tree, prefix, mask);
-}
-
-std::uint32_t plain_set_default(plain_tree &tree, const path &route, bool add)
-{
-    plain_leaf *leaf = tree.standard;
-    if (leaf == nullptr)
-        return 0;
-    if (!add && (leaf->adjacency & 1u << 30) != 0 && leaf->has_block)
-        return plain_remove_path(tree, leaf, route);
-    if (add && (route.flags & MTRIE_F_ECMP) != 0 && (leaf->adjacency & 0x1FFFFFFF) != 0)
-        return plain_add_path(tree, leaf, route);
-    // Odd: the ECMP flag goes and a block stays.
-    leaf->adjacency = adj_pack(leaf->adjacency & 1u << 29, add ? route.ifid : 0, add ? route.encap : 0);
-    return 1;
-}
 
 // --- The steps
 
@@ -297,15 +31,14 @@ struct step {
     enum { ADD, REMOVE, DEFAULT_ADD, DEFAULT_REMOVE } kind;
     std::uint32_t tree; // index in TREES
     std::uint32_t prefix, length;
-    path route;
+    plain_way route;
 };
 
 struct random_trie : testing::TestWithParam<std::uint32_t> {
     fake_card card{2};
     std::mt19937 random{GetParam()};
-    plain_pools pools{256, 0};
+    plain_pools pools{256, 0, 256, {}}; // all trees' roots and default leaves
     std::deque<plain_tree> trees;
-    bool nodes_ran_out = false; // then an insert may have left nodes that hold nothing of their own
 
     // What each copy answers at the watched addresses: before the step, and what else it has answered since.
     std::vector<std::uint32_t> watched;
@@ -315,9 +48,13 @@ struct random_trie : testing::TestWithParam<std::uint32_t> {
     void SetUp() override
     {
         ASSERT_EQ(card.start_tables(), 0);
-        card.open_all_history(false); // the lines are another test's
-        for ([[maybe_unused]] const std::uint32_t tree : TREES)
-            trees.emplace_back(&pools);
+        card.forget();
+        card.open_all_history(false);
+        card.open_history(100, true);                                 // the other lines are another test's
+        pools.leaves -= static_cast<std::uint32_t>(std::size(TREES)); // these count themselves
+        pools.nodes -= static_cast<std::uint32_t>(std::size(TREES));
+        for (const std::uint32_t tree : TREES)
+            trees.emplace_back(tree, &pools);
     }
     std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); }
 
@@ -336,7 +73,7 @@ struct random_trie : testing::TestWithParam<std::uint32_t> {
         made.length = lengths[below(std::size(lengths))];
         made.prefix = IP(tops[below(std::size(tops))], bytes[below(repeats)], bytes[below(repeats)], bytes[below(5)]);
         if (below(64) != 0) // now and then an address with host bits, as given
-            made.prefix &= mask_of(made.length);
+            made.prefix &= plain_mask(made.length);
         made.route = {below(4), below(4), flags[below(std::size(flags))]};
         if (below(50) == 0)
             made.route.ifid |= 0x4000; // more bits than a leaf or a block keeps
@@ -347,7 +84,7 @@ struct random_trie : testing::TestWithParam<std::uint32_t> {
 
     void watch(const step &taken)
     {
-        const std::uint32_t mask = mask_of(taken.length), first = taken.prefix & mask, last = first | ~mask;
+        const std::uint32_t mask = plain_mask(taken.length), first = taken.prefix & mask, last = first | ~mask;
         watched = {first, last, first - 1, last + 1, first + ((last - first) / 2), taken.prefix, IP(10, 0, 0, 0)};
         const plain_tree &tree = trees[taken.tree];
         for (int i = 0; i < 6; ++i)
@@ -439,18 +176,14 @@ struct random_trie : testing::TestWithParam<std::uint32_t> {
     void check_tree(std::uint32_t index)
     {
         const plain_tree &tree = trees[index];
-        std::uint32_t in_use = 0, charged[3];
+        std::uint32_t charged[3];
         mtrie_census reached{};
-        for (const plain_leaf &leaf : tree.leaves)
-            in_use += leaf.in_use ? 1 : 0;
         ASSERT_EQ(mtrie_check(mtrie_get_root_node(TREES[index]), &reached), 0);
         mtrie_get_stats(TREES[index], charged);
         EXPECT_EQ(charged[0], reached.nodes) << "nodes";
-        EXPECT_LE(reached.leaves, in_use) << "leaves that only hang below each other are not reached";
-        if (!nodes_ran_out && !tree.had_gap) {
-            EXPECT_EQ(reached.foldable, 0u);
-        }
-        EXPECT_EQ(charged[1], in_use + tree.lost_leaves) << "leaves";
+        EXPECT_EQ(charged[0], plain_nodes_held(tree)) << "nodes";
+        EXPECT_LE(reached.leaves, tree.leaves.size()) << "leaves that only hang below each other are not reached";
+        EXPECT_EQ(charged[1], plain_leaves_held(tree)) << "leaves";
         EXPECT_EQ(charged[2], tree.blocks) << "blocks";
         ASSERT_EQ(norvik_leaf_default[TREES[index]].addr() != 0, tree.standard != nullptr);
         if (tree.standard != nullptr) {
@@ -481,35 +214,24 @@ struct random_trie : testing::TestWithParam<std::uint32_t> {
     {
         plain_tree &tree = trees[taken.tree];
         if (taken.kind == step::ADD)
-            return plain_route_add(tree, taken.prefix, mask_of(taken.length), taken.route);
+            return plain_route_add(tree, taken.prefix, plain_mask(taken.length), taken.route);
         if (taken.kind == step::REMOVE)
-            return plain_route_remove(tree, taken.prefix, mask_of(taken.length), taken.route);
+            return plain_route_remove(tree, taken.prefix, plain_mask(taken.length), taken.route);
         return plain_set_default(tree, taken.route, taken.kind == step::DEFAULT_ADD);
-    }
-    // Whether a new leaf of this step was refused for want of nodes. Only nodes are not in the picture.
-    bool lacks_nodes(const step &taken, std::uint32_t answer) const
-    {
-        const plain_tree &tree = trees[taken.tree];
-        return taken.kind == step::ADD && answer == 0 && pools.leaves < LEAF_CAPACITY &&
-               plain_exact(tree, taken.prefix, mask_of(taken.length)) == nullptr &&
-               mtrie_pools[MTRIE_POOL_NODE].count == static_cast<std::int32_t>(NODE_CAPACITY);
     }
     void take(const step &taken)
     {
         watch(taken);
         const std::uint32_t answer = take_for_real(taken);
         ASSERT_NO_FATAL_FAILURE(check_between(taken));
-        if (lacks_nodes(taken, answer)) {
-            nodes_ran_out = true;
-            ++pools.leaves; // odd: the leaf stays taken
-            ++trees[taken.tree].lost_leaves;
-        } else {
-            ASSERT_EQ(answer, take_in_picture(taken));
-        }
+        ASSERT_EQ(answer, take_in_picture(taken));
+        ASSERT_EQ(card.texts(100), pools.errors);
+        pools.errors.clear();
         ASSERT_EQ(mtrie_pool_check(), 0);
         ASSERT_EQ(mtrie_hw_check(), 0);
         ASSERT_EQ(mtrie_pools[MTRIE_POOL_LEAF].count, static_cast<std::int32_t>(pools.leaves));
         ASSERT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, static_cast<std::int32_t>(pools.blocks));
+        ASSERT_EQ(mtrie_pools[MTRIE_POOL_NODE].count, static_cast<std::int32_t>(pools.nodes));
         ASSERT_NO_FATAL_FAILURE(check_tree(taken.tree));
     }
     static std::string told(const step &taken)
@@ -539,8 +261,10 @@ TEST_P(random_trie, many_prefixes_are_answered_as_the_picture_says_after_every_o
 
 TEST_P(random_trie, the_last_leaves_and_nodes_run_out_without_an_answer_changing)
 {
-    while (mtrie_pools[MTRIE_POOL_NODE].count < 1012) // charged to a tree that is not looked at
+    while (mtrie_pools[MTRIE_POOL_NODE].count < 1012) { // charged to a tree that is not looked at
         ASSERT_NE(mtrie_node_alloc_pool(77), nullptr);
+        ++pools.nodes;
+    }
     while (mtrie_pools[MTRIE_POOL_LEAF].count < 1000) {
         ASSERT_NE(mtrie_leaf_alloc_pool(77), nullptr);
         ++pools.leaves;
@@ -551,6 +275,7 @@ TEST_P(random_trie, the_last_leaves_and_nodes_run_out_without_an_answer_changing
     }
     run(250, 3);
     EXPECT_GE(pools.leaves, 1000u);
+    EXPECT_EQ(pools.nodes, plain_pools::NODES) << "the run did not reach the last node";
 }
 
 INSTANTIATE_TEST_SUITE_P(seeds, random_trie, testing::Values(1u, 2u, 3u, 20260101u));
