@@ -1,31 +1,14 @@
-// plain_model.cpp - the operations of the plain model, step by step as the process takes them.
+// plain_model.cpp - the plain model's RIB: hosts, static routes, and how they reach the forwarding table.
 #include "plain_model.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
+#include <bit>
 #include <tuple>
 
 namespace
 {
 
-constexpr std::uint32_t POOL_LEAVES = 1024, POOL_BLOCKS = 128, TREES = 256;
-
-model_path *find_path(std::vector<model_path> *set, bool (*match)(const model_path &, std::uint32_t), std::uint32_t key)
-{
-    if (set == nullptr)
-        return nullptr;
-    for (model_path &path : *set)
-        if (match(path, key))
-            return &path;
-    return nullptr;
-}
-
-std::vector<model_path> *find_set(plain_model &m, std::uint32_t ctx, model_key key)
-{
-    const auto it = m.rib[ctx].find(key);
-    return it == m.rib[ctx].end() ? nullptr : &it->second;
-}
+constexpr std::uint32_t TREES = 256, NO_CTX = 0; // combined operations log under context 0
 
 void join(std::vector<model_path> &set, const model_path &path)
 {
@@ -37,7 +20,7 @@ void join(std::vector<model_path> &set, const model_path &path)
 }
 
 // Takes path `i` out; the path itself keeps its flags. A set of one is no set.
-model_path take_out(std::map<model_key, std::vector<model_path>> &table, model_key key, std::size_t i)
+model_path take_out(model_table &table, model_key key, std::size_t i)
 {
     std::vector<model_path> &set = table[key];
     const model_path path = set[i];
@@ -49,156 +32,39 @@ model_path take_out(std::map<model_key, std::vector<model_path>> &table, model_k
     return path;
 }
 
-// --- The forwarding table.
+plain_way way_of(const model_path &path) { return {path.encap & 0xFFFF, path.ifid, path.flags}; }
 
-void set_adjacency(model_leaf &leaf, std::uint32_t ifid, std::uint32_t encap, std::uint32_t kept)
+bool is_default(model_key key) { return key == model_key(0, 0); }
+bool in_fib(const model_path &path) { return (path.flags & RIB_F_IN_MTRIE) != 0; }
+bool waits_for(const model_path &path, std::uint32_t host)
 {
-    leaf.adjacency = (leaf.adjacency & kept) | (ifid & 0x1FFF) << 16 | (encap & 0xFFFF);
+    return (path.flags & RIB_F_GATEWAY) != 0 && path.nexthop == host;
 }
 
-bool ecmp_insert(plain_model &m, model_leaf &leaf, const model_path &path)
+// What both lines about an entry and the forwarding table say of it.
+std::string route_text(std::uint32_t ctx, model_key key)
 {
-    if ((path.flags & RIB_F_ECMP) == 0)
-        return false;
-    const std::uint32_t entry = (path.ifid & 0x3FFFu) << 18 | (path.encap & 0xFFFF);
-    if (!leaf.has_block) {
-        if (m.blocks_in_use() == POOL_BLOCKS)
-            return false;
-        leaf.has_block = true;
-        leaf.npaths = 1;
-        std::memset(leaf.hw, 0, sizeof leaf.hw);
-        leaf.hw[0] = 0x92000000;
-        leaf.hw[1] = entry;
-        leaf.adjacency |= 1u << 30;
-        return true;
-    }
-    if (leaf.hw[0] >> 31 == 0 || leaf.npaths == 7)
-        return false; // left invalid by a removal, or full
-    const std::uint32_t count = (leaf.hw[0] >> 28 & 7) + 1, sequence = (leaf.hw[0] >> 25 & 7) + 1;
-    leaf.hw[++leaf.npaths] = entry;
-    leaf.hw[0] = 1u << 31 | (count & 7) << 28 | (sequence & 7) << 25;
-    return true;
-}
-
-bool ecmp_remove(model_leaf &leaf, const model_path &path)
-{
-    if (leaf.hw[0] >> 31 == 0)
-        return false;
-    leaf.hw[0] &= 0x7FFFFFFF;
-    const std::uint32_t encap = path.encap & 0xFFFF;
-    const std::uint32_t last = leaf.hw[leaf.npaths];
-    // Odd: the ifid is cut when it is stored and compared uncut, so a large one is not found again.
-    if ((leaf.adjacency & 0xFFFF) == encap && (leaf.adjacency >> 16 & 0x1FFF) == path.ifid) {
-        leaf.adjacency = (leaf.adjacency & 0xE0000000) | (last >> 18 & 0x1FFF) << 16 | (last & 0xFFFF);
-    } else {
-        unsigned i = 1;
-        while (i < 8 && !((leaf.hw[i] & 0xFFFF) == encap && leaf.hw[i] >> 18 == path.ifid))
-            ++i;
-        if (i == 8)
-            return false; // odd: the block stays invalid, and refuses whatever comes
-        leaf.hw[i] = last;
-    }
-    leaf.hw[leaf.npaths] = 0;
-    const std::uint32_t count = (leaf.hw[0] >> 28 & 7) - 1, sequence = (leaf.hw[0] >> 25 & 7) - 1;
-    leaf.hw[0] = 1u << 31 | (count & 7) << 28 | (sequence & 7) << 25;
-    if (leaf.npaths-- == 1 && (count & 7) == 0) {
-        leaf.has_block = false;
-        leaf.adjacency &= ~(1u << 30);
-    }
-    return true;
-}
-
-bool fib_add(plain_model &m, std::uint32_t tree, model_key key, const model_path &path)
-{
-    auto &leaves = m.fib[tree];
-    const auto it = leaves.find(key);
-    if (it != leaves.end() && (path.flags & RIB_F_ECMP) != 0)
-        return ecmp_insert(m, it->second, path);
-    if (m.leaves_in_use() == POOL_LEAVES) {
-        leaves.erase(key); // odd: the clean-up after a failure takes the leaf that was there before
-        return false;
-    }
-    if (it != leaves.end()) {
-        ++m.leaves_lost; // odd: the leaf for a repeat is kept, and the old word stands
-        return true;
-    }
-    set_adjacency(leaves[key], path.ifid, path.encap, 0);
-    return true;
-}
-
-bool fib_remove(plain_model &m, std::uint32_t tree, model_key key, const model_path &path)
-{
-    auto &leaves = m.fib[tree];
-    const auto it = leaves.find(key);
-    if (it == leaves.end())
-        return false;
-    if (it->second.has_block && (it->second.adjacency >> 30 & 1) != 0)
-        return ecmp_remove(it->second, path);
-    leaves.erase(it);
-    return true;
-}
-
-constexpr std::uint32_t KEPT_BY_UPDATE = 1u << 29; // the NAT flag; the encap id is kept too, then overwritten
-
-bool default_set(plain_model &m, std::uint32_t tree, const model_path &path)
-{
-    model_leaf &leaf = m.fib[tree][{0, 0}];
-    if ((path.flags & RIB_F_ECMP) != 0 && (leaf.adjacency & 0x1FFFFFFF) != 0)
-        return ecmp_insert(m, leaf, path);
-    set_adjacency(leaf, path.ifid, path.encap, KEPT_BY_UPDATE); // odd: a block that it has stays behind
-    return true;
-}
-
-void default_reset(plain_model &m, std::uint32_t tree, const model_path &path)
-{
-    model_leaf &leaf = m.fib[tree][{0, 0}];
-    if (leaf.has_block && (leaf.adjacency >> 30 & 1) != 0)
-        (void)ecmp_remove(leaf, path);
-    else
-        set_adjacency(leaf, 0, 0, KEPT_BY_UPDATE);
+    return plain_text("(%u) %s%08x/%u", ctx, "", key.second, key.first);
 }
 
 bool program(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
 {
-    const bool done = key == model_key(0, 0) ? default_set(m, ctx, path) : fib_add(m, ctx, key, path);
+    const bool done = is_default(key) ? plain_set_default(m.trees.at(ctx), way_of(path), true) != 0
+                                      : model_fib_add(m, ctx, key, path);
     if (done)
         path.flags |= RIB_F_IN_MTRIE;
+    else
+        model_error(m, ctx,
+                    plain_text("rib_add_mtrie_route: Failed to add mtrie for route_id (%u) route/mask %08x/%u->nexthop "
+                               "%08x encap %04x\n",
+                               ctx, key.second, key.first, path.nexthop, path.encap));
     return done;
 }
-
-void withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
-{
-    if ((path.flags & RIB_F_IN_MTRIE) == 0)
-        return;
-    bool done = true;
-    if (key == model_key(0, 0))
-        default_reset(m, ctx, path);
-    else
-        done = fib_remove(m, ctx, key, path);
-    if (done)
-        path.flags &= static_cast<std::uint16_t>(~RIB_F_IN_MTRIE);
-}
-
-// The keys of a context in the order of its table.
-std::vector<model_key> in_order(const std::map<model_key, std::vector<model_path>> &table)
-{
-    std::vector<model_key> keys;
-    for (const auto &[key, set] : table)
-        keys.push_back(key);
-    std::sort(keys.begin(), keys.end(), [](model_key a, model_key b) {
-        return std::tuple(a.first, model_bucket(a.second, a.first), a.second) <
-               std::tuple(b.first, model_bucket(b.second, b.first), b.second);
-    });
-    return keys;
-}
-
-bool waits_for(const model_path &path, std::uint32_t host) { return path.is_static && path.nexthop == host; }
-bool in_fib(const model_path &path) { return (path.flags & RIB_F_IN_MTRIE) != 0; }
 
 // Odd: when the head of a set is taken care of, its members are passed over.
 void host_added(plain_model &m, std::uint32_t ctx, std::uint32_t host, const model_path &path)
 {
-    for (const model_key &key : in_order(m.rib[ctx]))
+    for (const model_key &key : model_order(m.rib[ctx]))
         for (model_path &waiting : m.rib[ctx][key]) {
             if (!waits_for(waiting, host) || in_fib(waiting))
                 continue;
@@ -212,45 +78,170 @@ void host_added(plain_model &m, std::uint32_t ctx, std::uint32_t host, const mod
 
 void host_removed(plain_model &m, std::uint32_t ctx, std::uint32_t host)
 {
-    for (const model_key &key : in_order(m.rib[ctx]))
+    for (const model_key &key : model_order(m.rib[ctx]))
         for (model_path &installed : m.rib[ctx][key]) {
             if (!waits_for(installed, host) || !in_fib(installed))
                 continue;
-            withdraw(m, ctx, key, installed);
-            installed.ifid = 0;
-            installed.encap = 0;
+            model_withdraw(m, ctx, key, installed);
             if (&installed == &m.rib[ctx][key].front())
                 break;
         }
 }
 
-// Takes the head at `key` when it is an ARP host. Odd: its members are lost with it.
-bool take_host(plain_model &m, std::uint32_t ctx, model_key key, model_path &head)
-{
-    const std::vector<model_path> *set = find_set(m, ctx, key);
-    if (set == nullptr || (set->front().flags & RIB_F_ARP_HOST) == 0)
-        return false;
-    head = set->front();
-    for (std::size_t i = 1; i < set->size(); ++i)
-        ++((*set)[i].is_static ? m.statics_lost : m.hosts_lost);
-    m.rib[ctx].erase(key);
-    return true;
-}
-
 // Odd: only the head of a set is looked at, of whatever length, the shortest first.
 const model_path *known_host(plain_model &m, std::uint32_t ctx, std::uint32_t nexthop)
 {
-    for (const model_key &key : in_order(m.rib[ctx])) {
+    constexpr std::uint16_t LEARNED = RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED;
+    for (const model_key &key : model_order(m.rib[ctx])) {
         const model_path &head = m.rib[ctx][key].front();
-        if (key.second == nexthop && (head.flags & 3) == 3)
+        if (key.second == nexthop && (head.flags & LEARNED) == LEARNED)
             return &head;
     }
     return nullptr;
 }
 
+bool is_of_object(const model_path &path, std::uint16_t object, bool also_installed)
+{
+    if (object == MODEL_OBJ_INTERFACE)
+        return (path.flags & RIB_F_INTERFACE) != 0;
+    return (path.flags & (RIB_F_ARP_HOST | (also_installed ? RIB_F_ARP_INSTALLED : 0))) != 0;
+}
+
+// Fills what an ARP host knows of its interface. False when the interface has no routing mode.
+bool learn_interface(plain_model &m, const model_host &host, model_path &path)
+{
+    const auto of = m.interfaces.find(host.ifid);
+    if (of == m.interfaces.end() || !of->second.has_rmode) {
+        model_error(m, host.ctx, plain_text("Failed to get route mode for ifId %u", unsigned{host.ifid}));
+        return false;
+    }
+    const auto routed = of->second.rmode == 1 ? of : m.interfaces.find(static_cast<std::uint32_t>(of->second.bvi));
+    path.nexthop = routed == m.interfaces.end() || !routed->second.has_address ? 0 : routed->second.address;
+    path.flags |= RIB_F_ARP_HOST;
+    return true;
+}
+
+model_path *host_add(plain_model &m, const model_host &h)
+{
+    if (h.len > 32) {
+        model_error(m, h.ctx,
+                    plain_text("rib_add_host_route, wrong mask, host addr 0x%x/%d add Fails, encapid 0x%x\n", h.addr,
+                               static_cast<int>(h.len), unsigned{h.encap}));
+        return nullptr;
+    }
+    if (h.object == MODEL_OBJ_HOST && !model_is_up(m, h.ifid)) {
+        model_error(m, h.ctx,
+                    plain_text("rib_add_host_route, if %u DOWN, obj %u addr 0x%x/%u add Fails, encapid 0x%x\n",
+                               unsigned{h.ifid}, unsigned{h.object}, h.addr, h.len, unsigned{h.encap}));
+        return nullptr;
+    }
+    const model_key key(h.len, h.addr & plain_mask(h.len));
+    if (std::vector<model_path> *set = model_set(m, h.ctx, key))
+        for (model_path &path : *set)
+            if (is_of_object(path, h.object, true)) {
+                if (h.object != MODEL_OBJ_HOST) {
+                    model_error(
+                        m, h.ctx,
+                        plain_text("rib_add_host_route:rejecting duplicate entry:%x/%u\n", key.second, key.first));
+                    return nullptr;
+                }
+                path.encap = h.encap;
+                path.ifid = h.ifid;
+                return &path;
+            }
+    if (!model_alloc(m))
+        return nullptr;
+    model_path path = {MODEL_HOST, 0, h.ifid, h.encap, 0};
+    if (h.object == MODEL_OBJ_INTERFACE)
+        path.flags = RIB_F_INTERFACE;
+    else if (!learn_interface(m, h, path))
+        return nullptr;
+    join(m.rib[h.ctx][key], path);
+    return &m.rib[h.ctx][key].back();
+}
+
+// Takes the head of the host's prefix when it is of the host's object. Odd: its members are lost with it.
+bool host_remove(plain_model &m, const model_host &h, model_path &taken)
+{
+    if (h.len > 32) {
+        model_error(m, h.ctx,
+                    plain_text("rib_remove_host_route, wrong mask, host addr 0x%x/%d remove Fails\n", h.addr,
+                               static_cast<int>(h.len)));
+        return false;
+    }
+    const model_key key(h.len, h.addr & plain_mask(h.len));
+    const std::vector<model_path> *set = model_set(m, h.ctx, key);
+    if (set == nullptr)
+        return false;
+    if (!is_of_object(set->front(), h.object, false)) {
+        model_error(m, h.ctx,
+                    plain_text("rib_remove_host_route, wrong entry 0x%x/%u flags %x, host addr 0x%x/%u remove obj %u "
+                               "Fails\n",
+                               key.second, key.first, unsigned{set->front().flags}, key.second, key.first,
+                               unsigned{h.object}));
+        return false;
+    }
+    taken = set->front();
+    if (h.object == MODEL_OBJ_HOST)
+        taken.flags &= static_cast<std::uint16_t>(~RIB_F_ARP_HOST);
+    model_lose_members(m, h.ctx, key);
+    return true;
+}
+
+void request(plain_model &m, std::uint32_t gateway, std::uint32_t ctx, std::uint32_t ifid, unsigned sense)
+{
+    m.calls.push_back(plain_text("tnrpc_call tn_arp_add_entry 1:%u 2:0x%x 2:0x%x 2:0x%x 0:2 0:%u", ctx, ifid, gateway,
+                                 gateway, sense));
+    if (m.peers.arp_result == 0xFFFFFFFF)
+        model_error(m, ctx, "request_gwy_resolution:TN RPC call tn_arp_add_entry() return err code -1\n");
+}
+
+// The tail of a static route's end: odd, whatever entry it is.
+void discard(plain_model &m, std::uint32_t ctx, model_key key, model_path path)
+{
+    path.flags &= static_cast<std::uint16_t>(~RIB_F_GATEWAY);
+    const std::uint16_t ifid = path.ifid;
+    model_withdraw(m, ctx, key, path);
+    request(m, path.nexthop, ctx, ifid, 0);
+}
+
+// Whether a new static path is refused for what its prefix has already.
+bool is_refused(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t nexthop)
+{
+    const std::vector<model_path> *set = model_set(m, ctx, key);
+    if (set == nullptr)
+        return false;
+    for (const model_path &path : *set) {
+        if ((path.flags & RIB_F_INTERFACE) == 0 && path.nexthop != nexthop)
+            continue;
+        if ((path.flags & RIB_F_INTERFACE) != 0)
+            model_error(m, ctx, plain_text("rib_add_route: Collide with interface %08x/%u \n", key.second, key.first));
+        else
+            model_error(m, ctx,
+                        plain_text("rib_add_route: DUPLICATE route/maskbits %08x/%u-> nexthop %08x \n", key.second,
+                                   key.first, nexthop));
+        return true;
+    }
+    // Odd: exactly eight is full; hosts join without a limit, and nine or more are not refused.
+    if (set->size() != 8)
+        return false;
+    model_error(m, ctx,
+                plain_text("rib_add_route: MAX ECMP exceed route/maskbits %08x/%u-> nexthop %08x \n", key.second,
+                           key.first, nexthop));
+    return true;
+}
+
 } // namespace
 
-std::uint32_t model_mask(std::uint32_t len) { return len == 0 ? 0 : 0xFFFFFFFFu << (32 - len); }
+void model_error(plain_model &m, std::uint32_t ctx, const std::string &message) { plain_error(m.pools, ctx, message); }
+
+bool model_alloc(plain_model &m) { return m.alloc_fails_in == 0 || --m.alloc_fails_in != 0; }
+
+std::vector<model_path> *model_set(plain_model &m, std::uint32_t ctx, model_key key)
+{
+    const auto it = m.rib[ctx].find(key);
+    return it == m.rib[ctx].end() ? nullptr : &it->second;
+}
 
 std::uint32_t model_bucket(std::uint32_t prefix, std::uint32_t len)
 {
@@ -258,155 +249,228 @@ std::uint32_t model_bucket(std::uint32_t prefix, std::uint32_t len)
     return (729 * (v >> 24) + 81 * (v >> 16 & 255) + 9 * (v >> 8 & 255) + (v & 255)) % 31;
 }
 
-std::string model_line(std::uint32_t len, std::uint32_t prefix, unsigned place, const model_path &path,
-                       std::uint32_t count)
+std::uint32_t model_mask_len(std::uint32_t mask) { return static_cast<std::uint32_t>(std::countl_one(mask)); }
+
+std::vector<model_key> model_order(const model_table &table)
 {
-    char text[160];
-    std::snprintf(text, sizeof text, "%08x/%u #%u nexthop %08x ifid %u encap %x flags %04x count %u", prefix, len,
-                  place, path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
-    return text;
+    std::vector<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>> places;
+    for (const auto &[key, set] : table)
+        places.emplace_back(key.first, model_bucket(key.second, key.first), key.second);
+    std::sort(places.begin(), places.end());
+    std::vector<model_key> keys;
+    for (const auto &[len, bucket, prefix] : places)
+        keys.emplace_back(len, prefix);
+    return keys;
 }
 
-plain_model::plain_model(unsigned contexts)
+bool model_is_up(const plain_model &m, std::uint32_t ifid)
 {
-    for (std::uint32_t ctx = 0; ctx < contexts; ++ctx) {
-        rib[ctx][{3, 0xE0000000}] = {{false, 0, 0, 0x8001, RIB_F_MCAST_DROP}};
-        fib[ctx][{0, 0}] = {};
-        fib[ctx][{3, 0xE0000000}].adjacency = 0x8001;
+    const auto of = m.interfaces.find(ifid);
+    return of != m.interfaces.end() && of->second.up;
+}
+
+bool model_fib_add(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path)
+{
+    return plain_route_add(m.trees.at(ctx), key.second, plain_mask(key.first), way_of(path)) != 0;
+}
+
+bool model_fib_remove(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path)
+{
+    return plain_route_remove(m.trees.at(ctx), key.second, plain_mask(key.first), way_of(path)) != 0;
+}
+
+void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
+{
+    if (in_fib(path)) {
+        bool done = true;
+        if (is_default(key))
+            (void)plain_set_default(m.trees.at(ctx), way_of(path), false);
+        else
+            done = model_fib_remove(m, ctx, key, path);
+        if (done)
+            path.flags &= static_cast<std::uint16_t>(~RIB_F_IN_MTRIE);
+        else
+            model_error(m, ctx,
+                        plain_text("rib_remove_mtrie_route: (1) Unable to remove routeid %s nexthop %08x encapid "
+                                   "%04x\n",
+                                   route_text(ctx, key).c_str(), path.nexthop, path.encap));
     }
+    path.ifid = 0; // also when the forwarding table refused
+    path.encap = 0;
 }
 
-std::uint32_t plain_model::arp_add(std::uint32_t ctx, std::uint32_t addr, std::uint32_t len, std::uint16_t encap,
-                                   std::uint16_t ifid)
+void model_lose_members(plain_model &m, std::uint32_t ctx, model_key key)
 {
-    const auto interface = interfaces.find(ifid);
-    if (len > 32 || interface == interfaces.end() || !interface->second.up)
-        return 1;
-    const model_key key(len, addr & model_mask(len));
-    model_path *path = find_path(
-        find_set(*this, ctx, key), [](const model_path &p, std::uint32_t) { return (p.flags & 3) != 0; }, 0);
-    if (path != nullptr) {
-        path->encap = encap;
-        path->ifid = ifid;
-    } else {
-        if (memory_short)
-            return 1;
-        join(rib[ctx][key], {false, interface->second.address, ifid, encap, RIB_F_ARP_HOST});
-        path = &rib[ctx][key].back();
+    const std::vector<model_path> &set = m.rib[ctx].at(key);
+    for (std::size_t i = 1; i < set.size(); ++i)
+        ++m.lost[set[i].kind];
+    m.rib[ctx].erase(key);
+}
+
+void model_flush(plain_model &m)
+{
+    m.calls.push_back("syscall_open");
+    if (m.peers.open_result < 0)
+        return;
+    m.calls.push_back("tn_flush_rt_cache");
+    m.calls.push_back("syscall_close");
+}
+
+std::string model_line(model_key key, unsigned place, const model_path &path, std::uint32_t count)
+{
+    return plain_text("%08x/%u #%u nexthop %08x ifid %u encap %x flags %04x count %u", key.second, key.first, place,
+                      path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
+}
+
+model_path *model_combined_add(plain_model &m, const model_host &host)
+{
+    model_path *path = host_add(m, host);
+    if (path == nullptr) {
+        model_error(m, NO_CTX,
+                    plain_text("route_add_rib_and_mtrie_entry: rib add failed, addr 0x%x/%d, ifid 0x%x\n", host.addr,
+                               static_cast<int>(host.len), unsigned{host.ifid}));
+        return nullptr;
     }
-    path->flags |= RIB_F_ARP_INSTALLED;
-    if (fib_add(*this, ctx, key, *path)) {
-        host_added(*this, ctx, key.second, *path);
-        return 0;
+    path->flags |= host.flags;
+    const model_key key(host.len, host.addr & plain_mask(host.len));
+    if (model_fib_add(m, host.ctx, key, *path))
+        return path;
+    model_error(m, NO_CTX, plain_text("adding Mtrie FAILURE 0x%x/%u->%04x\n", key.second, key.first, path->encap));
+    model_path taken{}; // odd: what is undone is the head, whichever path failed, or nothing when it is another object
+    (void)host_remove(m, host, taken);
+    return nullptr;
+}
+
+bool model_combined_remove(plain_model &m, const model_host &host, model_path *taken)
+{
+    model_path path{};
+    if (!host_remove(m, host, path)) {
+        model_error(m, NO_CTX,
+                    plain_text("route_remove_rib_and_mtrie_entry: rib remove failed, addr 0x%x/%d\n", host.addr,
+                               static_cast<int>(host.len)));
+        return false;
     }
-    model_path taken; // odd: what is undone is the head, whichever path failed, or nothing when it is no host
-    (void)take_host(*this, ctx, key, taken);
-    return 1;
+    path.flags &= static_cast<std::uint16_t>(~host.flags);
+    if (!model_fib_remove(m, host.ctx, {host.len, host.addr & plain_mask(host.len)}, path))
+        model_error(m, NO_CTX,
+                    plain_text("route_remove_rib_and_mtrie_entry:remove Mtrie FAILURE 0x%x/%u\n", host.addr, host.len));
+    if (taken != nullptr)
+        *taken = path;
+    return true;
 }
 
-std::uint32_t plain_model::arp_remove(std::uint32_t ctx, std::uint32_t addr, std::uint32_t len)
+std::uint32_t model_arp_add(plain_model &m, const model_host &host)
 {
-    model_path host;
-    if (len > 32)
+    if (host.object != MODEL_OBJ_HOST) {
+        model_error(m, host.ctx,
+                    plain_text("arp_prefix_mgr_add_route, Object NOT supported, addr 0x%x/%d, encapid 0x%x, ifid "
+                               "0x%x\n",
+                               host.addr, static_cast<int>(host.len), unsigned{host.encap}, unsigned{host.ifid}));
         return 1;
-    const model_key key(len, addr & model_mask(len));
-    if (!take_host(*this, ctx, key, host))
-        return 1;
-    (void)fib_remove(*this, ctx, key, host);
-    host_removed(*this, ctx, key.second);
-    return 0;
-}
-
-std::uint32_t plain_model::static_add(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, std::uint32_t nexthop)
-{
-    const model_key key(len, prefix & model_mask(len));
-    std::vector<model_path> *set = find_set(*this, ctx, key);
-    const auto same = [](const model_path &p, std::uint32_t n) { return p.nexthop == n; };
-    // Odd: exactly eight is full; hosts join without a limit, and nine or more are not refused.
-    if (find_path(set, same, nexthop) != nullptr || (set != nullptr && set->size() == 8) || memory_short)
-        return 1;
-    join(rib[ctx][key], {true, nexthop, 0, 0, RIB_F_GATEWAY});
-    const model_path *host = known_host(*this, ctx, nexthop);
-    if (host == nullptr)
-        return 0;
-    model_path &path = rib[ctx][key].back();
-    path.encap = host->encap;
-    path.ifid = host->ifid;
-    if (program(*this, ctx, key, path))
-        return 0;
-    (void)take_out(rib[ctx], key, rib[ctx][key].size() - 1);
-    return 1;
-}
-
-std::uint32_t plain_model::static_remove(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len,
-                                         std::uint32_t nexthop)
-{
-    const model_key key(len, prefix & model_mask(len));
-    std::vector<model_path> *set = find_set(*this, ctx, key);
-    // Odd: a path is known by its next hop alone, so a host's own entry goes too, and its leaf stays.
-    const model_path *path = find_path(
-        set, [](const model_path &p, std::uint32_t n) { return p.nexthop == n; }, nexthop);
+    }
+    const model_path *path = model_combined_add(m, host);
     if (path == nullptr)
         return 1;
-    model_path taken = take_out(rib[ctx], key, static_cast<std::size_t>(path - set->data()));
-    withdraw(*this, ctx, key, taken);
+    host_added(m, host.ctx, host.addr & plain_mask(host.len), *path);
     return 0;
 }
 
-std::uint32_t plain_model::set_is_full(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len) const
+std::uint32_t model_arp_remove(plain_model &m, const model_host &host)
 {
-    const auto &table = rib.at(ctx);
-    const auto it = table.find({len, prefix & model_mask(len)});
-    return it != table.end() && it->second.size() == 8 ? 1 : 0;
+    if (host.object != MODEL_OBJ_HOST) {
+        model_error(m, host.ctx,
+                    plain_text("arp_prefix_mgr_remove_route, object NOT supported, addr 0x%x, encapid 0x%x, ifid "
+                               "0x%x\n",
+                               host.addr, unsigned{host.encap}, unsigned{host.ifid}));
+        return 1;
+    }
+    if (!model_combined_remove(m, host, nullptr))
+        return 1;
+    host_removed(m, host.ctx, host.addr & plain_mask(host.len));
+    model_flush(m);
+    return 0;
 }
 
-std::vector<std::string> plain_model::rib_text(std::uint32_t ctx) const
+std::uint32_t model_static_add(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t nexthop)
 {
-    std::vector<std::string> lines;
-    for (const model_key &key : in_order(rib.at(ctx))) {
+    if (is_refused(m, ctx, key, nexthop))
+        return 1;
+    if (!model_alloc(m)) {
+        model_error(m, ctx, "rib_add_route: Failed to allocate route entry\n");
+        return 1;
+    }
+    join(m.rib[ctx][key], {MODEL_STATIC, nexthop, 0, 0, RIB_F_GATEWAY});
+    const model_path *host = known_host(m, ctx, nexthop);
+    request(m, nexthop, ctx, host == nullptr ? 0u : host->ifid, 1);
+    if (host == nullptr)
+        return 0;
+    model_path &path = m.rib[ctx][key].back();
+    path.encap = host->encap;
+    path.ifid = host->ifid;
+    if (program(m, ctx, key, path))
+        return 0;
+    discard(m, ctx, key, take_out(m.rib[ctx], key, m.rib[ctx][key].size() - 1));
+    return 1;
+}
+
+std::uint32_t model_static_remove(plain_model &m, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len,
+                                  std::uint32_t nexthop)
+{
+    // The prefix is taken as it is: host bits are passed over, but a default route is only found as 0.
+    const model_key key(len, len == 0 ? prefix : prefix & plain_mask(len));
+    if (const std::vector<model_path> *set = model_set(m, ctx, key))
+        for (std::size_t i = 0; i < set->size(); ++i) {
+            // Odd: a path is known by its next hop alone, so a host's own entry goes too, and its leaf stays.
+            if ((*set)[i].nexthop != nexthop)
+                continue;
+            discard(m, ctx, key, take_out(m.rib[ctx], key, i));
+            model_flush(m);
+            return 0;
+        }
+    model_error(m, ctx, plain_text("could not find static route for ip=%x/%u", prefix, len));
+    return 1;
+}
+
+plain_model::plain_model(const std::vector<std::uint32_t> &contexts)
+{
+    const auto untouched = static_cast<std::uint32_t>(TREES - contexts.size()); // a root, two leaves, one entry each
+    pools.nodes = untouched;
+    pools.leaves = 2 * untouched;
+    lost[MODEL_HOST] = untouched;
+    for (const std::uint32_t ctx : contexts) {
+        trees.emplace(ctx, plain_tree(ctx, &pools));
+        model_path &drop = rib[ctx][{3, 0xE0000000}].emplace_back();
+        drop = {MODEL_HOST, 0, 0, 0x8001, RIB_F_MCAST_DROP};
+        (void)model_fib_add(*this, ctx, {3, 0xE0000000}, drop);
+    }
+}
+
+void plain_model::forget()
+{
+    pools.errors.clear();
+    calls.clear();
+    sent.clear();
+    adverts.clear();
+}
+
+text_lines plain_model::rib_text(std::uint32_t ctx) const
+{
+    text_lines lines;
+    for (const model_key &key : model_order(rib.at(ctx))) {
         const std::vector<model_path> &set = rib.at(ctx).at(key);
         for (unsigned i = 0; i < set.size(); ++i)
-            lines.push_back(model_line(key.first, key.second, i, set[i],
-                                       i == 0 && set.size() > 1 ? static_cast<std::uint32_t>(set.size()) : 0));
+            lines.push_back(
+                model_line(key, i, set[i], i == 0 && set.size() > 1 ? static_cast<std::uint32_t>(set.size()) : 0));
     }
     return lines;
 }
 
-std::uint32_t plain_model::entries(bool is_static) const
+std::uint32_t plain_model::entries(model_kind kind) const
 {
-    std::uint32_t count = is_static ? statics_lost : hosts_lost;
-    if (!is_static)
-        count += TREES - static_cast<std::uint32_t>(rib.size()); // the drop entries of contexts that no one touches
+    std::uint32_t count = lost[kind];
     for (const auto &[ctx, table] : rib)
         for (const auto &[key, set] : table)
             for (const model_path &path : set)
-                count += path.is_static == is_static;
+                count += path.kind == kind ? 1u : 0u;
     return count;
-}
-
-std::uint32_t plain_model::leaves_in_use() const
-{
-    std::uint32_t count = leaves_lost + 2 * (TREES - static_cast<std::uint32_t>(fib.size()));
-    for (const auto &[tree, leaves] : fib)
-        count += static_cast<std::uint32_t>(leaves.size());
-    return count;
-}
-
-std::uint32_t plain_model::blocks_in_use() const
-{
-    std::uint32_t count = 0;
-    for (const auto &[tree, leaves] : fib)
-        for (const auto &[key, leaf] : leaves)
-            count += leaf.has_block;
-    return count;
-}
-
-const model_leaf *plain_model::longest_match(std::uint32_t ctx, std::uint32_t address) const
-{
-    for (std::uint32_t len = 33; len-- > 0;) {
-        const auto it = fib.at(ctx).find({len, address & model_mask(len)});
-        if (it != fib.at(ctx).end())
-            return &it->second;
-    }
-    return nullptr;
 }

@@ -1,9 +1,12 @@
-// plain_model.h - a slow, plain picture of the route manager: maps of prefixes, nothing shared, nothing linked.
+// plain_model.h - a slow, plain picture of the route manager: maps of prefixes and sets of paths, nothing linked.
 //
-// It answers the same operations as the process and says what the tables hold afterwards. What the process does that
-// a reader would not expect is written down here as a rule of its own, marked "odd".
-// Holds only while no prefix is wholly covered by longer ones when it is added, no host route is a /0, and route ids
-// equal contexts; the random test keeps to that.
+// It takes the same remote calls and messages as the process and says what comes of them: the answer, each error line,
+// each call and message that goes out, and what RIB, forwarding table and memory hold afterwards. What the process does
+// that a reader would not expect is written down here as a rule of its own, marked "odd".
+// Always: exact while a route's route id is its context, as callers have it. Lines of other categories than the errors
+// and what is printed are not in it.
+// Elsewhere: the forwarding table of one tree (plain_trie.cpp), the messages (plain_events.cpp), what only looks
+// (plain_show.cpp), the arguments of calls (plain_calls.cpp).
 #pragma once
 
 #include <cstdint>
@@ -12,56 +15,122 @@
 #include <utility>
 #include <vector>
 
-#include "mtrie_records.h"
+#include "plain_trie.h"
 #include "route_entry.h"
 
+using byte_list = std::vector<std::uint8_t>;
+using text_lines = std::vector<std::string>;
+
+// The kind is what memory the entry is charged to.
+enum model_kind : unsigned { MODEL_HOST, MODEL_NAT, MODEL_STATIC, MODEL_KINDS };
+
 struct model_path {
-    bool is_static;
+    model_kind kind;
     std::uint32_t nexthop;
     std::uint16_t ifid;
     std::uint32_t encap;
     std::uint16_t flags;
 };
 
-struct model_leaf {
-    std::uint32_t adjacency = 0;
-    bool has_block = false;
-    std::uint32_t npaths = 0;
-    std::uint32_t hw[ECMP_WORDS] = {};
-};
-
 struct model_interface {
-    bool up;
-    std::uint32_t address;
+    bool up = true;
+    std::uint32_t rmode = 1;
+    std::int32_t bvi = -1;
+    bool has_rmode = true, has_address = true;
+    std::uint32_t address = 0, mask = 0xFFFFFF00;
+    std::int32_t ctx = -1, vlan = -1;
 };
 
-using model_key = std::pair<std::uint32_t, std::uint32_t>; // length, prefix
+// How the processes that are called answer.
+struct model_peers {
+    std::uint32_t arp_result = 0; // 0xFFFFFFFF: the call fails
+    std::uint32_t mac_result = 0; // 0: mac_value is the answer
+    std::uint16_t mac_value = 1;
+    int scp_result = 0, open_result = 0, flush_result = 0;
+};
+
+struct model_reply {
+    std::uint32_t status = 0, result = 0;
+    std::vector<std::uint32_t> refs;
+    std::vector<byte_list> blocks;
+};
+
+struct model_cursor {
+    std::uint32_t list = 0, bucket = 0, position = 0;
+};
+
+using model_key = std::pair<std::uint32_t, std::uint32_t>;        // length, prefix
+using model_table = std::map<model_key, std::vector<model_path>>; // a set's head is first
 
 struct plain_model {
     std::map<std::uint32_t, model_interface> interfaces;
-    std::map<std::uint32_t, std::map<model_key, std::vector<model_path>>> rib; // by context; a set's head is first
-    std::map<std::uint32_t, std::map<model_key, model_leaf>> fib;              // by tree; (0, 0) is the default leaf
-    std::uint32_t leaves_lost = 0;                  // taken for a repeat and never given back
-    std::uint32_t hosts_lost = 0, statics_lost = 0; // entries that went with the head of their set
-    bool memory_short = false;                      // the next entry cannot be allocated
+    model_peers peers;
+    unsigned processors = 2;
+    unsigned alloc_fails_in = 0; // the n-th allocation from now finds memory short; 0: none does
 
-    explicit plain_model(unsigned contexts);
-    std::uint32_t arp_add(std::uint32_t ctx, std::uint32_t addr, std::uint32_t len, std::uint16_t encap,
-                          std::uint16_t ifid);
-    std::uint32_t arp_remove(std::uint32_t ctx, std::uint32_t addr, std::uint32_t len);
-    std::uint32_t static_add(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, std::uint32_t nexthop);
-    std::uint32_t static_remove(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, std::uint32_t nexthop);
-    std::uint32_t set_is_full(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len) const;
+    plain_pools pools; // and the error lines
+    std::map<std::uint32_t, plain_tree> trees;
+    std::map<std::uint32_t, model_table> rib;
+    std::uint32_t lost[MODEL_KINDS] = {};                  // entries that no table reaches any more and no one frees
+    text_lines calls;                                      // that go out, as the tests' card writes them
+    std::vector<std::pair<std::uint32_t, byte_list>> sent; // messages: opcode, payload
+    std::vector<std::string> adverts;                      // messages to the supervisor
 
-    std::vector<std::string> rib_text(std::uint32_t ctx) const; // one line a path, in the order of the table
-    std::uint32_t entries(bool is_static) const;                // allocated
-    std::uint32_t leaves_in_use() const;
-    std::uint32_t blocks_in_use() const;
-    const model_leaf *longest_match(std::uint32_t ctx, std::uint32_t address) const;
+    // A card with its drop entries; only the given contexts are touched afterwards.
+    explicit plain_model(const std::vector<std::uint32_t> &contexts);
+    model_reply call(const std::string &procedure, const std::vector<std::uint32_t> &args);
+    void event(std::uint32_t opcode, const byte_list &payload);
+    void forget(); // lines, calls and messages
+
+    text_lines rib_text(std::uint32_t ctx) const; // one line a path, in the order of the table
+    std::uint32_t entries(model_kind kind) const; // allocated
 };
 
-// The table's order of a prefix: row, bucket, place in the chain.
+// --- The parts of the model, by file.
+
+// plain_model.cpp
+void model_error(plain_model &m, std::uint32_t ctx, const std::string &message);
+bool model_alloc(plain_model &m); // false: memory is short
+std::vector<model_path> *model_set(plain_model &m, std::uint32_t ctx, model_key key);
+std::vector<model_key> model_order(const model_table &table); // the keys as the process's table has them
 std::uint32_t model_bucket(std::uint32_t prefix, std::uint32_t len);
-std::uint32_t model_mask(std::uint32_t len);
-std::string model_line(std::uint32_t len, std::uint32_t prefix, unsigned place, const model_path &path,
-                       std::uint32_t count);
+std::uint32_t model_mask_len(std::uint32_t mask); // leading one bits
+bool model_is_up(const plain_model &m, std::uint32_t ifid);
+bool model_fib_add(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path);
+bool model_fib_remove(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path);
+void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path &path);
+void model_lose_members(plain_model &m, std::uint32_t ctx, model_key key); // and takes the set out
+void model_flush(plain_model &m);
+std::string model_line(model_key key, unsigned place, const model_path &path, std::uint32_t count);
+constexpr std::uint16_t MODEL_OBJ_HOST = 1, MODEL_OBJ_INTERFACE = 2;
+struct model_host {
+    std::uint16_t object;
+    std::uint32_t ctx, addr, len;
+    std::uint16_t ifid, encap, flags;
+};
+model_path *model_combined_add(plain_model &m, const model_host &host);
+bool model_combined_remove(plain_model &m, const model_host &host, model_path *taken);
+std::uint32_t model_arp_add(plain_model &m, const model_host &host);
+std::uint32_t model_arp_remove(plain_model &m, const model_host &host);
+std::uint32_t model_static_add(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t nexthop);
+std::uint32_t model_static_remove(plain_model &m, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len,
+                                  std::uint32_t nexthop);
+
+// plain_events.cpp
+std::uint32_t model_nat_add(plain_model &m, std::uint32_t ctx, std::uint16_t ifid, std::uint32_t addr,
+                            std::uint32_t range, std::uint16_t encap);
+std::uint32_t model_nat_remove(plain_model &m, std::uint32_t ctx, std::uint32_t addr, std::uint32_t range,
+                               std::uint16_t encap);
+
+// plain_show.cpp
+struct model_page {
+    std::uint32_t count;
+    byte_list records;
+};
+model_page model_list(const plain_model &m, std::uint32_t ctx, model_cursor &cursor, bool fib, std::uint32_t capacity);
+byte_list model_rib_summary(const plain_model &m, std::uint32_t ctx);
+byte_list model_fib_summary(const plain_model &m, std::uint32_t ctx);
+std::uint32_t model_lookup(plain_model &m, std::uint32_t ctx, std::uint32_t addr, std::uint32_t &nexthop);
+// Lines of 128 bytes; a block's address, which the model does not know, is written as 0.
+byte_list model_dump(const plain_model &m, std::uint32_t copy, std::uint32_t tree, std::uint32_t address);
+std::uint32_t model_advert(plain_model &m, const std::vector<std::uint32_t> &args);
