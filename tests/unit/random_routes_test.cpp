@@ -5,6 +5,7 @@
 // default leaf's place, and up to and beyond the last leaf, node and ECMP block.
 // Always: the seed is fixed and stands in every failure line. Route ids equal contexts, as callers have them.
 // Elsewhere: how a step is drawn (random_run.cpp) and compared (random_compare.cpp); the same at length (./dev soak).
+#include <algorithm>
 #include <cstdio>
 
 #include <gtest/gtest.h>
@@ -33,13 +34,29 @@ struct random_routes : testing::TestWithParam<std::uint32_t> {
 TEST_P(random_routes, of_separate_prefixes_leave_the_card_as_the_plain_model_says)
 {
     random_run run(GetParam(), run_kind::APART, 2);
-    take_steps(run, 150);
+    take_steps(run, 120);
 }
 
 TEST_P(random_routes, of_prefixes_that_cover_each_other_leave_the_card_as_the_plain_model_says)
 {
     random_run run(GetParam() + 1000, run_kind::COVERING, 2);
-    take_steps(run, 150);
+    take_steps(run, 120);
+}
+
+TEST_P(random_routes, of_few_prefixes_with_many_paths_leave_the_card_as_the_plain_model_says)
+{
+    random_run run(GetParam() + 6000, run_kind::CROWDED, 2);
+    std::size_t largest = 0;
+    for (unsigned i = 0; i < 600; ++i) {
+        ASSERT_EQ(random_run_step(run), "");
+        if (i % 10 == 0) {
+            ASSERT_NO_FATAL_FAILURE(take_steps(run, 1));
+        }
+        for (const auto &[ctx, table] : run.model.rib)
+            for (const auto &[key, paths] : table)
+                largest = std::max(largest, paths.size());
+    }
+    EXPECT_GE(largest, 8u) << "the run did not fill a set";
 }
 
 TEST_P(random_routes, of_a_card_with_one_processor_leave_it_as_the_plain_model_says)

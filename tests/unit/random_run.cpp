@@ -52,9 +52,12 @@ constexpr prefix COVERING[] = {
     {IP(224, 0, 0, 0), 3},
     {IP(192, 0, 0, 0), 3},
 };
-constexpr std::uint32_t HOSTS[] = {IP(10, 1, 2, 1),   IP(10, 1, 2, 2),  IP(10, 1, 2, 65), IP(10, 1, 2, 66),
-                                   IP(10, 1, 4, 9),   IP(10, 9, 9, 9),  IP(10, 9, 9, 10), IP(192, 168, 4, 1),
-                                   IP(172, 16, 0, 1), IP(172, 16, 0, 2)};
+// Few, so that their sets fill up and overflow.
+constexpr prefix CROWDED[] = {{0, 0}, {IP(10, 1, 2, 0), 24}, {IP(10, 1, 2, 0), 24}, {IP(10, 1, 2, 1), 32}};
+// Two are the first and last address of a subnet.
+constexpr std::uint32_t HOSTS[] = {IP(10, 1, 4, 0),  IP(10, 1, 4, 255),  IP(10, 1, 2, 1),   IP(10, 1, 2, 2),
+                                   IP(10, 1, 2, 65), IP(10, 1, 2, 66),   IP(10, 1, 4, 9),   IP(10, 9, 9, 9),
+                                   IP(10, 9, 9, 10), IP(192, 168, 4, 1), IP(172, 16, 0, 1), IP(172, 16, 0, 2)};
 constexpr prefix POOLS[] = {
     // first address, number of addresses
     {IP(10, 1, 2, 32), 32},
@@ -86,23 +89,27 @@ prefix any_prefix(random_run &run)
 {
     if (run.kind == run_kind::APART)
         return one_of(run, APART);
+    if (run.kind == run_kind::CROWDED)
+        return one_of(run, CROWDED);
     if (run.kind == run_kind::COVERING || !run.one_in(3))
         return one_of(run, COVERING);
     const std::uint32_t len = 9 + run.below(24);
-    return {IP(20 + run.below(3), run.below(256), run.below(8), run.below(256)) & plain_mask(len), len};
+    return {IP(20 + run.below(40), run.below(256), run.below(8), run.below(256)) & plain_mask(len), len};
 }
 
 std::uint32_t any_host(random_run &run)
 {
     if (run.kind == run_kind::WIDE && !run.one_in(4))
-        return IP(20 + run.below(3), run.below(256), run.below(8), run.below(256));
+        return IP(20 + run.below(40), run.below(256), run.below(8), run.below(256));
     return one_of(run, HOSTS);
 }
 
 std::uint32_t any_context(random_run &run)
 {
     static constexpr std::uint32_t outside[] = {256, 0x103, 0x10003, 0xFFFF, 0x80000000};
-    return run.one_in(120) ? one_of(run, outside) : RUN_CONTEXTS[run.below(3)];
+    if (run.one_in(120))
+        return one_of(run, outside);
+    return run.kind == run_kind::CROWDED && !run.one_in(8) ? RUN_CONTEXTS[1] : RUN_CONTEXTS[run.below(3)];
 }
 
 std::uint32_t any_encap(random_run &run)
@@ -122,7 +129,7 @@ std::uint32_t any_address(random_run &run)
 std::vector<std::uint32_t> host_args(random_run &run, bool add)
 {
     const prefix route = any_prefix(run);
-    const bool is_host = !run.one_in(12);
+    const bool is_host = !run.one_in(run.kind == run_kind::CROWDED ? 3 : 12);
     const std::uint32_t object = run.one_in(60) ? run.below(5) : 1, len = is_host ? 32 : route.len;
     std::vector<std::uint32_t> args = {object, is_host ? any_host(run) : route.addr | run.below(2),
                                        run.one_in(80) ? 33 + run.below(3) : len};

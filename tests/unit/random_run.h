@@ -20,8 +20,9 @@ enum class run_kind : unsigned {
     APART,    // none wholly covered by longer ones
     COVERING, // they cover each other
     WIDE,     // hosts all over the place, until the nodes are used up
+    CROWDED,  // few, with more paths than a set takes
 };
-constexpr unsigned RUN_KINDS = 3;
+constexpr unsigned RUN_KINDS = 4;
 
 struct random_step {
     bool is_call = true; // else a message

@@ -125,6 +125,17 @@ TEST(rib_static, a_route_with_the_prefix_of_an_interface_entry_collides_with_it)
     EXPECT_EQ(entries_of(CTX), 1u);
 }
 
+TEST(rib_static, a_set_that_a_host_took_beyond_eight_paths_is_not_full)
+{
+    rib_card card;
+    fill_set();
+    ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, NET, 16, ENCAP, IFID, CTX), 0u);
+    EXPECT_EQ(on_chain(CTX, NET, 16)->ecmp_count, 9);
+    EXPECT_EQ(rib_max_ecmp_route(CTX, CTX, NET, MASK16), 0u) << "only exactly eight is full";
+    EXPECT_EQ(add(GATEWAY + 8), 0u);
+    EXPECT_EQ(on_chain(CTX, NET, 16)->ecmp_count, 10);
+}
+
 TEST(rib_static, the_ninth_path_of_a_prefix_is_refused)
 {
     rib_card card;
