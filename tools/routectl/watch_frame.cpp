@@ -131,7 +131,7 @@ void draw_contexts(painter &p, const watch_frame &frame, std::size_t rows)
 
 void draw_errors(painter &p, const watch_frame &frame, std::size_t rows)
 {
-    if (rows < 2)
+    if (rows == 0 || (rows == 1 && !frame.errors.empty()))
         return;
     add(p, frame.errors.empty() ? "No errors in the history" : "Last errors", BOLD);
     const std::size_t shown = std::min(frame.errors.size(), rows - 1);
