@@ -91,8 +91,7 @@ std::string step_text(const hw_step &step)
     std::string text = print("  level %u  ", step.level);
     if (step.node)
         text += print("node %-4u  ", *step.node);
-    text += print("slot %-3u", step.index);
-    return text + (step.word ? print("  0x%08x", *step.word) : "") + "\n";
+    return text + (step.word ? print("slot %-3u  0x%08x\n", step.index, *step.word) : print("slot %u\n", step.index));
 }
 
 std::string flags_text(const hw_walk &walk)
