@@ -68,7 +68,7 @@ TEST(routectl_run, a_change_is_done_or_refused_with_the_line_of_the_history)
     for (unsigned i = 2; i <= 8; ++i)
         EXPECT_EQ(card.run("route add 10.1/16 via 192.0.2." + std::to_string(i)).status, 0);
     EXPECT_EQ(card.run("-j route full 10.1/16").out,
-              "{\"command\":\"route full\",\"status\":0,\"context\":0,\"prefix\":\"10.1.0.0/16\",\"full\":true}\n");
+              "{\"command\":\"route full\",\"status\":0,\"ctx\":0,\"prefix\":\"10.1.0.0/16\",\"full\":true}\n");
     const tool_result ninth = card.run("route add 10.1/16 via 192.0.2.9");
     EXPECT_EQ(ninth.status, 1);
     EXPECT_EQ(ninth.err, "refused: MAX ECMP exceed route/maskbits 0a010000/16-> nexthop c0000209\n");
@@ -109,10 +109,10 @@ TEST(routectl_run, listings_show_hosts_and_the_static_routes_through_them)
     EXPECT_EQ(routes[0].at("prefix"), "0.0.0.0/0");
     EXPECT_EQ(routes[0].at("kind"), "static");
     EXPECT_EQ(routes[0].at("nexthop"), "10.1.1.2");
-    EXPECT_EQ(routes[0].at("interface"), 5);
-    EXPECT_EQ(routes[0].at("encap"), "0x1001");
+    EXPECT_EQ(routes[0].at("ifid"), 5);
+    EXPECT_EQ(routes[0].at("encap"), 0x1001);
     EXPECT_EQ(card.run("-o fib show 10.1.1.2").out,
-              "context=0 prefix=10.1.1.2/32 kind=host nexthop=10.1.1.1 interface=5 encap=0x1001 route_id=0 "
+              "ctx=0 prefix=10.1.1.2/32 kind=host nexthop=10.1.1.1 ifid=5 encap=0x1001 route_id=0 "
               "flags=arp-host,arp-installed\n");
     EXPECT_EQ(json::parse(card.run("-j fib show all").out).at("routes").size(), 258u);
     EXPECT_EQ(card.run("arp del 10.1.1.2").status, 0);
@@ -142,10 +142,7 @@ TEST(routectl_run, every_command_prints_one_legal_document_whoever_answers)
     for (const routectl_command *command : routectl_table()) {
         const std::string line = ending_line(*command, sample_values::all);
         const tool_result result = card.run("-j -t 20000 " + line);
-        if (std::string(command->words) == "hw export")
-            EXPECT_EQ(result.status, 0) << result.err;
-        else
-            EXPECT_EQ(document_of(result, line).value("command", ""), command->words) << line;
+        EXPECT_EQ(document_of(result, line).value("command", ""), command->words) << line;
         EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3) << line << ": " << result.status;
     }
 }
@@ -252,7 +249,7 @@ TEST(routectl_run, a_batch_that_cannot_be_read_is_a_usage_error)
 TEST(routectl_run, debug_output_of_a_context_is_switched)
 {
     const live_card card;
-    EXPECT_EQ(card.run("-o debug errors on ctx 7").out, "category=errors context=7 debug=on\n");
+    EXPECT_EQ(card.run("-o debug errors on ctx 7").out, "category=errors ctx=7 debug=on\n");
     EXPECT_EQ(card.run("route del 10.1/16 via 1.1.1.1 ctx 7").status, 1);
     EXPECT_NE(file_text(card.manager.err).find("could not find static route for ip=a010000/16"), std::string::npos);
 }

@@ -25,11 +25,11 @@ json interface_json(std::uint32_t ifid)
     if (if_get_address(ifid, &mode, nullptr) != 0)
         return nullptr;
     const bool has_address = if_get_ip(ifid, &address, &mask) == 0;
-    return {{"interface", ifid},
+    return {{"ifid", ifid},
             {"state", if_get_status(ifid) == 1 ? "up" : "down"},
             {"address", has_address ? json(routectl_dotted(address)) : json(nullptr)},
             {"mask", has_address ? json(routectl_dotted(mask)) : json(nullptr)},
-            {"context", number_or_null(if_get_context_id(ifid))},
+            {"ctx", number_or_null(if_get_context_id(ifid))},
             {"mode", mode},
             {"bridge", mode == IF_RMODE_ROUTED ? json(nullptr) : json(if_get_bvi(ifid))},
             {"vlan", number_or_null(if_get_vlanid(ifid))}};
@@ -42,8 +42,8 @@ routectl_answer if_show(const routectl_call &call)
         return routectl_error(ROUTECTL_UNREACHABLE, database + ": there is no interface database");
     routectl_answer answer;
     answer.records_key = "interfaces";
-    answer.columns = {{"interface", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
-                      {"context", "CTX"},         {"mode", "MODE"},   {"bridge", "BRIDGE"},   {"vlan", "VLAN"}};
+    answer.columns = {{"ifid", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
+                      {"ctx", "CTX"},        {"mode", "MODE"},   {"bridge", "BRIDGE"},   {"vlan", "VLAN"}};
     const routectl_value *const one = routectl_given(call, "ifid");
     for (std::uint32_t ifid = one == nullptr ? 0 : one->number; ifid < (one == nullptr ? INTERFACES : one->number + 1);
          ++ifid)
@@ -114,6 +114,31 @@ routectl_answer host_del(const routectl_call &call)
     return card_change(call, "cardsim_host_del", {routectl_number(call, "if", 0), routectl_number(call, "addr", 0)});
 }
 
+json number_or_text(const std::string &word)
+{
+    const auto number = number_parse(word, 0xFFFFFFFF);
+    return number ? json(*number) : json(word);
+}
+
+// Takes a line of the list apart: a prefix and pairs of a name and a value, or, without a prefix, counts with commas.
+void advertisement_take(const std::string &line, routectl_answer &answer)
+{
+    std::istringstream words(line);
+    std::string name, value;
+    json record = json::object();
+    if (line.find('/') != std::string::npos && words >> value)
+        record["prefix"] = value;
+    while (words >> name >> value) {
+        while (!value.empty() && value.back() == ',')
+            value.pop_back();
+        record[name == "via" ? "nexthop" : name] = number_or_text(value);
+    }
+    if (record.contains("prefix"))
+        answer.records.push_back(record);
+    else
+        answer.facts.update(record);
+}
+
 routectl_answer supervisor_show(const routectl_call &call)
 {
     const char *const procedure = "cardsim_advertisements";
@@ -122,11 +147,11 @@ routectl_answer supervisor_show(const routectl_call &call)
         return routectl_not_run(reply, procedure);
     routectl_answer answer;
     answer.records_key = "advertisements";
-    answer.columns = {{"line", "ADVERTISEMENT"}};
+    answer.columns = {
+        {"prefix", "PREFIX"}, {"nexthop", "NEXT HOP"}, {"vlan", "VLAN"}, {"metric", "METRIC"}, {"slot", "SLOT"}};
     std::istringstream text(std::string(reply.blocks[0].begin(), reply.blocks[0].end()));
     for (std::string line; std::getline(text, line);)
-        if (line.erase(line.find_last_not_of('\0') + 1); !line.empty())
-            answer.records.push_back({{"line", line}});
+        advertisement_take(line.c_str(), answer); // without the block's NULs
     return answer;
 }
 

@@ -99,7 +99,7 @@ routectl_answer debug_switch(const routectl_call &call)
         throw_switch(call, {VERB_OUTPUT, routectl_number(call, "category", 0), ctx, is_on(call) ? 1u : 0u});
     if (answer.status == ROUTECTL_DONE)
         answer.facts = {{"category", routectl_given(call, "category")->text},
-                        {"context", ctx == ALL_CONTEXTS ? json("all") : json(ctx)},
+                        {"ctx", ctx == ALL_CONTEXTS ? json("all") : json(ctx)},
                         {"debug", is_on(call) ? "on" : "off"}};
     return answer;
 }
@@ -161,9 +161,9 @@ routectl_answer pools_answer(const pools_view &view)
     routectl_answer answer;
     answer.facts["source"] = view.source;
     answer.records_key = "pools";
-    answer.columns = {{"name", "POOL"}, {"used", "USED"}, {"free", "FREE"}, {"total", "TOTAL"}, {"percent", "%"}};
+    answer.columns = {{"pool", "POOL"}, {"used", "USED"}, {"free", "FREE"}, {"total", "TOTAL"}, {"percent", "%"}};
     for (const pool_use &pool : view.pools)
-        answer.records.push_back({{"name", pool.name},
+        answer.records.push_back({{"pool", pool.name},
                                   {"used", pool.used},
                                   {"free", pool.total - pool.used},
                                   {"total", pool.total},

@@ -29,10 +29,17 @@ std::string cell_text(const json &value)
     return text.empty() ? "-" : text;
 }
 
+// The value under a key; encapsulation ids as everyone writes them.
+std::string value_text(const std::string &key, const json &value)
+{
+    return key == "encap" && value.is_number_unsigned() ? routectl_hex(value.get<std::uint32_t>(), 4)
+                                                        : cell_text(value);
+}
+
 std::string cell_of(const json &record, const char *key)
 {
     const auto found = record.find(key);
-    return found == record.end() ? "-" : cell_text(*found);
+    return found == record.end() ? "-" : value_text(key, *found);
 }
 
 const char *colour_of(const std::string &key, const std::string &text)
@@ -84,7 +91,7 @@ std::string pairs_line(const json &object)
 {
     std::string line;
     for (const auto &[key, value] : object.items()) {
-        std::string text = cell_text(value);
+        std::string text = value_text(key, value);
         if (text.empty() || text.find_first_of(" \t\"") != std::string::npos)
             text = output_json(json(text));
         line += (line.empty() ? "" : " ") + key + "=" + text;

@@ -3,6 +3,9 @@
 // Listings come in pages behind a cursor that the caller keeps. A page begins with the entry at which the last one
 // stopped; what changed meanwhile may show twice or not at all, as it may for any reader of a table that lives.
 // Elsewhere: why a change was refused (refusal.cpp), the words (grammar.cpp), how it is printed (output.cpp).
+#include <algorithm>
+#include <utility>
+
 #include "address_text.h"
 #include "big_endian.h"
 #include "card_view/card_summary.h"
@@ -58,10 +61,14 @@ json flag_names(std::uint32_t flags)
 
 json record_json(const route_record &r, std::uint32_t ctx)
 {
-    return {{"context", ctx},           {"prefix", routectl_prefix(r.prefix, r.length)},
-            {"kind", kind_of(r.flags)}, {"nexthop", r.nexthop == 0 ? json(nullptr) : json(routectl_dotted(r.nexthop))},
-            {"interface", r.ifid},      {"encap", routectl_hex(r.encap, 4)},
-            {"route_id", r.route_id},   {"flags", flag_names(r.flags)}};
+    return {{"ctx", ctx},
+            {"prefix", routectl_prefix(r.prefix, r.length)},
+            {"kind", kind_of(r.flags)},
+            {"nexthop", r.nexthop == 0 ? json(nullptr) : json(routectl_dotted(r.nexthop))},
+            {"ifid", r.ifid},
+            {"encap", r.encap},
+            {"route_id", r.route_id},
+            {"flags", flag_names(r.flags)}};
 }
 
 // Which records of a listing are wanted.
@@ -77,10 +84,12 @@ struct route_wanted {
     }
 };
 
-// Appends the routes of one context to the answer. Returns false with the answer an error.
+// Appends the routes of one context to the answer, by prefix and length; the paths of a set stay in their order.
+// Returns false with the answer an error.
 bool list_context(const routectl_call &call, const char *procedure, std::uint32_t ctx, routectl_answer &answer)
 {
     const route_wanted wanted{routectl_given(call, "prefix")};
+    std::vector<route_record> records;
     std::vector<std::uint32_t> cursor = {0, 0, 0};
     while (cursor[2] != LIST_DONE) {
         const card_rpc_reply reply =
@@ -96,9 +105,14 @@ bool list_context(const routectl_call &call, const char *procedure, std::uint32_
         }
         for (std::size_t at = 0; at < reply.blocks[0].size(); at += RECORD_BYTES)
             if (const route_record record = record_decode(&reply.blocks[0][at]); wanted(record))
-                answer.records.push_back(record_json(record, ctx));
+                records.push_back(record);
         cursor = reply.refs;
     }
+    std::stable_sort(records.begin(), records.end(), [](const route_record &a, const route_record &b) {
+        return std::pair(a.prefix, a.length) < std::pair(b.prefix, b.length);
+    });
+    for (const route_record &record : records)
+        answer.records.push_back(record_json(record, ctx));
     return true;
 }
 
@@ -117,8 +131,8 @@ routectl_answer list_routes(const routectl_call &call, const char *procedure)
 {
     routectl_answer answer;
     answer.records_key = "routes";
-    answer.columns = {{"context", "CTX"},         {"prefix", "PREFIX"}, {"kind", "KIND"},  {"nexthop", "NEXT HOP"},
-                      {"interface", "INTERFACE"}, {"encap", "ENCAP"},   {"flags", "FLAGS"}};
+    answer.columns = {{"ctx", "CTX"},        {"prefix", "PREFIX"}, {"kind", "KIND"},  {"nexthop", "NEXT HOP"},
+                      {"ifid", "INTERFACE"}, {"encap", "ENCAP"},   {"flags", "FLAGS"}};
     const context_range contexts = contexts_of(call);
     for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
         if (!list_context(call, procedure, ctx, answer))
@@ -131,13 +145,13 @@ routectl_answer fib_show(const routectl_call &call) { return list_routes(call, "
 
 json summary_json(const context_summary &summary, std::uint32_t ctx)
 {
-    return {{"context", ctx},
+    return {{"ctx", ctx},
             {"static", summary.statics},
-            {"connected_and_nat", summary.connected_nat},
+            {"connected_nat", summary.connected_nat},
             {"in_fib", summary.in_fib},
             {"nodes", summary.nodes},
             {"leaves", summary.leaves},
-            {"ecmp_blocks", summary.blocks}};
+            {"ecmp", summary.blocks}};
 }
 
 // Appends the counts of one context. Returns false with the answer an error.
@@ -167,9 +181,9 @@ routectl_answer route_summary(const routectl_call &call)
 {
     routectl_answer answer;
     answer.records_key = "contexts";
-    answer.columns = {
-        {"context", "CTX"}, {"static", "STATIC"}, {"connected_and_nat", "CONNECTED+NAT"}, {"in_fib", "IN FIB"},
-        {"nodes", "NODES"}, {"leaves", "LEAVES"}, {"ecmp_blocks", "ECMP BLOCKS"}};
+    answer.columns = {{"ctx", "CTX"},         {"static", "STATIC"}, {"connected_nat", "CONNECTED+NAT"},
+                      {"in_fib", "IN FIB"},   {"nodes", "NODES"},   {"leaves", "LEAVES"},
+                      {"ecmp", "ECMP BLOCKS"}};
     const context_range contexts = contexts_of(call);
     for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
         if (!summarise_context(call, ctx, answer))
@@ -188,8 +202,7 @@ routectl_answer route_get(const routectl_call &call)
         return routectl_error(ROUTECTL_REFUSED, "refused: no route to " + address.text + " in context " +
                                                     std::to_string(context_of(call)));
     routectl_answer answer;
-    answer.facts = {
-        {"context", context_of(call)}, {"address", address.text}, {"nexthop", routectl_dotted(reply.refs[0])}};
+    answer.facts = {{"ctx", context_of(call)}, {"address", address.text}, {"nexthop", routectl_dotted(reply.refs[0])}};
     return answer;
 }
 
@@ -206,7 +219,7 @@ routectl_answer fib_get(const routectl_call &call)
         return routectl_error(ROUTECTL_REFUSED, "refused: the trie of context " + std::to_string(context_of(call)) +
                                                     " has no leaf for " + name);
     routectl_answer answer;
-    answer.facts = {{"context", context_of(call)}, {"prefix", name}, {"interface", reply.refs[0]}};
+    answer.facts = {{"ctx", context_of(call)}, {"prefix", name}, {"ifid", reply.refs[0]}};
     return answer;
 }
 
@@ -220,7 +233,7 @@ routectl_answer route_full(const routectl_call &call)
     if (!reply.ran())
         return routectl_not_run(reply, "rib_max_ecmp_route");
     routectl_answer answer;
-    answer.facts = {{"context", ctx},
+    answer.facts = {{"ctx", ctx},
                     {"prefix", routectl_prefix(prefix.number, address_mask_length(prefix.mask))},
                     {"full", reply.result != 0}};
     return answer;
