@@ -44,12 +44,16 @@ void arrive(manager_link &link)
         std::remove_if(link.items.begin(), link.items.end(), [](const link_item &i) { return i.is_event; }),
         link.items.end());
     link.is_unfenced = true; // it may not have reached its loop
-    link.is_fence_asked = false;
+    link.signs_due = 0;
     link.retry_ms = 0;
     link.on_arrival();
 }
 
-void leave(manager_link &link) { link.is_present = link.is_unfenced = link.is_fence_asked = false; }
+void leave(manager_link &link)
+{
+    link.is_present = link.is_unfenced = false;
+    link.signs_due = 0;
+}
 
 // What happened to the names of the route manager's queue.
 void watch_process(manager_link &link)
@@ -73,6 +77,14 @@ void watch_process(manager_link &link)
         leave(link);
 }
 
+// A request is answered. Only when all are, the last is: one that stalled answers several at once.
+void sign_take(manager_link &link)
+{
+    link.is_sign_heard = true;
+    if (--link.signs_due == 0)
+        link.is_unfenced = false;
+}
+
 void queue_process(manager_link &link)
 {
     constexpr mts_recv_options OPTIONS = {};
@@ -86,8 +98,8 @@ void queue_process(manager_link &link)
         }
         if (message.opcode != MTS_OPC_DEBUG_ANSWER)
             link.on_message(message);
-        else if (link.is_fence_asked)
-            link.is_unfenced = link.is_fence_asked = false;
+        else if (link.signs_due != 0)
+            sign_take(link);
         mts_drop(link.queue, &message);
     }
 }
@@ -112,13 +124,18 @@ sent send_message(manager_link &link, std::uint32_t opcode, const std::vector<st
 // Asks for a sign that the events sent so far are handled.
 void fence_ask(manager_link &link, std::uint64_t now_ms)
 {
-    if (link.is_fence_asked && now_ms < link.fence_ms)
+    if (link.signs_due != 0 && now_ms < link.fence_ms)
         return;
+    if (link.is_sign_heard)
+        link.signs_due = 0; // it is awake, and what it has not answered by now was lost
     std::vector<std::uint8_t> request(16);
     put_be32(request.data(), DEBUG_COUNTERS);
-    if (send_message(link, MTS_OPC_DEBUG_REQUEST, request, now_ms) != sent::yes)
+    if (send_message(link, MTS_OPC_DEBUG_REQUEST, request, now_ms) != sent::yes) {
+        link.fence_ms = now_ms + FULL_AGAIN_MS;
         return;
-    link.is_fence_asked = true;
+    }
+    ++link.signs_due;
+    link.is_sign_heard = false;
     link.fence_ms = now_ms + FENCE_AGAIN_MS;
 }
 
@@ -127,7 +144,7 @@ bool send_first(manager_link &link, std::uint64_t now_ms)
 {
     if (link.items.front().is_event) {
         // A sign that is under way says nothing of an event sent after it was asked for.
-        if (link.is_present && (link.is_fence_asked || card_rpc_pending(*link.rpc) != 0))
+        if (link.is_present && (link.signs_due != 0 || card_rpc_pending(*link.rpc) != 0))
             return false;
         const link_item &event = link.items.front();
         if (link.is_present && send_message(link, event.opcode, event.payload, now_ms) == sent::full)
@@ -210,14 +227,14 @@ std::uint64_t link_next_ms(const manager_link &link, std::uint64_t now_ms)
 {
     std::uint64_t next = UINT64_MAX;
     if (!link.items.empty() && link.retry_ms <= now_ms &&
-        (link.items.front().is_event ? !link.is_fence_asked && card_rpc_pending(*link.rpc) == 0 : !link.is_unfenced))
+        (link.items.front().is_event ? link.signs_due == 0 && card_rpc_pending(*link.rpc) == 0 : !link.is_unfenced))
         return now_ms;
     const int rpc = card_rpc_timeout_ms(*link.rpc);
     if (rpc >= 0)
         next = now_ms + static_cast<std::uint64_t>(rpc);
     if (link.retry_ms > now_ms)
         next = std::min(next, link.retry_ms);
-    if (link.is_fence_asked)
+    if (link.signs_due != 0)
         next = std::min(next, link.fence_ms);
     return next;
 }

@@ -33,8 +33,9 @@ struct manager_link {
     card_rpc_ptr rpc; // to the route manager
     std::deque<link_item> items;
     bool is_present = false;
-    bool is_unfenced = false; // events were sent, and it is not known whether they are handled
-    bool is_fence_asked = false;
+    bool is_unfenced = false;         // events were sent, and it is not known whether they are handled
+    unsigned signs_due = 0;           // requests for that which are not answered
+    bool is_sign_heard = false;       // one was answered since the last was made
     std::uint64_t retry_ms = 0;       // no message is sent before: the route manager's queue is full
     std::uint64_t fence_ms = 0;       // when the request is made again
     std::function<void()> on_arrival; // a route manager has started, or was found
