@@ -217,8 +217,8 @@ void link_process(manager_link &link, std::uint64_t now_ms)
     card_rpc_process(*link.rpc);
     while (!link.items.empty() && send_first(link, now_ms)) {
     }
-    // Behind a run of events: only once no further one waits.
-    if (link.is_unfenced && (link.items.empty() || !link.items.front().is_event))
+    // Behind a run of events: once no further one waits, and again while its answer does not come.
+    if (link.is_unfenced && (link.signs_due != 0 || link.items.empty() || !link.items.front().is_event))
         fence_ask(link, now_ms);
     card_rpc_process(*link.rpc); // what was just handed over leaves at once
 }
