@@ -4,6 +4,7 @@
 #include <set>
 
 #include "address_text.h"
+#include "daemon.h"
 #include "grammar.h"
 #include "options.h"
 #include "routectl_samples.h"
@@ -117,6 +118,8 @@ TEST(routectl_grammar, completion_offers_what_parses)
     EXPECT_EQ(complete("route add 10.1/16 via 1.1.1.1 ctx 3", ""), "id");
     EXPECT_EQ(complete("pools copy", "ix"), "ixp1 ixp2");
     EXPECT_EQ(complete("debug errors", "o"), "on off");
+    EXPECT_EQ(complete("hw export", "--"), "--dot --json");
+    EXPECT_EQ(complete("route add", ""), "");
     EXPECT_EQ(complete("nonsense", ""), "");
     EXPECT_EQ(complete("route add nonsense", ""), "");
 }
@@ -183,6 +186,16 @@ TEST(routectl_prefix, numbers_are_decimal_or_hexadecimal_and_bounded)
     EXPECT_EQ(number_parse("4294967295", 0xFFFFFFFF), 0xFFFFFFFFu);
     for (const char *text : {"", "-1", "+1", " 1", "1 ", "256", "0x", "0x100", "1e1", "4294967296"})
         EXPECT_EQ(number_parse(text, 255), std::nullopt) << "\"" << text << "\"";
+}
+
+TEST(routectl_manual, every_command_has_its_place_in_it)
+{
+    std::string manual = file_text(MANUAL_PATH);
+    for (const char *mark : {"\"", "\\fR", "\\fP", "[", "]"})
+        for (std::size_t at = manual.find(mark); at != std::string::npos; at = manual.find(mark))
+            manual.erase(at, std::string(mark).size());
+    for (const routectl_command *command : routectl_table())
+        EXPECT_NE(manual.find(std::string(command->words)), std::string::npos) << command->words;
 }
 
 TEST(routectl_options, letters_stand_together_or_alone_wherever_they_like)

@@ -476,13 +476,13 @@ std::vector<std::string> complete_arguments(const routectl_command &command, wor
     if (walk.wanting != nullptr)
         return values_of(walk.wanting->value, values);
     std::vector<std::string> list;
-    if (const std::size_t i = next_by_place(walk); i < walk.arguments.size()) {
-        list = values_of(walk.arguments[i].value, values);
-        if (!walk.arguments[i].optional)
-            return list;
-    }
+    const std::size_t value = next_by_place(walk);
+    const bool is_needed = value < walk.arguments.size() && !walk.arguments[value].optional;
+    if (value < walk.arguments.size())
+        list = values_of(walk.arguments[value].value, values);
     for (const place &p : places_of(walk))
-        list.push_back(*p.word);
+        if (!is_needed || p.argument < value) // first things first
+            list.push_back(*p.word);
     return list;
 }
 } // namespace
