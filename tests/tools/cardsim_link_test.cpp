@@ -1,0 +1,116 @@
+// cardsim_link_test.cpp - the way to the route manager, which is a message queue of the test's own.
+
+#include <gtest/gtest.h>
+
+#include "../unit/host_support.h"
+#include "manager_link.h"
+#include "route_ids.h"
+
+namespace
+{
+constexpr std::uint32_t EVENT = MTS_OPC_NORVIK_IF_UP;
+
+// The opcode of the next message at the route manager's queue; 0 when none waits.
+std::uint32_t arrived(int queue)
+{
+    constexpr mts_recv_options OPTIONS = {};
+    mts_message message;
+    if (mts_recv(queue, &message, &OPTIONS) != 0)
+        return 0;
+    mts_drop(queue, &message);
+    return message.opcode;
+}
+
+void answer(int queue)
+{
+    constexpr mts_address CARDSIM = {MTS_NODE_LOCAL, CARDSIM_SAP};
+    EXPECT_EQ(mts_send(queue, &CARDSIM, MTS_OPC_DEBUG_ANSWER, "calls_served 0\n", 15), 0);
+}
+
+// A link that has just seen a route manager arrive at time 0, and asked for a sign of it.
+struct linked {
+    manager_link link;
+    int manager = -1;
+    unsigned arrivals = 0;
+    linked()
+    {
+        constexpr mts_bind_options OPTIONS = {};
+        link.on_arrival = [this] { ++arrivals; };
+        link.on_message = [](const mts_message &) {};
+        EXPECT_EQ(link_open(&link, 1000), 0);
+        manager = mts_bind(0, ROUTE_MGR_SAP, &OPTIONS, "manager");
+        link_process(link, 0);
+        EXPECT_EQ(arrivals, 1u);
+        EXPECT_EQ(arrived(manager), MTS_OPC_DEBUG_REQUEST);
+    }
+};
+} // namespace
+
+TEST(cardsim_link, an_event_waits_for_the_sign_and_is_followed_by_a_request_for_the_next)
+{
+    on_fresh_card([] {
+        linked l;
+        link_event(l.link, EVENT, {1});
+        link_process(l.link, 1);
+        EXPECT_EQ(arrived(l.manager), 0u);
+        answer(l.manager);
+        link_process(l.link, 2);
+        EXPECT_EQ(arrived(l.manager), EVENT);
+        EXPECT_EQ(arrived(l.manager), MTS_OPC_DEBUG_REQUEST);
+        EXPECT_TRUE(link_has_events(l.link));
+        answer(l.manager);
+        link_process(l.link, 3);
+        EXPECT_TRUE(link_is_at_rest(l.link));
+    });
+}
+
+TEST(cardsim_link, a_lost_answer_is_made_good_also_while_an_event_waits)
+{
+    on_fresh_card([] {
+        linked l;
+        link_event(l.link, EVENT, {1});
+        link_process(l.link, 600); // the first answer never comes
+        EXPECT_EQ(arrived(l.manager), MTS_OPC_DEBUG_REQUEST);
+        EXPECT_EQ(arrived(l.manager), 0u);
+        answer(l.manager); // the second: whether it is the last cannot be said
+        link_process(l.link, 601);
+        EXPECT_EQ(arrived(l.manager), 0u);
+        link_process(l.link, 1200);
+        EXPECT_EQ(arrived(l.manager), MTS_OPC_DEBUG_REQUEST);
+        answer(l.manager);
+        link_process(l.link, 1201);
+        EXPECT_EQ(arrived(l.manager), EVENT);
+    });
+}
+
+TEST(cardsim_link, several_late_answers_pass_only_with_the_last)
+{
+    on_fresh_card([] {
+        linked l;
+        link_process(l.link, 600);
+        link_process(l.link, 1200);
+        answer(l.manager);
+        answer(l.manager);
+        link_process(l.link, 1201);
+        EXPECT_TRUE(link_has_events(l.link));
+        answer(l.manager);
+        link_process(l.link, 1202);
+        EXPECT_FALSE(link_has_events(l.link));
+    });
+}
+
+TEST(cardsim_link, without_a_route_manager_events_are_dropped_and_calls_answered)
+{
+    on_fresh_card([] {
+        manager_link link;
+        link.on_arrival = [] {};
+        ASSERT_EQ(link_open(&link, 1000), 0);
+        link_event(link, EVENT, {1});
+        EXPECT_FALSE(link_has_events(link));
+        card_rpc_end end = CARD_RPC_RAN;
+        link_call(link, "rib_add_route", {}, [&end](const card_rpc_reply &reply) { end = reply.end; });
+        EXPECT_EQ(end, CARD_RPC_RAN) << "never from inside";
+        link_process(link, 0);
+        EXPECT_EQ(end, CARD_RPC_UNREACHABLE);
+    });
+}
