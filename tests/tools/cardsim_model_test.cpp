@@ -294,6 +294,18 @@ TEST_F(cardsim_model, a_call_that_is_not_answered_is_made_good_later)
     EXPECT_EQ(at(9000), texts{});
 }
 
+TEST_F(cardsim_model, without_a_route_manager_a_host_waits_for_one)
+{
+    interface_up();
+    EXPECT_EQ(host(0x1001), CARD_DONE);
+    EXPECT_EQ(at(0), texts{"add"});
+    answer(0, CARD_RPC_UNREACHABLE);
+    EXPECT_EQ(at(10000), texts{});
+    EXPECT_EQ(card_arp_next_ms(m), UINT64_MAX);
+    card_announce_all(m);
+    EXPECT_EQ(at(10000), (texts{"IF_CREATED", "IF_UP", "add"}));
+}
+
 TEST_F(cardsim_model, a_refused_host_is_tried_again_only_when_something_changes)
 {
     interface_up();

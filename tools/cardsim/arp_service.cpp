@@ -53,7 +53,8 @@ void set_untold(card_model &m, card_host &host)
 void set_unanswered(card_model &m, const card_host_key &key, card_host &host, const card_rpc_reply &reply)
 {
     if (reply.end == CARD_RPC_UNREACHABLE) {
-        set_untold(m, host); // nobody is there to know it; who comes is told everything
+        set_untold(m, host);    // nobody is there to know it
+        host.is_refused = true; // not tried again and again: who comes is told everything
         return;
     }
     host.told = TOLD_UNSURE;
