@@ -189,7 +189,8 @@ TEST_F(view_command, an_ecmp_walk_shows_each_path_with_interface_and_encapsulati
                              "valid, 1 more, sequence 1", "path 1  interface 5      encapsulation 0x1005",
                              "path 2  interface 6      encapsulation 0x1006"})
         EXPECT_NE(plain.text.find(part), std::string::npos) << part << " is missing in\n" << plain.text;
-    EXPECT_EQ(run(card, "hw walk 10.20.30.40 ctx 3 -o").text, "path=1 ifid=5 encap=4101\npath=2 ifid=6 encap=4102\n");
+    EXPECT_EQ(run(card, "hw walk 10.20.30.40 ctx 3 -o").text,
+              "path=1 ifid=5 encap=0x1005\npath=2 ifid=6 encap=0x1006\n");
 }
 
 TEST_F(view_command, a_trie_is_exported_as_a_drawing_and_as_data)
