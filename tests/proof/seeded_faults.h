@@ -29,7 +29,7 @@ struct fault_order {
     store_fault fault = FAULT_NONE;
     std::uint32_t base = 0;        // of the copy's addresses
     std::vector<faulty_word> kept; // stores that are owed
-    faulty_word last{};            // store that was asked for before
+    faulty_word last[2] = {};      // stores that were asked for before, the latest first
     std::uint32_t fresh_node = 0;  // offset of the node that was cleared last and that no slot names yet
 };
 
@@ -40,8 +40,9 @@ constexpr std::uint32_t fault_node_of(std::uint32_t offset) { return offset - (o
 // Whether a store is kept back. Every store of the copy is asked for here, once and in order.
 inline bool fault_keeps(fault_order &order, const faulty_word &store)
 {
-    const faulty_word before = order.last;
-    order.last = store;
+    const faulty_word before = order.last[0], first = order.last[1];
+    order.last[1] = before;
+    order.last[0] = store;
     const bool node = fault_in_nodes(store.offset), ends_node = node && (store.offset & 0x3FF) == 0x3FC;
     if (ends_node && store.value == 0)
         order.fresh_node = fault_node_of(store.offset);
@@ -49,9 +50,9 @@ inline bool fault_keeps(fault_order &order, const faulty_word &store)
         return store.offset >= HW_ECMPS && store.offset % HW_ECMP_BYTES != 0;
     if (order.fault == FAULT_SLOT_BEFORE_CHILD)
         return node && store.value != 0 && fault_node_of(store.offset) == order.fresh_node;
-    if (order.fault == FAULT_WORD_AFTER_SLOT)
-        return fault_in_leaves(store.offset) && before.offset == store.offset + 4 && before.value == 0;
-    return false;
+    const bool cleared =
+        first.offset == store.offset && before.offset == store.offset + 4 && (first.value | before.value) == 0;
+    return order.fault == FAULT_WORD_AFTER_SLOT && fault_in_leaves(store.offset) && cleared;
 }
 
 // Whether a store that was made lets the kept ones go.
@@ -60,7 +61,7 @@ inline bool fault_frees(fault_order &order, const faulty_word &store)
     const std::uint32_t named = (store.value & ~HW_NODE_TAG) - order.base;
     if (order.fault == FAULT_HEADER_FIRST)
         return store.offset >= HW_ECMPS && store.offset % HW_ECMP_BYTES == 0;
-    if (!fault_in_nodes(store.offset))
+    if (store.offset >= HW_LEAVES)
         return false;
     if (order.fault == FAULT_SLOT_BEFORE_CHILD && named == order.fresh_node && order.fresh_node != 0) {
         order.fresh_node = 0;

@@ -1,0 +1,205 @@
+// random_changes.cpp - choosing a change, making it, and writing down what is right from then on.
+#include "random_changes.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
+namespace
+{
+constexpr std::uint32_t ip(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d)
+{
+    return a << 24 | b << 16 | c << 8 | d;
+}
+
+constexpr unsigned CONTEXTS = 2;
+constexpr std::uint32_t HOSTS[] = {ip(10, 1, 2, 1),   ip(10, 1, 2, 2),    ip(10, 1, 2, 65), ip(10, 1, 2, 66),
+                                   ip(10, 1, 4, 9),   ip(10, 9, 9, 9),    ip(10, 9, 9, 10), ip(192, 168, 4, 1),
+                                   ip(172, 16, 0, 1), ip(172, 16, 200, 2)};
+// No prefix here is wholly covered by longer ones: the model holds only for such.
+constexpr model_key ROUTES[] = {{0, 0},
+                                {2, ip(128, 0, 0, 0)},
+                                {8, ip(10, 0, 0, 0)},
+                                {12, ip(10, 0, 0, 0)},
+                                {16, ip(10, 1, 0, 0)},
+                                {17, ip(10, 1, 128, 0)},
+                                {22, ip(192, 168, 4, 0)},
+                                {23, ip(10, 1, 2, 0)},
+                                {24, ip(10, 1, 2, 0)},
+                                {24, ip(10, 1, 4, 0)},
+                                {26, ip(10, 1, 2, 64)},
+                                {30, ip(10, 9, 9, 8)}};
+constexpr model_key DROP{3, ip(224, 0, 0, 0)};
+constexpr std::uint32_t DROP_WORD = 0x8001, FIRST_ENCAP = 0x1001;
+constexpr std::uint32_t BIT_NOTHING = 1, BIT_DROP = 2;
+
+// How many of each record all of these routes together can hold, and a margin.
+constexpr std::uint64_t ALL_ROUTES = CONTEXTS * (std::size(HOSTS) + std::size(ROUTES));
+constexpr window_taken ALWAYS_FREE{1024 - 256 - 3 * ALL_ROUTES, 1024 - 512 - ALL_ROUTES, 128 - ALL_ROUTES};
+
+std::uint32_t host_ifid(std::size_t host)
+{
+    return CHANGE_FIRST_IFID + static_cast<std::uint32_t>(host % CHANGE_INTERFACES);
+}
+std::uint32_t host_encap(std::size_t host) { return FIRST_ENCAP + static_cast<std::uint32_t>(host); }
+
+std::vector<model_key> all_keys()
+{
+    std::vector<model_key> keys(std::begin(ROUTES), std::end(ROUTES));
+    for (const std::uint32_t host : HOSTS)
+        keys.emplace_back(32, host);
+    keys.push_back(DROP);
+    std::sort(keys.rbegin(), keys.rend()); // the longest first
+    return keys;
+}
+
+std::vector<std::uint32_t> all_boundaries()
+{
+    std::vector<std::uint32_t> addresses;
+    for (const auto &[len, prefix] : all_keys()) {
+        const std::uint32_t last = prefix | ~model_mask(len);
+        addresses.insert(addresses.end(), {prefix, last, prefix - 1, last + 1});
+    }
+    std::sort(addresses.begin(), addresses.end());
+    addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
+    return addresses;
+}
+
+// A leaf's paths as bits.
+struct leaf_bits {
+    std::uint32_t own, paths;
+};
+leaf_bits bits_of(const model_leaf &leaf)
+{
+    const std::uint32_t own = change_path_bit(adj_ifid(leaf.adjacency), adj_encap(leaf.adjacency));
+    leaf_bits bits{own, own};
+    const bool set = (leaf.adjacency & ADJ_ECMP) != 0 && leaf.has_block && (leaf.hw[0] & ECMP_VALID) != 0;
+    for (unsigned i = 1; set && i <= leaf.npaths; ++i)
+        bits.paths |= change_path_bit(ecmp_entry_ifid(leaf.hw[i]), adj_encap(leaf.hw[i]));
+    return bits;
+}
+
+// Writes down what the addresses of a context answer by the model, where that has changed.
+void write_answers(random_changes &all, std::uint32_t ctx, std::uint64_t change)
+{
+    static const std::vector<model_key> keys = all_keys();
+    std::vector<std::pair<model_key, leaf_bits>> present;
+    for (const model_key &key : keys)
+        if (const auto it = all.model.fib[ctx].find(key); it != all.model.fib[ctx].end())
+            present.emplace_back(key, bits_of(it->second));
+    for (unsigned i = 0; i < all.board.count; ++i) {
+        const window_address &address = all.board.addresses[i];
+        if (address.tree != ctx)
+            continue;
+        std::uint32_t own = 0, paths = 0, behind = 0;
+        for (const auto &[key, bits] : present) {
+            if ((address.address & model_mask(key.first)) != key.second)
+                continue;
+            if (own == 0) {
+                own = bits.own;
+                paths = bits.paths;
+            }
+            behind |= bits.paths;
+        }
+        const std::uint64_t written = address.written.load(std::memory_order_relaxed);
+        const window_record &last = address.records[(written - 1) % WINDOW_RECORDS];
+        if (written == 0 || last.own.load() != own || last.paths.load() != paths || last.behind.load() != behind)
+            window_write(all.board, i, change, own, paths, behind);
+    }
+}
+
+// Counts what the change has taken from the pools: each prefix that is new, with all the nodes that it can need, and
+// each set.
+void count_taken(random_changes &all, std::uint32_t ctx, const std::map<model_key, model_leaf> &before)
+{
+    for (const auto &[key, leaf] : all.model.fib[ctx]) {
+        const auto old = before.find(key);
+        if (old == before.end()) {
+            all.taken.leaves += 1;
+            all.taken.nodes += key.first == 0 ? 0 : (key.first - 1) / MTRIE_STRIDE;
+        }
+        all.taken.blocks += leaf.has_block && (old == before.end() || !old->second.has_block);
+    }
+}
+
+random_change choose(random_changes &all)
+{
+    const auto below = [&all](std::size_t n) { return static_cast<std::size_t>(all.random() % n); };
+    const std::uint32_t ctx = static_cast<std::uint32_t>(below(CONTEXTS));
+    const std::size_t host = below(std::size(HOSTS));
+    const bool known = all.model.rib[ctx].contains({32, HOSTS[host]});
+    if (below(8) == 0 || !known)
+        return {
+            known ? CHANGE_HOST_REMOVE : CHANGE_HOST_ADD, ctx, HOSTS[host], 32, 0, host_encap(host), host_ifid(host)};
+    const auto &[len, prefix] = ROUTES[below(std::size(ROUTES))];
+    const auto set = all.model.rib[ctx].find({len, prefix});
+    const bool there = set != all.model.rib[ctx].end() &&
+                       std::any_of(set->second.begin(), set->second.end(),
+                                   [host](const model_path &path) { return path.nexthop == HOSTS[host]; });
+    return {there ? CHANGE_ROUTE_REMOVE : CHANGE_ROUTE_ADD, ctx, prefix, len, HOSTS[host], 0, 0};
+}
+
+std::uint32_t make_in_model(plain_model &model, const random_change &change)
+{
+    switch (change.kind) {
+    case CHANGE_HOST_ADD:
+        return model.arp_add(change.ctx, change.prefix, change.len, static_cast<std::uint16_t>(change.encap),
+                             static_cast<std::uint16_t>(change.ifid));
+    case CHANGE_HOST_REMOVE:
+        return model.arp_remove(change.ctx, change.prefix, change.len);
+    case CHANGE_ROUTE_ADD:
+        return model.static_add(change.ctx, change.prefix, change.len, change.nexthop);
+    default:
+        return model.static_remove(change.ctx, change.prefix, change.len, change.nexthop);
+    }
+}
+} // namespace
+
+std::uint32_t change_interface_address(unsigned n) { return ip(10, 250, n, 1); }
+
+std::uint32_t change_path_bit(std::uint32_t ifid, std::uint32_t encap)
+{
+    if (ifid == 0 && encap == 0)
+        return BIT_NOTHING;
+    if (ifid == 0 && encap == DROP_WORD)
+        return BIT_DROP;
+    const std::uint32_t host = encap - FIRST_ENCAP;
+    return host < std::size(HOSTS) && ifid == host_ifid(host) ? 4u << host : 0;
+}
+
+random_changes::random_changes(window_board &shared, std::uint32_t seed, change_maker maker)
+    : model(CONTEXTS), random(seed), board(shared), make(std::move(maker))
+{
+    for (unsigned n = 0; n < CHANGE_INTERFACES; ++n)
+        model.interfaces[CHANGE_FIRST_IFID + n] = {true, change_interface_address(n)};
+    board.count = 0;
+    for (std::uint32_t ctx = 0; ctx < CONTEXTS; ++ctx)
+        for (const std::uint32_t address : all_boundaries()) {
+            board.addresses[board.count].tree = ctx;
+            board.addresses[board.count++].address = address;
+        }
+    board.free = ALWAYS_FREE;
+    for (std::uint32_t ctx = 0; ctx < CONTEXTS; ++ctx)
+        write_answers(*this, ctx, 0);
+}
+
+bool random_changes::next()
+{
+    const random_change change = choose(*this);
+    const std::map<model_key, model_leaf> before = model.fib[change.ctx];
+    const std::uint32_t expected = make_in_model(model, change);
+    count_taken(*this, change.ctx, before);
+    write_answers(*this, change.ctx, changes + 1);
+    window_change_begins(board, changes + 1, taken);
+    const std::uint32_t answer = make(change);
+    ++changes;
+    window_change_ends(board, changes);
+    if (answer == expected && model.leaves_lost == 0)
+        return true;
+    char text[160];
+    std::snprintf(text, sizeof text, "change %llu of kind %u, context %u, %08x/%u by %08x: answered %u, not %u",
+                  static_cast<unsigned long long>(changes), change.kind, change.ctx, change.prefix, change.len,
+                  change.nexthop, answer, expected);
+    error = text;
+    return false;
+}
