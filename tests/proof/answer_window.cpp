@@ -22,12 +22,11 @@ window_legal legal_between(const window_address &address, std::uint64_t first, s
         const std::uint64_t change = record.change.load(ACQUIRE);
         if (change > last)
             continue; // begun after the lookup
-        legal.own |= record.own.load(RELAXED);
-        legal.paths |= record.paths.load(RELAXED);
-        legal.behind |= record.behind.load(RELAXED);
+        legal.own |= record.own.load(ACQUIRE);
+        legal.paths |= record.paths.load(ACQUIRE);
+        legal.behind |= record.behind.load(ACQUIRE);
         if (change <= first) {
             // A driver that went round the ring meanwhile may have overwritten what was just read.
-            std::atomic_thread_fence(ACQUIRE);
             legal.known = address.written.load(RELAXED) - n < WINDOW_RECORDS / 2;
             break;
         }
@@ -52,8 +51,7 @@ window_start window_begin(const window_board &board)
 
 window_span window_end(const window_board &board, const window_start &start)
 {
-    // No load of the lookup may come after this one.
-    std::atomic_thread_fence(ACQUIRE);
+    // The loads of the lookup are acquires: none of them comes after the one here.
     return {start.completed, board.begun.load(ACQUIRE), used_up(board, start.taken)};
 }
 
