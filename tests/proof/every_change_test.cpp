@@ -256,7 +256,7 @@ TEST_P(random_changes, of_a_random_table_are_never_seen_half_done)
 {
     std::mt19937 random(GetParam());
     with_default();
-    for (unsigned i = 0; i < 150; ++i) {
+    for (unsigned i = 0; i < 100; ++i) {
         const random_step step = random_step_of(random);
         SCOPED_TRACE(testing::Message() << "seed " << GetParam() << " step " << i << " kind " << step.kind << " "
                                         << std::hex << step.prefix << std::dec << "/" << step.len);
