@@ -1,0 +1,53 @@
+// bench_daemon.h - the daemon as a process, and around it what it meets on a card: a caller, an ARP service, a sender
+// of events, a reader of the tables. Also a bare peer that answers over the same sockets and does nothing else.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+using bench_bytes = std::vector<std::uint8_t>;
+
+// A fresh card directory with interface 5 up (10.1.0.1/16, context 0), in CARD_DIR from now on; removed at exit, when
+// the processes started here end too. Ends the program with status 1 when something cannot be had.
+std::string bench_folder();
+
+struct bench_process {
+    pid_t pid = -1;
+    double ready_ms = 0; // exec to READY=1
+};
+// Starts the daemon, its output to files of the card directory, and waits for READY=1. It runs on the last processor.
+bench_process bench_daemon_start();
+// Starts the bare peer at rpc/`endpoint`: it receives a record and answers with 16 bytes; with_arp: between the two it
+// sends a record of an ARP request's size to the ARP service and receives the answer. Runs on the last processor.
+bench_process bench_echo_start(unsigned endpoint, bool with_arp);
+// Starts an ARP service that answers every request with 0. Runs on the first processor.
+bench_process bench_arp_start();
+void bench_end(bench_process &process, int signo);
+
+int bench_connect(unsigned endpoint);
+// A call of five arguments (context, route id, prefix, mask, next hop).
+bench_bytes bench_route_call(const char *procedure, std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop);
+bench_bytes bench_host_add_call(std::uint32_t address, std::uint16_t encap);
+// Sends the calls, `window` outstanding, and receives the replies. Returns the number of those that answered 0.
+std::size_t bench_call_all(int connection, const std::vector<bench_bytes> &calls, unsigned window);
+
+void bench_send_if_down(); // IF_DOWN of interface 5
+
+// A table memory, mapped to be read.
+struct bench_memory {
+    const std::uint32_t *words;
+    std::uint32_t form; // what is subtracted from its addresses to get an offset
+};
+std::array<bench_memory, 3> bench_memories(); // wired, ixp1, ixp2
+// The word of the leaf (its adjacency) that `address` finds in tree 0; 0 when there is none.
+std::uint32_t bench_find(const bench_memory &memory, std::uint32_t address);
+
+// Runs a command and returns its exit status; output is dropped.
+int bench_run(const std::vector<std::string> &command);
+// A network namespace of this process's own, with the interface d0 up (10.1.0.1/16). Empty, or why there is none.
+std::string bench_own_network();

@@ -1,0 +1,159 @@
+// rpc_bench.cpp - route programming from another process: adds and removals over the remote calls.
+//
+// The bare peer receives and sends records of the same sizes over the same kind of socket, with as many round trips,
+// and does nothing else. The other peers do what a user would do instead: `ip -batch` puts the routes into a kernel
+// table, `birdc configure` reads them from a file; both are timed with the program's start, divided by the routes.
+#include <fstream>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "bench.h"
+#include "bench_daemon.h"
+
+namespace
+{
+constexpr std::uint32_t GATEWAY = 0x0A010009, UNKNOWN_GATEWAY = 0x0A010100, MASK = 0xFFFFFF00, FIRST = 0x14000000;
+constexpr std::uint16_t ENCAP = 0x1234;
+constexpr unsigned DAEMON = 9, ECHO = 11, ECHO_WITH_ARP = 12, WINDOW = 64;
+
+// Adds of `count` prefixes, then their removals.
+std::vector<bench_bytes> adds_and_removals(unsigned count, std::uint32_t gateway)
+{
+    std::vector<bench_bytes> calls;
+    for (const char *procedure : {"rib_add_route", "rib_remove_route"})
+        for (unsigned i = 0; i < count; ++i)
+            calls.push_back(bench_route_call(procedure, FIRST + (i << 8), MASK, gateway));
+    return calls;
+}
+
+double per_call(int connection, const std::vector<bench_bytes> &calls, unsigned window)
+{
+    return bench_time(bench_clock::wall,
+                      [&] {
+                          bench_require(bench_call_all(connection, calls, window) == calls.size(),
+                                        "every call answers 0");
+                      }) /
+           static_cast<double>(calls.size());
+}
+
+void compare(const bench_options &options, const std::string &what, int daemon, int echo,
+             const std::vector<bench_bytes> &calls, std::vector<bench_row> &rows)
+{
+    for (const unsigned window : {1u, WINDOW}) {
+        const auto m = bench_rounds(
+            options, 11,
+            {[&] { return per_call(daemon, calls, window); }, [&] { return per_call(echo, calls, window); }});
+        rows.push_back({what + (window == 1 ? ", one outstanding" : ", " + std::to_string(WINDOW) + " outstanding"),
+                        "us", m[0] / 1000, "bare peer", m[1] / 1000, "", 0.9, true, "a call, adds and removals"});
+    }
+}
+
+std::string dotted(std::uint32_t a)
+{
+    return std::to_string(a >> 24) + "." + std::to_string(a >> 16 & 255) + "." + std::to_string(a >> 8 & 255) + "." +
+           std::to_string(a & 255);
+}
+
+// Microseconds a route of `ip -batch`, adds and removals.
+double ip_batch(const std::string &folder, unsigned count)
+{
+    const std::string file = folder + "/batch";
+    std::ofstream out(file);
+    for (const char *verb : {"add ", "del "})
+        for (unsigned i = 0; i < count; ++i)
+            out << "route " << verb << dotted(FIRST + (i << 8)) << "/24 via 10.1.0.9\n";
+    out.close();
+    return bench_time(bench_clock::wall,
+                      [&] {
+                          bench_require(bench_run({"ip", "-batch", file}) == 0, "ip -batch");
+                      }) /
+           (2.0 * count);
+}
+
+void write_bird_conf(const std::string &folder, unsigned count)
+{
+    std::ofstream out(folder + "/bird.conf");
+    out << "router id 10.1.0.1;\nprotocol device { }\nprotocol direct { ipv4; interface \"d0\"; }\n"
+        << "protocol kernel { ipv4 { export where source = RTS_STATIC; import none; }; }\nprotocol static s { ipv4;\n";
+    for (unsigned i = 0; i < count; ++i)
+        out << "  route " << dotted(FIRST + (i << 8)) << "/24 via 10.1.0.9;\n";
+    out << "}\n";
+}
+
+// Microseconds a route of `birdc configure`, to a file with the routes and back to one without.
+double bird_configure(const std::string &folder, unsigned count)
+{
+    const std::string control = folder + "/bird.ctl";
+    double ns = 0;
+    for (const unsigned routes : {count, 0u}) {
+        write_bird_conf(folder, routes);
+        ns += bench_time(bench_clock::wall, [&] {
+            bench_require(bench_run({"birdc", "-s", control, "configure"}) == 0, "birdc configure");
+        });
+    }
+    return ns / (2.0 * count);
+}
+
+void compare_with_users_choice(const bench_options &options, const std::string &folder, int daemon,
+                               const std::vector<bench_bytes> &calls, std::vector<bench_row> &rows)
+{
+    const unsigned count = static_cast<unsigned>(calls.size() / 2);
+    std::string missing = options.brief ? "brief" : bench_own_network(), no_bird = missing;
+    if (missing.empty()) {
+        write_bird_conf(folder, 0);
+        if (bench_run({"bird", "-c", folder + "/bird.conf", "-s", folder + "/bird.ctl", "-P", folder + "/bird.pid"}) !=
+            0)
+            no_bird = "bird2 did not start";
+    }
+    std::vector<std::function<double()>> sides = {[&] { return per_call(daemon, calls, WINDOW); }};
+    if (missing.empty())
+        sides.push_back([&] { return ip_batch(folder, count); });
+    if (no_bird.empty())
+        sides.push_back([&] { return bird_configure(folder, count); });
+    const auto m = bench_rounds(options, 7, sides);
+    const std::string what =
+        "no ARP service, " + std::to_string(WINDOW) + " outstanding, " + std::to_string(count) + " routes";
+    rows.push_back({what, "us", m[0] / 1000, "ip -batch", missing.empty() ? std::optional(m[1] / 1000) : std::nullopt,
+                    missing, 1, true, "a route"});
+    rows.push_back({what, "us", m[0] / 1000, "birdc configure",
+                    no_bird.empty() ? std::optional(m[2] / 1000) : std::nullopt, no_bird, 1, true, "a route"});
+    if (no_bird.empty())
+        (void)bench_run({"birdc", "-s", folder + "/bird.ctl", "down"});
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const bench_options options = bench_start(argc, argv);
+    const std::string folder = bench_folder();
+    const unsigned count = options.brief ? 50 : 500;
+    std::vector<bench_row> rows;
+
+    bench_process daemon = bench_daemon_start();
+    const int without_arp = bench_connect(DAEMON);
+    bench_process echo = bench_echo_start(ECHO, false);
+    const std::vector<bench_bytes> waiting = adds_and_removals(count, UNKNOWN_GATEWAY);
+    compare(options, "no ARP service, gateway unknown", without_arp, bench_connect(ECHO), waiting, rows);
+    compare_with_users_choice(options, folder, without_arp, waiting, rows);
+    bench_end(echo, SIGKILL);
+
+    bench_process arp = bench_arp_start();
+    bench_process echo_with_arp = bench_echo_start(ECHO_WITH_ARP, true);
+    const int with_arp = bench_connect(ECHO_WITH_ARP);
+    compare(options, "ARP call answered, gateway unknown", without_arp, with_arp, waiting, rows);
+    bench_require(bench_call_all(without_arp, {bench_host_add_call(GATEWAY, ENCAP)}, 1) == 1, "a host is learned");
+    const auto memories = bench_memories();
+    const std::vector<bench_bytes> known = adds_and_removals(count, GATEWAY);
+    bench_require(bench_call_all(without_arp, {known.front()}, 1) == 1, "a route through it");
+    for (const bench_memory &memory : memories)
+        bench_require((bench_find(memory, FIRST + 1) & 0xFFFF) == ENCAP, "the route in every copy");
+    bench_require(bench_call_all(without_arp, {known[count]}, 1) == 1, "its removal");
+    compare(options, "ARP call answered, gateway known, programmed", without_arp, with_arp, known, rows);
+
+    bench_print(options, "Route programming over remote calls", rows);
+    bench_end(echo_with_arp, SIGKILL);
+    bench_end(arp, SIGKILL);
+    bench_end(daemon, SIGINT);
+    return 0;
+}
