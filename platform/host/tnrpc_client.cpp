@@ -88,6 +88,14 @@ int socket_wait(int socket, short events, std::int64_t deadline_ns)
     }
 }
 
+// A receive on the socket waits as long as a whole call may take.
+void socket_limit_receive(int socket)
+{
+    const std::int64_t ms = card_conf_get().rpc_timeout_ms;
+    const timeval limit{ms / 1000, std::max<std::int64_t>(ms % 1000 * 1000, 1)}; // 0 would be for ever
+    (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);     // cannot fail: a valid time
+}
+
 // Connects to the endpoint, waiting for a place in its queue if need be. Returns the socket, or -1.
 int socket_open(std::uint32_t endpoint, std::int64_t deadline_ns)
 {
@@ -107,8 +115,10 @@ int socket_open(std::uint32_t endpoint, std::int64_t deadline_ns)
         const timeval limit{left / NS_PER_S, std::max<std::int64_t>(left % NS_PER_S / 1000, 1)}; // 0 would be for ever
         if (setsockopt(socket_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
             break;
-        if (connect(socket_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        if (connect(socket_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+            socket_limit_receive(socket_fd);
             return socket_fd;
+        }
         if (errno != EINTR && errno != EAGAIN)
             break;
     }
@@ -265,26 +275,40 @@ reply_verdict reply_take(outgoing_call &call, const std::uint8_t *record, std::s
     return reply_verdict::answered;
 }
 
-// Receives the reply and takes it. Small replies are received in place; a longer one, which brings a block, into
-// memory of its own size.
+bool has_block(const outgoing_call &call)
+{
+    return std::any_of(call.args, call.args + call.arg_count,
+                       [](const out_argument &arg) { return arg.type == RPC_ARG_BLOCK; });
+}
+
+// Receives into `to`, waiting as the socket's limit says. Returns the record's length, or -1.
+ssize_t socket_receive(int socket, void *to, std::size_t room, int flags)
+{
+    ssize_t size = 0;
+    do
+        size = recv(socket, to, room, flags | MSG_TRUNC);
+    while (size < 0 && errno == EINTR);
+    return size;
+}
+
+// Receives the reply and takes it. A reply without blocks is received at once, in place; one that brings a block is
+// looked at first, and received into memory of its own size.
 reply_verdict reply_receive(outgoing_call &call, int socket)
 {
     std::uint8_t small[512];
     static_assert(sizeof small >= TNRPC_REPLY_HEAD + TNRPC_MAX_ARGS * (TNRPC_VALUE_HEAD + 4));
-    const ssize_t size = recv(socket, small, 1, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+    const bool look_first = has_block(call);
+    const ssize_t size = socket_receive(socket, small, sizeof small, look_first ? MSG_PEEK : 0);
     if (size <= 0)
         return reply_verdict::wrong;
     const auto bytes = static_cast<std::size_t>(size);
-    std::unique_ptr<std::uint8_t[]> large;
-    if (bytes > sizeof small) {
-        large.reset(new (std::nothrow) std::uint8_t[bytes]);
-        if (!large)
-            return reply_verdict::wrong; // unread, so the connection has to go
-    }
-    std::uint8_t *record = large ? large.get() : small;
-    if (recv(socket, record, bytes, MSG_DONTWAIT) != size)
-        return reply_verdict::wrong;
-    return reply_take(call, record, bytes);
+    if (!look_first)
+        return bytes <= sizeof small ? reply_take(call, small, bytes) : reply_verdict::wrong;
+
+    const std::unique_ptr<std::uint8_t[]> record(new (std::nothrow) std::uint8_t[bytes]);
+    if (!record || recv(socket, record.get(), bytes, MSG_DONTWAIT) != size)
+        return reply_verdict::wrong; // unread, so the connection has to go
+    return reply_take(call, record.get(), bytes);
 }
 
 // Sends the call. Returns 0, or -1 when nothing has been sent; `again`: the peer had gone, another connection may do.
@@ -304,11 +328,12 @@ int call_send(const outgoing_call &call, int socket, bool &again)
 }
 
 // Gets the call to the endpoint's server, on the kept connection or on a new one. Returns 0, or -1 when it did not go.
-int call_deliver(const outgoing_call &call, connection &kept)
+// fresh: a new connection was made, which may have taken a part of the call's time.
+int call_deliver(const outgoing_call &call, connection &kept, bool &fresh)
 {
+    fresh = false;
     if (kept.socket >= 0 && !socket_is_idle(kept.socket))
         connection_close(kept);
-    bool fresh = false;
     bool again = true;
     while (again && !fresh) {
         if (kept.socket < 0) {
@@ -333,9 +358,10 @@ int call_make(outgoing_call &call, const char *name)
     call.deadline_ns = now_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
     connection &kept = connection_of(endpoint);
     (void)std::fflush(stdout); // whoever reads it step by step sees all that came before the wait
-    if (call_deliver(call, kept) != 0)
+    bool fresh = false;
+    if (call_deliver(call, kept, fresh) != 0)
         return -1;
-    if (socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
+    if (fresh && socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
         connection_close(kept);
         return -1;
     }
