@@ -24,13 +24,6 @@ constexpr unsigned CANARY_STEPS = 200000;
 
 std::vector<double> canary_times;
 
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n == 0 ? 0 : (values[(n - 1) / 2] + values[n / 2]) / 2;
-}
-
 // A chain of multiplications: no memory, no branch that is not taken, the same work each time.
 void canary()
 {
@@ -50,7 +43,7 @@ double canary_spread()
     std::vector<double> sorted = canary_times;
     std::sort(sorted.begin(), sorted.end());
     const std::size_t n = sorted.size();
-    return (sorted[n * 3 / 4] - sorted[n / 4]) / median(sorted);
+    return (sorted[n * 3 / 4] - sorted[n / 4]) / bench_median(sorted);
 }
 
 std::string processor()
@@ -163,6 +156,22 @@ double bench_time(bench_clock clock, const std::function<void()> &work)
            static_cast<double>(after.tv_nsec - before.tv_nsec);
 }
 
+double bench_median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n == 0 ? 0 : (values[(n - 1) / 2] + values[n / 2]) / 2;
+}
+
+double bench_cpu_ns(int pid)
+{
+    clockid_t id = CLOCK_THREAD_CPUTIME_ID;
+    timespec used{};
+    if ((pid != 0 && clock_getcpuclockid(pid, &id) != 0) || clock_gettime(id, &used) != 0)
+        return 0;
+    return static_cast<double>(used.tv_sec) * 1e9 + static_cast<double>(used.tv_nsec);
+}
+
 std::vector<double> bench_rounds(const bench_options &options, unsigned rounds,
                                  const std::vector<std::function<double()>> &sides)
 {
@@ -174,7 +183,7 @@ std::vector<double> bench_rounds(const bench_options &options, unsigned rounds,
         }
     std::vector<double> medians;
     for (const std::vector<double> &of_side : figures)
-        medians.push_back(median(of_side));
+        medians.push_back(bench_median(of_side));
     return medians;
 }
 

@@ -37,6 +37,11 @@ bench_options bench_start(int argc, char **argv);
 // Nanoseconds of one run of `work`.
 double bench_time(bench_clock clock, const std::function<void()> &work);
 
+double bench_median(std::vector<double> values); // 0 of none
+
+// Nanoseconds of processor time that another process (or this one's thread, for 0) has used.
+double bench_cpu_ns(int pid);
+
 // Runs each of the sides in turn, `rounds` times (once when brief), and a canary before each turn: a fixed computation,
 // whose spread says how far the machine was disturbed. A side answers the figure of one round. Returns the medians.
 std::vector<double> bench_rounds(const bench_options &options, unsigned rounds,

@@ -331,6 +331,41 @@ std::uint32_t bench_find(const bench_memory &memory, std::uint32_t address)
     return word == 0 ? 0 : load(word - memory.form);
 }
 
+void bench_bird_conf(unsigned count)
+{
+    std::ofstream out(folder + "/bird.conf");
+    out << "router id 10.1.0.1;\nprotocol device { }\nprotocol direct { ipv4; interface \"d0\"; }\n"
+        << "protocol kernel { ipv4 { export where source = RTS_STATIC; import none; }; }\n"
+        << "protocol static bench_routes { ipv4;\n";
+    for (unsigned i = 0; i < count; ++i)
+        out << "  route 20." << (i >> 8) << "." << (i & 255) << ".0/24 via 10.1.0.9;\n";
+    out << "}\n";
+}
+
+int bench_birdc(const std::string &command) { return bench_run({"birdc", "-s", folder + "/bird.ctl", command}); }
+
+bench_process bench_bird_start()
+{
+    bench_process bird;
+    const std::string conf = folder + "/bird.conf", control = folder + "/bird.ctl", pid = folder + "/bird.pid";
+    (void)unlink(control.c_str());
+    const double start = now_ms();
+    bird.pid = start_child();
+    if (bird.pid == 0) {
+        redirect(STDERR_FILENO, "/dev/null");
+        (void)execlp("bird", "bird", "-f", "-c", conf.c_str(), "-s", control.c_str(), "-P", pid.c_str(),
+                     static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    while (bench_birdc("show status") != 0)
+        if (waitpid(bird.pid, nullptr, WNOHANG) == bird.pid) {
+            std::erase(running, bird.pid);
+            return {};
+        }
+    bird.ready_ms = now_ms() - start;
+    return bird;
+}
+
 int bench_run(const std::vector<std::string> &command)
 {
     const pid_t pid = fork();

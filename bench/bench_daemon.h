@@ -47,6 +47,12 @@ std::array<bench_memory, 3> bench_memories(); // wired, ixp1, ixp2
 // The word of the leaf (its adjacency) that `address` finds in tree 0; 0 when there is none.
 std::uint32_t bench_find(const bench_memory &memory, std::uint32_t address);
 
+// Writes a configuration of bird with `count` static /24 routes from 20.0.0.0 on, through 10.1.0.9, for the kernel.
+void bench_bird_conf(unsigned count);
+// Starts bird and waits until birdc gets an answer; ready_ms is that time. pid -1: it did not start.
+bench_process bench_bird_start();
+int bench_birdc(const std::string &command); // exit status
+
 // Runs a command and returns its exit status; output is dropped.
 int bench_run(const std::vector<std::string> &command);
 // A network namespace of this process's own, with the interface d0 up (10.1.0.1/16). Empty, or why there is none.

@@ -37,15 +37,35 @@ double per_call(int connection, const std::vector<bench_bytes> &calls, unsigned 
            static_cast<double>(calls.size());
 }
 
-void compare(const bench_options &options, const std::string &what, int daemon, int echo,
+struct server {
+    int pid;
+    int connection;
+};
+
+// One server's side of a comparison: wall time a call as the figure, its processor time a call beside it.
+std::function<double()> side_of(const server &s, const std::vector<bench_bytes> &calls, unsigned window,
+                                std::vector<double> &cpu)
+{
+    return [&s, &calls, window, &cpu] {
+        const double before = bench_cpu_ns(s.pid);
+        const double wall = per_call(s.connection, calls, window);
+        cpu.push_back((bench_cpu_ns(s.pid) - before) / static_cast<double>(calls.size()));
+        return wall;
+    };
+}
+
+void compare(const bench_options &options, const std::string &what, const server &daemon, const server &echo,
              const std::vector<bench_bytes> &calls, std::vector<bench_row> &rows)
 {
     for (const unsigned window : {1u, WINDOW}) {
-        const auto m = bench_rounds(
-            options, 11,
-            {[&] { return per_call(daemon, calls, window); }, [&] { return per_call(echo, calls, window); }});
-        rows.push_back({what + (window == 1 ? ", one outstanding" : ", " + std::to_string(WINDOW) + " outstanding"),
-                        "us", m[0] / 1000, "bare peer", m[1] / 1000, "", 0.9, true, "a call, adds and removals"});
+        std::vector<double> own_cpu, echo_cpu;
+        const auto m =
+            bench_rounds(options, 7, {side_of(daemon, calls, window, own_cpu), side_of(echo, calls, window, echo_cpu)});
+        const std::string name =
+            what + (window == 1 ? ", one outstanding" : ", " + std::to_string(WINDOW) + " outstanding");
+        rows.push_back({name, "us", m[0] / 1000, "bare peer", m[1] / 1000, "", 0.9, true, "a call, wall time"});
+        rows.push_back({name, "us", bench_median(own_cpu) / 1000, "bare peer", bench_median(echo_cpu) / 1000, "", 0,
+                        false, "a call, the server's processor time"});
     }
 }
 
@@ -71,26 +91,13 @@ double ip_batch(const std::string &folder, unsigned count)
            (2.0 * count);
 }
 
-void write_bird_conf(const std::string &folder, unsigned count)
-{
-    std::ofstream out(folder + "/bird.conf");
-    out << "router id 10.1.0.1;\nprotocol device { }\nprotocol direct { ipv4; interface \"d0\"; }\n"
-        << "protocol kernel { ipv4 { export where source = RTS_STATIC; import none; }; }\nprotocol static s { ipv4;\n";
-    for (unsigned i = 0; i < count; ++i)
-        out << "  route " << dotted(FIRST + (i << 8)) << "/24 via 10.1.0.9;\n";
-    out << "}\n";
-}
-
 // Microseconds a route of `birdc configure`, to a file with the routes and back to one without.
-double bird_configure(const std::string &folder, unsigned count)
+double bird_configure(unsigned count)
 {
-    const std::string control = folder + "/bird.ctl";
     double ns = 0;
     for (const unsigned routes : {count, 0u}) {
-        write_bird_conf(folder, routes);
-        ns += bench_time(bench_clock::wall, [&] {
-            bench_require(bench_run({"birdc", "-s", control, "configure"}) == 0, "birdc configure");
-        });
+        bench_bird_conf(routes);
+        ns += bench_time(bench_clock::wall, [] { bench_require(bench_birdc("configure") == 0, "birdc configure"); });
     }
     return ns / (2.0 * count);
 }
@@ -100,18 +107,19 @@ void compare_with_users_choice(const bench_options &options, const std::string &
 {
     const unsigned count = static_cast<unsigned>(calls.size() / 2);
     std::string missing = options.brief ? "brief" : bench_own_network(), no_bird = missing;
+    bench_process bird;
     if (missing.empty()) {
-        write_bird_conf(folder, 0);
-        if (bench_run({"bird", "-c", folder + "/bird.conf", "-s", folder + "/bird.ctl", "-P", folder + "/bird.pid"}) !=
-            0)
+        bench_bird_conf(0);
+        bird = bench_bird_start();
+        if (bird.pid < 0)
             no_bird = "bird2 did not start";
     }
     std::vector<std::function<double()>> sides = {[&] { return per_call(daemon, calls, WINDOW); }};
     if (missing.empty())
         sides.push_back([&] { return ip_batch(folder, count); });
     if (no_bird.empty())
-        sides.push_back([&] { return bird_configure(folder, count); });
-    const auto m = bench_rounds(options, 7, sides);
+        sides.push_back([&] { return bird_configure(count); });
+    const auto m = bench_rounds(options, 5, sides);
     const std::string what =
         "no ARP service, " + std::to_string(WINDOW) + " outstanding, " + std::to_string(count) + " routes";
     rows.push_back({what, "us", m[0] / 1000, "ip -batch", missing.empty() ? std::optional(m[1] / 1000) : std::nullopt,
@@ -119,7 +127,7 @@ void compare_with_users_choice(const bench_options &options, const std::string &
     rows.push_back({what, "us", m[0] / 1000, "birdc configure",
                     no_bird.empty() ? std::optional(m[2] / 1000) : std::nullopt, no_bird, 1, true, "a route"});
     if (no_bird.empty())
-        (void)bench_run({"birdc", "-s", folder + "/bird.ctl", "down"});
+        bench_end(bird, SIGTERM);
 }
 } // namespace
 
@@ -127,21 +135,22 @@ int main(int argc, char **argv)
 {
     const bench_options options = bench_start(argc, argv);
     const std::string folder = bench_folder();
-    const unsigned count = options.brief ? 50 : 500;
+    const unsigned count = options.brief ? 20 : 200;
     std::vector<bench_row> rows;
 
     bench_process daemon = bench_daemon_start();
     const int without_arp = bench_connect(DAEMON);
+    const server own = {daemon.pid, without_arp};
     bench_process echo = bench_echo_start(ECHO, false);
     const std::vector<bench_bytes> waiting = adds_and_removals(count, UNKNOWN_GATEWAY);
-    compare(options, "no ARP service, gateway unknown", without_arp, bench_connect(ECHO), waiting, rows);
+    compare(options, "no ARP service, gateway unknown", own, {echo.pid, bench_connect(ECHO)}, waiting, rows);
     compare_with_users_choice(options, folder, without_arp, waiting, rows);
     bench_end(echo, SIGKILL);
 
     bench_process arp = bench_arp_start();
     bench_process echo_with_arp = bench_echo_start(ECHO_WITH_ARP, true);
-    const int with_arp = bench_connect(ECHO_WITH_ARP);
-    compare(options, "ARP call answered, gateway unknown", without_arp, with_arp, waiting, rows);
+    const server with_arp = {echo_with_arp.pid, bench_connect(ECHO_WITH_ARP)};
+    compare(options, "ARP call answered, gateway unknown", own, with_arp, waiting, rows);
     bench_require(bench_call_all(without_arp, {bench_host_add_call(GATEWAY, ENCAP)}, 1) == 1, "a host is learned");
     const auto memories = bench_memories();
     const std::vector<bench_bytes> known = adds_and_removals(count, GATEWAY);
@@ -149,7 +158,7 @@ int main(int argc, char **argv)
     for (const bench_memory &memory : memories)
         bench_require((bench_find(memory, FIRST + 1) & 0xFFFF) == ENCAP, "the route in every copy");
     bench_require(bench_call_all(without_arp, {known[count]}, 1) == 1, "its removal");
-    compare(options, "ARP call answered, gateway known, programmed", without_arp, with_arp, known, rows);
+    compare(options, "ARP call answered, gateway known, programmed", own, with_arp, known, rows);
 
     bench_print(options, "Route programming over remote calls", rows);
     bench_end(echo_with_arp, SIGKILL);
