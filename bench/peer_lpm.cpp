@@ -41,6 +41,13 @@ void peer_lpm_find(void *table, const std::uint32_t *addresses, std::uint32_t *v
     auto *const lpm = static_cast<rte_lpm *>(table);
     for (; count >= 4; count -= 4, addresses += 4, values += 4)
         rte_lpm_lookupx4(lpm, _mm_loadu_si128(reinterpret_cast<const __m128i *>(addresses)), values, missing);
+    peer_lpm_find_scalar(table, addresses, values, count, missing);
+}
+
+void peer_lpm_find_scalar(void *table, const std::uint32_t *addresses, std::uint32_t *values, std::size_t count,
+                          std::uint32_t missing)
+{
+    auto *const lpm = static_cast<rte_lpm *>(table);
     for (; count > 0; --count, ++addresses, ++values)
         if (rte_lpm_lookup(lpm, *addresses, values) != 0)
             *values = missing;

@@ -23,6 +23,8 @@ int peer_lpm_delete(void *table, const peer_route &route);
 // The value of each address, `missing` where no prefix covers it.
 void peer_lpm_find(void *table, const std::uint32_t *addresses, std::uint32_t *values, std::size_t count,
                    std::uint32_t missing);
+void peer_lpm_find_scalar(void *table, const std::uint32_t *addresses, std::uint32_t *values, std::size_t count,
+                          std::uint32_t missing);
 void peer_lpm_delete_table(void *table);
 
 // One rte_fib table (the direct 24-8 kind, values of 4 bytes).

@@ -1,0 +1,337 @@
+// lookup_bench.cpp - a network processor's lookup beside the lookups of the DPDK libraries, over the same prefixes.
+//
+// The tables are the daemon's own, made by its prefix manager; the lookups read the memory of processor 1. A mix is
+// what a card has: /8, /16, /24, /32 hosts, one route in sixteen with eight paths, and the multicast drop. Each prefix
+// has a value of its own, so one answer tells which prefix was found. Addresses: one of a prefix drawn evenly, one of a
+// prefix drawn by Zipf's law, or any of the whole space. The peers answer a value of 24 or 32 bits, which is taken for
+// the forwarding word; what else they would need is not counted against them, but for path choice, where they pick from
+// an array of eight words a set.
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+#include "bench.h"
+#include "bench_card.h"
+#include "hw_table.h"
+#include "ixp_lookup.h"
+#include "mtrie_records.h"
+#include "norvik_mtrie_hw.h"
+#include "norvik_mtrie_pool.h"
+#include "peer_lpm.h"
+#include "prefix_mgr.h"
+#include "rib_table.h"
+
+namespace
+{
+constexpr std::uint16_t TREE = 1;
+constexpr std::uint32_t DROP = 0x8001, SETS = 16, PATHS = 8, MISSING = 0;
+constexpr std::size_t ADDRESSES = 1 << 14;
+constexpr bench_clock CPU = bench_clock::cpu;
+
+bool has_paths(const peer_route &r) { return r.value % SETS == 0; }
+std::uint32_t path_encap(std::uint32_t value, std::uint32_t path) { return path << 12 | value; }
+
+route_entry entry_of(std::uint16_t tree, const peer_route &r, std::uint32_t path)
+{
+    route_entry entry{};
+    entry.prefix = r.prefix;
+    entry.len = r.len;
+    entry.ctx = tree;
+    entry.route_id = tree;
+    entry.ifid = 5;
+    entry.encap_id = path_encap(r.value, path);
+    entry.flags = path == 0 ? std::uint16_t{0} : RIB_F_ECMP;
+    return entry;
+}
+
+// Adds the route, with its paths. Answers false when the pools have no more.
+bool add_route(std::uint16_t tree, const peer_route &r)
+{
+    for (std::uint32_t path = 0; path < (has_paths(r) ? PATHS : 1); ++path) {
+        const route_entry entry = entry_of(tree, r, path);
+        if (prefix_mgr_route_add(wired_table_mgr, &entry) == 0)
+            return false;
+    }
+    return true;
+}
+
+void remove_route(std::uint16_t tree, const peer_route &r)
+{
+    for (std::uint32_t path = has_paths(r) ? PATHS : 1; path-- > 0;) {
+        const route_entry entry = entry_of(tree, r, path);
+        bench_require(prefix_mgr_route_remove(wired_table_mgr, &entry) != 0, "a removal");
+    }
+}
+
+// `count` prefixes: one in 25 a /8, one in 5 a /16, three in 10 hosts, the rest /24, in ever fewer larger ones.
+std::vector<peer_route> mix_of(std::uint32_t count)
+{
+    std::vector<peer_route> mix;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const std::uint32_t a = (1 + i % 20) << 24, b = i / 20 % 4 << 16, c = i / 80 % 4 << 8;
+        const std::uint32_t kind = i % 50;
+        if (kind < 2 && i < 1000)
+            mix.push_back({(21 + i / 50 * 2 + kind) << 24, 8, i + 1});
+        else if (kind < 12)
+            mix.push_back({a | (i / 50 + 8) << 16, 16, i + 1});
+        else if (kind < 27)
+            mix.push_back({a | b | c | (1 + i / 4 % 250), 32, i + 1});
+        else
+            mix.push_back({a | b | (i / 20 + 4) << 8, 24, i + 1});
+    }
+    const auto same = [](const peer_route &x, const peer_route &y) { return x.prefix == y.prefix && x.len == y.len; };
+    for (std::size_t i = 0; i < mix.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            bench_require(!same(mix[i], mix[j]), "the prefixes differ");
+    return mix;
+}
+
+// A host in as many different /24s as there are nodes for.
+std::vector<peer_route> full_table()
+{
+    std::vector<peer_route> routes;
+    for (std::uint32_t i = 0; i < HW_NODE_COUNT; ++i)
+        routes.push_back({(1 + i % 4) << 24 | (i / 4 % 8) << 16 | (i / 32) << 8 | (1 + i % 200), 32, 16 * i + 1});
+    return routes;
+}
+
+enum class draw { evenly, zipf, whole_space };
+const char *const DRAW_NAMES[] = {"one a prefix", "Zipf", "the whole space"};
+
+std::vector<std::uint32_t> addresses_of(const std::vector<peer_route> &mix, draw how)
+{
+    std::mt19937 random(20240611);
+    std::vector<double> weights;
+    for (std::size_t i = 0; i < mix.size(); ++i)
+        weights.push_back(how == draw::zipf ? 1.0 / static_cast<double>(i + 1) : 1.0);
+    std::discrete_distribution<std::size_t> pick(weights.begin(), weights.end());
+    std::vector<std::uint32_t> addresses(ADDRESSES);
+    for (std::uint32_t &address : addresses) {
+        address = static_cast<std::uint32_t>(random());
+        if (how == draw::whole_space)
+            continue;
+        const peer_route &r = mix[pick(random)];
+        address = r.prefix | (address & ~rib_mask_table[r.len]);
+    }
+    return addresses;
+}
+
+ixp_table table_of_processor_1() { return {card_at<const std::uint32_t>(va_ixp1_dram_base), HW_IXP_BASE}; }
+
+std::uint32_t value_of(std::uint32_t word) { return word == IXP_MISS ? MISSING : adj_encap(word); }
+
+struct peers {
+    void *lpm = nullptr, *fib = nullptr;
+    std::string missing;
+};
+
+peers peers_with(const std::vector<peer_route> &mix, const std::string &missing)
+{
+    static int number = 0;
+    const std::string name = "lookup" + std::to_string(++number);
+    peers p = {nullptr, nullptr, missing};
+    if (!missing.empty())
+        return p;
+    p.lpm = peer_lpm_new(name.c_str(), 4096, 2048);
+    p.fib = peer_fib_new(name.c_str(), 4096, 2047, MISSING);
+    bench_require(p.lpm != nullptr && p.fib != nullptr, "the peers' tables");
+    std::vector<peer_route> all = mix;
+    all.push_back({0xE0000000, 3, DROP});
+    for (const peer_route &r : all)
+        bench_require(peer_lpm_add(p.lpm, r) == 0 && peer_fib_add(p.fib, r) == 0, "the peers' routes");
+    return p;
+}
+
+void free_peers(const peers &p)
+{
+    if (p.lpm != nullptr)
+        peer_lpm_delete_table(p.lpm);
+    if (p.fib != nullptr)
+        peer_fib_delete_table(p.fib);
+}
+
+// Every body of ours and both peers answer alike, before any is timed.
+void check(const peers &p, const std::vector<std::uint32_t> &addresses)
+{
+    std::vector<std::uint32_t> own(ADDRESSES), other(ADDRESSES);
+    std::vector<std::uint64_t> wide(ADDRESSES);
+    ixp_lookup(table_of_processor_1(), IXP_SCALAR, TREE, addresses.data(), own.data(), ADDRESSES);
+    for (const ixp_body body : {IXP_BATCH, IXP_AVX2}) {
+        if (!ixp_body_runs(body))
+            continue;
+        ixp_lookup(table_of_processor_1(), body, TREE, addresses.data(), other.data(), ADDRESSES);
+        bench_require(own == other, "the bodies answer alike");
+    }
+    if (p.lpm == nullptr)
+        return;
+    peer_lpm_find(p.lpm, addresses.data(), other.data(), ADDRESSES, MISSING);
+    peer_fib_find(p.fib, addresses.data(), wide.data(), ADDRESSES);
+    for (std::size_t i = 0; i < ADDRESSES; ++i)
+        bench_require(value_of(own[i]) == other[i] && other[i] == wide[i], "the peers answer alike");
+}
+
+template <class Work> std::function<double()> per_lookup(const bench_options &options, Work work)
+{
+    const unsigned runs = options.brief ? 1 : 40;
+    return [work, runs] {
+        return bench_time(CPU,
+                          [&] {
+                              for (unsigned i = 0; i < runs; ++i)
+                                  work();
+                          }) /
+               (runs * static_cast<double>(ADDRESSES));
+    };
+}
+
+std::string number_of_lookups(double ns)
+{
+    return std::to_string(static_cast<unsigned>(1000 / ns)) + " million a second and core";
+}
+
+struct wanted_ratio {
+    double vector, scalar, paths;
+};
+
+void measure(const bench_options &options, const std::string &name, const std::vector<std::uint32_t> &addresses,
+             const peers &p, wanted_ratio wanted, std::vector<bench_row> &rows)
+{
+    check(p, addresses);
+    static std::vector<std::uint32_t> words(ADDRESSES), paths(ADDRESSES), hashes(ADDRESSES), sets(PATHS << 16);
+    static std::vector<std::uint64_t> wide(ADDRESSES);
+    for (std::size_t i = 0; i < ADDRESSES; ++i)
+        hashes[i] = static_cast<std::uint32_t>(i * 2654435761u);
+    const ixp_body best = ixp_best_body();
+    const auto own = [&addresses](ixp_body body) {
+        return [&addresses, body] {
+            ixp_lookup(table_of_processor_1(), body, TREE, addresses.data(), words.data(), ADDRESSES);
+        };
+    };
+    const auto lpm = [&] { peer_lpm_find(p.lpm, addresses.data(), words.data(), ADDRESSES, MISSING); };
+    const auto fib = [&] { peer_fib_find(p.fib, addresses.data(), wide.data(), ADDRESSES); };
+    const auto fib_path = [&] {
+        fib();
+        for (std::size_t i = 0; i < ADDRESSES; ++i)
+            words[i] = sets[(wide[i] & 0xFFFF) * PATHS + hashes[i] % PATHS];
+    };
+    const auto own_path = [&] {
+        ixp_forward(table_of_processor_1(), best, TREE,
+                    {addresses.data(), hashes.data(), words.data(), paths.data(), ADDRESSES});
+    };
+    std::vector<std::function<double()>> sides = {per_lookup(options, own(best)), per_lookup(options, own(IXP_BATCH)),
+                                                  per_lookup(options, own_path)};
+    const bool with_peers = p.lpm != nullptr;
+    if (with_peers) {
+        sides.push_back(per_lookup(options, lpm));
+        sides.push_back(per_lookup(options, fib));
+        sides.push_back(per_lookup(options, fib_path));
+    }
+    const auto m = bench_rounds(options, 9, sides);
+    const auto theirs = [&](std::size_t i) { return with_peers ? std::optional(m[i]) : std::nullopt; };
+    const auto best_of_both = [&] { return with_peers ? std::optional(std::min(m[3], m[4])) : std::nullopt; };
+    const std::string rate = number_of_lookups(m[0]);
+    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "rte_lpm, four at a time", theirs(3), p.missing, 0,
+                    false, rate});
+    rows.push_back(
+        {name + ", " + ixp_body_name(best), "ns", m[0], "rte_fib, bulk", theirs(4), p.missing, 0, false, ""});
+    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "the better of the two", best_of_both(), p.missing,
+                    wanted.vector, wanted.vector != 0, ""});
+    rows.push_back({name + ", with path choice", "ns", m[2], "rte_fib and an array of paths", theirs(5), p.missing,
+                    wanted.paths, wanted.paths != 0, ""});
+    if (!with_peers)
+        return;
+    // Last, since the library's table keeps the scalar lookup from now on.
+    const auto lpm_one = [&] { peer_lpm_find_scalar(p.lpm, addresses.data(), words.data(), ADDRESSES, MISSING); };
+    peer_fib_find_scalar(p.fib);
+    const auto s = bench_rounds(
+        options, 9, {per_lookup(options, own(IXP_BATCH)), per_lookup(options, lpm_one), per_lookup(options, fib)});
+    rows.push_back({name + ", the portable body", "ns", s[0], "the better scalar peer", std::min(s[1], s[2]), "",
+                    wanted.scalar, wanted.scalar != 0, ""});
+}
+} // namespace
+
+namespace
+{
+void measure_mix(const bench_options &options, std::uint32_t count, const std::string &missing,
+                 std::vector<bench_row> &rows)
+{
+    const std::vector<peer_route> mix = mix_of(count);
+    for (const peer_route &r : mix)
+        bench_require(add_route(TREE, r), "the mix fits the pools");
+    for (const draw how : {draw::evenly, draw::zipf, draw::whole_space}) {
+        const peers p = peers_with(mix, missing);
+        const wanted_ratio wanted = how == draw::whole_space             ? wanted_ratio{2.2, 0, 0}
+                                    : how == draw::evenly && count > 400 ? wanted_ratio{1.6, 1.6, 2}
+                                                                         : wanted_ratio{};
+        measure(options, std::to_string(count) + " prefixes, " + DRAW_NAMES[static_cast<int>(how)],
+                addresses_of(mix, how), p, wanted, rows);
+        free_peers(p);
+    }
+    for (const peer_route &r : mix)
+        remove_route(TREE, r);
+}
+
+void measure_full(const bench_options &options, const std::string &missing, std::vector<bench_row> &rows)
+{
+    std::vector<peer_route> routes;
+    for (const peer_route &r : full_table()) {
+        if (!add_route(TREE, r))
+            break; // no node or leaf is left
+        routes.push_back(r);
+    }
+    const peers p = peers_with(routes, missing);
+    measure(options, "full table, " + std::to_string(routes.size()) + " hosts", addresses_of(routes, draw::evenly), p,
+            {1.4, 0, 0}, rows);
+    free_peers(p);
+    for (const peer_route &r : routes)
+        remove_route(TREE, r);
+}
+
+// Two routes in each of the 256 trees, an address each; the peer would need a table of 64 MiB for each of them.
+void measure_contexts(const bench_options &options, std::vector<bench_row> &rows)
+{
+    constexpr peer_route BOTH[] = {{0x0A000000, 8, 1}, {0x0B000000, 8, 2}};
+    for (std::uint16_t tree = 0; tree < HW_ROOT_COUNT; ++tree)
+        bench_require(add_route(tree, BOTH[tree % 2]), "a route in each tree");
+    std::mt19937 random(20240612);
+    std::vector<std::uint32_t> trees(ADDRESSES), addresses(ADDRESSES), words(ADDRESSES);
+    for (std::size_t i = 0; i < ADDRESSES; ++i) {
+        trees[i] = static_cast<std::uint32_t>(random()) % HW_ROOT_COUNT;
+        addresses[i] = 0x0A000000 + (static_cast<std::uint32_t>(random()) & 0x01FFFFFF);
+    }
+    const auto lookup = [&] {
+        ixp_lookup_trees(table_of_processor_1(), ixp_best_body(), trees.data(), addresses.data(), words.data(),
+                         ADDRESSES);
+    };
+    lookup();
+    for (std::size_t i = 0; i < ADDRESSES; ++i)
+        bench_require(value_of(words[i]) == ((addresses[i] >> 24 & 1) == trees[i] % 2 ? trees[i] % 2 + 1 : MISSING),
+                      "each tree has its own answer");
+    const auto m = bench_rounds(options, 9, {per_lookup(options, lookup)});
+    rows.push_back({"256 contexts, one route each",
+                    "ns",
+                    m[0],
+                    "rte_lpm",
+                    {},
+                    "256 of its tables need 16 GiB",
+                    1.4,
+                    true,
+                    "in " + std::to_string(HW_TABLE_BYTES / 1024) + " KiB"});
+    for (std::uint16_t tree = 0; tree < HW_ROOT_COUNT; ++tree)
+        remove_route(tree, BOTH[tree % 2]);
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const bench_options options = bench_start(argc, argv);
+    bench_card_start();
+    const std::string missing = options.brief ? "brief" : peer_lpm_start();
+    std::vector<bench_row> rows;
+    for (const std::uint32_t count : {256u, 500u})
+        measure_mix(options, count, missing, rows);
+    measure_full(options, missing, rows);
+    measure_contexts(options, rows);
+    bench_require(mtrie_pool_check() == 0, "the audit of the pools");
+    bench_print(options, "Processor lookup", rows);
+    return 0;
+}
