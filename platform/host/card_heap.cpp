@@ -10,6 +10,7 @@
 // (card_space.cpp), who holds how much (mtrack.cpp).
 #include "card_space.h"
 
+#include <bit>
 #include <cstring>
 #include <memory_resource>
 #include <new>
@@ -95,14 +96,56 @@ class card_pages : public std::pmr::memory_resource
     bool do_is_equal(const memory_resource &other) const noexcept override { return this == &other; }
 };
 
+card_pages &pages()
+{
+    alignas(card_pages) static std::byte at[sizeof(card_pages)];
+    static auto *const made = new (at) card_pages;
+    return *made;
+}
+
 std::pmr::memory_resource &heap()
 {
-    alignas(card_pages) static std::byte pages_at[sizeof(card_pages)];
-    alignas(std::pmr::unsynchronized_pool_resource) static std::byte
-        pool_at[sizeof(std::pmr::unsynchronized_pool_resource)];
-    static auto *const pages = new (pages_at) card_pages;
-    static auto *const pool = new (pool_at) std::pmr::unsynchronized_pool_resource(pages);
-    return *pool;
+    alignas(std::pmr::unsynchronized_pool_resource) static std::byte at[sizeof(std::pmr::unsynchronized_pool_resource)];
+    static auto *const made = new (at) std::pmr::unsynchronized_pool_resource(&pages());
+    return *made;
+}
+
+// Blocks a little over a page: a card has a context's record and its table 256 times each, and on pages of their own
+// they would write two where one does. They lie close together in slabs, which are kept.
+constexpr std::size_t SLAB_BLOCK = block_bytes(4160), SLAB_BLOCKS = 64;
+struct slab {
+    card_addr base = 0;      // 0: not there yet
+    std::uint64_t taken = 0; // a bit a block
+};
+slab slabs[16];
+
+bool is_for_slab(std::size_t bytes) { return bytes > CARD_PAGE_BYTES && block_bytes(bytes) <= SLAB_BLOCK; }
+
+// Null when every slab is full.
+void *slab_take()
+{
+    for (slab &s : slabs) {
+        if (s.base == 0)
+            s.base = card_addr_of(pages().allocate(SLAB_BLOCK * SLAB_BLOCKS));
+        if (s.taken == ~std::uint64_t{0})
+            continue;
+        const auto free = static_cast<std::uint32_t>(std::countr_one(s.taken));
+        s.taken |= std::uint64_t{1} << free;
+        return card_at<void>(s.base + free * static_cast<std::uint32_t>(SLAB_BLOCK));
+    }
+    return nullptr;
+}
+
+// Whether the block was one of a slab.
+bool slab_give(const void *block)
+{
+    const card_addr addr = card_addr_of(block);
+    for (slab &s : slabs)
+        if (s.base != 0 && addr >= s.base && addr - s.base < SLAB_BLOCK * SLAB_BLOCKS) {
+            s.taken &= ~(std::uint64_t{1} << (addr - s.base) / SLAB_BLOCK);
+            return true;
+        }
+    return false;
 }
 } // namespace
 
@@ -112,7 +155,9 @@ void *card_heap_alloc(std::size_t bytes)
         return nullptr;
     void *p = nullptr;
     try {
-        p = heap().allocate(block_bytes(bytes), BLOCK_ALIGN);
+        p = is_for_slab(bytes) ? slab_take() : nullptr;
+        if (p == nullptr)
+            p = heap().allocate(block_bytes(bytes), BLOCK_ALIGN);
     } catch (...) {
         return nullptr; // the callers know one sign of short memory, and it is null
     }
@@ -127,5 +172,6 @@ void card_heap_free(void *block, std::size_t bytes)
     if (block == nullptr)
         return;
     forbid(block, block_bytes(bytes));
-    heap().deallocate(block, block_bytes(bytes), BLOCK_ALIGN);
+    if (!is_for_slab(bytes) || !slab_give(block))
+        heap().deallocate(block, block_bytes(bytes), BLOCK_ALIGN);
 }

@@ -195,6 +195,35 @@ TEST(card_heap, the_last_range_of_a_page_of_routes_is_kept_and_comes_back_zeroed
     card_heap_free(again, BYTES);
 }
 
+TEST(card_heap, blocks_a_little_over_a_page_lie_close_together_and_are_used_again)
+{
+    constexpr std::size_t BYTES = 4160, SMALLER = 4104, COUNT = 1200; // more than the slabs hold
+    std::map<card_addr, std::size_t> live;
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        const std::size_t bytes = i % 2 == 0 ? BYTES : SMALLER;
+        auto *const p = static_cast<unsigned char *>(card_heap_alloc(bytes));
+        ASSERT_NE(p, nullptr);
+        ASSERT_TRUE(all_zero(p, bytes));
+        std::memset(p, 0xA5, bytes);
+        live[card_addr_of(p)] = bytes;
+    }
+    ASSERT_EQ(live.size(), COUNT);
+    std::size_t close = 0;
+    for (auto at = live.begin(), next = std::next(at); next != live.end(); at = next++) {
+        ASSERT_GE(next->first - at->first, at->second);
+        close += next->first - at->first < 4200 ? 1u : 0u;
+    }
+    EXPECT_GT(close, 1000u);
+
+    const auto [addr, bytes] = *live.begin();
+    card_heap_free(card_at<void>(addr), bytes);
+    auto *const again = static_cast<unsigned char *>(card_heap_alloc(bytes));
+    EXPECT_EQ(card_addr_of(again), addr);
+    EXPECT_TRUE(all_zero(again, bytes));
+    for (const auto &[at, size] : live)
+        card_heap_free(card_at<void>(at), size);
+}
+
 TEST(mtrack, counts_follow_each_type_and_the_peak_stays)
 {
     static const char *const names[] = {"FIRST", "SECOND"};
