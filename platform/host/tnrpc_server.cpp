@@ -109,23 +109,42 @@ procedure *procedure_find(const char *name)
     return procedure_find(reinterpret_cast<const std::uint8_t *>(name), std::strlen(name));
 }
 
-std::string link_path(const char *name) { return card_dir_path() + "/rpc/names/" + name; }
+// Paths and targets of links are written in place, without an allocation: the clean-up of a signal takes the links
+// down, perhaps from the middle of one.
+struct link_text {
+    char text[256];
+};
 
-std::string link_target() { return "../" + std::to_string(server.endpoint); }
-
-// The target of a name's link; empty when there is none.
-std::string link_read(const std::string &path)
+link_text link_path(const char *name)
 {
-    char target[64];
-    const ssize_t length = readlink(path.c_str(), target, sizeof target);
-    return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
+    link_text path;
+    (void)std::snprintf(path.text, sizeof path.text, "%s/rpc/names/%s", card_dir_path().c_str(), name);
+    return path;
 }
 
+link_text link_target()
+{
+    link_text target;
+    (void)std::snprintf(target.text, sizeof target.text, "../%lu", static_cast<unsigned long>(server.endpoint));
+    return target;
+}
+
+// The target of a name's link; empty when there is none.
+link_text link_read(const link_text &path)
+{
+    link_text target;
+    const ssize_t length = readlink(path.text, target.text, sizeof target.text - 1);
+    target.text[length < 0 ? 0 : length] = '\0';
+    return target;
+}
+
+bool link_is_ours(const link_text &target) { return std::strcmp(target.text, link_target().text) == 0; }
+
 // Whether a link's target names an endpoint of another process that lives.
-bool link_is_served_by_another(const std::string &target)
+bool link_is_served_by_another(const link_text &target)
 {
     std::uint32_t endpoint = 0;
-    if (tnrpc_link_endpoint(target.data(), target.size(), endpoint) != 0)
+    if (tnrpc_link_endpoint(target.text, std::strlen(target.text), endpoint) != 0)
         return false;
     return card_dir_owner(("rpc/" + std::to_string(endpoint)).c_str()) == card_owner::other;
 }
@@ -134,23 +153,22 @@ bool link_is_served_by_another(const std::string &target)
 // one, so callers find the one or the other at any moment.
 void link_publish(const char *name)
 {
-    const std::string path = link_path(name);
-    const std::string old = link_read(path);
-    if (old == link_target() || link_is_served_by_another(old))
+    const link_text path = link_path(name), old = link_read(path);
+    if (link_is_ours(old) || link_is_served_by_another(old))
         return;
-    const std::string fresh = link_path(".") + std::to_string(getpid());
-    (void)unlink(fresh.c_str()); // left by a process that ended between the next two steps
-    if (symlink(link_target().c_str(), fresh.c_str()) != 0 || rename(fresh.c_str(), path.c_str()) != 0) {
-        std::fprintf(stderr, "tnrpc: %s: %s; callers do not find it\n", path.c_str(), std::strerror(errno));
-        (void)unlink(fresh.c_str());
+    const link_text fresh = link_path(("." + std::to_string(getpid())).c_str());
+    (void)unlink(fresh.text); // left by a process that ended between the next two steps
+    if (symlink(link_target().text, fresh.text) != 0 || rename(fresh.text, path.text) != 0) {
+        std::fprintf(stderr, "tnrpc: %s: %s; callers do not find it\n", path.text, std::strerror(errno));
+        (void)unlink(fresh.text);
     }
 }
 
 void link_withdraw(const char *name)
 {
-    const std::string path = link_path(name);
-    if (link_read(path) == link_target())
-        (void)unlink(path.c_str());
+    const link_text path = link_path(name);
+    if (link_is_ours(link_read(path)))
+        (void)unlink(path.text);
 }
 
 bool is_open() { return server.events >= 0; }

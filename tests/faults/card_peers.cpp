@@ -16,21 +16,38 @@ namespace
 {
 constexpr std::uint32_t IF_EVENT_UP = 4065, IF_EVENT_DOWN = 4066;
 
-// Answers one call on `connection`. Returns whether it is still open.
-bool answer_one(int connection)
+byte_string reply_to(const byte_string &call, arp_manner manner)
+{
+    byte_string reply;
+    const std::uint32_t transaction = get32(call, 4) - (manner == arp_manner::old_transaction ? 1 : 0);
+    for (const std::uint32_t word : {0x544E5250u, transaction, 0u, 0u})
+        put32(reply, word);
+    if (manner == arp_manner::garbage)
+        reply.assign(40, 0xA5);
+    if (manner == arp_manner::cut)
+        reply.resize(8);
+    if (manner == arp_manner::huge)
+        reply.resize(100000);
+    return reply;
+}
+
+// Answers one call on `connection` by the manner of the moment. Returns whether it stays open.
+bool answer_one(int connection, arp_service::shared_state &shared)
 {
     byte_string call(4096);
     const ssize_t got = ::recv(connection, call.data(), call.size(), 0);
     if (got < 12)
         return false;
-    byte_string reply;
-    for (const std::uint32_t word : {0x544E5250u, get32(call, 4), 0u, 0u})
-        put32(reply, word);
+    ++shared.count;
+    const auto manner = static_cast<arp_manner>(shared.manner.load());
+    if (manner == arp_manner::silent || manner == arp_manner::closing)
+        return manner == arp_manner::silent;
+    const byte_string reply = reply_to(call, manner);
     return ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(reply.size());
 }
 
 // The service's process: serves until it is killed.
-[[noreturn]] void serve(int listener, std::atomic<std::uint32_t> &count)
+[[noreturn]] void serve(int listener, arp_service::shared_state &shared)
 {
     std::vector<pollfd> set = {{listener, POLLIN, 0}};
     for (;;) {
@@ -39,29 +56,14 @@ bool answer_one(int connection)
         for (std::size_t i = set.size(); i-- > 1;) {
             if (set[i].revents == 0)
                 continue;
-            if (answer_one(set[i].fd)) {
-                ++count;
-            } else {
-                ::close(set[i].fd);
-                set.erase(set.begin() + static_cast<std::ptrdiff_t>(i));
-            }
+            if (answer_one(set[i].fd, shared))
+                continue;
+            ::close(set[i].fd);
+            set.erase(set.begin() + static_cast<std::ptrdiff_t>(i));
         }
         if (set[0].revents != 0)
             set.push_back({::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), POLLIN, 0});
     }
-}
-
-// Empties the queue, into which broadcasts come too, and asks for the counters.
-std::string counters_of(const mts_queue &manager)
-{
-    byte_string dropped(2048);
-    while (::recv(manager.fd, dropped.data(), dropped.size(), MSG_DONTWAIT) > 0) {
-    }
-    debug_request(manager, 5, 0, 0, 0);
-    mts_message message = mts_receive(manager);
-    while (message.opcode != 0 && message.opcode != 1531)
-        message = mts_receive(manager);
-    return message.payload;
 }
 
 std::string refused(const char *what, const rpc_reply &reply)
@@ -74,15 +76,16 @@ std::string refused(const char *what, const rpc_reply &reply)
 
 arp_service::arp_service(const card_dir &card) : server(card, 10, "tn_arp_add_entry")
 {
-    void *const shared = ::mmap(nullptr, sizeof *count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    count = new (shared) std::atomic<std::uint32_t>(0);
+    void *const memory =
+        ::mmap(nullptr, sizeof(shared_state), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    shared = new (memory) shared_state{0, 0};
     const pid_t parent = ::getpid();
     pid = ::fork();
     if (pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is killed leaves nobody behind
         if (::getppid() != parent)
             ::_exit(0);
-        serve(server.listener, *count);
+        serve(server.listener, *shared);
     }
 }
 
@@ -92,10 +95,12 @@ arp_service::~arp_service()
         ::kill(pid, SIGKILL);
         (void)::waitpid(pid, nullptr, 0); // nothing to learn from it
     }
-    ::munmap(count, sizeof *count);
+    ::munmap(shared, sizeof *shared);
 }
 
-std::uint32_t arp_service::served() const { return count->load(); }
+std::uint32_t arp_service::served() const { return shared->count.load(); }
+
+void arp_service::answer(arp_manner manner) { shared->manner = static_cast<std::uint32_t>(manner); }
 
 void interface_database(const card_dir &card)
 {
@@ -145,6 +150,19 @@ std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const
                      {arg16(1), arg32(gateway), arg32(32), arg32(0), arg16(7), arg16(PEER_IFID), arg32(PEER_CTX)});
     mts_send(manager, IF_EVENT_DOWN, interface_event());
     return reply.arrived && reply.result == 0 ? "" : refused("arp_prefix_mgr_remove_route", reply);
+}
+
+// Empties the queue, into which broadcasts come too, and asks for the counters.
+std::string counters_of(const mts_queue &manager)
+{
+    byte_string dropped(2048);
+    while (::recv(manager.fd, dropped.data(), dropped.size(), MSG_DONTWAIT) > 0) {
+    }
+    debug_request(manager, 5, 0, 0, 0);
+    mts_message message = mts_receive(manager);
+    while (message.opcode != 0 && message.opcode != 1531)
+        message = mts_receive(manager);
+    return message.payload;
 }
 
 byte_string random_call(std::mt19937 &random, std::uint32_t transaction)

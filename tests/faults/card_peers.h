@@ -10,16 +10,31 @@
 
 constexpr std::uint32_t PEER_CTX = 3, PEER_IFID = 5, PEER_ADDRESS = 0x0A010101, PEER_MASK = 0xFFFFFF00;
 
-// An ARP service that answers every call with 0, from the time it is made until its record goes.
+// How the ARP service answers a call.
+enum class arp_manner : std::uint32_t {
+    well,            // result 0
+    silent,          // not at all
+    garbage,         // with bytes that are no reply
+    old_transaction, // to an earlier call
+    cut,             // with half a reply
+    huge,            // with 100,000 bytes
+    closing,         // by closing the connection
+};
+
+// An ARP service in a process that lives until its record goes.
 struct arp_service {
     explicit arp_service(const card_dir &card);
     ~arp_service();
     arp_service(const arp_service &) = delete;
     arp_service &operator=(const arp_service &) = delete;
-    std::uint32_t served() const; // calls answered so far
+    std::uint32_t served() const; // calls taken so far
+    void answer(arp_manner manner);
 
+    struct shared_state {
+        std::atomic<std::uint32_t> count, manner;
+    };
     rpc_server server;
-    std::atomic<std::uint32_t> *count; // shared with the process
+    shared_state *shared; // with the process
     pid_t pid = -1;
 };
 
@@ -30,6 +45,8 @@ byte_string interface_event(std::uint32_t ifid = PEER_IFID, std::uint32_t addres
 // Whether the daemon serves all that it should: a message taken from `manager`, a route whose gateway the ARP service
 // is asked for, a host, a listing. Leaves no route behind. Empty, or what does not work.
 std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const arp_service &arp);
+
+std::string counters_of(const mts_queue &manager); // of the daemon; what waited in the queue is dropped
 
 // One call with random arguments, most of them sensible.
 byte_string random_call(std::mt19937 &random, std::uint32_t transaction);

@@ -1,0 +1,48 @@
+// host_cleanup_test.cpp - what the clean-up of a signal may do: it can come in the middle of an allocation, so it makes
+// none of its own.
+#include <cstdlib>
+#include <new>
+
+#include "host_support.h"
+#include "mts.h"
+#include "sdwrap.h"
+#include "tnrpc.h"
+
+namespace
+{
+bool counting = false;
+unsigned allocations = 0;
+
+std::uint32_t nothing(const tnrpc_arg *) { return 0; }
+} // namespace
+
+void *operator new(std::size_t bytes)
+{
+    if (counting)
+        ++allocations;
+    if (void *const at = std::malloc(bytes))
+        return at;
+    throw std::bad_alloc();
+}
+void operator delete(void *at) noexcept { std::free(at); }
+void operator delete(void *at, std::size_t) noexcept { std::free(at); }
+
+TEST(clean_up, takes_names_and_gates_back_without_an_allocation)
+{
+    on_fresh_card([] {
+        EXPECT_GE(tnrpc_serv_init(9), 0);
+        const std::string name = "a_procedure_with_a_name_that_no_string_keeps_in_place";
+        EXPECT_EQ(tnrpc_register(name.c_str(), nothing, 0), 0);
+        const std::string link = card_file("rpc/names/") + name;
+        EXPECT_TRUE(std::filesystem::is_symlink(link));
+        counting = true;
+        sdwrap_dbg_clean(-1);
+        sdwrap_sys_clean(-1);
+        const int result = tnrpc_unregister(name.c_str()), unknown = tnrpc_unregister("route_print_debug");
+        counting = false;
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(unknown, -1);
+        EXPECT_EQ(allocations, 0u);
+        EXPECT_FALSE(std::filesystem::is_symlink(link));
+    });
+}
