@@ -33,23 +33,26 @@ socklen_t notify_address(const char *name, sockaddr_un &address)
 }
 } // namespace
 
-int sysmgr_handshake(int, std::uint32_t)
+int sysmgr_handshake(int queue, std::uint32_t)
 {
     const char *const name = std::getenv("NOTIFY_SOCKET");
     if (name == nullptr || *name == '\0')
         return 0; // started by hand: nobody waits for it
     sockaddr_un address = {};
     const socklen_t address_bytes = notify_address(name, address);
-    const int fd = address_bytes == 0 ? -1 : socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (address_bytes == 0)
         return -1;
     constexpr char READY[] = "READY=1";
-    // Said once, and a service manager that misses it ends the process: so it may wait for room, unlike other sends.
+    // Said once, and a service manager that misses it ends the process: so it may wait for room, unlike other sends,
+    // and out of descriptors it goes through the queue's.
+    const int own = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const timeval limit = {2, 0};
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    const ssize_t sent =
-        sendto(fd, READY, sizeof READY - 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), address_bytes);
-    (void)close(fd);
+    if (own >= 0)
+        (void)setsockopt(own, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    const ssize_t sent = sendto(own >= 0 ? own : queue, READY, sizeof READY - 1, MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr *>(&address), address_bytes);
+    if (own >= 0)
+        (void)close(own);
     return sent < 0 ? -1 : 0;
 }
 
