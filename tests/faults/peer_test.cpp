@@ -1,0 +1,179 @@
+// peer_test.cpp - peers that answer badly, late or not at all, callers that do not read, flood, vanish or call
+// themselves.
+//
+// What holds in all: every other caller is served meanwhile, and once the peer behaves again, so does everything.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "card_peers.h"
+#include "daemon.h"
+
+namespace
+{
+constexpr unsigned TIMEOUT_MS = 60; // of the daemon's calls, by card.conf
+
+struct peers : testing::Test {
+    card_dir card;
+    mts_queue manager{card, 600};
+    arp_service arp{card};
+    bool prepared = prepare();
+    daemon_process daemon{card};
+
+    bool prepare() const
+    {
+        file_write(card.at("card.conf"), "rpc_timeout_ms = " + std::to_string(TIMEOUT_MS) + "\n");
+        interface_database(card);
+        return true;
+    }
+    void SetUp() override
+    {
+        ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
+        mts_send(manager, 4065, interface_event());
+        ASSERT_NE(counters_of(manager), "");
+    }
+    // A static route of its own by a gateway on the interface: the daemon asks the ARP service.
+    rpc_reply add_route(std::uint32_t number) const
+    {
+        const rpc_client client(card);
+        return rpc_call(client.fd, "rib_add_route",
+                        {arg16(PEER_CTX), arg32(PEER_CTX), arg32(0x15000000 + (number << 16)), arg32(0xFFFF0000),
+                         arg32(PEER_ADDRESS + 8)});
+    }
+    std::uint64_t counter(const char *name) const { return counter_value(counters_of(manager), name); }
+};
+
+double milliseconds_of(const std::function<void()> &body)
+{
+    const auto start = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+} // namespace
+
+TEST_F(peers, an_arp_service_may_answer_in_any_manner_and_is_asked_again_in_the_same_life)
+{
+    std::uint32_t number = 0;
+    for (const arp_manner manner : {arp_manner::silent, arp_manner::garbage, arp_manner::old_transaction,
+                                    arp_manner::cut, arp_manner::huge, arp_manner::closing}) {
+        SCOPED_TRACE(static_cast<unsigned>(manner));
+        arp.answer(manner);
+        const std::uint32_t asked = arp.served();
+        const std::uint64_t failed = counter("remote_calls_failed");
+        rpc_reply reply;
+        const double ms = milliseconds_of([&] { reply = add_route(++number); });
+        EXPECT_TRUE(reply.arrived && reply.status == 0);
+        EXPECT_EQ(arp.served(), asked + 1);
+        EXPECT_EQ(counter("remote_calls_failed"), failed + 1);
+        if (manner == arp_manner::silent) {
+            EXPECT_GE(ms, TIMEOUT_MS);
+        }
+        arp.answer(arp_manner::well);
+        EXPECT_EQ(add_route(++number).result, 0u);
+        EXPECT_EQ(arp.served(), asked + 2);
+        EXPECT_EQ(counter("remote_calls_failed"), failed + 1);
+    }
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+}
+
+TEST_F(peers, an_arp_service_that_stands_still_costs_one_time_out_a_call)
+{
+    ::kill(arp.pid, SIGSTOP);
+    const double ms = milliseconds_of([&] { EXPECT_TRUE(add_route(1).arrived); });
+    EXPECT_GE(ms, TIMEOUT_MS);
+    ::kill(arp.pid, SIGCONT); // the answer to that call comes now, late
+    EXPECT_EQ(add_route(2).result, 0u);
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+}
+
+TEST_F(peers, a_service_that_leads_to_the_daemon_itself_costs_one_time_out_a_call)
+{
+    ASSERT_EQ(::unlink(card.at("rpc/names/tn_arp_add_entry").c_str()), 0);
+    ASSERT_EQ(::symlink("../9", card.at("rpc/names/tn_arp_add_entry").c_str()), 0);
+    const double ms = milliseconds_of([&] { EXPECT_TRUE(add_route(1).arrived); });
+    EXPECT_GE(ms, TIMEOUT_MS);
+    ASSERT_EQ(::unlink(card.at("rpc/names/tn_arp_add_entry").c_str()), 0);
+    ASSERT_EQ(::symlink("../10", card.at("rpc/names/tn_arp_add_entry").c_str()), 0);
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+}
+
+TEST_F(peers, a_caller_that_never_reads_loses_its_connection_and_nobody_else_notices)
+{
+    const int deaf = rpc_connect(card, "rpc/9");
+    const byte_string call = rpc_record(1, "show_rib_summary", {arg16(PEER_CTX), {9, {}}});
+    const std::uint64_t dropped = counter("replies_dropped");
+    unsigned sent = 0;
+    while (sent < 100000 && (::send(deaf, call.data(), call.size(), MSG_NOSIGNAL) > 0))
+        ++sent; // the daemon reads, answers into a full socket at last, and hangs up
+    EXPECT_LT(sent, 100000u);
+    EXPECT_EQ(counter("replies_dropped"), dropped + 1);
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+    ::close(deaf);
+}
+
+TEST_F(peers, callers_that_vanish_in_hundreds_leave_no_descriptor_behind)
+{
+    const auto descriptors = [this] {
+        unsigned count = 0;
+        for (unsigned fd = 0; fd < 1024; ++fd)
+            count += path_exists("/proc/" + std::to_string(daemon.pid) + "/fd/" + std::to_string(fd));
+        return count;
+    };
+    EXPECT_EQ(daemon_trouble(card, manager, arp), ""); // the connection to the ARP service stands from here on
+    const unsigned before = descriptors();
+    std::mt19937 random(3);
+    for (unsigned i = 0; i < 400; ++i) {
+        const int fd = rpc_connect(card, "rpc/9");
+        ASSERT_GE(fd, 0);
+        for (unsigned n = 0; n < i % 4; ++n)
+            rpc_send(fd, random_call(random, n));
+        ::close(fd);
+    }
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+    for (unsigned i = 0; i < 2000 && descriptors() != before; ++i)
+        (void)counter("connections"); // a round trip is a pass of the loop
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(peers, a_message_in_the_daemons_own_name_is_answered_to_itself_and_does_no_harm)
+{
+    const std::uint64_t received = counter("messages_received");
+    byte_string request;
+    for (const std::uint32_t word : {0x4D545331u, 1530u, 0u, 514u, 5u, 0u, 0u, 0u})
+        put32(request, word);
+    mts_send_raw(manager, request);
+    EXPECT_GE(counter("messages_received"), received + 2); // the request, and the one that asks for the counters
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+}
+
+TEST_F(peers, a_burst_of_events_larger_than_the_queue_is_served_to_its_end)
+{
+    const std::uint64_t received = counter("messages_received");
+    sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    manager.manager.copy(to.sun_path, sizeof to.sun_path - 1);
+    unsigned taken = 0, lost = 0;
+    for (unsigned i = 0; i < 3000; ++i) {
+        byte_string datagram;
+        for (const std::uint32_t word : {0x4D545331u, 4065u + i % 2, 0u, 600u})
+            put32(datagram, word);
+        const byte_string payload = interface_event(PEER_IFID + i % 5, PEER_ADDRESS + 256 * (i % 5));
+        datagram.insert(datagram.end(), payload.begin(), payload.end());
+        const ssize_t sent = ::sendto(manager.fd, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                      reinterpret_cast<const sockaddr *>(&to), sizeof to);
+        ASSERT_TRUE(sent > 0 || errno == EAGAIN);
+        ++(sent > 0 ? taken : lost);
+    }
+    EXPECT_GT(lost, 0u) << "the burst was not larger than the queue";
+    // What the queue took is received, and so are the two requests for counters.
+    EXPECT_EQ(counter("messages_received"), received + taken + 1);
+    for (std::uint32_t i = 0; i < 5; ++i)
+        mts_send(manager, 4066, interface_event(PEER_IFID + i, PEER_ADDRESS + 256 * i));
+    EXPECT_EQ(daemon_trouble(card, manager, arp), "");
+}
