@@ -16,7 +16,8 @@ unsigned allocations = 0;
 std::uint32_t nothing(const tnrpc_arg *) { return 0; }
 } // namespace
 
-void *operator new(std::size_t bytes)
+// Not inlined: a compiler that sees malloc and free behind them takes the pair for mismatched.
+[[gnu::noinline]] void *operator new(std::size_t bytes)
 {
     if (counting)
         ++allocations;
@@ -24,8 +25,8 @@ void *operator new(std::size_t bytes)
         return at;
     throw std::bad_alloc();
 }
-void operator delete(void *at) noexcept { std::free(at); }
-void operator delete(void *at, std::size_t) noexcept { std::free(at); }
+[[gnu::noinline]] void operator delete(void *at) noexcept { std::free(at); }
+[[gnu::noinline]] void operator delete(void *at, std::size_t) noexcept { std::free(at); }
 
 TEST(clean_up, takes_names_and_gates_back_without_an_allocation)
 {
