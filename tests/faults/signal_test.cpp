@@ -29,7 +29,7 @@
 namespace
 {
 constexpr int SIGNALS[] = {SIGINT, SIGHUP, SIGQUIT};
-constexpr unsigned DEFAULT_STRIDE = 9, DEFAULT_RUNS = 12, MAX_STOPS = 200000;
+constexpr unsigned DEFAULT_STRIDE = 23, DEFAULT_RUNS = 12, MAX_STOPS = 200000;
 
 unsigned from_environment(const char *name, unsigned otherwise)
 {

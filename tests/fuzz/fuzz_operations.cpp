@@ -203,7 +203,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         o.rest = input.byte();
         fuzz_card_fail_alloc((o.kind & 0x80) != 0 ? 1 + (o.kind >> 4 & 7) : 0);
         // The same operation many times, once an input, is how a pool runs out.
-        const unsigned repeats = (o.kind & 0x70) == 0x70 && !repeated ? REPEATS : 1;
+        const unsigned repeats = (o.kind & 0xF0) == 0x70 && (o.place & 0x30) == 0x30 && !repeated ? REPEATS : 1;
         repeated = repeated || repeats > 1;
         for (unsigned i = 0; i < repeats; ++i)
             run(o);
