@@ -179,8 +179,11 @@ TEST(signals, at_any_step_of_start_up_end_the_daemon_with_status_1_once_it_has_i
             GTEST_SKIP() << "the host does not let a process be traced";
         ++points;
         with_handler += end.had_handler;
-        ASSERT_EQ(end.status, end.had_handler ? 1 : 1000 + signo) << "signal " << signo << " at stop " << stop << "\n"
-                                                                  << file_text(card.at("stepped.out")).substr(0, 2000);
+        // Without a handler yet it dies of the signal, unless the stop is at the very call that installs one.
+        ASSERT_TRUE(end.status == 1 || (!end.had_handler && end.status == 1000 + signo))
+            << "status " << end.status << ", "
+            << "signal " << signo << " at stop " << stop << "\n"
+            << file_text(card.at("stepped.out")).substr(0, 2000);
         if (end.was_serving)
             break;
     }
