@@ -105,7 +105,7 @@ struct reader_process {
 
 std::uint32_t change_by_rpc(int connection, const random_change &change)
 {
-    const std::uint32_t mask = model_mask(change.len);
+    const std::uint32_t mask = plain_mask(change.len);
     std::vector<rpc_arg> args;
     const char *procedure = "";
     switch (change.kind) {
@@ -136,7 +136,7 @@ void write_interfaces(const card_dir &card)
     std::vector<interface_record> interfaces;
     const std::uint32_t up = IF_EXISTS | IF_UP | IF_ADDRESS | IF_CONTEXT;
     for (unsigned n = 0; n < CHANGE_INTERFACES; ++n)
-        interfaces.push_back({CHANGE_FIRST_IFID + n, up, 1, 0, change_interface_address(n), model_mask(24), 0, 0});
+        interfaces.push_back({CHANGE_FIRST_IFID + n, up, 1, 0, change_interface_address(n), plain_mask(24), 0, 0});
     interfaces_write(card, interfaces);
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <numeric>
 
 namespace
 {
@@ -16,7 +17,7 @@ constexpr unsigned CONTEXTS = 2;
 constexpr std::uint32_t HOSTS[] = {ip(10, 1, 2, 1),   ip(10, 1, 2, 2),    ip(10, 1, 2, 65), ip(10, 1, 2, 66),
                                    ip(10, 1, 4, 9),   ip(10, 9, 9, 9),    ip(10, 9, 9, 10), ip(192, 168, 4, 1),
                                    ip(172, 16, 0, 1), ip(172, 16, 200, 2)};
-// No prefix here is wholly covered by longer ones: the model holds only for such.
+// No prefix here is wholly covered by longer ones: each is then found by its own answer.
 constexpr model_key ROUTES[] = {{0, 0},
                                 {2, ip(128, 0, 0, 0)},
                                 {8, ip(10, 0, 0, 0)},
@@ -57,7 +58,7 @@ std::vector<std::uint32_t> all_boundaries()
 {
     std::vector<std::uint32_t> addresses;
     for (const auto &[len, prefix] : all_keys()) {
-        const std::uint32_t last = prefix | ~model_mask(len);
+        const std::uint32_t last = prefix | ~plain_mask(len);
         addresses.insert(addresses.end(), {prefix, last, prefix - 1, last + 1});
     }
     std::sort(addresses.begin(), addresses.end());
@@ -69,23 +70,34 @@ std::vector<std::uint32_t> all_boundaries()
 struct leaf_bits {
     std::uint32_t own, paths;
 };
-leaf_bits bits_of(const model_leaf &leaf)
+leaf_bits bits_of(const plain_leaf &leaf)
 {
     const std::uint32_t own = change_path_bit(adj_ifid(leaf.adjacency), adj_encap(leaf.adjacency));
     leaf_bits bits{own, own};
-    const bool set = (leaf.adjacency & ADJ_ECMP) != 0 && leaf.has_block && (leaf.hw[0] & ECMP_VALID) != 0;
-    for (unsigned i = 1; set && i <= leaf.npaths; ++i)
-        bits.paths |= change_path_bit(ecmp_entry_ifid(leaf.hw[i]), adj_encap(leaf.hw[i]));
+    const bool set = (leaf.adjacency & ADJ_ECMP) != 0 && leaf.has_block && (leaf.block.words[0] & ECMP_VALID) != 0;
+    for (unsigned i = 1; set && i <= leaf.block.npaths; ++i)
+        bits.paths |= change_path_bit(ecmp_entry_ifid(leaf.block.words[i]), adj_encap(leaf.block.words[i]));
     return bits;
+}
+
+// The leaves of a tree, by their prefixes.
+using leaf_table = std::map<model_key, plain_leaf>;
+leaf_table leaves_of(const plain_model &model, std::uint32_t ctx)
+{
+    leaf_table table;
+    for (const plain_leaf &leaf : model.trees.at(ctx).leaves)
+        table.emplace(model_key{model_mask_len(leaf.mask), leaf.prefix}, leaf);
+    return table;
 }
 
 // Writes down what the addresses of a context answer by the model, where that has changed.
 void write_answers(random_changes &all, std::uint32_t ctx, std::uint64_t change)
 {
     static const std::vector<model_key> keys = all_keys();
+    const leaf_table leaves = leaves_of(all.model, ctx);
     std::vector<std::pair<model_key, leaf_bits>> present;
     for (const model_key &key : keys)
-        if (const auto it = all.model.fib[ctx].find(key); it != all.model.fib[ctx].end())
+        if (const auto it = leaves.find(key); it != leaves.end())
             present.emplace_back(key, bits_of(it->second));
     for (unsigned i = 0; i < all.board.count; ++i) {
         const window_address &address = all.board.addresses[i];
@@ -93,7 +105,7 @@ void write_answers(random_changes &all, std::uint32_t ctx, std::uint64_t change)
             continue;
         std::uint32_t own = 0, paths = 0, behind = 0;
         for (const auto &[key, bits] : present) {
-            if ((address.address & model_mask(key.first)) != key.second)
+            if ((address.address & plain_mask(key.first)) != key.second)
                 continue;
             if (own == 0) {
                 own = bits.own;
@@ -110,9 +122,9 @@ void write_answers(random_changes &all, std::uint32_t ctx, std::uint64_t change)
 
 // Counts what the change has taken from the pools: each prefix that is new, with all the nodes that it can need, and
 // each set.
-void count_taken(random_changes &all, std::uint32_t ctx, const std::map<model_key, model_leaf> &before)
+void count_taken(random_changes &all, std::uint32_t ctx, const leaf_table &before)
 {
-    for (const auto &[key, leaf] : all.model.fib[ctx]) {
+    for (const auto &[key, leaf] : leaves_of(all.model, ctx)) {
         const auto old = before.find(key);
         if (old == before.end()) {
             all.taken.leaves += 1;
@@ -141,17 +153,38 @@ random_change choose(random_changes &all)
 
 std::uint32_t make_in_model(plain_model &model, const random_change &change)
 {
+    constexpr std::uint32_t NO_WORD = 0;
+    const std::uint32_t ctx = change.ctx, mask = plain_mask(change.len);
+    model.forget();
     switch (change.kind) {
     case CHANGE_HOST_ADD:
-        return model.arp_add(change.ctx, change.prefix, change.len, static_cast<std::uint16_t>(change.encap),
-                             static_cast<std::uint16_t>(change.ifid));
+        return model
+            .call("arp_prefix_mgr_add_route",
+                  {MODEL_OBJ_HOST, change.prefix, change.len, change.encap, change.ifid, ctx})
+            .result;
     case CHANGE_HOST_REMOVE:
-        return model.arp_remove(change.ctx, change.prefix, change.len);
+        return model
+            .call("arp_prefix_mgr_remove_route",
+                  {MODEL_OBJ_HOST, change.prefix, change.len, NO_WORD, change.encap, change.ifid, ctx})
+            .result;
     case CHANGE_ROUTE_ADD:
-        return model.static_add(change.ctx, change.prefix, change.len, change.nexthop);
+        return model.call("rib_add_route", {ctx, ctx, change.prefix, mask, change.nexthop}).result;
     default:
-        return model.static_remove(change.ctx, change.prefix, change.len, change.nexthop);
+        return model.call("rib_remove_route", {ctx, ctx, change.prefix, mask, change.nexthop}).result;
     }
+}
+
+bool has_lost_leaves(const plain_model &model)
+{
+    return std::any_of(model.trees.begin(), model.trees.end(),
+                       [](const auto &tree) { return tree.second.lost_leaves != 0; });
+}
+
+std::vector<std::uint32_t> all_contexts()
+{
+    std::vector<std::uint32_t> contexts(CONTEXTS);
+    std::iota(contexts.begin(), contexts.end(), 0u);
+    return contexts;
 }
 } // namespace
 
@@ -168,10 +201,10 @@ std::uint32_t change_path_bit(std::uint32_t ifid, std::uint32_t encap)
 }
 
 random_changes::random_changes(window_board &shared, std::uint32_t seed, change_maker maker)
-    : model(CONTEXTS), random(seed), board(shared), make(std::move(maker))
+    : model(all_contexts()), random(seed), board(shared), make(std::move(maker))
 {
     for (unsigned n = 0; n < CHANGE_INTERFACES; ++n)
-        model.interfaces[CHANGE_FIRST_IFID + n] = {true, change_interface_address(n)};
+        model.interfaces[CHANGE_FIRST_IFID + n].address = change_interface_address(n);
     board.count = 0;
     for (std::uint32_t ctx = 0; ctx < CONTEXTS; ++ctx)
         for (const std::uint32_t address : all_boundaries()) {
@@ -186,7 +219,7 @@ random_changes::random_changes(window_board &shared, std::uint32_t seed, change_
 bool random_changes::next()
 {
     const random_change change = choose(*this);
-    const std::map<model_key, model_leaf> before = model.fib[change.ctx];
+    const leaf_table before = leaves_of(model, change.ctx);
     const std::uint32_t expected = make_in_model(model, change);
     count_taken(*this, change.ctx, before);
     write_answers(*this, change.ctx, changes + 1);
@@ -194,7 +227,7 @@ bool random_changes::next()
     const std::uint32_t answer = make(change);
     ++changes;
     window_change_ends(board, changes);
-    if (answer == expected && model.leaves_lost == 0)
+    if (answer == expected && !has_lost_leaves(model))
         return true;
     char text[160];
     std::snprintf(text, sizeof text, "change %llu of kind %u, context %u, %08x/%u by %08x: answered %u, not %u",

@@ -27,9 +27,9 @@ std::uint32_t make_here(const random_change &change)
     case CHANGE_HOST_REMOVE:
         return arp_prefix_mgr_remove_route(1, change.prefix, change.len, 0, encap, ifid, ctx);
     case CHANGE_ROUTE_ADD:
-        return rib_add_route(ctx, ctx, change.prefix, model_mask(change.len), change.nexthop);
+        return rib_add_route(ctx, ctx, change.prefix, plain_mask(change.len), change.nexthop);
     default:
-        return rib_remove_route(ctx, ctx, change.prefix, model_mask(change.len), change.nexthop);
+        return rib_remove_route(ctx, ctx, change.prefix, plain_mask(change.len), change.nexthop);
     }
 }
 
