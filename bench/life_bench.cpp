@@ -213,9 +213,6 @@ int main(int argc, char **argv)
                     no_bird, 0, false, ""});
 
     bench_process daemon = bench_daemon_start();
-    bench_process arp = bench_arp_start();
-    const int connection = bench_connect(DAEMON);
-    const auto memories = bench_memories();
     const double idle = bench_cpu_ns(daemon.pid);
     usleep(options.brief ? 1000 : 2000000);
     rows.push_back(
@@ -229,6 +226,9 @@ int main(int argc, char **argv)
                     0,
                     false,
                     "nothing wakes it but the 60-second time-out"});
+    bench_process arp = bench_arp_start();
+    const int connection = bench_connect(DAEMON);
+    const auto memories = bench_memories();
     call(connection, bench_host_add_call(GATEWAY, ENCAP));
 
     std::vector<std::function<double()>> visible = {[&] { return until_visible(connection, memories[1]); }};
