@@ -105,6 +105,9 @@ TEST(limits, with_few_descriptors_start_up_fails_in_words_or_the_daemon_serves)
         // The sanitizer opens a pipe to see whether an object is there, and takes having none left for no object.
         if (said.find("invalid vptr") != std::string::npos)
             continue;
+        // Descriptors that the test was itself started with may leave too few to load the program at all.
+        if (said.find("error while loading shared libraries") != std::string::npos)
+            continue;
         ASSERT_NE(result, outcome::wrong) << said;
         ++(result == outcome::served ? served : refused);
         EXPECT_FALSE(has_half_made_file(card));
