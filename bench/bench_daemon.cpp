@@ -43,7 +43,8 @@ void end_all()
         (void)kill(pid, SIGKILL);
         (void)waitpid(pid, nullptr, 0);
     }
-    std::filesystem::remove_all(folder);
+    std::error_code gone; // another process of this run may be removing it, too
+    (void)std::filesystem::remove_all(folder, gone);
 }
 
 void run_on(int processor)
