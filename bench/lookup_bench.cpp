@@ -86,12 +86,12 @@ std::vector<peer_route> mix_of(std::uint32_t count)
     return mix;
 }
 
-// A host in as many different /24s as there are nodes for.
+// Hosts in different /24s, 4 /16s in each of 64 /8s: the nodes run out before the leaves do.
 std::vector<peer_route> full_table()
 {
     std::vector<peer_route> routes;
     for (std::uint32_t i = 0; i < HW_NODE_COUNT; ++i)
-        routes.push_back({(1 + i % 4) << 24 | (i / 4 % 8) << 16 | (i / 32) << 8 | (1 + i % 200), 32, 16 * i + 1});
+        routes.push_back({(1 + i % 64) << 24 | (i / 64 % 4) << 16 | (i / 256) << 8 | (1 + i % 200), 32, 16 * i + 1});
     return routes;
 }
 
@@ -278,10 +278,19 @@ void measure_full(const bench_options &options, const std::string &missing, std:
             break; // no node or leaf is left
         routes.push_back(r);
     }
-    const peers p = peers_with(routes, missing);
-    measure(options, "full table, " + std::to_string(routes.size()) + " hosts", addresses_of(routes, draw::evenly), p,
-            {1.4, 0, 0}, rows);
-    free_peers(p);
+    std::uint32_t nodes = 0;
+    for (std::uint32_t tree = 0; tree < HW_ROOT_COUNT; ++tree) {
+        std::uint32_t held[3];
+        mtrie_get_stats(tree, held);
+        nodes += held[0];
+    }
+    bench_require(nodes == HW_NODE_COUNT, "all nodes are in use");
+    for (const draw how : {draw::evenly, draw::whole_space}) {
+        const peers p = peers_with(routes, missing);
+        const std::string name = "full table, " + std::to_string(routes.size()) + " hosts, ";
+        measure(options, name + DRAW_NAMES[static_cast<int>(how)], addresses_of(routes, how), p, {1.4, 0, 0}, rows);
+        free_peers(p);
+    }
     for (const peer_route &r : routes)
         remove_route(TREE, r);
 }
