@@ -101,7 +101,7 @@ TEST(limits, with_few_descriptors_start_up_fails_in_words_or_the_daemon_serves)
     std::string said;
     for (unsigned descriptors = 4; descriptors <= 26; ++descriptors) {
         SCOPED_TRACE(std::to_string(descriptors) + " descriptors");
-        const outcome result = try_start(card, {descriptors, 0, ""}, said);
+        const outcome result = try_start(card, {descriptors, 0, "", 0}, said);
         // The sanitizer opens a pipe to see whether an object is there, and takes having none left for no object.
         if (said.find("invalid vptr") != std::string::npos)
             continue;
@@ -121,7 +121,7 @@ TEST(limits, with_few_descriptors_start_up_fails_in_words_or_the_daemon_serves)
 TEST(limits, callers_beyond_the_descriptors_wait_and_are_served_when_others_have_gone)
 {
     const card_dir card;
-    const daemon_process daemon(card, "limited", {24, 0, ""});
+    const daemon_process daemon(card, "limited", {24, 0, "", 0});
     ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
     const byte_string call = rpc_record(5, "rib_max_ecmp_route", {arg16(0), arg32(0), arg32(0), arg32(0)});
     std::vector<int> callers;
@@ -144,7 +144,7 @@ TEST(limits, a_file_that_may_not_grow_is_refused_at_the_start_and_the_next_start
         SCOPED_TRACE(std::to_string(length) + " bytes a file");
         const card_dir card;
         std::string said;
-        const outcome result = try_start(card, {0, length, ""}, said);
+        const outcome result = try_start(card, {0, length, "", 0}, said);
         EXPECT_EQ(result, length < WIRED_BYTES ? outcome::refused : outcome::served) << said;
         if (length < WIRED_BYTES) {
             EXPECT_NE(said.find("mem/wired"), std::string::npos) << said;
@@ -158,6 +158,23 @@ TEST(limits, a_file_that_may_not_grow_is_refused_at_the_start_and_the_next_start
     }
 }
 
+TEST(limits, without_room_for_the_cards_address_space_start_up_fails_in_words)
+{
+    const card_dir card;
+    for (const unsigned long gib_quarters : {1ul, 16ul, 34ul, 40ul}) { // twice 4 GiB are reserved at first
+        SCOPED_TRACE(std::to_string(gib_quarters) + " quarters of a GiB");
+        std::string said;
+        const outcome result = try_start(card, {0, 0, "", gib_quarters << 28}, said);
+        if (said.find("Sanitizer") != std::string::npos)
+            GTEST_SKIP() << "the sanitizer needs more than that for itself";
+        EXPECT_EQ(result, gib_quarters < 32 ? outcome::refused : outcome::served) << said;
+        if (gib_quarters < 32) {
+            EXPECT_TRUE(history_has(history_read(card), 100, "<Ctx:0>main: mtrie_pool_init failed\n"));
+        }
+    }
+    expect_service(card);
+}
+
 TEST(limits, a_disk_without_room_is_refused_at_the_start_and_one_that_fills_later_harms_nothing)
 {
     const card_dir card, output;
@@ -166,7 +183,7 @@ TEST(limits, a_disk_without_room_is_refused_at_the_start_and_one_that_fills_late
         if (!disk.is_mounted)
             GTEST_SKIP() << "the host lets nobody mount a disk here";
         std::string said;
-        EXPECT_EQ(try_start(card, {0, 0, output.path}, said), outcome::refused);
+        EXPECT_EQ(try_start(card, {0, 0, output.path, 0}, said), outcome::refused);
         EXPECT_TRUE(history_has(history_read(card), 100, "<Ctx:0>main: mtrie_pool_init failed\n"));
         EXPECT_FALSE(has_half_made_file(card));
     }
@@ -176,7 +193,7 @@ TEST(limits, a_disk_without_room_is_refused_at_the_start_and_one_that_fills_late
     const arp_service arp(card);
     interface_database(card);
     {
-        daemon_process daemon(card, "filled", {0, 0, output.path});
+        daemon_process daemon(card, "filled", {0, 0, output.path, 0});
         ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
         disk.fill();
         for (unsigned i = 0; i < 20; ++i)
@@ -185,7 +202,7 @@ TEST(limits, a_disk_without_room_is_refused_at_the_start_and_one_that_fills_late
         daemon_signal(daemon, SIGKILL);
         EXPECT_EQ(daemon_exit_status(daemon), 1000 + SIGKILL);
     }
-    const daemon_process again(card, "again", {0, 0, output.path}); // all that it needs is there already
+    const daemon_process again(card, "again", {0, 0, output.path, 0}); // all that it needs is there already
     ASSERT_EQ(daemon_notification(again), "READY=1") << file_text(again.err);
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
 }

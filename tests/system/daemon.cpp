@@ -98,6 +98,10 @@ void take_limits(const daemon_limits &limits)
         ::setrlimit(RLIMIT_FSIZE, &bytes);
         ::signal(SIGXFSZ, SIG_IGN);
     }
+    if (limits.address_space != 0) {
+        const rlimit bytes = {limits.address_space, limits.address_space};
+        ::setrlimit(RLIMIT_AS, &bytes);
+    }
     if (limits.descriptors != 0) {
         const rlimit descriptors = {limits.descriptors, limits.descriptors};
         ::setrlimit(RLIMIT_NOFILE, &descriptors);

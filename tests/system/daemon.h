@@ -30,8 +30,9 @@ struct card_dir {
 // What the host allows a daemon. 0: as it allows the test.
 struct daemon_limits {
     unsigned descriptors = 0;
-    unsigned long file_bytes = 0; // longest file; the signal for a longer one is ignored, so writing it fails
-    std::string output;           // folder of its standard output and error; empty: the card directory
+    unsigned long file_bytes = 0;    // longest file; the signal for a longer one is ignored, so writing it fails
+    std::string output = {};         // folder of its standard output and error; empty: the card directory
+    unsigned long address_space = 0; // bytes
 };
 
 // One daemon. Killed with the record if it still runs.
