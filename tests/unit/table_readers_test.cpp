@@ -15,7 +15,7 @@
 namespace
 {
 constexpr std::uint16_t TREE = 4, FIRST_IFID = 5, SECOND_IFID = 7;
-constexpr std::uint32_t NET = 0x0A010000, ADDRESS = 0x0A010203;
+constexpr std::uint32_t ADDRESS = 0x0A010203;
 constexpr unsigned ROUNDS = 300;
 
 route_entry route_of(std::uint32_t len, std::uint16_t ifid, std::uint16_t flags)
