@@ -152,17 +152,22 @@ std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const
     return reply.arrived && reply.result == 0 ? "" : refused("arp_prefix_mgr_remove_route", reply);
 }
 
-// Empties the queue, into which broadcasts come too, and asks for the counters.
+// Broadcasts come into the same queue, and an answer that finds it full is lost: then it is asked for again.
 std::string counters_of(const mts_queue &manager)
 {
-    byte_string dropped(2048);
-    while (::recv(manager.fd, dropped.data(), dropped.size(), MSG_DONTWAIT) > 0) {
+    constexpr int ANSWER_MS = 250;
+    byte_string datagram(2048);
+    for (int asked = 0; asked < DAEMON_WAIT_MS / ANSWER_MS; ++asked) {
+        while (::recv(manager.fd, datagram.data(), datagram.size(), MSG_DONTWAIT) > 0) {
+        }
+        debug_request(manager, 5, 0, 0, 0);
+        for (pollfd waited = {manager.fd, POLLIN, 0}; ::poll(&waited, 1, ANSWER_MS) == 1;) {
+            const mts_message message = mts_receive(manager);
+            if (message.opcode == 1531)
+                return message.payload;
+        }
     }
-    debug_request(manager, 5, 0, 0, 0);
-    mts_message message = mts_receive(manager);
-    while (message.opcode != 0 && message.opcode != 1531)
-        message = mts_receive(manager);
-    return message.payload;
+    return "";
 }
 
 byte_string random_call(std::mt19937 &random, std::uint32_t transaction)

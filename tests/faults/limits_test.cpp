@@ -103,7 +103,8 @@ TEST(limits, with_few_descriptors_start_up_fails_in_words_or_the_daemon_serves)
         SCOPED_TRACE(std::to_string(descriptors) + " descriptors");
         const outcome result = try_start(card, {descriptors, 0, "", 0}, said);
         // The sanitizer opens a pipe to see whether an object is there, and takes having none left for no object.
-        if (said.find("invalid vptr") != std::string::npos)
+        // The loader of the program's libraries needs one, too, before there is a daemon.
+        if (said.find("invalid vptr") != std::string::npos || said.find("shared libraries") != std::string::npos)
             continue;
         // Descriptors that the test was itself started with may leave too few to load the program at all.
         if (said.find("error while loading shared libraries") != std::string::npos)

