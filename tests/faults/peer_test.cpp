@@ -126,7 +126,7 @@ TEST_F(peers, callers_that_vanish_in_hundreds_leave_no_descriptor_behind)
         return count;
     };
     EXPECT_EQ(daemon_trouble(card, manager, arp), ""); // the connection to the ARP service stands from here on
-    const unsigned before = descriptors();
+    const unsigned before = descriptors(); // perhaps with a connection whose end is still to be seen
     std::mt19937 random(3);
     for (unsigned i = 0; i < 400; ++i) {
         const int fd = rpc_connect(card, "rpc/9");
@@ -136,9 +136,9 @@ TEST_F(peers, callers_that_vanish_in_hundreds_leave_no_descriptor_behind)
         ::close(fd);
     }
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
-    for (unsigned i = 0; i < 2000 && descriptors() != before; ++i)
+    for (unsigned i = 0; i < 2000 && descriptors() > before; ++i)
         (void)counter("connections"); // a round trip is a pass of the loop
-    EXPECT_EQ(descriptors(), before);
+    EXPECT_LE(descriptors(), before);
 }
 
 TEST_F(peers, a_message_in_the_daemons_own_name_is_answered_to_itself_and_does_no_harm)
