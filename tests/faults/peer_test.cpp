@@ -126,7 +126,7 @@ TEST_F(peers, callers_that_vanish_in_hundreds_leave_no_descriptor_behind)
         return count;
     };
     EXPECT_EQ(daemon_trouble(card, manager, arp), ""); // the connection to the ARP service stands from here on
-    const unsigned before = descriptors(); // perhaps with a connection whose end is still to be seen
+    const unsigned before = descriptors();             // perhaps with a connection whose end is still to be seen
     std::mt19937 random(3);
     for (unsigned i = 0; i < 400; ++i) {
         const int fd = rpc_connect(card, "rpc/9");
