@@ -2,15 +2,11 @@
 //
 // A switch is a message without an answer. So a question is sent behind it: once that is answered, the switch was
 // thrown, and a route manager that is silent does not pass for one that obeyed.
-#include <chrono>
-
-#include <poll.h>
-
 #include "big_endian.h"
 #include "card_dir.h"
-#include "card_view/debug_view.h"
 #include "card_view/history_view.h"
 #include "card_view/pools_view.h"
+#include "debug_ask.h"
 #include "mts.h"
 #include "route_ids.h"
 #include "routectl_commands.h"
@@ -18,59 +14,11 @@
 namespace
 {
 using json = nlohmann::ordered_json;
-using steady = std::chrono::steady_clock;
 constexpr std::uint32_t VERB_OUTPUT = 1, VERB_HISTORY = 2, VERB_SYSLOG = 4, ALL_CONTEXTS = 0xFFFFFFFF;
 
 struct debug_request {
     std::uint32_t verb, category, context, value;
 };
-
-routectl_answer silent(const std::string &what)
-{
-    return routectl_error(ROUTECTL_UNREACHABLE, "the route manager " + what);
-}
-
-bool queue_open(const routectl_call &call)
-{
-    if (call.session.queue < 0)
-        call.session.queue = debug_view_open();
-    return call.session.queue >= 0;
-}
-
-// Waits for the answer to a request of `verb`; answers to earlier ones, that came too late for them, are passed over.
-std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t verb)
-{
-    const auto deadline = steady::now() + std::chrono::milliseconds(call.options.timeout_ms);
-    for (;;) {
-        while (std::optional<debug_answer> answer = debug_view_take(call.session.queue))
-            if (verb == DEBUG_VERB_MEMORY ? !answer->memory.empty() : !answer->counters.empty())
-                return answer;
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
-        pollfd waited{call.session.queue, POLLIN, 0};
-        if (left <= 0)
-            return std::nullopt;
-        (void)poll(&waited, 1, static_cast<int>(left)); // whatever ends it: what came is looked at
-    }
-}
-
-// Asks a question of the debug service. Returns its answer, or none with `error` set.
-std::optional<debug_answer> ask(const routectl_call &call, std::uint32_t verb, routectl_answer &error)
-{
-    if (!queue_open(call)) {
-        error = routectl_error(ROUTECTL_UNREACHABLE, "no message queue can be had in " + card_dir_path());
-        return std::nullopt;
-    }
-    while (debug_view_take(call.session.queue))
-        ; // answers to questions that were given up
-    if (!debug_view_ask(call.session.queue, verb)) {
-        error = silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
-        return std::nullopt;
-    }
-    std::optional<debug_answer> answer = answer_wait(call, verb);
-    if (!answer)
-        error = silent("did not answer the debug service's request in time");
-    return answer;
-}
 
 // Throws a switch and makes sure that it was thrown.
 routectl_answer throw_switch(const routectl_call &call, const debug_request &request)
@@ -82,10 +30,10 @@ routectl_answer throw_switch(const routectl_call &call, const debug_request &req
     put_be32(payload + 4, request.category);
     put_be32(payload + 8, request.context);
     put_be32(payload + 12, request.value);
-    if (!queue_open(call) ||
+    if (!debug_queue_open(call) ||
         mts_send(call.session.queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, payload, sizeof payload) != 0)
-        return silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
-    (void)ask(call, DEBUG_VERB_COUNTERS, answer);
+        return debug_silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+    (void)debug_ask(call, DEBUG_VERB_COUNTERS, answer);
     return answer;
 }
 
@@ -125,7 +73,7 @@ routectl_answer syslog_level(const routectl_call &call)
 routectl_answer memory_show(const routectl_call &call)
 {
     routectl_answer answer;
-    const std::optional<debug_answer> said = ask(call, DEBUG_VERB_MEMORY, answer);
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_MEMORY, answer);
     if (!said)
         return answer;
     answer.records_key = "types";
@@ -146,7 +94,7 @@ routectl_answer memory_show(const routectl_call &call)
 routectl_answer counters_show(const routectl_call &call)
 {
     routectl_answer answer;
-    const std::optional<debug_answer> said = ask(call, DEBUG_VERB_COUNTERS, answer);
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_COUNTERS, answer);
     if (!said)
         return answer;
     answer.records_key = "counters";

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "address_text.h"
-#include "big_endian.h"
 #include "card_view/card_summary.h"
+#include "card_view/route_record.h"
 #include "route_entry.h"
 #include "route_ids.h"
 #include "routectl_commands.h"
@@ -16,37 +16,10 @@
 namespace
 {
 using json = nlohmann::ordered_json;
-constexpr std::size_t RECORD_BYTES = 24;
-constexpr std::uint32_t LIST_DONE = 0xFFFFFFFF;
 constexpr std::uint32_t METRIC_WITHDRAW = 0xFFFF, DEFAULT_METRIC = 1;
 constexpr std::uint32_t HOST_LENGTH = 32;
 
 std::uint32_t context_of(const routectl_call &call) { return routectl_number(call, "ctx", 0); }
-
-// A record of a listing.
-struct route_record {
-    std::uint32_t prefix, length, nexthop, route_id, ifid, flags, encap;
-};
-
-route_record record_decode(const std::uint8_t *from)
-{
-    return {get_be32(from),      get_be32(from + 4),  get_be32(from + 8), get_be32(from + 12),
-            get_be16(from + 16), get_be16(from + 18), get_be32(from + 20)};
-}
-
-const char *kind_of(std::uint32_t flags)
-{
-    constexpr struct {
-        std::uint32_t flag;
-        const char *kind;
-    } KINDS[] = {{RIB_F_MCAST_DROP, "drop"},     {RIB_F_NAT, "nat"},
-                 {RIB_F_GATEWAY, "static"},      {RIB_F_ARP_HOST, "host"},
-                 {RIB_F_CONNECTED, "connected"}, {RIB_F_INTERFACE, "interface"}};
-    for (const auto &[flag, kind] : KINDS)
-        if ((flags & flag) != 0)
-            return kind;
-    return "other";
-}
 
 json flag_names(std::uint32_t flags)
 {
@@ -63,7 +36,7 @@ json record_json(const route_record &r, std::uint32_t ctx)
 {
     return {{"ctx", ctx},
             {"prefix", routectl_prefix(r.prefix, r.length)},
-            {"kind", kind_of(r.flags)},
+            {"kind", route_record_kind(r.flags)},
             {"nexthop", r.nexthop == 0 ? json(nullptr) : json(routectl_dotted(r.nexthop))},
             {"ifid", r.ifid},
             {"encap", r.encap},
@@ -91,7 +64,7 @@ bool list_context(const routectl_call &call, const char *procedure, std::uint32_
     const route_wanted wanted{routectl_given(call, "prefix")};
     std::vector<route_record> records;
     std::vector<std::uint32_t> cursor = {0, 0, 0};
-    while (cursor[2] != LIST_DONE) {
+    while (cursor[2] != ROUTE_LIST_DONE) {
         const card_rpc_reply reply =
             routectl_ask(call, procedure,
                          {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()});
@@ -99,12 +72,12 @@ bool list_context(const routectl_call &call, const char *procedure, std::uint32_
             answer = routectl_not_run(reply, procedure);
             return false;
         }
-        if (reply.refs == cursor || reply.blocks[0].size() != reply.result * RECORD_BYTES) {
+        if (reply.refs == cursor || reply.blocks[0].size() != reply.result * ROUTE_RECORD_BYTES) {
             answer = routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the listing");
             return false;
         }
-        for (std::size_t at = 0; at < reply.blocks[0].size(); at += RECORD_BYTES)
-            if (const route_record record = record_decode(&reply.blocks[0][at]); wanted(record))
+        for (std::size_t at = 0; at < reply.blocks[0].size(); at += ROUTE_RECORD_BYTES)
+            if (const route_record record = route_record_decode(&reply.blocks[0][at]); wanted(record))
                 records.push_back(record);
         cursor = reply.refs;
     }

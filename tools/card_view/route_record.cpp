@@ -1,0 +1,71 @@
+// route_record.cpp - decodes the records of a listing and turns the pages of all contexts.
+#include "route_record.h"
+
+#include "big_endian.h"
+#include "route_entry.h"
+
+namespace
+{
+void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
+              const std::vector<std::uint32_t> &cursor);
+
+// Takes a page and asks for the next one.
+void take_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
+               const std::vector<std::uint32_t> &cursor, const card_rpc_reply &reply)
+{
+    listing->waiting -= 1;
+    if (!reply.ran()) {
+        if (listing->failed.ran())
+            listing->failed = reply;
+        return;
+    }
+    const std::vector<std::uint8_t> &page = reply.blocks[0];
+    if (reply.refs == cursor || page.size() != reply.result * ROUTE_RECORD_BYTES) {
+        listing->is_refused = true;
+        return;
+    }
+    for (std::size_t at = 0; at < page.size(); at += ROUTE_RECORD_BYTES)
+        listing->contexts[ctx].push_back(route_record_decode(&page[at]));
+    if (reply.refs[2] != ROUTE_LIST_DONE)
+        ask_page(rpc, listing, ctx, reply.refs);
+}
+
+void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
+              const std::vector<std::uint32_t> &cursor)
+{
+    listing->waiting += 1;
+    card_rpc_call(
+        rpc, "show_fib_print",
+        {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()},
+        [&rpc, listing, ctx, cursor](const card_rpc_reply &reply) { take_page(rpc, listing, ctx, cursor, reply); });
+}
+} // namespace
+
+route_record route_record_decode(const std::uint8_t *from)
+{
+    return {get_be32(from),      get_be32(from + 4),  get_be32(from + 8), get_be32(from + 12),
+            get_be16(from + 16), get_be16(from + 18), get_be32(from + 20)};
+}
+
+const char *route_record_kind(std::uint32_t flags)
+{
+    constexpr struct {
+        std::uint32_t flag;
+        const char *kind;
+    } KINDS[] = {{RIB_F_MCAST_DROP, "drop"},     {RIB_F_NAT, "nat"},
+                 {RIB_F_GATEWAY, "static"},      {RIB_F_ARP_HOST, "host"},
+                 {RIB_F_CONNECTED, "connected"}, {RIB_F_INTERFACE, "interface"}};
+    for (const auto &[flag, kind] : KINDS)
+        if ((flags & flag) != 0)
+            return kind;
+    return "other";
+}
+
+std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc)
+{
+    auto listing = std::make_shared<route_listing>();
+    listing->failed.end = CARD_RPC_RAN;
+    for (unsigned ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        ask_page(rpc, listing, ctx, {0, 0, 0});
+    return listing;
+}

@@ -1,0 +1,59 @@
+// debug_ask.cpp - sends a question to the debug service and waits for its answer, for so long and no longer.
+#include "debug_ask.h"
+
+#include <chrono>
+
+#include <poll.h>
+
+#include "card_dir.h"
+
+namespace
+{
+using steady = std::chrono::steady_clock;
+
+// Waits for the answer to a request of `verb`; answers to earlier ones, that came too late for them, are passed over.
+std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t verb)
+{
+    const auto deadline = steady::now() + std::chrono::milliseconds(call.options.timeout_ms);
+    for (;;) {
+        while (std::optional<debug_answer> answer = debug_view_take(call.session.queue))
+            if (verb == DEBUG_VERB_MEMORY ? !answer->memory.empty() : !answer->counters.empty())
+                return answer;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
+        pollfd waited{call.session.queue, POLLIN, 0};
+        if (left <= 0)
+            return std::nullopt;
+        (void)poll(&waited, 1, static_cast<int>(left)); // whatever ends it: what came is looked at
+    }
+}
+} // namespace
+
+routectl_answer debug_silent(const std::string &what)
+{
+    return routectl_error(ROUTECTL_UNREACHABLE, "the route manager " + what);
+}
+
+bool debug_queue_open(const routectl_call &call)
+{
+    if (call.session.queue < 0)
+        call.session.queue = debug_view_open();
+    return call.session.queue >= 0;
+}
+
+std::optional<debug_answer> debug_ask(const routectl_call &call, std::uint32_t verb, routectl_answer &error)
+{
+    if (!debug_queue_open(call)) {
+        error = routectl_error(ROUTECTL_UNREACHABLE, "no message queue can be had in " + card_dir_path());
+        return std::nullopt;
+    }
+    while (debug_view_take(call.session.queue))
+        ; // answers to questions that were given up
+    if (!debug_view_ask(call.session.queue, verb)) {
+        error = debug_silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+        return std::nullopt;
+    }
+    std::optional<debug_answer> answer = answer_wait(call, verb);
+    if (!answer)
+        error = debug_silent("did not answer the debug service's request in time");
+    return answer;
+}
