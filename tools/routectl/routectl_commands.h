@@ -112,6 +112,7 @@ std::span<const routectl_command> routectl_debug_commands();   // debug_commands
 std::span<const routectl_command> routectl_hw_commands();      // hw_commands.cpp
 std::span<const routectl_command> routectl_watch_commands();   // watch_commands.cpp
 std::span<const routectl_command> routectl_history_commands(); // history_commands.cpp
+std::span<const routectl_command> routectl_doctor_commands();  // doctor.cpp
 const std::vector<const routectl_command *> &routectl_table();
 
 // Calls of the route manager (`route_manager`) and of the card's other processes (`card`).

@@ -1,0 +1,98 @@
+// doctor_look.cpp - gathers what is there, and says what is not.
+#include "doctor_look.h"
+
+#include <unistd.h>
+
+#include "address_text.h"
+#include "card_dir.h"
+#include "debug_ask.h"
+
+namespace
+{
+// Maps the copies that the card has. Each is told of when it cannot be read.
+void map_copies(doctor_look &look)
+{
+    const unsigned processors = card_conf_get().num_ixp;
+    for (unsigned i = 0; i < TABLE_COPIES && i <= processors; ++i) {
+        auto copy = std::make_unique<doctor_copy>();
+        std::string why;
+        copy->view = table_open(card_dir_path(), static_cast<table_copy>(i), card_conf_get().wired_phys_base, &why);
+        if (!copy->view.is_open()) {
+            look.not_looked_at.push_back(why);
+            continue;
+        }
+        (void)table_changed_words(copy->view, copy->words); // fills it
+        look.copies.push_back(std::move(copy));
+    }
+}
+
+// Asks the route manager for its listings and counts. Returns false when it did not answer.
+bool ask_manager(const routectl_call &call, doctor_look &look)
+{
+    card_rpc &rpc = routectl_route_manager(call);
+    look.listing = route_listing_ask(rpc);
+    look.counts = card_summary_ask(rpc);
+    while (card_rpc_pending(rpc) != 0)
+        card_rpc_wait(rpc, card_rpc_pending(rpc));
+    if (!look.listing->failed.ran()) {
+        look.unserved = routectl_not_run(look.listing->failed, "show_fib_print");
+        return false;
+    }
+    if (look.counts->end != CARD_RPC_RAN) {
+        look.unserved = routectl_error(ROUTECTL_UNREACHABLE, "the route manager: " + look.counts->why);
+        return false;
+    }
+    if (look.listing->is_refused || look.counts->is_refused) {
+        look.unserved = routectl_error(ROUTECTL_UNREACHABLE, "the route manager has no memory for its listings");
+        return false;
+    }
+    return true;
+}
+
+void ask_memory(const routectl_call &call, doctor_look &look)
+{
+    routectl_answer error;
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_MEMORY, error);
+    if (!said)
+        look.not_looked_at.push_back("memory by type: " + error.error);
+    else
+        for (const debug_memory &memory : said->memory)
+            look.blocks[memory.type] = memory.live_blocks;
+}
+} // namespace
+
+doctor_look doctor_look_take(const routectl_call &call)
+{
+    doctor_look look;
+    map_copies(look);
+    const std::string interfaces = card_dir_path() + "/interfaces";
+    look.has_interfaces = access(interfaces.c_str(), R_OK) == 0;
+    if (!look.has_interfaces)
+        look.not_looked_at.push_back(interfaces + ": there is no interface database");
+    look.is_served = ask_manager(call, look);
+    if (look.is_served)
+        ask_memory(call, look);
+    else
+        look.not_looked_at.push_back("listings, counts and memory of the route manager: nobody answered");
+    for (const auto &copy : look.copies)
+        for (std::uint32_t tree = 0; tree < ROUTE_CONTEXTS; ++tree)
+            copy->trees[tree] = tree_read(copy->view, tree);
+    look.words_changed = doctor_look_changes(look);
+    return look;
+}
+
+std::size_t doctor_look_changes(doctor_look &look)
+{
+    std::size_t changed = 0;
+    for (const auto &copy : look.copies)
+        changed += table_changed_words(copy->view, copy->words);
+    return changed;
+}
+
+bool doctor_trie_holds(const routectl_call &call, std::uint32_t tree, doctor_prefix prefix)
+{
+    const card_rpc_reply reply =
+        routectl_ask(call, "mtrie_lookup_exact_stub",
+                     {rpc_u32(tree), rpc_u32(prefix.prefix), rpc_u32(address_mask_of(prefix.length)), rpc_ref32(0)});
+    return reply.ran() && reply.result == 0;
+}
