@@ -3,9 +3,11 @@
 // The sequences are those of docs/known-behaviour.md, made with the tool itself and with interface events on the queue.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <random>
 #include <set>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -126,6 +128,30 @@ TEST(routectl_doctor, random_changes_of_prefixes_apart_leave_nothing)
     }
     card.play(lines);
     EXPECT_EQ(card.findings(), words{});
+}
+
+TEST(routectl_doctor, routes_that_change_while_it_looks_are_not_taken_for_faults)
+{
+    const sick_card card;
+    card.play(std::string(HOST) + SECOND_HOST);
+    std::string lines;
+    for (const char *gateway : {"9", "10"})
+        for (const char *change : {"add ", "del "})
+            for (unsigned byte = 20; byte < 80; ++byte)
+                lines += std::string("route ") + change + std::to_string(byte) + ".0.0.0/" +
+                         std::to_string(9 + byte % 24) + " via 10.1.0." + gateway + " ctx 3\n";
+    std::atomic<bool> is_over = false;
+    std::thread changes([&] {
+        while (!is_over)
+            card.play(lines);
+    });
+    EXPECT_EQ(card.findings(), words{});
+    EXPECT_EQ(card.findings(), words{});
+    card.play(std::string(THIRD_HOST) + "arp add 10.1.0.11 if 5 encap 0x4444 ctx 3\n");
+    EXPECT_EQ(card.findings().count("encap-differs 3 10.1.0.11/32"), 1u) << "what stays is found all the same";
+    is_over = true;
+    changes.join();
+    EXPECT_EQ(card.findings(), (words{"encap-differs 3 10.1.0.11/32", "leaves-lost 3"})) << "counts need a quiet card";
 }
 
 TEST(routectl_doctor, routes_that_longer_ones_hide_wholly_are_no_loss)

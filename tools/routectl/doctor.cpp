@@ -1,10 +1,13 @@
 // doctor.cpp - the command that looks for traces of what the fixed rules entail, and says what to do about each.
 //
 // A route manager in service changes while it is looked at. So what a look finds is looked for again, and only what
-// both show is told; when the tables changed during one of the two, it is looked at further, a few times. A dead one
+// both show is told; when the tables changed during one of the two, it is looked at further, a few times, and only what
+// all show is told. A dead one
 // has left its tables and its history: these are looked at, and the rest is said to be missing.
 #include <algorithm>
 #include <ctime>
+
+#include <poll.h>
 
 #include "card_view/history_view.h"
 #include "doctor_counts.h"
@@ -14,7 +17,8 @@
 namespace
 {
 using json = nlohmann::ordered_json;
-constexpr unsigned MOST_LOOKS = 5;
+constexpr unsigned MOST_LOOKS = 8;
+constexpr int BUSY_PAUSE_MS = 50; // between looks while routes change
 
 const char *level_name(doctor_level level)
 {
@@ -57,46 +61,55 @@ examination examine(const routectl_call &call, std::uint64_t since_ns)
     return e;
 }
 
-bool is_among(const doctor_finding &finding, const doctor_findings &findings)
+// The same thing in an earlier look; null when that did not show it. What a fault in the tables looks like stays as it
+// is: another leaf is another moment of a route that changes.
+const doctor_finding *seen_in(const doctor_findings &findings, const doctor_finding &finding)
 {
-    return std::any_of(findings.begin(), findings.end(),
-                       [&](const doctor_finding &other) { return finding.is_same(other); });
+    for (const doctor_finding &other : findings)
+        if (other.is_same(finding) && (finding.copies.empty() || other.seen == finding.seen))
+            return &other;
+    return nullptr;
 }
 
-// Leaves out what is not in `others`, and what is there twice.
+// Leaves out what is not in `others`, and what is there twice. Of two counts the lower one is sure.
 doctor_findings confirmed(const doctor_findings &findings, const doctor_findings &others)
 {
     doctor_findings both;
-    for (const doctor_finding &finding : findings)
-        if (is_among(finding, others) && !is_among(finding, both))
-            both.push_back(finding);
+    for (const doctor_finding &finding : findings) {
+        const doctor_finding *const other = seen_in(others, finding);
+        if (other != nullptr && seen_in(both, finding) == nullptr)
+            both.push_back(other->amount < finding.amount ? *other : finding);
+    }
     return both;
 }
 
-// The last look, with the findings that the one before it shows as well.
+// The last look, with the findings that all looks show.
 struct doctor_result {
     examination last;
     unsigned looks = 1;
     std::size_t words_changed = 0; // during the last two looks
 };
 
+// Looks until two in a row saw the tables stand still, or often enough for what stays to be told from what passes.
 doctor_result look_until_sure(const routectl_call &call, std::uint64_t since_ns)
 {
     doctor_result result;
     result.last = examine(call, since_ns);
     result.words_changed = result.last.look.words_changed;
-    doctor_findings before = result.last.findings;
-    while (!result.last.findings.empty() && result.looks < MOST_LOOKS) {
+    doctor_findings before = result.last.findings, sure = before;
+    while (!sure.empty() && result.looks < MOST_LOOKS) {
+        if (result.words_changed != 0)
+            (void)poll(nullptr, 0, BUSY_PAUSE_MS);
         const std::size_t changed_before = result.last.look.words_changed;
         result.last = examine(call, since_ns);
         result.looks += 1;
         result.words_changed = changed_before + result.last.look.words_changed;
-        doctor_findings seen = result.last.findings;
-        result.last.findings = confirmed(seen, before);
-        before = std::move(seen);
+        sure = confirmed(result.last.findings, result.words_changed == 0 ? before : sure);
+        before = result.last.findings;
         if (result.words_changed == 0)
             break;
     }
+    result.last.findings = std::move(sure);
     return result;
 }
 
@@ -146,8 +159,8 @@ std::string findings_text(const doctor_result &result)
     std::string text;
     for (const doctor_finding &finding : result.last.findings)
         text += finding_text(finding);
-    if (result.words_changed != 0 && !result.last.findings.empty())
-        text += "routes were changing all the time: what is told of tables may be of the moment\n";
+    if (result.words_changed != 0)
+        text += "routes were changing all the time: a small loss may be hidden, look again when it is quiet\n";
     for (const std::string &what : result.last.look.not_looked_at)
         text += "not looked at: " + what + "\n";
     return result.last.findings.empty() ? text + "nothing found\n" : text;

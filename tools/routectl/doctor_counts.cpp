@@ -20,9 +20,9 @@ constexpr std::uint32_t INTERFACES = 8192;
 
 // A finding that no copy of the tables showed.
 void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std::string object, std::string what,
-         std::string seen, std::string todo)
+         std::string seen, std::string todo, std::uint64_t amount = 0)
 {
-    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}});
+    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}, amount});
 }
 
 std::string name_of(const route_record &route) { return routectl_prefix(route.prefix, route.length); }
@@ -96,7 +96,8 @@ void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidde
             "the route manager counts " + counted(held, kind.name) + ", of which slots and listed routes explain " +
                 std::to_string(held - lost),
             "only a restart of the route manager gives them back; withdraw a host before it is reported again, use one "
-            "context for each route id");
+            "context for each route id",
+            lost);
     }
 }
 } // namespace
@@ -177,7 +178,8 @@ void doctor_judge_unlisted(const doctor_look &look, doctor_findings &findings)
         add(findings, "hosts-lost", doctor_level::fault, DOCTOR_WHOLE_CARD, "",
             number_of(hosts->second - listed_hosts, "host or interface route") + " in no list any more",
             "memory holds " + std::to_string(hosts->second) + ", the listings " + std::to_string(listed_hosts),
-            "they went with an entry of the same prefix in front of them; only a restart gives their memory back");
+            "they went with an entry of the same prefix in front of them; only a restart gives their memory back",
+            hosts->second - listed_hosts);
     if (statics->second <= listed_statics)
         return;
     const std::string sets = sets_with_waiting_paths(look);
@@ -187,7 +189,8 @@ void doctor_judge_unlisted(const doctor_look &look, doctor_findings &findings)
         "memory holds " + std::to_string(statics->second) + ", the listings " + std::to_string(listed_statics) +
             "; which of the two it is cannot be seen from outside" +
             (sets.empty() ? "" : "; a path of " + sets + " waits"),
-        "look that each gateway is reported; `route del` of one that was lost answers that it is not there");
+        "look that each gateway is reported; `route del` of one that was lost answers that it is not there",
+        statics->second - listed_statics);
 }
 
 namespace

@@ -1,6 +1,7 @@
 // doctor_finding.h - what `doctor` found: one thing, how it was seen and what to do about it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ struct doctor_finding {
     std::string object;              // prefix, range or pool that tells it from others of its kind; may be empty
     std::string what, seen, todo;    // sentences without a full stop
     std::vector<std::string> copies; // of the tables in which it was seen; none: not seen in a table
+    std::uint64_t amount = 0;        // of what is counted; 0: nothing is
 
     // Whether it is the same thing, seen another time.
     bool is_same(const doctor_finding &other) const

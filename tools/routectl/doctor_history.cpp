@@ -18,7 +18,7 @@ namespace
 void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std::string object, std::string what,
          std::string seen, std::string todo)
 {
-    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}});
+    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}, 0});
 }
 
 std::uint64_t life_began_ns()

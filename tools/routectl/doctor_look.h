@@ -30,7 +30,7 @@ struct doctor_look {
     std::shared_ptr<card_summary> counts;
     std::map<std::uint32_t, std::uint64_t> blocks;    // live memory blocks by type; empty: not known
     std::vector<std::unique_ptr<doctor_copy>> copies; // those that could be mapped
-    bool has_interfaces = false; // there is an interface database
+    bool has_interfaces = false;                      // there is an interface database
     std::size_t words_changed = 0;
     std::vector<std::string> not_looked_at; // a sentence each
 };

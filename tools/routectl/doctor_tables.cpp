@@ -26,7 +26,7 @@ struct judge {
 void add(judge &at, const char *kind, doctor_level level, int ctx, const std::string &object, std::string what,
          std::string seen, std::string todo)
 {
-    at.findings->push_back({kind, level, ctx, object, std::move(what), std::move(seen), std::move(todo), {at.copy}});
+    at.findings->push_back({kind, level, ctx, object, std::move(what), std::move(seen), std::move(todo), {at.copy}, 0});
 }
 
 int tree_ctx(const judge &at) { return static_cast<int>(at.tree->ctx); }
@@ -324,7 +324,8 @@ void judge_copies(const doctor_copy &a, const doctor_copy &b, doctor_findings &f
                         "the copies " + names + " differ in " + std::to_string(different) + " word(s)",
                         "the first: " + place_text(static_cast<std::uint32_t>(4 * first)),
                         "restart the route manager; if it comes back, something else writes into the tables",
-                        {TABLE_COPY_NAMES[a.view.copy], TABLE_COPY_NAMES[b.view.copy]}});
+                        {TABLE_COPY_NAMES[a.view.copy], TABLE_COPY_NAMES[b.view.copy]},
+                        0});
 }
 
 // Adds what a copy shows; what another showed alike is one finding.
@@ -374,5 +375,6 @@ doctor_finding doctor_tables_absent(const doctor_hidden &hidden)
             name + " is listed as installed and the trie has no leaf for it",
             "longer routes cover all its addresses, and the exact lookup does not find it",
             "remove the route and add it again; if it stays, restart the route manager",
-            {}};
+            {},
+            0};
 }
