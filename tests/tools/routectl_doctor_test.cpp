@@ -162,6 +162,16 @@ TEST(routectl_doctor, routes_that_longer_ones_hide_wholly_are_no_loss)
     EXPECT_EQ(card.findings(), words{});
 }
 
+TEST(routectl_doctor, routes_that_end_together_in_front_of_a_further_one_are_told_apart)
+{
+    const sick_card card;
+    card.play(std::string(HOST) + SECOND_HOST + "route add 20.0.0.0/8 via 10.1.0.9 ctx 3\n" +
+              "route add 20.128.0.0/9 via 10.1.0.10 ctx 3\nroute add 20.255.255.255/32 via 10.1.0.9 ctx 3\n" +
+              "route add 21.0.0.0/8 via 10.1.0.10 ctx 3\nroute add 22.0.0.0/8 via 10.1.0.9 ctx 3\n" +
+              "route add 255.255.255.255/32 via 10.1.0.9 ctx 3\n");
+    EXPECT_EQ(card.findings(), words{});
+}
+
 TEST(routectl_doctor, repeated_reports_of_a_host_are_leaves_lost)
 {
     const sick_card card;

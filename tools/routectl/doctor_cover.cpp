@@ -26,7 +26,7 @@ struct stretch {
 // Appends, joined with the stretch before it when that is the same.
 void append(std::vector<stretch> &to, stretch next)
 {
-    if (next.first > next.last)
+    if (next.first >= next.last + 1)
         return;
     if (!to.empty() && to.back().what == next.what && to.back().last + 1 == next.first)
         to.back().last = next.last;
@@ -42,10 +42,11 @@ std::vector<stretch> spread(const std::vector<cover_route> &routes)
     std::uint64_t at = 0;
     const auto go_to = [&](std::uint64_t before) { // up to, without, `before`
         while (!open.empty() && at < before) {
-            const std::uint64_t end = std::min(before, last_of(routes[static_cast<std::size_t>(open.back())]) + 1);
-            append(to, {at, end - 1, open.back()});
-            at = std::max(at, end);
-            if (at == last_of(routes[static_cast<std::size_t>(open.back())]) + 1)
+            const std::uint64_t end = last_of(routes[static_cast<std::size_t>(open.back())]) + 1;
+            const std::uint64_t next = std::max(at, std::min(before, end));
+            append(to, {at, next - 1, open.back()}); // nothing of one that ended with a longer one
+            at = next;
+            if (at >= end)
                 open.pop_back();
         }
     };
