@@ -332,6 +332,8 @@ TEST(routectl_doctor, the_removal_of_a_pool_that_was_not_there_is_a_note)
     EXPECT_EQ(card.findings(), words{"nat-not-there 3 198.51.100.16/28"});
     EXPECT_EQ(card.findings(" ctx 4"), words{});
     EXPECT_EQ(card.findings(" age 0ms"), words{}) << "too long ago";
+    card.play("nat add 198.51.100.16 count 16 if 5 ixp 7 ctx 3\n");
+    EXPECT_EQ(card.findings(), words{}) << "it is there now";
 }
 
 TEST(routectl_doctor, a_history_that_keeps_no_errors_is_named)

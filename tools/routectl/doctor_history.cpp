@@ -101,7 +101,7 @@ bool is_same_call(const history_entry &before, const history_entry &entry)
 }
 
 // Removals that found nothing, but for the roll-back of an addition that was refused.
-void judge_nat_absent(const std::vector<history_entry> &errors, doctor_findings &findings)
+void judge_nat_absent(const std::vector<history_entry> &errors, const doctor_look &look, doctor_findings &findings)
 {
     const history_entry *roll_back = nullptr; // the last line of one
     for (const history_entry &entry : errors) {
@@ -113,8 +113,8 @@ void judge_nat_absent(const std::vector<history_entry> &errors, doctor_findings 
             continue;
         }
         roll_back = nullptr;
-        if (!read_not_there(entry, line))
-            continue;
+        if (!read_not_there(entry, line) || is_listed(look, entry.context, line))
+            continue; // what was added since is nothing to ask about
         const std::string name = routectl_prefix(line.prefix, line.length);
         add(findings, "nat-not-there", doctor_level::note, entry.context, name,
             "the removal of a NAT pool answered 0 and " + name + " was not there",
@@ -169,7 +169,7 @@ void doctor_judge_history(const routectl_call &call, const doctor_look &look, st
     }
     const std::vector<history_entry> errors = errors_since(view, since_ns, findings);
     judge_nat_twins(errors, look, findings);
-    judge_nat_absent(errors, findings);
+    judge_nat_absent(errors, look, findings);
     judge_refused_installs(errors, findings);
     if (look.is_served)
         judge_kept(call, findings);
