@@ -34,7 +34,7 @@ put 0x100404 0x304400              # block 0
 put 0x102400 0x92000000            # valid, one entry
 put 0x102404 $((6 << 18 | 0x5678)) # interface 6
 
-expect 0 'interface 5 encap 4660, interface 6 encap 22136' "$ixp" lookup 10.1.2.3
+expect 0 'interface 5 encap 0x1234, interface 6 encap 0x5678' "$ixp" lookup 10.1.2.3
 expect 1 'miss' "$ixp" lookup 11.1.2.3
 expect 1 'miss' "$ixp" -t 7 lookup 10.1.2.3
 expect 0 '"interface":6' "$ixp" --json lookup 10.1.2.3

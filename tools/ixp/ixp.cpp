@@ -70,10 +70,11 @@ ixp_body ixp_chosen_body(const ixp_options &options)
 
 int main(int argc, char **argv)
 {
+    const CLI::Range SECONDS(0.001, 1e6);
     ixp_options options;
     mode chosen = nullptr;
-    CLI::App app{"An emulated network processor: looks destinations up in a card's route-table memory."};
-    app.require_subcommand(1);
+    CLI::App app{"An emulated network processor: looks destinations up in a card's route-table memory.", "ixp"};
+    app.require_subcommand(0, 1);
     app.fallthrough();
     shared_options(app, options);
     CLI::App *lookup = app.add_subcommand("lookup", "look addresses up once; status 1 when one is a miss");
@@ -81,17 +82,20 @@ int main(int argc, char **argv)
     lookup->callback([&] { chosen = ixp_mode_lookup; });
     CLI::App *follow = app.add_subcommand("follow", "print the answers of addresses as they change");
     follow->add_option("address", options.addresses, "IPv4 addresses")->required();
-    follow->add_option("--seconds", options.seconds, "stop after these")->check(CLI::PositiveNumber);
+    follow->add_option("--seconds", options.seconds, "stop after these")->check(SECONDS);
     follow->add_option("--every-ms", options.every_ms, "pause between passes")->capture_default_str();
     follow->callback([&] { chosen = ixp_mode_follow; });
     CLI::App *run_mode = app.add_subcommand("run", "look up without pause and say how fast");
     run_mode->add_option("--addresses", options.source, "random, zipf or a file")->capture_default_str();
-    run_mode->add_option("--seconds", options.seconds, "how long (5)")->check(CLI::PositiveNumber);
+    run_mode->add_option("--seconds", options.seconds, "how long (5)")->check(SECONDS);
     run_mode->add_option("--seed", options.seed, "of random and zipf")->capture_default_str();
     run_mode->callback([&] { chosen = ixp_mode_run; });
     try {
         app.parse(argc, argv);
-        return run(options, chosen);
+        if (chosen != nullptr)
+            return run(options, chosen);
+        std::fprintf(stderr, "ixp: one of lookup, follow and run is wanted; ixp --help explains them\n");
+        return 2;
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : 2;
     } catch (const std::exception &error) {

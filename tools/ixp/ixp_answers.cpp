@@ -72,7 +72,7 @@ std::string ixp_answer_text(const ixp_answer &answer)
     std::string line = text;
     for (unsigned path = 0; path < answer.paths; ++path) {
         const ixp_hop hop = ixp_hop_of(answer.words[path], path);
-        std::snprintf(text, sizeof text, "%s interface %u encap %u", path == 0 ? "" : ",", hop.ifid, hop.encap);
+        std::snprintf(text, sizeof text, "%s interface %u encap 0x%04x", path == 0 ? "" : ",", hop.ifid, hop.encap);
         line += text;
     }
     return line;

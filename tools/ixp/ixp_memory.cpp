@@ -19,7 +19,7 @@ ixp_memory::ixp_memory(const std::string &path, std::uint32_t base)
     struct stat found {
     };
     if (fd < 0 || ::fstat(fd, &found) != 0) {
-        error = path + ": " + std::strerror(errno);
+        error = path + ": " + std::strerror(errno) + (errno == ENOENT ? " (no route manager has run there)" : "");
     } else if (found.st_size < static_cast<off_t>(HW_TABLE_BYTES)) {
         error = path + ": too short for a route table";
     } else if (void *at = ::mmap(nullptr, HW_TABLE_BYTES, PROT_READ, MAP_SHARED, fd, 0); at == MAP_FAILED) {
