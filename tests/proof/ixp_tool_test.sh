@@ -55,5 +55,5 @@ read -r line <&"$answers"
 [[ $line =~ 0x40051234 ]] || fail "follow: $line"
 put 0x100400 0x00070001
 read -r line <&"$answers"
-[[ $line =~ 0x00070001\ interface\ 7\ encap\ 1$ ]] || fail "follow: $line"
+[[ $line =~ 0x00070001\ interface\ 7\ encap\ 0x0001$ ]] || fail "follow: $line"
 kill "$follower"
