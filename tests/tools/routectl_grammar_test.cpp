@@ -8,6 +8,7 @@
 #include "grammar.h"
 #include "options.h"
 #include "routectl_samples.h"
+#include "shown_text.h"
 
 namespace
 {
@@ -186,6 +187,25 @@ TEST(routectl_prefix, numbers_are_decimal_or_hexadecimal_and_bounded)
     EXPECT_EQ(number_parse("4294967295", 0xFFFFFFFF), 0xFFFFFFFFu);
     for (const char *text : {"", "-1", "+1", " 1", "1 ", "256", "0x", "0x100", "1e1", "4294967296"})
         EXPECT_EQ(number_parse(text, 255), std::nullopt) << "\"" << text << "\"";
+}
+
+TEST(routectl_grammar, an_interface_address_has_its_mask)
+{
+    EXPECT_NE(grammar_parse(std::vector<std::string>{"if", "create", "5", "10.1.1.1"}).error.find("10.1.1.1/24"),
+              std::string::npos);
+    EXPECT_EQ(grammar_parse(std::vector<std::string>{"if", "create", "5", "10.1.1.1/32"}).error, "");
+    EXPECT_EQ(grammar_parse(std::vector<std::string>{"if", "address", "5", "10.1.1.1", "255.255.255.0"}).error, "");
+}
+
+TEST(shown_text, a_message_stays_readable_whatever_word_it_names)
+{
+    EXPECT_EQ(shown_text("10.1.0.0/16"), "10.1.0.0/16");
+    EXPECT_EQ(shown_text("\x1b[31mred\x7f\n"), "\\x1b[31mred\\x7f\\x0a") << "nothing that a terminal obeys";
+    EXPECT_EQ(shown_text(std::string(64, 'a')), std::string(64, 'a'));
+    EXPECT_EQ(shown_text(std::string(100000, 'a')), std::string(64, 'a') + "...");
+    EXPECT_EQ(shown_text(std::string(63, 'a') + "\xc3\xa9" + "b"), std::string(63, 'a') + "\xc3\xa9...")
+        << "not cut in two";
+    EXPECT_LT(shown_text(std::string(100000, '\x80')).size(), 200u);
 }
 
 TEST(routectl_manual, every_command_has_its_place_in_it)

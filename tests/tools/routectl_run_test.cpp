@@ -187,7 +187,9 @@ TEST(routectl_run, a_card_directory_that_is_missing_is_said_and_not_made)
     const std::string missing = card.at("nowhere");
     const tool_result result = routectl_run(card, "-c " + missing + " route show");
     EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.err, "routectl: " + missing + ": there is no card directory\n");
+    EXPECT_EQ(result.err,
+              "routectl: " + missing +
+                  ": there is no card directory (-c or CARD_DIR names another; the route manager makes it)\n");
     EXPECT_FALSE(path_exists(missing));
 }
 
@@ -223,6 +225,15 @@ TEST(routectl_run, a_batch_stops_at_the_line_that_fails_and_names_it)
     EXPECT_EQ(all.at("answers")[0].at("command"), "memory");
 }
 
+TEST(routectl_run, a_batch_has_no_command_without_an_end)
+{
+    const live_card card;
+    const json ended = document_of(card.run("-jf -b -", "history follow\nhistory last 1\n"), "batch");
+    EXPECT_EQ(ended.at("status"), 2);
+    EXPECT_EQ(ended.at("errors")[0].at("line"), 1);
+    EXPECT_EQ(ended.at("answers")[0].at("command"), "history");
+}
+
 TEST(routectl_run, a_batch_of_many_lines_is_carried_out_in_order)
 {
     const live_card card;
@@ -244,6 +255,7 @@ TEST(routectl_run, a_batch_that_cannot_be_read_is_a_usage_error)
 {
     const card_dir card;
     EXPECT_EQ(routectl_run(card, "-b " + card.at("missing")).status, 2);
+    EXPECT_EQ(routectl_run(card, "-b " + card.path).status, 2) << "a folder";
 }
 
 TEST(routectl_run, debug_output_of_a_context_is_switched)

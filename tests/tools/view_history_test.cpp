@@ -175,7 +175,7 @@ TEST(view_history, a_file_that_is_no_history_is_refused_by_name)
 {
     const card_dir card;
     const std::string path = card.at("history/115");
-    EXPECT_EQ(refusal(card), path + ": No such file or directory");
+    EXPECT_EQ(refusal(card), path + ": not there: no route manager has run on this card");
     history_image image(1024);
     image.write(card);
     std::string bytes = image.bytes();

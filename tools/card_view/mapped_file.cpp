@@ -37,7 +37,8 @@ mapped_file mapped_file_open(const std::string &path, std::size_t least, std::st
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat found = {};
     if (fd < 0 || fstat(fd, &found) != 0) {
-        *why = path + ": " + std::strerror(errno);
+        *why = path + (errno == ENOENT ? ": not there: no route manager has run on this card" : ": ") +
+               (errno == ENOENT ? "" : std::strerror(errno));
     } else if (!S_ISREG(found.st_mode) || static_cast<std::size_t>(found.st_size) < least) {
         *why = path + ": no regular file of at least " + std::to_string(least) + " bytes";
     } else {

@@ -10,10 +10,13 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <sstream>
+
+#include "shown_text.h"
 
 namespace
 {
@@ -29,7 +32,7 @@ struct reader {
 bool refuse(reader &r, const std::string &word, const std::string &fits)
 {
     if (r.error.empty())
-        r.error = (word.empty() ? "the line ends" : word) + ": " + fits;
+        r.error = (word.empty() ? "the line ends" : shown_text(word)) + ": " + fits;
     return false;
 }
 // The word that stands next; empty at the end of the line.
@@ -478,8 +481,9 @@ int scenario_read(const std::string &path, scenario *out, std::string *error)
         text << std::cin.rdbuf();
     } else {
         std::ifstream file(path);
-        if (!file) {
-            *error = path + ": " + std::strerror(errno);
+        std::error_code none;
+        if (!file || std::filesystem::is_directory(path, none)) {
+            *error = path + ": " + std::strerror(file ? EISDIR : errno);
             return 1;
         }
         text << file.rdbuf();

@@ -7,6 +7,7 @@
 #include <charconv>
 
 #include "routectl_commands.h"
+#include "shown_text.h"
 
 namespace
 {
@@ -42,9 +43,10 @@ std::string mask_parse(const std::string &text, std::uint32_t &mask)
     }
     const auto dotted = address_parse(text);
     if (!dotted)
-        return "has no mask: \"" + text + "\" is neither a length from 0 to 32 nor a mask such as 255.255.0.0";
+        return "has no mask: \"" + shown_text(text) +
+               "\" is neither a length from 0 to 32 nor a mask such as 255.255.0.0";
     mask = *dotted;
-    return address_is_mask(mask) ? "" : "has a mask with holes: " + text;
+    return address_is_mask(mask) ? "" : "has a mask with holes: " + shown_text(text);
 }
 } // namespace
 
@@ -84,6 +86,14 @@ address_prefix address_and_mask_parse(const std::string &text, const std::string
         prefix.error = mask_parse(next, prefix.mask);
     }
     return prefix;
+}
+
+address_prefix interface_address_parse(const std::string &text, const std::string &next)
+{
+    address_prefix address = address_and_mask_parse(text, next);
+    if (address.error.empty() && !address.took_next && text.find('/') == std::string::npos)
+        address.error = "has no mask (" + text + "/24 and " + text + " 255.255.255.0 would have one)";
+    return address;
 }
 
 address_prefix prefix_parse(const std::string &text, const std::string &next)

@@ -36,3 +36,5 @@ address_prefix prefix_parse(const std::string &text, const std::string &next);
 
 // The same forms for an address with its mask, such as 10.1.1.1/24: bits behind the mask are its point.
 address_prefix address_and_mask_parse(const std::string &text, const std::string &next);
+// As before, for an interface: its subnet is not guessed, so the mask has to be there.
+address_prefix interface_address_parse(const std::string &text, const std::string &next);

@@ -7,8 +7,11 @@
 #include "batch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -18,6 +21,7 @@
 #include "grammar.h"
 #include "output.h"
 #include "refusal.h"
+#include "shown_text.h"
 
 namespace
 {
@@ -78,7 +82,7 @@ void line_ended(batch &b, std::size_t line, const std::string &text, const route
         return;
     }
     bar_clear(b);
-    std::fprintf(stderr, "routectl: line %zu: %s: %s\n", line, text.c_str(), answer.error.c_str());
+    std::fprintf(stderr, "routectl: line %zu: %s: %s\n", line, shown_text(text).c_str(), answer.error.c_str());
 }
 
 // Sends a change; its end is taken when the answer comes.
@@ -116,7 +120,11 @@ void command_run(batch &b, const routectl_call &call, const std::string &text)
         --b.lines;
         return;
     }
-    const routectl_answer answer = call.command.run(call);
+    // It would not end, and with -j there would be documents before the batch's own.
+    const bool is_endless = routectl_given(call, "follow") != nullptr;
+    const routectl_answer answer =
+        is_endless ? routectl_error(ROUTECTL_USAGE, "follow is not for a batch: it ends only when interrupted")
+                   : call.command.run(call);
     line_ended(b, b.line, text, answer);
     if (answer.status != ROUTECTL_DONE || answer.is_printed)
         return;
@@ -182,9 +190,12 @@ routectl_answer batch_run(const routectl_options &options, routectl_session &ses
     batch b{options, session, refusal_watch_start()};
     std::ifstream file;
     if (options.batch != "-") {
+        std::error_code none;
+        if (std::filesystem::is_directory(options.batch, none))
+            return routectl_error(ROUTECTL_USAGE, options.batch + ": a folder, not a file of commands");
         file.open(options.batch, std::ios::binary | std::ios::ate);
         if (!file || file.tellg() < 0)
-            return routectl_error(ROUTECTL_USAGE, options.batch + ": cannot be read");
+            return routectl_error(ROUTECTL_USAGE, options.batch + ": cannot be read: " + std::strerror(errno));
         b.bytes = static_cast<std::uint64_t>(file.tellg());
         file.seekg(0);
     }

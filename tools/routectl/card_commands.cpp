@@ -39,7 +39,9 @@ routectl_answer if_show(const routectl_call &call)
 {
     const std::string database = card_dir_path() + "/interfaces";
     if (access(database.c_str(), R_OK) != 0)
-        return routectl_error(ROUTECTL_UNREACHABLE, database + ": there is no interface database");
+        return routectl_error(ROUTECTL_UNREACHABLE,
+                              database +
+                                  ": there is no interface database; the card's other processes (cardsim) write it");
     routectl_answer answer;
     answer.records_key = "interfaces";
     answer.columns = {{"ifid", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
@@ -54,12 +56,18 @@ routectl_answer if_show(const routectl_call &call)
     return answer;
 }
 
+// What the error numbers of the card's other processes mean for a command. The numbers' first argument is the
+// interface.
+struct card_reasons {
+    std::string exists, impossible, not_there;
+};
+
 // Calls a procedure of the card's other processes that answers with an error number.
 routectl_answer card_change(const routectl_call &call, const std::string &procedure,
-                            const std::vector<std::uint32_t> &numbers)
+                            const std::vector<std::uint32_t> &numbers, const card_reasons &reasons = {})
 {
-    constexpr const char *ERRORS[] = {"", "there is no such interface", "it exists already",
-                                      "that is not possible for it", "it is not there"};
+    const std::string no_interface = "there is no interface " + std::to_string(numbers[0]) + " (if show lists them)";
+    const std::string errors[] = {"", no_interface, reasons.exists, reasons.impossible, reasons.not_there};
     std::vector<card_rpc_arg> args;
     for (const std::uint32_t number : numbers)
         args.push_back(rpc_u32(number));
@@ -69,7 +77,7 @@ routectl_answer card_change(const routectl_call &call, const std::string &proced
     if (reply.result == 0)
         return {};
     return routectl_error(ROUTECTL_REFUSED,
-                          "refused: " + (reply.result < std::size(ERRORS) ? std::string(ERRORS[reply.result])
+                          "refused: " + (reply.result < std::size(errors) ? errors[reply.result]
                                                                           : "error " + std::to_string(reply.result)));
 }
 
@@ -80,7 +88,9 @@ routectl_answer if_create(const routectl_call &call)
     const routectl_value &address = *routectl_given(call, "address");
     return card_change(call, "cardsim_if_create",
                        {interface_of(call), routectl_number(call, "ctx", 0), address.number, address.mask,
-                        routectl_number(call, "mode", IF_RMODE_ROUTED)});
+                        routectl_number(call, "mode", IF_RMODE_ROUTED)},
+                       {"interface " + std::to_string(interface_of(call)) + " exists already (if address changes it)",
+                        "interfaces are 1 to 8191, with an address inside a subnet", ""});
 }
 
 routectl_answer if_up(const routectl_call &call)
@@ -99,19 +109,29 @@ routectl_answer if_delete(const routectl_call &call)
 routectl_answer if_address(const routectl_call &call)
 {
     const routectl_value &address = *routectl_given(call, "address");
-    return card_change(call, "cardsim_if_address", {interface_of(call), address.number, address.mask});
+    return card_change(call, "cardsim_if_address", {interface_of(call), address.number, address.mask},
+                       {"", "the address is none inside a subnet", ""});
 }
+
+std::string host_of(const routectl_call &call) { return routectl_dotted(routectl_number(call, "addr", 0)); }
 
 routectl_answer host_add(const routectl_call &call)
 {
+    const std::string host = host_of(call), interface = std::to_string(routectl_number(call, "if", 0));
     return card_change(
         call, "cardsim_host_add",
-        {routectl_number(call, "if", 0), routectl_number(call, "addr", 0), routectl_number(call, "encap", 0)});
+        {routectl_number(call, "if", 0), routectl_number(call, "addr", 0), routectl_number(call, "encap", 0)},
+        {host + " is there already, with that encapsulation",
+         host + " is not in the subnet of interface " + interface +
+             ", or the encapsulation is another host's or over 0x7fff",
+         ""});
 }
 
 routectl_answer host_del(const routectl_call &call)
 {
-    return card_change(call, "cardsim_host_del", {routectl_number(call, "if", 0), routectl_number(call, "addr", 0)});
+    return card_change(
+        call, "cardsim_host_del", {routectl_number(call, "if", 0), routectl_number(call, "addr", 0)},
+        {"", "", "interface " + std::to_string(routectl_number(call, "if", 0)) + " has no host " + host_of(call)});
 }
 
 json number_or_text(const std::string &word)

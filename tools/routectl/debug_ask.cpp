@@ -49,7 +49,7 @@ std::optional<debug_answer> debug_ask(const routectl_call &call, std::uint32_t v
     while (debug_view_take(call.session.queue))
         ; // answers to questions that were given up
     if (!debug_view_ask(call.session.queue, verb)) {
-        error = debug_silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+        error = debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
         return std::nullopt;
     }
     std::optional<debug_answer> answer = answer_wait(call, verb);

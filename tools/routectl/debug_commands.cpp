@@ -32,7 +32,7 @@ routectl_answer throw_switch(const routectl_call &call, const debug_request &req
     put_be32(payload + 12, request.value);
     if (!debug_queue_open(call) ||
         mts_send(call.session.queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, payload, sizeof payload) != 0)
-        return debug_silent("cannot be reached: its message queue is full, or nobody reads it, in " + card_dir_path());
+        return debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
     (void)debug_ask(call, DEBUG_VERB_COUNTERS, answer);
     return answer;
 }
@@ -140,7 +140,9 @@ routectl_answer pools_show(const routectl_call &call)
     if (summary->end != CARD_RPC_RAN) {
         card_rpc_reply failed;
         failed.end = summary->end;
-        return routectl_not_run(failed, "show_fib_summary");
+        routectl_answer answer = routectl_not_run(failed, "show_fib_summary");
+        answer.error += ROUTECTL_TRY_DIRECT;
+        return answer;
     }
     if (summary->is_refused)
         return routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the summary");

@@ -13,6 +13,7 @@
 #include "address_text.h"
 #include "card_view/history_view.h"
 #include "card_view/table_view.h"
+#include "shown_text.h"
 
 namespace
 {
@@ -65,7 +66,7 @@ std::string joined(const std::vector<std::string> &words, const char *between)
     return text;
 }
 
-std::string quoted(const std::string &word) { return "\"" + word + "\""; }
+std::string quoted(const std::string &word) { return "\"" + shown_text(word) + "\""; }
 
 bool is_help(const std::string &word)
 {
@@ -190,7 +191,7 @@ bool value_read(const std::string &name, word_span words, std::size_t &at, route
     case value_form::prefix:
         return prefix_read(prefix_parse, words, at, value, error);
     case value_form::address_and_mask:
-        return prefix_read(address_and_mask_parse, words, at, value, error);
+        return prefix_read(interface_address_parse, words, at, value, error);
     case value_form::category:
         is_good = category_read(word, value);
         break;

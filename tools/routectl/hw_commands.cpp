@@ -49,7 +49,7 @@ routectl_answer walk_asked(const routectl_call &call, std::uint32_t ctx, std::ui
         routectl_ask(call, DUMP, {rpc_u16(copy_of(call)), rpc_u32(ctx), rpc_u32(address), rpc_block()});
     if (!reply.ran()) {
         routectl_answer answer = routectl_not_run(reply, DUMP);
-        answer.error += "; --direct reads the tables that are left";
+        answer.error += ROUTECTL_TRY_DIRECT;
         return answer;
     }
     const std::string text = reply.blocks.empty() ? "" : std::string(reply.blocks[0].begin(), reply.blocks[0].end());

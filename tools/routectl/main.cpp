@@ -39,7 +39,7 @@ std::string card_missing(const routectl_options &options)
     const std::string path = given != nullptr && *given != 0 ? given : "/run/card";
     struct stat st = {};
     if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return path + ": there is no card directory";
+        return path + ": there is no card directory (-c or CARD_DIR names another; the route manager makes it)";
     return card_dir_path().empty() ? path + ": the card directory is refused" : "";
 }
 

@@ -2,6 +2,7 @@
 #include "options.h"
 
 #include "address_text.h"
+#include "shown_text.h"
 
 namespace
 {
@@ -17,7 +18,7 @@ std::string value_set(char letter, const std::string &value, routectl_options &o
     } else {
         const auto ms = number_parse(value, 3'600'000);
         if (!ms || *ms == 0)
-            return "-t: \"" + value + "\" is no time in milliseconds, 1 to 3600000";
+            return "-t: \"" + shown_text(value) + "\" is no time in milliseconds, 1 to 3600000";
         options.timeout_ms = *ms;
     }
     return value.empty() ? std::string("-") + letter + ": its value is empty" : "";
@@ -54,7 +55,7 @@ std::string letters_take(const std::vector<std::string> &words, std::size_t &at,
             return value_set(letter, words[++at], options);
         }
         if (!flag_set(letter, options, is_help))
-            return std::string("-") + letter + " is no option; there are -j -o -f -h, -b FILE, -c DIR and -t MS";
+            return "-" + shown_text({letter}) + " is no option; there are -j -o -f -h, -b FILE, -c DIR and -t MS";
     }
     return "";
 }

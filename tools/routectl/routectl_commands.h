@@ -123,6 +123,10 @@ card_rpc_reply routectl_ask(const routectl_call &call, const std::string &proced
 // What a call that did not run means for the user: status 3 (or 2 for what the server does not accept) and a sentence.
 routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure);
 
+// How to be understood next time: ends the message about a route manager, or a card, that cannot be reached.
+std::string routectl_where();
+constexpr const char *ROUTECTL_TRY_DIRECT = "; --direct reads the tables that are left";
+
 // Text forms.
 std::string routectl_dotted(std::uint32_t address);
 std::string routectl_prefix(std::uint32_t address, std::uint32_t length);

@@ -22,6 +22,11 @@ card_rpc_reply routectl_ask(const routectl_call &call, const std::string &proced
     return card_rpc_call_wait(routectl_route_manager(call), procedure, args);
 }
 
+std::string routectl_where()
+{
+    return " in " + card_dir_path() + " (start it there, or name its card directory with -c or CARD_DIR)";
+}
+
 routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure)
 {
     const std::string reason = card_rpc_reason(reply, procedure);
@@ -31,7 +36,7 @@ routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string 
     case CARD_RPC_OUT_OF_RANGE:
         return routectl_error(ROUTECTL_USAGE, reason);
     case CARD_RPC_UNREACHABLE:
-        return routectl_error(ROUTECTL_UNREACHABLE, who + " cannot be reached: " + reason + " in " + card_dir_path());
+        return routectl_error(ROUTECTL_UNREACHABLE, who + " cannot be reached: " + reason + routectl_where());
     default:
         return routectl_error(ROUTECTL_UNREACHABLE, who + ": " + reason);
     }

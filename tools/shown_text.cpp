@@ -1,0 +1,26 @@
+// shown_text.cpp - a word of the user's, as a message quotes it.
+#include "shown_text.h"
+
+#include <cstdio>
+
+std::string shown_text(const std::string &word)
+{
+    constexpr std::size_t LONGEST = 64;
+    std::string shown;
+    for (const char c : word) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool is_begun = (byte & 0xC0) == 0x80; // a character of several bytes is not cut
+        if (shown.size() >= LONGEST && !is_begun)
+            return shown + "...";
+        if (shown.size() >= 2 * LONGEST)
+            break;
+        if (byte < 0x20 || byte == 0x7F) {
+            char text[8];
+            std::snprintf(text, sizeof text, "\\x%02x", byte);
+            shown += text;
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
