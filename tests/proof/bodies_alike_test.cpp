@@ -120,9 +120,9 @@ TEST_F(bodies, answer_alike_for_runs_of_every_length)
 {
     random_routes(40);
     const std::vector<std::uint32_t> all = boundaries();
-    for (std::size_t count = 1; count <= 40; ++count)
+    for (std::size_t count = 1; count <= 140; ++count) // a vector, a group of vectors, a block, with all remainders
         expect_alike(proof.copies[1], random_batch(random, all, count));
-    for (const std::size_t count : {0u, 63u, 64u, 65u, 255u, 256u, 257u, 519u}) {
+    for (const std::size_t count : {0u, 255u, 256u, 257u, 263u, 264u, 265u, 319u, 320u, 321u, 383u, 384u, 385u, 519u}) {
         batch_of batch = random_batch(random, all, count);
         batch.trees.push_back(4);
         expect_alike(proof.copies[2], batch);
@@ -171,6 +171,31 @@ TEST_F(bodies, answer_what_the_walk_taken_apart_answers)
             EXPECT_TRUE(walk_at_rest(copy, {batch.trees[i], batch.addresses[i]}).contains(walk_answer_of(end)))
                 << std::hex << batch.addresses[i];
         }
+    }
+}
+
+TEST_F(bodies, choose_paths_alike_where_every_leaf_is_a_set_or_missing)
+{
+    for (const std::uint32_t tree : TREES)
+        for (std::uint32_t path = 0; path < 8; ++path) {
+            const unsigned flags = path == 0 ? 0u : static_cast<unsigned>(RIB_F_ECMP);
+            ASSERT_EQ(proof_add(tree, IP(10, 0, 0, 0), 8, {1 + path, 1 + path}, flags), 1u);
+        }
+    proof.settle();
+    for (const std::size_t count : {7u, 8u, 63u, 64u, 65u, 127u, 128u, 129u, 255u, 256u, 257u, 700u}) {
+        batch_of batch = random_batch(random, {}, count);
+        for (std::uint32_t &address : batch.addresses)
+            address = IP(10, 0, 0, 0) | (address & 0xFFFFFF);
+        const answers_of answers = ask(proof.copies[1], IXP_SCALAR, batch, false);
+        EXPECT_GT(std::count_if(answers.paths.begin(), answers.paths.end() - 1, [](auto path) { return path != 0; }),
+                  static_cast<std::ptrdiff_t>(count / 2));
+        expect_alike(proof.copies[1], batch); // lists of paths that are full to the last place
+        table_copy damaged = proof.copies[1];
+        for (std::uint32_t slot = 0; slot < 256; slot += 3)
+            damaged.words[HW_NODES / 4 + slot] = 0; // of node 0, a root
+        for (std::size_t i = 0; i < count; i += 2)
+            batch.addresses[i] = static_cast<std::uint32_t>(random()); // some without a leaf between those with sets
+        expect_alike(damaged, batch);
     }
 }
 

@@ -1,88 +1,152 @@
 // ixp_lookup.cpp - the scalar and the batch body, and the choice among the three.
 //
-// The batch takes a block of addresses level by level. The loads of one level do not depend on each other, so a
-// processor has as many of them in flight as it can; addresses that have reached their leaf leave the list, which is
-// kept without branches.
+// The batch takes a block of addresses level by level, without a branch that an address decides: nothing is guessed
+// wrong, and a processor has as many loads in flight as its window holds. Each address has a cell with its last word.
+// At each level the place to read is chosen, not whether to read: the slot where the word names a node, otherwise the
+// cell itself. Leaves whose word has the ECMP flag are listed, without a branch too, and choose their paths once the
+// block is through.
 // Elsewhere: the walk of one address (ixp_walk.h), the gathers (ixp_avx2.cpp).
 #include "ixp_lookup.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "ixp_walk.h"
 
 namespace
 {
-constexpr std::size_t BLOCK = 64; // addresses in flight
+constexpr std::size_t BLOCK = 128;                                // addresses in flight
+constexpr std::uint32_t NODE_END = IXP_LAST_WORD - IXP_SLOT_MASK; // a node that begins below it lies in the table whole
 
-// The slot words of a block, and which of its addresses are still on their way.
-struct batch {
-    std::uint32_t slot[BLOCK];
-    std::uint32_t open[BLOCK];
-    std::size_t open_count;
+// Hides from the compiler how a number came about, so that it can not make a branch of the choice.
+template <class Number> inline Number unknown(Number number)
+{
+    asm("" : "+r"(number));
+    return number;
+}
+
+// What a block is read from, and how much. Taken by value, since nothing that lies in memory stays in a register beyond
+// a load with acquire order.
+struct batch_source {
+    const std::uint32_t *words;
+    std::uint32_t to_node, to_leaf; // added to a word, they leave its index times four
+    const std::uint8_t *addresses;  // byte by byte
+    std::size_t count;
 };
-
-// Reads the root's slots; the first level has no list to keep.
-void batch_enter(const ixp_table &table, const ixp_trees &trees, const std::uint32_t *addresses, std::size_t count,
-                 batch &b)
+batch_source source_of(const ixp_table &table, const std::uint32_t *addresses, std::size_t count)
 {
-    const std::uint32_t one = ixp_load(table, trees.one & IXP_TREE_MASK);
-    std::size_t open = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        std::uint32_t word = trees.each == nullptr ? one : ixp_load(table, trees.each[i] & IXP_TREE_MASK);
-        if (ixp_is_node(word))
-            word = ixp_load(table, ixp_index(table, word) + (addresses[i] >> IXP_TOP_SHIFT));
-        b.slot[i] = word;
-        b.open[open] = static_cast<std::uint32_t>(i);
-        open += word & HW_NODE_TAG;
-    }
-    b.open_count = open;
+    return {table.words, 0 - table.base - HW_NODE_TAG, 0 - table.base,
+            reinterpret_cast<const std::uint8_t *>(addresses), count};
 }
 
-void batch_descend(const ixp_table &table, const std::uint32_t *addresses, unsigned shift, batch &b)
+// Index of the node or leaf that a word names. What names none, or one at no word's place, gets an index far behind the
+// table, since the rotation brings the lower bits to the top: one comparison tells.
+inline std::uint32_t batch_index(std::uint32_t word, std::uint32_t to) { return std::rotr(word + to, 2); }
+
+// An address's byte for a level, the upper one first.
+template <unsigned LEVEL> inline std::uint32_t batch_slot(const std::uint8_t *addresses, std::size_t i)
 {
-    std::size_t open = 0;
-    for (std::size_t k = 0; k < b.open_count; ++k) {
-        const std::uint32_t i = b.open[k];
-        const std::uint32_t word =
-            ixp_load(table, ixp_index(table, b.slot[i]) + (addresses[i] >> shift & IXP_SLOT_MASK));
-        b.slot[i] = word;
-        b.open[open] = i;
-        open += word & HW_NODE_TAG;
-    }
-    b.open_count = open;
+    return addresses[4 * i + (std::endian::native == std::endian::little ? IXP_LEVELS - 1 - LEVEL : LEVEL)];
 }
 
-void batch_walk(const ixp_table &table, const ixp_trees &trees, const std::uint32_t *addresses, std::size_t count,
-                batch &b)
+template <unsigned LEVEL> void batch_descend(const batch_source s, std::uint32_t *cells)
 {
-    batch_enter(table, trees, addresses, count, b);
-    for (unsigned shift = IXP_TOP_SHIFT - IXP_STRIDE; b.open_count > 0; shift -= IXP_STRIDE) {
-        batch_descend(table, addresses, shift, b);
-        if (shift == 0)
-            break;
+    const std::uint32_t to_node = unknown(s.to_node);
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < s.count; ++i) {
+        const std::uint32_t node = batch_index(cells[i], to_node);
+        const std::uintptr_t index = std::uintptr_t{node} + batch_slot<LEVEL>(s.addresses, i);
+        const std::uintptr_t slot = unknown(reinterpret_cast<std::uintptr_t>(s.words) + 4 * index);
+        const std::uintptr_t cell = reinterpret_cast<std::uintptr_t>(cells + i);
+        const std::uintptr_t from = unknown(node < NODE_END ? slot : cell);
+        cells[i] = ixp_load_word(reinterpret_cast<const std::uint32_t *>(from));
     }
+}
+
+// Reads the first slots. The root of the one tree is loaded once; one that is no node is left to the levels.
+void batch_enter(const ixp_table &table, const ixp_trees &trees, const batch_source s, std::uint32_t *cells)
+{
+    const std::uint32_t one = ixp_load(table, trees.one & IXP_TREE_MASK), root = batch_index(one, s.to_node);
+    if (trees.each == nullptr && root < NODE_END) {
+        const std::uint32_t *const slots = s.words + root;
+#pragma GCC unroll 4
+        for (std::size_t i = 0; i < s.count; ++i)
+            cells[i] = ixp_load_word(slots + batch_slot<0>(s.addresses, i));
+        return;
+    }
+    for (std::size_t i = 0; i < s.count; ++i)
+        cells[i] = trees.each == nullptr ? one : ixp_load(table, trees.each[i] & IXP_TREE_MASK);
+    batch_descend<0>(s, cells);
+}
+
+// Walks once: afterwards the cells hold the last slot words.
+void batch_walk(const ixp_table &table, const ixp_trees &trees, const batch_source &s, std::uint32_t *cells)
+{
+    batch_enter(table, trees, s, cells);
+    batch_descend<1>(s, cells);
+    batch_descend<2>(s, cells);
+    batch_descend<3>(s, cells);
+}
+
+// What has no leaf, or one that is not in the table, goes by itself.
+[[gnu::noinline, gnu::cold]] void lookup_again(const ixp_table &table, const ixp_trees &trees,
+                                               const std::uint32_t *addresses, std::uint32_t *words, std::size_t i)
+{
+    words[i] = ixp_adjacency(table, ixp_tree_of(trees, i), addresses[i], IXP_WALKS - 1);
+}
+[[gnu::noinline, gnu::cold]] void forward_again(const ixp_table &table, const ixp_trees &trees, const ixp_packets &p,
+                                                std::size_t i)
+{
+    const ixp_choice choice = ixp_path(table, ixp_tree_of(trees, i), p.addresses[i], p.hashes[i], IXP_WALKS - 1);
+    p.words[i] = choice.word;
+    p.paths[i] = choice.path;
 }
 
 void batch_lookup(const ixp_table &table, const ixp_trees &trees, const std::uint32_t *addresses, std::uint32_t *words,
                   std::size_t count)
 {
-    batch b;
-    batch_walk(table, trees, addresses, count, b);
-    for (std::size_t i = 0; i < count; ++i)
-        words[i] = ixp_is_leaf(b.slot[i]) ? ixp_load(table, ixp_index(table, b.slot[i]))
-                                          : ixp_adjacency(table, ixp_tree_of(trees, i), addresses[i], IXP_WALKS - 1);
+    const batch_source s = source_of(table, addresses, count);
+    std::uint32_t cells[BLOCK];
+    batch_walk(table, trees, s, cells);
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint32_t leaf = batch_index(cells[i], s.to_leaf);
+        if (leaf <= IXP_LAST_WORD) [[likely]]
+            words[i] = ixp_load_word(s.words + leaf);
+        else
+            lookup_again(table, trees, addresses, words, i);
+    }
+}
+
+// Reads the leaves' words; answers the number of sets, whose places are left in `sets`.
+std::size_t batch_leaves(const ixp_table &table, const ixp_trees &trees, const ixp_packets p, const batch_source s,
+                         const std::uint32_t *cells, std::uint32_t *sets)
+{
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < s.count; ++i) {
+        const std::uint32_t leaf = batch_index(cells[i], s.to_leaf);
+        if (leaf > IXP_LAST_WORD) [[unlikely]] {
+            forward_again(table, trees, p, i);
+            continue;
+        }
+        const std::uint32_t own = ixp_load_word(s.words + leaf);
+        p.words[i] = own;
+        p.paths[i] = 0;
+        sets[found] = static_cast<std::uint32_t>(i);
+        found += (own & ADJ_ECMP) / ADJ_ECMP;
+    }
+    return found;
 }
 
 void batch_forward(const ixp_table &table, const ixp_trees &trees, const ixp_packets &p)
 {
-    batch b;
-    batch_walk(table, trees, p.addresses, p.count, b);
-    for (std::size_t i = 0; i < p.count; ++i)
-        p.words[i] = ixp_is_leaf(b.slot[i]) ? ixp_load(table, ixp_index(table, b.slot[i])) : 0;
-    for (std::size_t i = 0; i < p.count; ++i) {
-        const ixp_choice choice =
-            ixp_is_leaf(b.slot[i]) ? ixp_choose(table, b.slot[i], p.words[i], p.hashes[i])
-                                   : ixp_path(table, ixp_tree_of(trees, i), p.addresses[i], p.hashes[i], IXP_WALKS - 1);
+    const batch_source s = source_of(table, p.addresses, p.count);
+    std::uint32_t cells[BLOCK], sets[BLOCK];
+    batch_walk(table, trees, s, cells);
+    const std::size_t count = batch_leaves(table, trees, p, s, cells, sets);
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::uint32_t i = sets[k];
+        const ixp_choice choice = ixp_choose(table, cells[i], p.words[i], p.hashes[i]);
         p.words[i] = choice.word;
         p.paths[i] = choice.path;
     }

@@ -15,10 +15,13 @@ constexpr std::uint32_t IXP_LAST_WORD = HW_TABLE_BYTES / 4 - 1;
 constexpr std::uint32_t IXP_SLOT_MASK = 0xFF, IXP_TREE_MASK = 0xFF;
 constexpr unsigned IXP_LEVELS = 4, IXP_WALKS = 4, IXP_TOP_SHIFT = 24, IXP_STRIDE = 8;
 
+inline std::uint32_t ixp_load_word(const std::uint32_t *word)
+{
+    return std::atomic_ref<std::uint32_t>(*const_cast<std::uint32_t *>(word)).load(std::memory_order_acquire);
+}
 inline std::uint32_t ixp_load(const ixp_table &table, std::uint32_t index)
 {
-    auto *word = const_cast<std::uint32_t *>(table.words + (index < IXP_LAST_WORD ? index : IXP_LAST_WORD));
-    return std::atomic_ref<std::uint32_t>(*word).load(std::memory_order_acquire);
+    return ixp_load_word(table.words + (index < IXP_LAST_WORD ? index : IXP_LAST_WORD));
 }
 
 // Index of the word that an address of this copy names, tagged or not.
