@@ -4,8 +4,8 @@
 // what a card has: /8, /16, /24, /32 hosts, one route in sixteen with eight paths, and the multicast drop. Each prefix
 // has a value of its own, so one answer tells which prefix was found. Addresses: one of a prefix drawn evenly, one of a
 // prefix drawn by Zipf's law, or any of the whole space. The peers answer a value of 24 or 32 bits, which is taken for
-// the forwarding word; what else they would need is not counted against them, but for path choice, where they pick from
-// an array of eight words a set.
+// the forwarding word; what else they would need is not counted against them, but for path choice, where the value
+// leads to a group of next hops, the flow's hash picks one of them, and its word and number are stored, as here.
 #include <algorithm>
 #include <cmath>
 #include <random>
@@ -25,7 +25,8 @@ namespace
 {
 constexpr std::uint16_t TREE = 1;
 constexpr std::uint32_t DROP = 0x8001, SETS = 16, PATHS = 8, MISSING = 0;
-constexpr std::size_t ADDRESSES = 1 << 18; // so many that the peers' tables are not all in a cache, as with traffic
+constexpr std::size_t ADDRESSES = 1 << 18;     // so many that the peers' tables are not all in a cache, as with traffic
+constexpr std::size_t FEW_ADDRESSES = 1 << 14; // so few that the entries for them are
 constexpr bench_clock CPU = bench_clock::cpu;
 
 bool has_paths(const peer_route &r) { return r.value % SETS == 0; }
@@ -150,36 +151,118 @@ void free_peers(const peers &p)
         peer_fib_delete_table(p.fib);
 }
 
-// Every body of ours and both peers answer alike, before any is timed.
-void check(const peers &p, const std::vector<std::uint32_t> &addresses)
+// The next hops of a peer's value. Their number is a power of two, so that no division is needed.
+struct hop_group {
+    std::uint32_t mask, words[PATHS];
+};
+
+std::vector<hop_group> groups_of(const std::vector<peer_route> &routes)
 {
-    std::vector<std::uint32_t> own(ADDRESSES), other(ADDRESSES);
-    std::vector<std::uint64_t> wide(ADDRESSES);
-    ixp_lookup(table_of_processor_1(), IXP_SCALAR, TREE, addresses.data(), own.data(), ADDRESSES);
+    std::vector<hop_group> groups(DROP + 1);
+    groups[DROP].words[0] = DROP;
+    for (const peer_route &r : routes) {
+        groups[r.value].mask = has_paths(r) ? PATHS - 1 : 0;
+        for (std::uint32_t path = 0; path < PATHS; ++path)
+            groups[r.value].words[path] = path_encap(r.value, path);
+    }
+    return groups;
+}
+
+// One set of lookups: what is asked, of whom, and room for the answers.
+struct trial {
+    const std::vector<std::uint32_t> &addresses;
+    const peers &p;
+    std::vector<hop_group> groups;
+    std::vector<std::uint32_t> hashes, words, paths;
+    std::vector<std::uint64_t> wide;
+
+    trial(const std::vector<peer_route> &routes, const std::vector<std::uint32_t> &asked, const peers &others)
+        : addresses(asked), p(others), groups(groups_of(routes)), hashes(asked.size()), words(asked.size()),
+          paths(asked.size()), wide(asked.size())
+    {
+        for (std::size_t i = 0; i < asked.size(); ++i)
+            hashes[i] = static_cast<std::uint32_t>(i * 2654435761u);
+    }
+};
+
+void own_words(trial &t, ixp_body body)
+{
+    ixp_lookup(table_of_processor_1(), body, TREE, t.addresses.data(), t.words.data(), t.words.size());
+}
+void own_paths(trial &t, ixp_body body)
+{
+    ixp_forward(table_of_processor_1(), body, TREE,
+                {t.addresses.data(), t.hashes.data(), t.words.data(), t.paths.data(), t.words.size()});
+}
+void lpm_words(trial &t) { peer_lpm_find(t.p.lpm, t.addresses.data(), t.words.data(), t.words.size(), MISSING); }
+void lpm_words_one_by_one(trial &t)
+{
+    peer_lpm_find_scalar(t.p.lpm, t.addresses.data(), t.words.data(), t.words.size(), MISSING);
+}
+void fib_words(trial &t) { peer_fib_find(t.p.fib, t.addresses.data(), t.wide.data(), t.wide.size()); }
+
+template <class Value> void choose_hops(trial &t, const std::vector<Value> &values)
+{
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const hop_group &group = t.groups[values[i]];
+        t.paths[i] = t.hashes[i] & group.mask;
+        t.words[i] = group.words[t.paths[i]];
+    }
+}
+void lpm_paths(trial &t)
+{
+    lpm_words(t);
+    choose_hops(t, t.words);
+}
+void lpm_paths_one_by_one(trial &t)
+{
+    lpm_words_one_by_one(t);
+    choose_hops(t, t.words);
+}
+void fib_paths(trial &t)
+{
+    fib_words(t);
+    choose_hops(t, t.wide);
+}
+
+// Every body of ours and both peers answer alike, before any is timed.
+void check(trial &t)
+{
+    own_words(t, IXP_SCALAR);
+    const std::vector<std::uint32_t> own = t.words;
+    own_paths(t, IXP_SCALAR);
+    const std::vector<std::uint32_t> chosen = t.words, paths = t.paths;
     for (const ixp_body body : {IXP_BATCH, IXP_AVX2}) {
         if (!ixp_body_runs(body))
             continue;
-        ixp_lookup(table_of_processor_1(), body, TREE, addresses.data(), other.data(), ADDRESSES);
-        bench_require(own == other, "the bodies answer alike");
+        own_words(t, body);
+        bench_require(own == t.words, "the bodies answer alike");
+        own_paths(t, body);
+        bench_require(chosen == t.words && paths == t.paths, "the bodies choose alike");
     }
-    if (p.lpm == nullptr)
+    if (t.p.lpm == nullptr)
         return;
-    peer_lpm_find(p.lpm, addresses.data(), other.data(), ADDRESSES, MISSING);
-    peer_fib_find(p.fib, addresses.data(), wide.data(), ADDRESSES);
-    for (std::size_t i = 0; i < ADDRESSES; ++i)
-        bench_require(value_of(own[i]) == other[i] && other[i] == wide[i], "the peers answer alike");
+    fib_words(t);
+    lpm_words(t);
+    for (std::size_t i = 0; i < own.size(); ++i)
+        bench_require(value_of(own[i]) == t.words[i] && t.words[i] == t.wide[i], "the peers answer alike");
+    for (void (*const choice)(trial &) : {lpm_paths, fib_paths}) {
+        choice(t);
+        for (std::size_t i = 0; i < own.size(); ++i)
+            bench_require(value_of(chosen[i]) == t.words[i] && paths[i] == t.paths[i], "the peers choose alike");
+    }
 }
 
-template <class Work> std::function<double()> per_lookup(const bench_options &options, Work work)
+template <class Work> std::function<double()> per_lookup(const bench_options &options, std::size_t count, Work work)
 {
-    const unsigned runs = options.brief ? 1 : 4;
-    return [work, runs] {
+    const std::size_t runs = options.brief ? 1 : 4 * ADDRESSES / count;
+    return [work, runs, count] {
         return bench_time(CPU,
                           [&] {
-                              for (unsigned i = 0; i < runs; ++i)
+                              for (std::size_t i = 0; i < runs; ++i)
                                   work();
                           }) /
-               (runs * static_cast<double>(ADDRESSES));
+               static_cast<double>(runs * count);
     };
 }
 
@@ -192,60 +275,63 @@ struct wanted_ratio {
     double vector, scalar, paths;
 };
 
-void measure(const bench_options &options, const std::string &name, const std::vector<std::uint32_t> &addresses,
-             const peers &p, wanted_ratio wanted, std::vector<bench_row> &rows)
+// Rows of one figure of ours beside both peers and beside the better of them.
+void add_rows(const std::string &what, double own, std::optional<double> lpm, std::optional<double> fib, const peers &p,
+              double wanted, std::vector<bench_row> &rows)
 {
-    check(p, addresses);
-    static std::vector<std::uint32_t> words(ADDRESSES), paths(ADDRESSES), hashes(ADDRESSES), sets(PATHS << 16);
-    static std::vector<std::uint64_t> wide(ADDRESSES);
-    for (std::size_t i = 0; i < ADDRESSES; ++i)
-        hashes[i] = static_cast<std::uint32_t>(i * 2654435761u);
+    const auto better = lpm ? std::optional(std::min(*lpm, *fib)) : std::nullopt;
+    rows.push_back({what, "ns", own, "rte_lpm, four at a time", lpm, p.missing, 0, false, number_of_lookups(own)});
+    rows.push_back({what, "ns", own, "rte_fib, bulk", fib, p.missing, 0, false, ""});
+    rows.push_back({what, "ns", own, "the better of the two", better, p.missing, wanted, wanted != 0, ""});
+}
+
+void measure_vectors(const bench_options &options, const std::string &name, trial &t, wanted_ratio wanted,
+                     std::vector<bench_row> &rows)
+{
+    const auto side = [&](auto work) { return per_lookup(options, t.addresses.size(), work); };
     const ixp_body best = ixp_best_body();
-    const auto own = [&addresses](ixp_body body) {
-        return [&addresses, body] {
-            ixp_lookup(table_of_processor_1(), body, TREE, addresses.data(), words.data(), ADDRESSES);
-        };
-    };
-    const auto lpm = [&] { peer_lpm_find(p.lpm, addresses.data(), words.data(), ADDRESSES, MISSING); };
-    const auto fib = [&] { peer_fib_find(p.fib, addresses.data(), wide.data(), ADDRESSES); };
-    const auto fib_path = [&] {
-        fib();
-        for (std::size_t i = 0; i < ADDRESSES; ++i)
-            words[i] = sets[(wide[i] & 0xFFFF) * PATHS + hashes[i] % PATHS];
-    };
-    const auto own_path = [&] {
-        ixp_forward(table_of_processor_1(), best, TREE,
-                    {addresses.data(), hashes.data(), words.data(), paths.data(), ADDRESSES});
-    };
-    std::vector<std::function<double()>> sides = {per_lookup(options, own(best)), per_lookup(options, own(IXP_BATCH)),
-                                                  per_lookup(options, own_path)};
-    const bool with_peers = p.lpm != nullptr;
-    if (with_peers) {
-        sides.push_back(per_lookup(options, lpm));
-        sides.push_back(per_lookup(options, fib));
-        sides.push_back(per_lookup(options, fib_path));
-    }
+    std::vector<std::function<double()>> sides = {side([&t, best] { own_words(t, best); }),
+                                                  side([&t, best] { own_paths(t, best); })};
+    const bool with_peers = t.p.lpm != nullptr;
+    if (with_peers)
+        for (void (*const peer)(trial &) : {lpm_words, fib_words, lpm_paths, fib_paths})
+            sides.push_back(side([&t, peer] { peer(t); }));
     const auto m = bench_rounds(options, 9, sides);
     const auto theirs = [&](std::size_t i) { return with_peers ? std::optional(m[i]) : std::nullopt; };
-    const auto best_of_both = [&] { return with_peers ? std::optional(std::min(m[3], m[4])) : std::nullopt; };
-    const std::string rate = number_of_lookups(m[0]);
-    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "rte_lpm, four at a time", theirs(3), p.missing, 0,
-                    false, rate});
-    rows.push_back(
-        {name + ", " + ixp_body_name(best), "ns", m[0], "rte_fib, bulk", theirs(4), p.missing, 0, false, ""});
-    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "the better of the two", best_of_both(), p.missing,
-                    wanted.vector, wanted.vector != 0, ""});
-    rows.push_back({name + ", with path choice", "ns", m[2], "rte_fib and an array of paths", theirs(5), p.missing,
-                    wanted.paths, wanted.paths != 0, ""});
-    if (!with_peers)
+    const std::string what = name + ", " + ixp_body_name(best);
+    add_rows(what, m[0], theirs(2), theirs(3), t.p, wanted.vector, rows);
+    add_rows(what + ", path choice", m[1], theirs(4), theirs(5), t.p, wanted.paths, rows);
+}
+
+// The portable body. After the others, since the library's table keeps the scalar lookup from now on.
+void measure_scalars(const bench_options &options, const std::string &name, trial &t, wanted_ratio wanted,
+                     std::vector<bench_row> &rows)
+{
+    if (t.p.lpm == nullptr)
         return;
-    // Last, since the library's table keeps the scalar lookup from now on.
-    const auto lpm_one = [&] { peer_lpm_find_scalar(p.lpm, addresses.data(), words.data(), ADDRESSES, MISSING); };
-    peer_fib_find_scalar(p.fib);
-    const auto s = bench_rounds(
-        options, 9, {per_lookup(options, own(IXP_BATCH)), per_lookup(options, lpm_one), per_lookup(options, fib)});
-    rows.push_back({name + ", the portable body", "ns", s[0], "the better scalar peer", std::min(s[1], s[2]), "",
+    const auto side = [&](auto work) { return per_lookup(options, t.addresses.size(), work); };
+    peer_fib_find_scalar(t.p.fib);
+    std::vector<std::function<double()>> sides = {side([&t] { own_words(t, IXP_BATCH); }),
+                                                  side([&t] { own_paths(t, IXP_BATCH); })};
+    for (void (*const peer)(trial &) : {lpm_words_one_by_one, fib_words, lpm_paths_one_by_one, fib_paths})
+        sides.push_back(side([&t, peer] { peer(t); }));
+    const auto m = bench_rounds(options, 9, sides);
+    rows.push_back({name + ", the portable body", "ns", m[0], "the better scalar peer", std::min(m[2], m[3]), "",
                     wanted.scalar, wanted.scalar != 0, ""});
+    rows.push_back({name + ", the portable body, path choice", "ns", m[1], "the better scalar peer",
+                    std::min(m[4], m[5]), "", 0, false, ""});
+}
+
+void measure(const bench_options &options, const std::string &name, const std::vector<peer_route> &routes,
+             const std::vector<std::uint32_t> &addresses, const std::string &missing, wanted_ratio wanted,
+             std::vector<bench_row> &rows)
+{
+    const peers p = peers_with(routes, missing);
+    trial t(routes, addresses, p);
+    check(t);
+    measure_vectors(options, name, t, wanted, rows);
+    measure_scalars(options, name, t, wanted, rows);
+    free_peers(p);
 }
 } // namespace
 
@@ -258,13 +344,16 @@ void measure_mix(const bench_options &options, std::uint32_t count, const std::s
     for (const peer_route &r : mix)
         bench_require(add_route(TREE, r), "the mix fits the pools");
     for (const draw how : {draw::evenly, draw::zipf, draw::whole_space}) {
-        const peers p = peers_with(mix, missing);
         const wanted_ratio wanted = how == draw::whole_space             ? wanted_ratio{2.2, 0, 0}
                                     : how == draw::evenly && count > 400 ? wanted_ratio{1.6, 1.6, 2}
                                                                          : wanted_ratio{};
-        measure(options, std::to_string(count) + " prefixes, " + DRAW_NAMES[static_cast<int>(how)],
-                addresses_of(mix, how), p, wanted, rows);
-        free_peers(p);
+        const std::string name = std::to_string(count) + " prefixes, " + DRAW_NAMES[static_cast<int>(how)];
+        std::vector<std::uint32_t> addresses = addresses_of(mix, how);
+        measure(options, name, mix, addresses, missing, wanted, rows);
+        if (how != draw::evenly)
+            continue;
+        addresses.resize(FEW_ADDRESSES);
+        measure(options, name + ", " + std::to_string(FEW_ADDRESSES) + " addresses", mix, addresses, missing, {}, rows);
     }
     for (const peer_route &r : mix)
         remove_route(TREE, r);
@@ -286,10 +375,9 @@ void measure_full(const bench_options &options, const std::string &missing, std:
     }
     bench_require(nodes == HW_NODE_COUNT, "all nodes are in use");
     for (const draw how : {draw::evenly, draw::whole_space}) {
-        const peers p = peers_with(routes, missing);
         const std::string name = "full table, " + std::to_string(routes.size()) + " hosts, ";
-        measure(options, name + DRAW_NAMES[static_cast<int>(how)], addresses_of(routes, how), p, {1.4, 0, 0}, rows);
-        free_peers(p);
+        measure(options, name + DRAW_NAMES[static_cast<int>(how)], routes, addresses_of(routes, how), missing,
+                {1.4, 0, 0}, rows);
     }
     for (const peer_route &r : routes)
         remove_route(TREE, r);
@@ -315,7 +403,7 @@ void measure_contexts(const bench_options &options, std::vector<bench_row> &rows
     for (std::size_t i = 0; i < ADDRESSES; ++i)
         bench_require(value_of(words[i]) == ((addresses[i] >> 24 & 1) == trees[i] % 2 ? trees[i] % 2 + 1 : MISSING),
                       "each tree has its own answer");
-    const auto m = bench_rounds(options, 9, {per_lookup(options, lookup)});
+    const auto m = bench_rounds(options, 9, {per_lookup(options, ADDRESSES, lookup)});
     rows.push_back({"256 contexts, one route each",
                     "ns",
                     m[0],

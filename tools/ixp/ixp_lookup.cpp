@@ -49,17 +49,24 @@ template <unsigned LEVEL> inline std::uint32_t batch_slot(const std::uint8_t *ad
     return addresses[4 * i + (std::endian::native == std::endian::little ? IXP_LEVELS - 1 - LEVEL : LEVEL)];
 }
 
+// The word `index` words behind `origin`, the table's address.
+inline std::uint32_t load_at(std::uintptr_t origin, std::uintptr_t index)
+{
+    return ixp_load_word(reinterpret_cast<const std::uint32_t *>(origin + 4 * index));
+}
+
 template <unsigned LEVEL> void batch_descend(const batch_source s, std::uint32_t *cells)
 {
     const std::uint32_t to_node = unknown(s.to_node);
+    const std::uintptr_t origin = unknown(reinterpret_cast<std::uintptr_t>(s.words));
+    // The cells have indexes from there too; below the table, the multiplication by 4 wraps round to them.
+    const std::uintptr_t first_cell = (unknown(reinterpret_cast<std::uintptr_t>(cells)) - origin) / 4;
 #pragma GCC unroll 4
     for (std::size_t i = 0; i < s.count; ++i) {
         const std::uint32_t node = batch_index(cells[i], to_node);
-        const std::uintptr_t index = std::uintptr_t{node} + batch_slot<LEVEL>(s.addresses, i);
-        const std::uintptr_t slot = unknown(reinterpret_cast<std::uintptr_t>(s.words) + 4 * index);
-        const std::uintptr_t cell = reinterpret_cast<std::uintptr_t>(cells + i);
-        const std::uintptr_t from = unknown(node < NODE_END ? slot : cell);
-        cells[i] = ixp_load_word(reinterpret_cast<const std::uint32_t *>(from));
+        const std::uintptr_t slot = unknown(std::uintptr_t{node} + batch_slot<LEVEL>(s.addresses, i));
+        const std::uintptr_t cell = first_cell + i;
+        cells[i] = load_at(origin, unknown(node < NODE_END ? slot : cell));
     }
 }
 
