@@ -253,6 +253,22 @@ void check(trial &t)
     }
 }
 
+// The indexes of all words that the lookups of a trial read, in their order, found without ixp_lookup.
+std::vector<std::uint32_t> loads_of(const trial &t)
+{
+    const ixp_table table = table_of_processor_1();
+    std::vector<std::uint32_t> loads;
+    for (const std::uint32_t address : t.addresses) {
+        std::uint32_t word = table.words[TREE];
+        for (unsigned shift = 24; (word & HW_NODE_TAG) != 0; shift -= 8) {
+            loads.push_back((word - table.base) / 4 + (address >> shift & 0xFF));
+            word = table.words[loads.back()];
+        }
+        loads.push_back((word - table.base) / 4);
+    }
+    return loads;
+}
+
 template <class Work> std::function<double()> per_lookup(const bench_options &options, std::size_t count, Work work)
 {
     const std::size_t runs = options.brief ? 1 : 4 * ADDRESSES / count;
@@ -303,6 +319,23 @@ void measure_vectors(const bench_options &options, const std::string &name, tria
     add_rows(what + ", path choice", m[1], theirs(4), theirs(5), t.p, wanted.paths, rows);
 }
 
+// The walk beside the mere loads of the same words, none of which waits for another: what the table's layout asks for.
+void measure_loads(const bench_options &options, const std::string &name, trial &t, std::vector<bench_row> &rows)
+{
+    const std::vector<std::uint32_t> loads = loads_of(t);
+    const std::uint32_t *const words = table_of_processor_1().words;
+    const ixp_body best = ixp_best_body();
+    const auto m = bench_rounds(options, 9,
+                                {per_lookup(options, t.addresses.size(), [&t, best] { own_words(t, best); }),
+                                 per_lookup(options, t.addresses.size(), [&loads, words] {
+                                     std::uint32_t sum = 0;
+                                     for (const std::uint32_t at : loads)
+                                         sum += words[at];
+                                     asm volatile("" : : "r"(sum)); // it is wanted
+                                 })});
+    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "its loads alone", m[1], "", 0, false, ""});
+}
+
 // The portable body. After the others, since the library's table keeps the scalar lookup from now on.
 void measure_scalars(const bench_options &options, const std::string &name, trial &t, wanted_ratio wanted,
                      std::vector<bench_row> &rows)
@@ -330,6 +363,8 @@ void measure(const bench_options &options, const std::string &name, const std::v
     trial t(routes, addresses, p);
     check(t);
     measure_vectors(options, name, t, wanted, rows);
+    if (addresses.size() == FEW_ADDRESSES)
+        measure_loads(options, name, t, rows);
     measure_scalars(options, name, t, wanted, rows);
     free_peers(p);
 }
@@ -337,6 +372,19 @@ void measure(const bench_options &options, const std::string &name, const std::v
 
 namespace
 {
+// One way of drawing addresses; those drawn evenly once more with few of them.
+void measure_draw(const bench_options &options, const std::string &table, const std::vector<peer_route> &routes,
+                  draw how, const std::string &missing, wanted_ratio wanted, std::vector<bench_row> &rows)
+{
+    const std::string name = table + DRAW_NAMES[static_cast<int>(how)];
+    std::vector<std::uint32_t> addresses = addresses_of(routes, how);
+    measure(options, name, routes, addresses, missing, wanted, rows);
+    if (how != draw::evenly)
+        return;
+    addresses.resize(FEW_ADDRESSES);
+    measure(options, name + ", " + std::to_string(FEW_ADDRESSES) + " addresses", routes, addresses, missing, {}, rows);
+}
+
 void measure_mix(const bench_options &options, std::uint32_t count, const std::string &missing,
                  std::vector<bench_row> &rows)
 {
@@ -347,13 +395,7 @@ void measure_mix(const bench_options &options, std::uint32_t count, const std::s
         const wanted_ratio wanted = how == draw::whole_space             ? wanted_ratio{2.2, 0, 0}
                                     : how == draw::evenly && count > 400 ? wanted_ratio{1.6, 1.6, 2}
                                                                          : wanted_ratio{};
-        const std::string name = std::to_string(count) + " prefixes, " + DRAW_NAMES[static_cast<int>(how)];
-        std::vector<std::uint32_t> addresses = addresses_of(mix, how);
-        measure(options, name, mix, addresses, missing, wanted, rows);
-        if (how != draw::evenly)
-            continue;
-        addresses.resize(FEW_ADDRESSES);
-        measure(options, name + ", " + std::to_string(FEW_ADDRESSES) + " addresses", mix, addresses, missing, {}, rows);
+        measure_draw(options, std::to_string(count) + " prefixes, ", mix, how, missing, wanted, rows);
     }
     for (const peer_route &r : mix)
         remove_route(TREE, r);
@@ -374,11 +416,9 @@ void measure_full(const bench_options &options, const std::string &missing, std:
         nodes += held[0];
     }
     bench_require(nodes == HW_NODE_COUNT, "all nodes are in use");
-    for (const draw how : {draw::evenly, draw::whole_space}) {
-        const std::string name = "full table, " + std::to_string(routes.size()) + " hosts, ";
-        measure(options, name + DRAW_NAMES[static_cast<int>(how)], routes, addresses_of(routes, how), missing,
-                {1.4, 0, 0}, rows);
-    }
+    const std::string name = "full table, " + std::to_string(routes.size()) + " hosts, ";
+    for (const draw how : {draw::evenly, draw::whole_space})
+        measure_draw(options, name, routes, how, missing, {1.4, 0, 0}, rows);
     for (const peer_route &r : routes)
         remove_route(TREE, r);
 }
