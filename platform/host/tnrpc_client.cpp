@@ -63,6 +63,7 @@ struct outgoing_call {
     unsigned arg_count;
     out_argument args[TNRPC_MAX_ARGS];
     std::int64_t deadline_ns;
+    bool waited; // a part of its time has gone before the receive
     std::uint32_t result;
 };
 
@@ -281,13 +282,14 @@ bool has_block(const outgoing_call &call)
                        [](const out_argument &arg) { return arg.type == RPC_ARG_BLOCK; });
 }
 
-// Receives into `to`, waiting as the socket's limit says. Returns the record's length, or -1.
-ssize_t socket_receive(int socket, void *to, std::size_t room, int flags)
+// Receives into `to`, waiting as the socket's limit says: as long as a whole call may take. A signal ends that wait,
+// and what is left of the call's time is waited otherwise. Returns the record's length, or -1.
+ssize_t socket_receive(int socket, void *to, std::size_t room, int flags, std::int64_t deadline_ns)
 {
     ssize_t size = 0;
     do
         size = recv(socket, to, room, flags | MSG_TRUNC);
-    while (size < 0 && errno == EINTR);
+    while (size < 0 && errno == EINTR && socket_wait(socket, POLLIN, deadline_ns) == 0);
     return size;
 }
 
@@ -298,7 +300,7 @@ reply_verdict reply_receive(outgoing_call &call, int socket)
     std::uint8_t small[512];
     static_assert(sizeof small >= TNRPC_REPLY_HEAD + TNRPC_MAX_ARGS * (TNRPC_VALUE_HEAD + 4));
     const bool look_first = has_block(call);
-    const ssize_t size = socket_receive(socket, small, sizeof small, look_first ? MSG_PEEK : 0);
+    const ssize_t size = socket_receive(socket, small, sizeof small, look_first ? MSG_PEEK : 0, call.deadline_ns);
     if (size <= 0)
         return reply_verdict::wrong;
     const auto bytes = static_cast<std::size_t>(size);
@@ -312,14 +314,17 @@ reply_verdict reply_receive(outgoing_call &call, int socket)
 }
 
 // Sends the call. Returns 0, or -1 when nothing has been sent; `again`: the peer had gone, another connection may do.
-int call_send(const outgoing_call &call, int socket, bool &again)
+// call.waited is set when there was no room at once.
+int call_send(outgoing_call &call, int socket, bool &again)
 {
     again = false;
     for (;;) {
         if (send(socket, call.record, call.length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
             return 0;
-        if (errno == EAGAIN && socket_wait(socket, POLLOUT, call.deadline_ns) == 0)
+        if (errno == EAGAIN && socket_wait(socket, POLLOUT, call.deadline_ns) == 0) {
+            call.waited = true;
             continue;
+        }
         if (errno == EINTR)
             continue;
         again = errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN;
@@ -327,18 +332,18 @@ int call_send(const outgoing_call &call, int socket, bool &again)
     }
 }
 
-// Gets the call to the endpoint's server, on the kept connection or on a new one. Returns 0, or -1 when it did not go.
-// fresh: a new connection was made, which may have taken a part of the call's time.
-int call_deliver(const outgoing_call &call, connection &kept, bool &fresh)
+// Gets the call to the endpoint's server, on the kept connection or on a new one, whose making takes its time, too.
+// Returns 0, or -1 when it did not go.
+int call_deliver(outgoing_call &call, connection &kept)
 {
-    fresh = false;
     if (kept.socket >= 0 && !socket_is_idle(kept.socket))
         connection_close(kept);
     bool again = true;
+    bool fresh = false;
     while (again && !fresh) {
         if (kept.socket < 0) {
             kept.socket = socket_open(kept.endpoint, call.deadline_ns);
-            fresh = true;
+            fresh = call.waited = true;
         }
         if (kept.socket < 0)
             return -1;
@@ -355,13 +360,13 @@ int call_make(outgoing_call &call, const char *name)
     std::uint32_t endpoint = 0;
     if (card_dir_path().empty() || endpoint_of(name, endpoint) != 0)
         return -1;
-    call.deadline_ns = now_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
     connection &kept = connection_of(endpoint);
     (void)std::fflush(stdout); // whoever reads it step by step sees all that came before the wait
-    bool fresh = false;
-    if (call_deliver(call, kept, fresh) != 0)
+    call.deadline_ns = now_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
+    call.waited = false;
+    if (call_deliver(call, kept) != 0)
         return -1;
-    if (fresh && socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
+    if (call.waited && socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
         connection_close(kept);
         return -1;
     }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include <sys/ioctl.h>
 #include <sys/time.h>
 
 #include "host_tnrpc_support.h"
@@ -36,6 +37,41 @@ peer_process first_life, second_life;
 
 const testing::Environment *const environment =
     testing::AddGlobalTestEnvironment(new card_environment({{&first_life, job_server}, {&second_life, job_server}}));
+
+constexpr std::chrono::milliseconds FULL{TIMEOUT_MS * 9 / 10}; // a queue that did not grow for so long is full
+
+// A signal every 20 ms, until a test ends or for four seconds: so a wait that each of them renews ends, too.
+class alarms
+{
+public:
+    alarms()
+    {
+        struct sigaction action {
+        };
+        action.sa_handler = [](int) {
+            count = count + 1;
+            if (count == 4000 / 20)
+                (void)setitimer(ITIMER_REAL, &NEVER, nullptr);
+        };
+        count = 0;
+        EXPECT_EQ(sigaction(SIGALRM, &action, &usual), 0);
+        const itimerval often{{0, 20'000}, {0, 20'000}};
+        EXPECT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    }
+    alarms(const alarms &) = delete;
+    alarms &operator=(const alarms &) = delete;
+    ~alarms()
+    {
+        EXPECT_EQ(setitimer(ITIMER_REAL, &NEVER, nullptr), 0);
+        EXPECT_EQ(sigaction(SIGALRM, &usual, nullptr), 0);
+    }
+
+private:
+    static constexpr itimerval NEVER{};
+    static inline volatile std::sig_atomic_t count = 0;
+    struct sigaction usual {
+    };
+};
 
 // A server written here, at an endpoint of its own, with one procedure's link. Its steps run in a thread.
 class tnrpc_client : public testing::Test
@@ -293,17 +329,73 @@ TEST_F(tnrpc_client, the_time_out_covers_the_wait_for_a_place_in_the_servers_que
 TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out)
 {
     listen_at(40); // connects, and is never answered
-    struct sigaction action {
-    }, usual{};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(SIGALRM, &action, &usual), 0);
-    const itimerval often{{0, 20'000}, {0, 20'000}}, never{};
-    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    alarms often;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
     const auto waited = std::chrono::steady_clock::now() - start;
-    ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
-    ASSERT_EQ(sigaction(SIGALRM, &usual, nullptr), 0);
+    EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
+    EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
+}
+
+// A server that answers calls which it leaves in its queue: sooner or later the queue is full.
+TEST_F(tnrpc_client, the_time_out_covers_a_wait_for_room_on_a_kept_connection)
+{
+    listen_at(42);
+    std::atomic<bool> is_over = false;
+    run([&] {
+        const int c = accept(listener, nullptr, nullptr);
+        const auto unread = [c] {
+            int queued = 0;
+            (void)ioctl(c, FIONREAD, &queued);
+            return queued;
+        };
+        bytes first(64, '\0');
+        (void)recv(c, first.data(), first.size(), MSG_PEEK);
+        std::uint32_t transaction = be_at(first, 4);
+        give(c, reply_of(transaction++, 0, 0));
+        for (int seen_unread = unread();;) {
+            const auto since = std::chrono::steady_clock::now();
+            while (unread() == seen_unread && std::chrono::steady_clock::now() - since < FULL)
+                std::this_thread::yield();
+            if (unread() == seen_unread)
+                break; // the caller waits for room
+            seen_unread = unread();
+            give(c, reply_of(transaction++, 0, 0));
+        }
+        while (unread() > 0)
+            (void)take(c);
+        is_over.wait(false); // never answered
+        close(c);
+    });
+    auto start = std::chrono::steady_clock::now();
+    unsigned answered = 0;
+    for (; tnrpc_call(NAME, 0) == 0; ++answered)
+        start = std::chrono::steady_clock::now();
+    const auto waited = std::chrono::steady_clock::now() - start;
+    is_over = true;
+    is_over.notify_one();
+    EXPECT_GT(answered, 1u) << "the connection was kept";
+    EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
+    EXPECT_LT(waited, std::chrono::milliseconds(TIMEOUT_MS) + FULL * 3 / 4) << "not the whole time again";
+}
+
+TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out_on_a_kept_connection)
+{
+    listen_at(43);
+    std::atomic<bool> is_over = false;
+    run([&] {
+        const int c = accept(listener, nullptr, nullptr);
+        give(c, reply_of(be_at(take(c), 4), 0, 7));
+        is_over.wait(false);
+        close(c);
+    });
+    ASSERT_EQ(tnrpc_call(NAME, 0), 7u);
+    alarms often;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    is_over = true;
+    is_over.notify_one();
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
     EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
 }
