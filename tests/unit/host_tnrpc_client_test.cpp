@@ -352,8 +352,9 @@ TEST_F(tnrpc_client, the_time_out_covers_a_wait_for_room_on_a_kept_connection)
         bytes first(64, '\0');
         (void)recv(c, first.data(), first.size(), MSG_PEEK);
         std::uint32_t transaction = be_at(first, 4);
+        int seen_unread = unread();
         give(c, reply_of(transaction++, 0, 0));
-        for (int seen_unread = unread();;) {
+        for (;;) {
             const auto since = std::chrono::steady_clock::now();
             while (unread() == seen_unread && std::chrono::steady_clock::now() - since < FULL)
                 std::this_thread::yield();
