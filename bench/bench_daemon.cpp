@@ -345,6 +345,37 @@ void bench_bird_conf(unsigned count)
 
 int bench_birdc(const std::string &command) { return bench_run({"birdc", "-s", folder + "/bird.ctl", command}); }
 
+int bench_bird_control()
+{
+    const int control = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = address_of("bird.ctl");
+    char text[256];
+    bench_require(connect(control, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
+                      recv(control, text, sizeof text, 0) > 0, // its greeting
+                  "bird's control socket");
+    return control;
+}
+
+bool bench_bird_holds(int control, unsigned count)
+{
+    const std::string question = "show route protocol bench_routes count\n";
+    bench_require(send(control, question.data(), question.size(), MSG_NOSIGNAL) > 0, "a question to bird");
+    std::string answer;
+    // Lines begin with four digits and a '-', the last one with four digits and a blank.
+    for (std::size_t line = 0; answer.find('\n', line) == std::string::npos || answer[line + 4] != ' ';) {
+        const std::size_t end = answer.find('\n', line);
+        if (end != std::string::npos) {
+            line = end + 1;
+            continue;
+        }
+        char text[1024];
+        const ssize_t length = recv(control, text, sizeof text, 0);
+        bench_require(length > 0, "bird's answer");
+        answer.append(text, static_cast<std::size_t>(length));
+    }
+    return answer.find("-" + std::to_string(count) + " of ") != std::string::npos;
+}
+
 bench_process bench_bird_start()
 {
     bench_process bird;

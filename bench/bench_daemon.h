@@ -52,6 +52,10 @@ void bench_bird_conf(unsigned count);
 // Starts bird and waits until birdc gets an answer; ready_ms is that time. pid -1: it did not start.
 bench_process bench_bird_start();
 int bench_birdc(const std::string &command); // exit status
+// A connection to bird's control socket, and whether bird's own table holds `count` of the static routes by now, asked
+// over it as birdc does, without starting a process.
+int bench_bird_control();
+bool bench_bird_holds(int control, unsigned count);
 
 // Runs a command and returns its exit status; output is dropped.
 int bench_run(const std::vector<std::string> &command);

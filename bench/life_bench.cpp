@@ -108,6 +108,26 @@ double kernel_link_down(const std::string &folder)
     return ns;
 }
 
+// bird with as many static routes through the link, from the link's going down until its table has none of them.
+double bird_link_down()
+{
+    bench_bird_conf(STATICS + HOSTS);
+    bench_process bird = bench_bird_start();
+    bench_require(bird.pid > 0, "bird starts");
+    const int control = bench_bird_control();
+    while (!bench_bird_holds(control, STATICS + HOSTS))
+        sched_yield();
+    const double ns = bench_time(bench_clock::wall, [control] {
+        set_link(false);
+        while (!bench_bird_holds(control, 0))
+            sched_yield();
+    });
+    (void)close(control);
+    bench_end(bird, SIGTERM);
+    set_link(true);
+    return ns;
+}
+
 // From the event's sending until the last copy has lost the last route.
 double link_down(int connection, const std::array<bench_memory, 3> &memories)
 {
@@ -226,7 +246,6 @@ int main(int argc, char **argv)
                     0,
                     false,
                     "nothing wakes it but the 60-second time-out"});
-    bench_process arp = bench_arp_start();
     const int connection = bench_connect(DAEMON);
     const auto memories = bench_memories();
     call(connection, bench_host_add_call(GATEWAY, ENCAP));
@@ -234,21 +253,30 @@ int main(int argc, char **argv)
     std::vector<std::function<double()>> visible = {[&] { return until_visible(connection, memories[1]); }};
     bench_process bird;
     if (no_bird.empty()) {
+        bench_bird_conf(0);
         bird = bench_bird_start();
         visible.push_back(until_bird_shows);
     }
-    m = bench_rounds(options, 11, visible);
-    rows.push_back({"one change, request to visible in mem/ixp1", "us", m[0] / 1000, "birdc configure to the kernel",
-                    figure(m, 1, 1000), no_bird, 200, true, ""});
+    m = bench_rounds(options, 21, visible);
+    rows.push_back({"one change, request to visible in mem/ixp1, no ARP service", "us", m[0] / 1000,
+                    "birdc configure to the kernel", figure(m, 1, 1000), no_bird, 0, false, "the gateway is known"});
+    bench_process arp = bench_arp_start();
+    m = bench_rounds(options, 21, visible);
+    rows.push_back({"one change, request to visible in mem/ixp1, ARP call answered", "us", m[0] / 1000,
+                    "birdc configure to the kernel", figure(m, 1, 1000), no_bird, 200, true, "the gateway is known"});
     if (no_bird.empty())
         bench_end(bird, SIGTERM);
 
     std::vector<std::function<double()>> down = {[&] { return link_down(connection, memories); }};
     if (no_net.empty())
         down.push_back([&] { return kernel_link_down(folder); });
+    if (no_bird.empty())
+        down.push_back(bird_link_down);
     m = bench_rounds(options, 7, down);
     rows.push_back({"interface down, 500 dependent routes", "us", m[0] / 1000, "the kernel drops 500 routes of a link",
                     figure(m, 1, 1000), no_net, 2, true, "250 hosts, 250 statics"});
+    rows.push_back({"interface down, 500 dependent routes", "us", m[0] / 1000, "bird drops 500 statics of a link",
+                    figure(m, 2, 1000), no_bird, 30, true, "its table asked over its control socket"});
     bench_print(options, "The daemon as a whole", rows);
     bench_end(arp, SIGKILL);
     bench_end(daemon, SIGINT);
