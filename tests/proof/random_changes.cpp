@@ -35,7 +35,7 @@ constexpr std::uint32_t DROP_WORD = 0x8001, FIRST_ENCAP = 0x1001;
 constexpr std::uint32_t BIT_NOTHING = 1, BIT_DROP = 2;
 
 // How many of each record all of these routes together can hold, and a margin.
-constexpr std::uint64_t ALL_ROUTES = CONTEXTS * (std::size(HOSTS) + std::size(ROUTES));
+constexpr std::uint64_t ALL_ROUTES = CONTEXTS * (std::size(HOSTS) + std::size(ROUTES)) + CHANGE_SIDE_PREFIXES;
 constexpr window_taken ALWAYS_FREE{1024 - 256 - 3 * ALL_ROUTES, 1024 - 512 - ALL_ROUTES, 128 - ALL_ROUTES};
 
 std::uint32_t host_ifid(std::size_t host)
@@ -180,9 +180,19 @@ bool has_lost_leaves(const plain_model &model)
                        [](const auto &tree) { return tree.second.lost_leaves != 0; });
 }
 
+// The change itself, told to the readers before and after.
+std::uint32_t make_in_window(random_changes &all, const std::function<std::uint32_t()> &make)
+{
+    window_change_begins(all.board, all.changes + 1, all.taken);
+    const std::uint32_t answer = make();
+    ++all.changes;
+    window_change_ends(all.board, all.changes);
+    return answer;
+}
+
 std::vector<std::uint32_t> all_contexts()
 {
-    std::vector<std::uint32_t> contexts(CONTEXTS);
+    std::vector<std::uint32_t> contexts(CHANGE_CONTEXTS);
     std::iota(contexts.begin(), contexts.end(), 0u);
     return contexts;
 }
@@ -223,10 +233,7 @@ bool random_changes::next()
     const std::uint32_t expected = make_in_model(model, change);
     count_taken(*this, change.ctx, before);
     write_answers(*this, change.ctx, changes + 1);
-    window_change_begins(board, changes + 1, taken);
-    const std::uint32_t answer = make(change);
-    ++changes;
-    window_change_ends(board, changes);
+    const std::uint32_t answer = make_in_window(*this, [&] { return make(change); });
     if (answer == expected && !has_lost_leaves(model))
         return true;
     char text[160];
@@ -234,5 +241,22 @@ bool random_changes::next()
                   static_cast<unsigned long long>(changes), change.kind, change.ctx, change.prefix, change.len,
                   change.nexthop, answer, expected);
     error = text;
+    return false;
+}
+
+bool random_changes_beside(random_changes &all, const std::function<std::uint32_t(plain_model &)> &predict,
+                           const std::function<std::uint32_t()> &make)
+{
+    const leaf_table before = leaves_of(all.model, CHANGE_SIDE_CONTEXT);
+    all.model.forget();
+    const std::uint32_t expected = predict(all.model);
+    count_taken(all, CHANGE_SIDE_CONTEXT, before);
+    const std::uint32_t answer = make_in_window(all, make);
+    if (answer == expected && all.model.pools.errors.empty() && !has_lost_leaves(all.model))
+        return true;
+    all.error = "change " + std::to_string(all.changes) + ", beside the readers: answered " + std::to_string(answer) +
+                ", not " + std::to_string(expected);
+    for (const std::string &line : all.model.pools.errors)
+        all.error += "; " + line;
     return false;
 }

@@ -26,6 +26,9 @@ struct random_change {
 using change_maker = std::function<std::uint32_t(const random_change &)>; // gives the process's answer
 
 constexpr unsigned CHANGE_INTERFACES = 3, CHANGE_FIRST_IFID = 5;
+// Contexts 0 and 1 are looked into. This one is for changes beside them, of at most so many prefixes at a time.
+constexpr std::uint32_t CHANGE_SIDE_CONTEXT = 2, CHANGE_SIDE_PREFIXES = 16;
+constexpr std::uint32_t CHANGE_CONTEXTS = 3;        // that the model follows
 std::uint32_t change_interface_address(unsigned n); // of interface CHANGE_FIRST_IFID + n
 
 struct random_changes {
@@ -40,6 +43,11 @@ struct random_changes {
     random_changes(window_board &shared, std::uint32_t seed, change_maker maker);
     bool next(); // one more change; false with `error` set
 };
+
+// One more change, in the context beside those that readers look into: `predict` makes it in the model, `make` on the
+// card, and both give the answer. False with `error` set.
+bool random_changes_beside(random_changes &all, const std::function<std::uint32_t(plain_model &)> &predict,
+                           const std::function<std::uint32_t()> &make);
 
 // The bit of a word that stands for a path: 0 when there is no such path.
 std::uint32_t change_path_bit(std::uint32_t ifid, std::uint32_t encap);
