@@ -12,7 +12,15 @@
 #include <cstdio>
 #include <cstring>
 
-#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__)
+// Reading in whole blocks goes beyond the end of a format, which the address sanitizer of either compiler ends.
+#if defined(__SANITIZE_ADDRESS__)
+#define LINE_FORMAT_BYTES 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define LINE_FORMAT_BYTES 1
+#endif
+#endif
+#if defined(__SSE2__) && !defined(LINE_FORMAT_BYTES)
 #include <emmintrin.h>
 #define LINE_FORMAT_BLOCKS 1
 #endif
