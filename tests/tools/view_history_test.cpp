@@ -208,6 +208,21 @@ TEST(view_history, a_file_that_was_made_anew_is_noticed)
     EXPECT_EQ(entries.size(), 1u) << "what the old one held is read all the same";
 }
 
+TEST(view_history, a_file_that_is_cut_while_it_is_followed_is_left_unread)
+{
+    const card_dir card;
+    history_image image(65536);
+    image.write(card);
+    history_view view = open_history(card);
+    while (image.head < 32768)
+        image.add(100, 1, "<Ctx:0>never read");
+    image.write(card);
+    std::filesystem::resize_file(card.at("history/115"), 4096); // tail and head are left, most of the records are not
+    std::vector<history_entry> entries;
+    EXPECT_EQ(history_read(view, entries), history_end::replaced);
+    EXPECT_TRUE(entries.empty());
+}
+
 TEST(view_history, every_record_read_beside_a_writer_is_whole)
 {
     constexpr std::uint64_t RING = 65536; // records so long that the writer is often in the one being read

@@ -140,6 +140,8 @@ history_view history_open(const std::string &card, std::uint32_t component, std:
 
 history_end history_read(history_view &view, std::vector<history_entry> &records)
 {
+    if (mapped_file_is_cut(view.file, view.path))
+        return history_end::replaced; // by a shorter one, in place
     // Judged before reading, so that what stood in a file that is replaced meanwhile is read to its end.
     const bool replaced = !mapped_file_is_current(view.file, view.path);
     ring_bounds bounds = {};

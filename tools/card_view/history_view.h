@@ -39,7 +39,7 @@ history_view history_open(const std::string &card, std::uint32_t component, std:
 enum class history_end {
     caught_up, // all that stood there is read
     damaged,   // a record that is none: the rest up to the head of that moment was skipped
-    replaced,  // the name holds another file by now, or none: read what was left, then open anew
+    replaced,  // the name holds another file by now, or none, and what was left is read; or a shorter one: open anew
 };
 
 // Appends the records from view.next on to `records`, oldest first, and moves next behind them.

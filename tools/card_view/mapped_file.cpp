@@ -64,3 +64,10 @@ bool mapped_file_is_current(const mapped_file &file, const std::string &path)
     return file.is_open() && stat(path.c_str(), &found) == 0 && found.st_dev == file.device &&
            found.st_ino == file.inode && static_cast<std::size_t>(found.st_size) == file.size;
 }
+
+bool mapped_file_is_cut(const mapped_file &file, const std::string &path)
+{
+    struct stat found = {};
+    return file.is_open() && stat(path.c_str(), &found) == 0 && found.st_dev == file.device &&
+           found.st_ino == file.inode && static_cast<std::size_t>(found.st_size) < file.size;
+}

@@ -28,3 +28,7 @@ mapped_file mapped_file_open(const std::string &path, std::size_t least, std::st
 
 // Whether `path` still names the file that is mapped, in its size. False for one that is not open.
 bool mapped_file_is_current(const mapped_file &file, const std::string &path);
+
+// Whether the file under `path` is the one that is mapped and has become shorter: what stood behind its end must not be
+// read any more, since that would end the reader.
+bool mapped_file_is_cut(const mapped_file &file, const std::string &path);
