@@ -137,3 +137,12 @@ TEST(cardsim_scenario, a_file_that_is_not_there_is_named)
     EXPECT_EQ(scenario_read("/nowhere/x.card", &plan, &error), 1);
     EXPECT_EQ(error, "/nowhere/x.card: No such file or directory");
 }
+
+TEST(cardsim_scenario, a_time_is_a_day_at_most)
+{
+    EXPECT_EQ(last_step(IF5 + "host 5 10.1.1.2 delay 86400s").delay_ms, 86'400'000u);
+    EXPECT_EQ(last_step("at 86400000ms interface 5 ctx 3").at_ms, 86'400'000u);
+    for (const char *const time : {"86401s", "86400001ms", "5000000s", "18446744073709551615s"})
+        EXPECT_EQ(error_of(IF5 + "host 5 10.1.1.2 delay " + time),
+                  std::string("x.card:2: ") + time + ": a time such as 50ms or 2s would fit");
+}

@@ -93,15 +93,16 @@ bool need_slashed(reader &r, bool is_prefix, std::uint32_t *address, std::uint32
     return true;
 }
 
-// A time such as 50ms or 2s.
+// A time such as 50ms or 2s, up to a day.
 bool need_time(reader &r, std::uint64_t *ms)
 {
     const std::string word = peek(r);
     const std::size_t unit = word.find_first_not_of("0123456789");
     std::uint64_t number = 0;
     const bool is_ms = unit != std::string::npos && word.substr(unit) == "ms";
+    constexpr std::uint64_t DAY_MS = 86'400'000;
     if (unit == std::string::npos || !number_of(word.substr(0, unit), &number) ||
-        (!is_ms && word.substr(unit) != "s") || number > 86400000)
+        (!is_ms && word.substr(unit) != "s") || number > DAY_MS / (is_ms ? 1 : 1000))
         return refuse_next(r, "a time such as 50ms or 2s");
     *ms = is_ms ? number : number * 1000;
     ++r.at;
