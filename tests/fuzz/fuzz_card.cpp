@@ -289,12 +289,6 @@ extern "C" int poll(pollfd *set, nfds_t count, int timeout)
     return real_poll(set, count, timeout);
 }
 
-void fuzz_fail(const char *what)
-{
-    (void)std::fprintf(stderr, "fuzz: %s\n", what);
-    std::abort();
-}
-
 std::string fuzz_card_file(const char *name) { return directory() + "/" + name; }
 
 void fuzz_card_boot()
@@ -386,37 +380,6 @@ void fuzz_send_message(int queue, const std::uint8_t *bytes, std::size_t length)
     const sockaddr_un address = address_of(fuzz_card_file("mts/514"));
     (void)sendto(queue, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
                  sizeof address);
-}
-
-std::uint8_t fuzz_input::byte()
-{
-    const std::span<const std::uint8_t> got = run(1);
-    return got.empty() ? 0 : got[0];
-}
-
-std::uint16_t fuzz_input::half()
-{
-    const unsigned high = byte();
-    return static_cast<std::uint16_t>(high << 8 | byte());
-}
-
-std::uint32_t fuzz_input::word()
-{
-    const std::uint32_t high = half();
-    return high << 16 | half();
-}
-
-std::span<const std::uint8_t> fuzz_input::run(std::size_t length)
-{
-    const std::span<const std::uint8_t> got = rest.first(std::min(length, rest.size()));
-    rest = rest.subspan(got.size());
-    return got;
-}
-
-void fuzz_put32(std::vector<std::uint8_t> &to, std::uint32_t value)
-{
-    for (int shift = 24; shift >= 0; shift -= 8)
-        to.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
 // --- Memory tracking, table memories and stores, in place of the host's.

@@ -8,9 +8,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
+
+#include "fuzz_input.h"
 
 void fuzz_card_boot(); // once a process: card directory, services, tables, drop entries; later calls do nothing
 // Audits, when anything was stored, allocated or freed: of the pools and of the contexts that inputs favour (0 to 3,
@@ -21,8 +22,6 @@ void fuzz_card_restore();                     // tables, routes, gates and pools
 void fuzz_card_fail_alloc(unsigned nth);      // the n-th allocation from now on finds memory short; 0: none does
 void fuzz_card_serve();                       // passes of the event loop until neither a call nor a message waits
 std::string fuzz_card_file(const char *name); // path of `name` in the card directory
-
-[[noreturn]] void fuzz_fail(const char *what); // says what is wrong and ends the program
 
 // How the card's other processes (ARP service, slow path) answer the calls that the process makes.
 enum class fuzz_answer { well, failing, nothing, ending, raw };
@@ -39,15 +38,3 @@ constexpr const char *FUZZ_PEER_PROCEDURE = "fuzz_peer_procedure"; // served by 
 int fuzz_connect();
 int fuzz_queue();
 void fuzz_send_message(int queue, const std::uint8_t *bytes, std::size_t length); // to the process's queue
-
-// Takes an input apart. Beyond its end every number is 0 and every run empty.
-struct fuzz_input {
-    std::span<const std::uint8_t> rest;
-    std::uint8_t byte();
-    std::uint16_t half();
-    std::uint32_t word();
-    std::span<const std::uint8_t> run(std::size_t length); // at most what is left
-    bool at_end() const { return rest.empty(); }
-};
-
-void fuzz_put32(std::vector<std::uint8_t> &to, std::uint32_t value);
