@@ -222,3 +222,26 @@ TEST_F(bodies, follow_memories_of_chance_words_alike_and_stay_inside)
         expect_alike(chance, random_batch(random, {}, 5000));
     }
 }
+
+TEST_F(bodies, follow_words_that_lead_to_the_end_of_the_table_and_beyond_alike)
+{
+    constexpr std::uint32_t WORDS = HW_TABLE_BYTES / 4, AROUND = 32;
+    for (const std::uint32_t base : {HW_IXP_BASE, 0u, 0xFFF00000u}) {
+        table_copy end{base, std::vector<std::uint32_t>(WORDS)};
+        for (std::uint32_t i = 0; i < WORDS; ++i)
+            end.words[i] = base + HW_LEAVES + 8 * (i % 1024); // leaves wherever a node may seem to be
+        for (const std::uint32_t tree : TREES)
+            end.words[tree] = base + HW_NODES + HW_NODE_TAG;
+        for (std::uint32_t slot = 0; slot < 256;
+             ++slot) { // what the last whole node or the last word is, and around it
+            const std::uint32_t place = (slot < 128 ? WORDS - 256 : WORDS - 1) - AROUND / 2 + slot / 4 % AROUND;
+            end.words[HW_NODES / 4 + slot] = base + 4 * place + slot % 4; // tagged and not, at a word's place and not
+        }
+        for (std::uint32_t slot = 3; slot < 256; slot += 16)
+            end.words[HW_NODES / 4 + slot] = 0; // no leaf, not even where the table begins at address 0 or wraps round
+        batch_of batch = random_batch(random, {}, 4096);
+        for (std::uint32_t i = 0; i < 4096; ++i) // each slot with the first and the last ones of the next node
+            batch.addresses[i] = i % 256 << 24 | (i / 256 < 8 ? i / 256 : 0xF0 + i / 256) << 16 | (i & 0xFFFF);
+        expect_alike(end, batch);
+    }
+}

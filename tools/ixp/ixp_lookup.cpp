@@ -43,6 +43,9 @@ batch_source source_of(const ixp_table &table, const std::uint32_t *addresses, s
 // table, since the rotation brings the lower bits to the top: one comparison tells.
 inline std::uint32_t batch_index(std::uint32_t word, std::uint32_t to) { return std::rotr(word + to, 2); }
 
+// Whether the batch can tell a null word by its index. Not where the table begins at address 0 or wraps round.
+bool batch_tells_null(const ixp_table &table) { return batch_index(0, 0 - table.base) > IXP_LAST_WORD; }
+
 // An address's byte for a level, the upper one first.
 template <unsigned LEVEL> inline std::uint32_t batch_slot(const std::uint8_t *addresses, std::size_t i)
 {
@@ -185,7 +188,7 @@ void lookup(const ixp_table &table, ixp_body body, const ixp_trees &trees, const
 {
     if (body == IXP_AVX2 && ixp_avx2_runs())
         return ixp_avx2_lookup(table, trees, addresses, words, count);
-    if (body == IXP_SCALAR)
+    if (body == IXP_SCALAR || !batch_tells_null(table))
         return scalar_lookup(table, trees, addresses, words, count);
     for (std::size_t at = 0; at < count; at += BLOCK)
         batch_lookup(table, ixp_trees_from(trees, at), addresses + at, words + at, std::min(BLOCK, count - at));
@@ -195,7 +198,7 @@ void forward(const ixp_table &table, ixp_body body, const ixp_trees &trees, cons
 {
     if (body == IXP_AVX2 && ixp_avx2_runs())
         return ixp_avx2_forward(table, trees, p);
-    if (body == IXP_SCALAR)
+    if (body == IXP_SCALAR || !batch_tells_null(table))
         return scalar_forward(table, trees, p);
     for (std::size_t at = 0; at < p.count; at += BLOCK)
         batch_forward(table, ixp_trees_from(trees, at), packets_from(p, at, std::min(BLOCK, p.count - at)));
