@@ -14,6 +14,7 @@
 #include "if_mgr.h"
 #include "mtrack.h"
 #include "platform_mem.h"
+#include "rib_gateway.h"
 #include "rib_mtrie.h"
 #include "rib_table.h"
 #include "route_log.h"
@@ -85,60 +86,33 @@ bool is_removable_as(const route_entry *entry, std::uint16_t obj)
     }
 }
 
-// A static route through `host` that is programmed, or is not.
-bool waits_for(const route_entry *route, const route_entry *host)
-{
-    return (route->flags & (RIB_F_GATEWAY | RIB_F_IN_MTRIE)) == RIB_F_GATEWAY && route->nexthop == host->prefix;
-}
+// Odd, and meant: a change of a chain entry is logged, one of a member of a set is not.
+bool is_member(const route_entry *route) { return (route->flags & RIB_F_ECMP) != 0 && !route->ecmp; }
 
-bool runs_through(const route_entry *route, const route_entry *host)
+// A static route whose gateway is `host` is programmed, unless it is already.
+void host_added(route_entry *route, const route_entry *host)
 {
-    constexpr std::uint16_t PROGRAMMED = RIB_F_GATEWAY | RIB_F_IN_MTRIE;
-    return (route->flags & PROGRAMMED) == PROGRAMMED && route->nexthop == host->prefix;
-}
-
-void adopt(route_entry *route, const route_entry *host)
-{
+    if ((route->flags & RIB_F_IN_MTRIE) != 0)
+        return;
     route->ifid = host->ifid;
     route->encap_id = host->encap_id;
+    if (!is_member(route))
+        route_log(ROUTE_DBG_INFO, route->ctx, "\nadd_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
+                  route->ifid, route->encap_id);
+    (void)rib_add_mtrie_route(route); // logged there; the route goes on waiting
 }
 
-// Takes a route out of the forwarding table. It forgets its way also when the forwarding table refused.
-void withdraw(route_entry *route)
+// A programmed one is taken out of the forwarding table. It forgets its way also when the forwarding table refused.
+void host_removed(route_entry *route)
 {
+    if ((route->flags & RIB_F_IN_MTRIE) == 0)
+        return;
+    if (!is_member(route))
+        route_log(ROUTE_DBG_INFO, route->ctx, "rem_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
+                  route->ifid, route->encap_id);
     rib_remove_mtrie_route(route);
     route->ifid = 0;
     route->encap_id = 0;
-}
-
-// One chain entry and its set: the entry itself when it waits, else those of its members that do.
-void host_added(route_entry *route, const route_entry *host)
-{
-    if (waits_for(route, host)) {
-        adopt(route, host);
-        route_log(ROUTE_DBG_INFO, route->ctx, "\nadd_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
-                  route->ifid, route->encap_id);
-        (void)rib_add_mtrie_route(route); // logged there; the route goes on waiting
-        return;
-    }
-    for (route_entry *member = route->ecmp; member != nullptr; member = member->next)
-        if (waits_for(member, host)) {
-            adopt(member, host);
-            (void)rib_add_mtrie_route(member);
-        }
-}
-
-void host_removed(route_entry *route, const route_entry *host)
-{
-    if (runs_through(route, host)) {
-        route_log(ROUTE_DBG_INFO, route->ctx, "rem_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
-                  route->ifid, route->encap_id);
-        withdraw(route);
-        return;
-    }
-    for (route_entry *member = route->ecmp; member != nullptr; member = member->next)
-        if (runs_through(member, host))
-            withdraw(member);
 }
 
 } // namespace
@@ -213,6 +187,7 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
     }
 
     *link = entry->next; // the members of its set, if it has any, go with it
+    rib_gateway_remove_set(entry);
     if (obj == RIB_OBJ_ARP_HOST)
         entry->flags &= static_cast<std::uint16_t>(~RIB_F_ARP_HOST);
     route_log(ROUTE_DBG_INFO, ctx, "rib_remove_host_route: deleting route 0x%x/%d (flags 0x%x) \n", entry->prefix,
@@ -222,11 +197,11 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
 
 void route_lookup_by_hostaddr(route_entry *host, int op)
 {
-    (void)rib_find_entry(host->route_id, [host, op](route_entry *route) {
+    (void)rib_gateway_find(host->route_id, host->prefix, [host, op](route_entry *route) {
         if (op == RIB_HOST_ADDED)
             host_added(route, host);
         else if (op == RIB_HOST_REMOVED)
-            host_removed(route, host);
+            host_removed(route);
         return false; // every route through the host
     });
 }

@@ -9,6 +9,7 @@
 #include "rib_static.h"
 
 #include "mtrack.h"
+#include "rib_gateway.h"
 #include "rib_host.h"
 #include "rib_mtrie.h"
 #include "rib_table.h"
@@ -50,17 +51,29 @@ int resolve_and_install(route_entry *entry, std::uint32_t route_id)
     return rib_add_mtrie_route(entry);
 }
 
-// The programmed static route through `nexthop`: the chain entry itself, or a member of its set, or null.
-route_entry *path_through(route_entry *head, std::uint32_t nexthop)
+struct static_route {
+    std::uint16_t ctx;
+    std::uint16_t route_id;
+    std::uint32_t prefix; // masked
+    std::uint32_t len;
+    std::uint32_t nexthop;
+};
+
+// An entry that is to be linked, known by its gateway; or null when memory is short.
+route_entry *static_entry(const static_route &route)
 {
-    const auto matches = [nexthop](const route_entry *path) {
-        return has_all(path, RIB_F_GATEWAY | RIB_F_IN_MTRIE) && path->nexthop == nexthop;
-    };
-    if (matches(head))
-        return head;
-    for (route_entry *member = head->ecmp; member != nullptr; member = member->next)
-        if (matches(member))
-            return member;
+    route_entry *const entry = rib_entry_alloc(MTRACK_ROUTE_ENTRY_3);
+    if (entry == nullptr)
+        return nullptr;
+    entry->prefix = route.prefix;
+    entry->len = route.len;
+    entry->nexthop = route.nexthop;
+    entry->ctx = route.ctx;
+    entry->route_id = route.route_id;
+    entry->flags = RIB_F_GATEWAY;
+    if (rib_gateway_add(entry))
+        return entry;
+    mtrack_free(entry);
     return nullptr;
 }
 
@@ -88,17 +101,11 @@ std::uint32_t rib_add_route(std::uint16_t ctx, std::uint32_t route_id, std::uint
         return 1;
     }
 
-    route_entry *const entry = rib_entry_alloc(MTRACK_ROUTE_ENTRY_3);
+    route_entry *const entry = static_entry({ctx, static_cast<std::uint16_t>(route_id), masked, len, nexthop});
     if (entry == nullptr) {
         route_log(ROUTE_DBG_ERRORS, ctx, "%s: Failed to allocate route entry\n", "rib_add_route");
         return 1;
     }
-    entry->prefix = masked;
-    entry->len = len;
-    entry->nexthop = nexthop;
-    entry->ctx = ctx;
-    entry->route_id = static_cast<std::uint16_t>(route_id);
-    entry->flags = RIB_F_GATEWAY;
 
     card_ptr<route_entry> *const link = rib_link(entry, search, head);
     if (resolve_and_install(entry, route_id) == 0)
@@ -189,6 +196,7 @@ route_entry *host_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop)
 
 void rib_static_discard(route_entry *entry)
 {
+    rib_gateway_remove(entry);
     entry->flags &= static_cast<std::uint16_t>(~RIB_F_GATEWAY);
     rib_remove_mtrie_route(entry);
     const std::uint32_t gateway = entry->nexthop;
@@ -210,14 +218,11 @@ route_entry *int_lookup_by_addr(std::uint32_t ctx, std::uint32_t addr)
 
 route_entry *route_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop)
 {
-    route_entry *path = nullptr;
-    const route_entry *const head = rib_find_entry(ctx, [nexthop, &path](route_entry *entry) {
-        path = path_through(entry, nexthop);
-        return path != nullptr;
-    });
+    route_entry *const path =
+        rib_gateway_find(ctx, nexthop, [](const route_entry *route) { return has_all(route, RIB_F_IN_MTRIE); });
     if (path == nullptr)
         route_log(ROUTE_DBG_INFO, ctx, "static route entry not found for nextHop 0x%x ", nexthop);
-    else if (path == head)
+    else if (!has_all(path, RIB_F_ECMP) || path->ecmp) // not a member of a set
         route_log(ROUTE_DBG_INFO, path->ctx, "static route =0x%x found, ifid %d, encapid %d\n", path->prefix,
                   path->ifid, path->encap_id);
     else

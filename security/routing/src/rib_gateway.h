@@ -1,0 +1,40 @@
+// rib_gateway.h - the static routes of each context by gateway, beside the table.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+
+#include "route_entry.h"
+
+// Ordered as a visit of the whole context would meet the routes of a gateway: by row, bucket, and place on the chain.
+// A set has one path a gateway at most, so its paths need no order among themselves.
+struct rib_gateway_key {
+    std::uint64_t gateway; // context in the upper word, address in the lower
+    std::uint64_t place;   // length, bucket and prefix, from the top
+    auto operator<=>(const rib_gateway_key &) const = default;
+};
+extern std::map<rib_gateway_key, route_entry *> &rib_gateway_routes;
+
+rib_gateway_key rib_gateway_first(std::uint32_t ctx, std::uint32_t gateway); // where a gateway's routes start
+
+// Enters a static route that is, or is about to be, in the table of its context. Returns false when memory is short.
+[[nodiscard]] bool rib_gateway_add(route_entry *route);
+void rib_gateway_remove(const route_entry *route); // no effect on an entry that was not entered
+// Takes out whatever leaves the table together with a chain entry: the entry itself and the members of its set.
+void rib_gateway_remove_set(const route_entry *head);
+void rib_gateway_clear(); // the tables are made anew
+// Compares the index of a context with what a visit of every entry finds. Returns the number of differences.
+[[nodiscard]] int rib_gateway_check(std::uint32_t ctx);
+
+// Visits the static routes of a context through a gateway, chain entries and members of sets, in the table's order.
+// Stops at the first that `visit` answers true for and returns it, else null. A visit may change flags, not links.
+template <class Visit> route_entry *rib_gateway_find(std::uint32_t ctx, std::uint32_t gateway, Visit visit)
+{
+    const rib_gateway_key first = rib_gateway_first(ctx, gateway);
+    for (auto at = rib_gateway_routes.lower_bound(first);
+         at != rib_gateway_routes.end() && at->first.gateway == first.gateway; ++at)
+        if (visit(at->second))
+            return at->second;
+    return nullptr;
+}
