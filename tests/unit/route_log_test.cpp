@@ -57,6 +57,18 @@ TEST(route_log, a_line_goes_to_the_history_with_its_context_in_front)
     EXPECT_TRUE(card.debug.empty());
 }
 
+TEST(route_log, a_context_of_any_width_stands_in_front_as_a_signed_number)
+{
+    fake_card card;
+    card.open_history(ROUTE_DBG_INFO, true);
+    for (const std::uint32_t ctx : {0u, 9u, 255u, 65535u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        card.forget();
+        route_log(ROUTE_DBG_INFO, ctx, "%s", "x");
+        EXPECT_EQ(card.texts(ROUTE_DBG_INFO),
+                  std::vector<std::string>{"<Ctx:" + std::to_string(static_cast<int>(ctx)) + ">x"});
+    }
+}
+
 TEST(route_log, the_history_length_is_the_text_and_five)
 {
     fake_card card;

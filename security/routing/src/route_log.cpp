@@ -3,8 +3,10 @@
 // The gates are tested in route_log.h, where the caller is; what is here runs only behind an open one.
 #include "route_log.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,6 +24,18 @@ struct history_record {
     char text[TEXT_BYTES];  // "<Ctx:%d>" and the message, NUL-terminated
 };
 static_assert(offsetof(history_record, text) == 4);
+
+// "<Ctx:%d>" and a NUL, without the way through a format: every record begins with it. Returns its length.
+std::size_t put_context(char (&text)[TEXT_BYTES], std::uint32_t ctx)
+{
+    constexpr char HEAD[] = "<Ctx:";
+    constexpr std::size_t DIGITS = 11; // of any number, with its sign
+    std::memcpy(text, HEAD, sizeof HEAD - 1);
+    char *const number = text + sizeof HEAD - 1;
+    char *const end = std::to_chars(number, number + DIGITS, static_cast<int>(ctx)).ptr;
+    std::memcpy(end, ">", 2);
+    return static_cast<std::size_t>(end + 1 - text);
+}
 
 constexpr char DEBUG_FILE[] = "/tmp/routemgr.dbg";
 std::FILE *debug_stream; // opened on first use, never closed
@@ -46,8 +60,7 @@ void route_log_history(std::uint32_t category, std::uint32_t ctx, const char *fo
 {
     history_record record;
     record.category = category;
-    const int prefix = line_format(record.text, TEXT_BYTES, "<Ctx:%d>", static_cast<int>(ctx));
-    const std::size_t used = static_cast<std::size_t>(prefix), room = TEXT_BYTES - used;
+    const std::size_t used = put_context(record.text, ctx), room = TEXT_BYTES - used;
     va_list args;
     va_start(args, format);
     const int made = line_vformat(record.text + used, room, format, args);
