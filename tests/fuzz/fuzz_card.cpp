@@ -69,6 +69,7 @@ std::unordered_map<void *, block> blocks;
 std::array<table, 3> tables;
 std::array<mtrie_pool, 3> pools_at_start;
 std::array<card_ptr<mtrie_leaf>, ROUTE_CONTEXTS> defaults_at_start;
+std::array<rib_occupancy, ROUTE_CONTEXTS> occupied_at_start; // which chains hold routes
 sdwrap_gate_table gates_at_start;
 syslog_facility facility = {"ROUTE Mgr", 1984, 2, 2};
 std::array<mtrack_type_stats, MTRACK_MAX_TYPES> type_stats;
@@ -214,6 +215,7 @@ void take_picture()
         t.picture.assign(bytes, bytes + t.bytes);
     }
     std::copy(std::begin(mtrie_pools), std::end(mtrie_pools), pools_at_start.begin());
+    std::copy(std::begin(rib_occupied), std::end(rib_occupied), occupied_at_start.begin());
     std::copy(std::begin(norvik_leaf_default), std::end(norvik_leaf_default), defaults_at_start.begin());
     gates_at_start = sdwrap_gates;
 }
@@ -352,6 +354,7 @@ void fuzz_card_restore()
         restore_table(t);
     std::copy(pools_at_start.begin(), pools_at_start.end(), std::begin(mtrie_pools));
     std::copy(defaults_at_start.begin(), defaults_at_start.end(), std::begin(norvik_leaf_default));
+    std::copy(occupied_at_start.begin(), occupied_at_start.end(), std::begin(rib_occupied));
     changed = drifted = false;
 }
 
