@@ -80,6 +80,15 @@ protected:
     daemon_process daemon{card};
 };
 
+// A container may lack the file system that they come from.
+bool terminals_can_be_had()
+{
+    const int fd = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (fd >= 0)
+        ::close(fd);
+    return fd >= 0;
+}
+
 // routectl on a terminal of its own.
 struct terminal_run {
     int fd = -1;
@@ -304,6 +313,8 @@ TEST(view_command_alone, a_damaged_history_says_so)
 
 TEST(view_command_alone, a_history_is_followed_until_interrupted)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     const card_dir card;
     history_image image(1024);
     image.add(100, 1, "<Ctx:3>old");
@@ -324,6 +335,8 @@ TEST(view_command_alone, a_history_is_followed_until_interrupted)
 
 TEST_F(view_command, a_live_view_takes_the_screen_and_gives_it_back_at_the_key_q)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     terminal_run watch(card, WATCH);
     ASSERT_TRUE(watch.awaits(ENTERED)) << watch.shown;
     ASSERT_TRUE(watch.awaits("route manager: running")) << watch.shown;
@@ -337,6 +350,8 @@ TEST_F(view_command, a_live_view_takes_the_screen_and_gives_it_back_at_the_key_q
 
 TEST_F(view_command, the_rates_of_a_daemon_that_only_we_ask_are_zero)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     terminal_run watch(card, WATCH);
     ASSERT_TRUE(watch.awaits("Rates   calls 0.0/s  messages 0.0/s  history 0.0/s  table words 0.0/s")) << watch.shown;
     watch.type('q');
@@ -345,6 +360,8 @@ TEST_F(view_command, the_rates_of_a_daemon_that_only_we_ask_are_zero)
 
 TEST_F(view_command, a_live_view_goes_on_when_the_daemon_dies)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     terminal_run watch(card, WATCH);
     ASSERT_TRUE(watch.awaits("route manager: running")) << watch.shown;
     daemon_signal(daemon, SIGKILL);
@@ -357,6 +374,8 @@ TEST_F(view_command, a_live_view_goes_on_when_the_daemon_dies)
 
 TEST_F(view_command, a_live_view_follows_the_size_of_its_terminal)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     terminal_run watch(card, WATCH);
     ASSERT_TRUE(watch.awaits("of 1024   25")) << watch.shown;
     watch.resize(6, 30);
@@ -367,6 +386,8 @@ TEST_F(view_command, a_live_view_follows_the_size_of_its_terminal)
 
 TEST_F(view_command, a_signal_ends_a_live_view_and_the_terminal_is_as_it_was)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     for (const int signo : {SIGINT, SIGTERM, SIGHUP}) {
         terminal_run watch(card, WATCH);
         ASSERT_TRUE(watch.awaits("route manager: running")) << watch.shown;
@@ -379,6 +400,8 @@ TEST_F(view_command, a_signal_ends_a_live_view_and_the_terminal_is_as_it_was)
 
 TEST_F(view_command, a_live_view_that_is_suspended_gives_the_terminal_back_until_it_goes_on)
 {
+    if (!terminals_can_be_had())
+        GTEST_SKIP() << "no pseudo-terminal can be had here";
     terminal_run watch(card, WATCH);
     ASSERT_TRUE(watch.awaits("route manager: running")) << watch.shown;
     ::kill(watch.pid, SIGTSTP);
