@@ -33,8 +33,8 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
-#include "rib_gateway.h"
 #include "rib_mtrie.h"
+#include "rib_nexthop_index.h"
 #include "rib_table.h"
 #include "route_ids.h"
 #include "route_log.h"
@@ -356,7 +356,7 @@ void fuzz_card_restore()
     std::copy(pools_at_start.begin(), pools_at_start.end(), std::begin(mtrie_pools));
     std::copy(defaults_at_start.begin(), defaults_at_start.end(), std::begin(norvik_leaf_default));
     std::copy(occupied_at_start.begin(), occupied_at_start.end(), std::begin(rib_occupied));
-    rib_gateway_clear(); // there is no static route at the start
+    rib_nexthop_index_clear(); // there is no static route at the start
     changed = drifted = false;
 }
 

@@ -13,7 +13,7 @@
 #include "big_endian.h"
 #include "mtrack.h"
 #include "rib_card.h"
-#include "rib_gateway.h"
+#include "rib_nexthop_index.h"
 #include "rib_show.h"
 
 constexpr std::uint16_t STATIC_IN = RIB_F_GATEWAY | RIB_F_IN_MTRIE, NAT_IN = RIB_F_NAT | RIB_F_NAT_IN_MTRIE;
@@ -34,7 +34,7 @@ inline route_entry *put(std::uint32_t prefix, std::uint32_t len, std::uint16_t f
     entry->route_id = CTX;
     entry->flags = flags;
     if ((flags & RIB_F_GATEWAY) != 0) {
-        EXPECT_TRUE(rib_gateway_add(entry));
+        EXPECT_TRUE(rib_nexthop_index_add(entry));
     }
     (void)rib_link(entry, search, rib_set_at(search, prefix, len));
     return entry;
@@ -46,7 +46,7 @@ inline void drop(std::uint32_t prefix, std::uint32_t len)
     rib_search_result search;
     ASSERT_EQ(rib_route_search(CTX, prefix, len, nullptr, nullptr, &search), 1u);
     *search.prev = search.entry->next;
-    rib_gateway_remove(search.entry);
+    rib_nexthop_index_remove(search.entry);
     mtrack_free(search.entry);
 }
 

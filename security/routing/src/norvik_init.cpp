@@ -4,14 +4,14 @@
 #include "hw_table.h"
 #include "norvik_mtrie_hw.h"
 #include "prefix_mgr.h"
-#include "rib_gateway.h"
+#include "rib_nexthop_index.h"
 #include "route_log.h"
 
 card_ptr<prefix_mgr> wired_table_mgr;
 
 int norvik_init_ixp_fib()
 {
-    rib_gateway_clear(); // the tables start without routes
+    rib_nexthop_index_clear(); // the tables start without routes
     const int result =
         prefix_mgr_init(&wired_table_mgr, va_wired_base, HW_WIRED_BYTES, 8, 8, ROUTE_CONTEXTS, 8, 1, 1, "wired_Route");
     if (result != 0) {

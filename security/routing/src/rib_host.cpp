@@ -14,8 +14,8 @@
 #include "if_mgr.h"
 #include "mtrack.h"
 #include "platform_mem.h"
-#include "rib_gateway.h"
 #include "rib_mtrie.h"
+#include "rib_nexthop_index.h"
 #include "rib_table.h"
 #include "route_log.h"
 
@@ -187,7 +187,7 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
     }
 
     *link = entry->next; // the members of its set, if it has any, go with it
-    rib_gateway_remove_set(entry);
+    rib_nexthop_index_remove_set(entry);
     if (obj == RIB_OBJ_ARP_HOST)
         entry->flags &= static_cast<std::uint16_t>(~RIB_F_ARP_HOST);
     route_log(ROUTE_DBG_INFO, ctx, "rib_remove_host_route: deleting route 0x%x/%d (flags 0x%x) \n", entry->prefix,
@@ -197,7 +197,7 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
 
 void route_lookup_by_hostaddr(route_entry *host, int op)
 {
-    (void)rib_gateway_find(host->route_id, host->prefix, [host, op](route_entry *route) {
+    (void)rib_nexthop_index_find(host->route_id, host->prefix, [host, op](route_entry *route) {
         if (op == RIB_HOST_ADDED)
             host_added(route, host);
         else if (op == RIB_HOST_REMOVED)

@@ -11,9 +11,9 @@
 #include "mts.h"
 #include "norvik_init.h"
 #include "prefix_mgr.h"
-#include "rib_gateway.h"
 #include "rib_host.h"
 #include "rib_mtrie.h"
+#include "rib_nexthop_index.h"
 #include "rib_show.h"
 #include "rib_table.h"
 #include "route_log.h"
@@ -68,7 +68,7 @@ void drop_host(card_ptr<route_entry> *link)
 {
     route_entry *host = *link;
     *link = host->next;
-    rib_gateway_remove_set(host);
+    rib_nexthop_index_remove_set(host);
     if ((host->flags & RIB_F_ARP_INSTALLED) != 0) {
         if (prefix_mgr_route_remove(wired_table_mgr, host) != 0)
             route_log(ROUTE_DBG_INFO, host->ctx,

@@ -11,7 +11,7 @@
 #include "if_mgr.h"
 #include "mtrack.h"
 #include "prefix_mgr.h"
-#include "rib_gateway.h"
+#include "rib_nexthop_index.h"
 #include "rib_show.h"
 #include "rib_table.h"
 #include "route_log.h"
@@ -162,7 +162,7 @@ std::uint32_t rib_remove_nat_route(std::uint16_t ctx, std::uint16_t route_id, st
                   static_cast<int>(route_id), entry->prefix, static_cast<int>(entry->len), entry->encap_id);
     entry->flags &= static_cast<std::uint16_t>(~RIB_F_NAT);
     *search.prev = entry->next;
-    rib_gateway_remove_set(entry);
+    rib_nexthop_index_remove_set(entry);
     mtrack_free(entry);
     route_log(ROUTE_DBG_INFO, ctx, "removed nat entry:0x%x/%d, encap %d\n", net, static_cast<int>(len),
               static_cast<int>(encap));

@@ -9,9 +9,9 @@
 #include "rib_static.h"
 
 #include "mtrack.h"
-#include "rib_gateway.h"
 #include "rib_host.h"
 #include "rib_mtrie.h"
+#include "rib_nexthop_index.h"
 #include "rib_table.h"
 #include "route_log.h"
 #include "tnrpc.h"
@@ -71,7 +71,7 @@ route_entry *static_entry(const static_route &route)
     entry->ctx = route.ctx;
     entry->route_id = route.route_id;
     entry->flags = RIB_F_GATEWAY;
-    if (rib_gateway_add(entry))
+    if (rib_nexthop_index_add(entry))
         return entry;
     mtrack_free(entry);
     return nullptr;
@@ -196,7 +196,7 @@ route_entry *host_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop)
 
 void rib_static_discard(route_entry *entry)
 {
-    rib_gateway_remove(entry);
+    rib_nexthop_index_remove(entry);
     entry->flags &= static_cast<std::uint16_t>(~RIB_F_GATEWAY);
     rib_remove_mtrie_route(entry);
     const std::uint32_t gateway = entry->nexthop;
@@ -219,7 +219,7 @@ route_entry *int_lookup_by_addr(std::uint32_t ctx, std::uint32_t addr)
 route_entry *route_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop)
 {
     route_entry *const path =
-        rib_gateway_find(ctx, nexthop, [](const route_entry *route) { return has_all(route, RIB_F_IN_MTRIE); });
+        rib_nexthop_index_find(ctx, nexthop, [](const route_entry *route) { return has_all(route, RIB_F_IN_MTRIE); });
     if (path == nullptr)
         route_log(ROUTE_DBG_INFO, ctx, "static route entry not found for nextHop 0x%x ", nexthop);
     else if (!has_all(path, RIB_F_ECMP) || path->ecmp) // not a member of a set

@@ -12,7 +12,7 @@
 #include <new>
 
 #include "mtrack.h"
-#include "rib_gateway.h"
+#include "rib_nexthop_index.h"
 #include "route_log.h"
 
 const std::uint32_t rib_mask_table[33] = {
@@ -344,5 +344,5 @@ int rib_check(std::uint32_t ctx)
     for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
         for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket)
             faults += check_chain(tree->table[len][bucket], ctx, len, bucket);
-    return faults != 0 ? faults : rib_gateway_check(ctx); // which follows the links
+    return faults != 0 ? faults : rib_nexthop_index_check(ctx); // which follows the links
 }

@@ -1,5 +1,5 @@
-// rib_gateway_test.cpp - the static routes by gateway: in the table's order, and nothing that has left the table.
-#include "rib_gateway.h"
+// rib_nexthop_index_test.cpp - the next hop index: in the table's order, and nothing that has left the table.
+#include "rib_nexthop_index.h"
 
 #include <cstdio>
 #include <random>
@@ -22,7 +22,7 @@ using route_list = std::vector<const route_entry *>;
 route_list by_gateway(std::uint32_t gateway)
 {
     route_list found;
-    (void)rib_gateway_find(CTX, gateway, [&found](const route_entry *route) {
+    (void)rib_nexthop_index_find(CTX, gateway, [&found](const route_entry *route) {
         found.push_back(route);
         return false;
     });
@@ -65,7 +65,7 @@ std::string number(std::uint32_t prefix)
 
 } // namespace
 
-TEST(rib_gateway, a_gateways_routes_come_in_the_order_of_a_visit_whatever_came_and_went)
+TEST(rib_nexthop_index, a_gateways_routes_come_in_the_order_of_a_visit_whatever_came_and_went)
 {
     rib_card card;
     card.open_all_history(false);
@@ -89,7 +89,7 @@ TEST(rib_gateway, a_gateways_routes_come_in_the_order_of_a_visit_whatever_came_a
     EXPECT_EQ(by_gateway(GATEWAY + 4), route_list{});
 }
 
-TEST(rib_gateway, lines_of_a_host_follow_the_visit)
+TEST(rib_nexthop_index, lines_of_a_host_follow_the_visit)
 {
     rib_card card;
     for (const std::uint32_t i : {40u, 3u, 34u, 9u, 0u}) // some share a bucket
@@ -113,7 +113,7 @@ TEST(rib_gateway, lines_of_a_host_follow_the_visit)
     follow("rem_host route");
 }
 
-TEST(rib_gateway, a_member_that_became_the_head_is_a_chain_entry)
+TEST(rib_nexthop_index, a_member_that_became_the_head_is_a_chain_entry)
 {
     rib_card card;
     for (std::uint32_t i = 0; i < 3; ++i)
@@ -132,7 +132,7 @@ TEST(rib_gateway, a_member_that_became_the_head_is_a_chain_entry)
 }
 
 // A static route that hung off an entry which went is out of the table, though it lives on: no host finds it.
-TEST(rib_gateway, routes_that_went_with_a_hosts_entry_are_found_no_more)
+TEST(rib_nexthop_index, routes_that_went_with_a_hosts_entry_are_found_no_more)
 {
     rib_card card;
     ASSERT_EQ(add_host(NET), 0u);
@@ -148,7 +148,7 @@ TEST(rib_gateway, routes_that_went_with_a_hosts_entry_are_found_no_more)
     EXPECT_EQ(by_gateway(GATEWAY), by_visit(GATEWAY));
 }
 
-TEST(rib_gateway, routes_that_went_with_a_host_of_an_interface_that_went_down_are_found_no_more)
+TEST(rib_nexthop_index, routes_that_went_with_a_host_of_an_interface_that_went_down_are_found_no_more)
 {
     rib_card card;
     ASSERT_EQ(add_host(NET), 0u);
@@ -159,7 +159,7 @@ TEST(rib_gateway, routes_that_went_with_a_host_of_an_interface_that_went_down_ar
     EXPECT_EQ(by_gateway(GATEWAY), route_list{});
 }
 
-TEST(rib_gateway, routes_that_went_with_a_nat_entry_are_found_no_more)
+TEST(rib_nexthop_index, routes_that_went_with_a_nat_entry_are_found_no_more)
 {
     rib_card card;
     ASSERT_EQ(rib_add_nat_route(CTX, CTX, IFID, NET, MASK24, 0x77), 0u);
@@ -171,7 +171,7 @@ TEST(rib_gateway, routes_that_went_with_a_nat_entry_are_found_no_more)
 }
 
 // A host-type add that the forwarding table refuses takes out the chain's entry, whoever it belongs to.
-TEST(rib_gateway, a_route_that_a_refused_drop_entry_took_out_is_found_no_more)
+TEST(rib_nexthop_index, a_route_that_a_refused_drop_entry_took_out_is_found_no_more)
 {
     rib_card card;
     ASSERT_EQ(rib_add_route(CTX, CTX, 0xE0000000, 0xE0000000, GATEWAY), 0u);
@@ -184,22 +184,22 @@ TEST(rib_gateway, a_route_that_a_refused_drop_entry_took_out_is_found_no_more)
     EXPECT_EQ(by_gateway(GATEWAY), route_list{});
 }
 
-TEST(rib_gateway, the_audit_sees_a_route_too_few_or_too_many)
+TEST(rib_nexthop_index, the_audit_sees_a_route_too_few_or_too_many)
 {
     rib_card card;
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK24, GATEWAY), 0u);
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK24, GATEWAY + 1), 0u);
     ASSERT_EQ(rib_check(CTX), 0);
     route_entry *const member = on_chain(CTX, NET, 24)->ecmp;
-    rib_gateway_remove(member);
+    rib_nexthop_index_remove(member);
     EXPECT_NE(rib_check(CTX), 0) << "one is missing";
-    ASSERT_TRUE(rib_gateway_add(member));
+    ASSERT_TRUE(rib_nexthop_index_add(member));
     EXPECT_EQ(rib_check(CTX), 0);
     route_entry stray = *member;
     stray.nexthop = GATEWAY + 7;
-    ASSERT_TRUE(rib_gateway_add(&stray));
+    ASSERT_TRUE(rib_nexthop_index_add(&stray));
     EXPECT_NE(rib_check(CTX), 0) << "one is not in the table";
     EXPECT_EQ(rib_check(CTX + 1), 0) << "each context by itself";
-    rib_gateway_remove(&stray);
+    rib_nexthop_index_remove(&stray);
     EXPECT_EQ(rib_check(CTX), 0);
 }
