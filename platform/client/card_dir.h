@@ -1,4 +1,6 @@
-// card_dir.h - the card directory on a Linux host: where the card's processes meet. Host bodies only.
+// card_dir.h - the card directory on a Linux host, where the card's processes meet: its settings, names, sockets, files.
+//
+// For the platform's own implementation and for the programs beside the route manager, never for the process itself.
 #pragma once
 
 #include <cstdint>
