@@ -124,8 +124,7 @@ bool try_copy(std::uint32_t *from, if_record &to)
         return false;
     to[IF_SEQUENCE] = before;
     for (unsigned i = IF_FLAGS; i <= IF_VLAN; ++i)
-        to[i] = word_ref(from[i]).load(std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_acquire);
+        to[i] = word_ref(from[i]).load(std::memory_order_acquire); // so that the sequence is read again after them
     return word_ref(from[IF_SEQUENCE]).load(std::memory_order_relaxed) == before;
 }
 
