@@ -167,8 +167,8 @@ card_ptr<mtrie_leaf> with_reference(card_ptr<mtrie_leaf> leaf)
 void mtrie_remove_from_fwd_list(std::uint32_t tree, mtrie_node *node, mtrie_leaf *leaf)
 {
     static const char *const NAME = "mtrie_remove_from_fwd_list";
-    line_print("\n%s[%d] :: Removing mtrie_leaf 0x%x/%d @ %p from forward list", NAME, 265, leaf->prefix,
-               static_cast<int>(len_of(leaf)), reinterpret_cast<void *>(std::uintptr_t{card_addr_of(leaf)}));
+    line_print("\n%s[%d] :: Removing mtrie_leaf 0x%x/%d @ 0x%x from forward list", NAME, 265, leaf->prefix,
+               static_cast<int>(len_of(leaf)), card_addr_of(leaf));
     if (!leaf->back) {
         line_print("\n%s[%d] ::  not removing from forward list as back ptr isn't set prefix 0x%x bits in mask %u.\n",
                    NAME, 272, leaf->prefix, len_of(leaf));

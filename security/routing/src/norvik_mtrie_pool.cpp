@@ -153,9 +153,7 @@ void mtrie_node_free_pool(std::uint32_t tree, mtrie_node *node)
 
 void mtrie_leaf_free_pool(std::uint32_t tree, mtrie_leaf *leaf)
 {
-    // Printed as a card address: what the other lines show of the same record.
-    line_print("\n%s: Freeing leaf node %p\n", "mtrie_leaf_free_pool",
-               reinterpret_cast<void *>(static_cast<std::uintptr_t>(card_addr_of(leaf))));
+    line_print("\n%s: Freeing leaf node 0x%x\n", "mtrie_leaf_free_pool", card_addr_of(leaf));
     free_node_to_pool(tree, MTRIE_POOL_LEAF, element_of(leaf));
 }
 

@@ -258,7 +258,9 @@ card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, rib_place *place)
 route_entry *rib_entry_alloc(mtrack_type type)
 {
     void *const block = mtrack_alloc(ROUTE_MGR_UUID, type, sizeof(route_entry));
-    return block == nullptr ? nullptr : new (block) route_entry{};
+    if (block == nullptr)
+        return nullptr;
+    return new (block) route_entry{};
 }
 
 card_ptr<route_entry> *rib_ecmp_link(route_entry *entry, route_entry *head)
