@@ -68,7 +68,10 @@ ixp_body ixp_chosen_body(const ixp_options &options)
     return IXP_BODIES;
 }
 
-int main(int argc, char **argv)
+namespace
+{
+// Takes the command line and runs the mode that it names. Returns the program's status.
+int parse_and_run(int argc, char **argv)
 {
     const CLI::Range SECONDS(0.001, 1e6);
     ixp_options options;
@@ -98,6 +101,14 @@ int main(int argc, char **argv)
         return 2;
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : 2;
+    }
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return parse_and_run(argc, argv);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "ixp: %s\n", error.what());
         return 2;

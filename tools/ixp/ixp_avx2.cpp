@@ -315,7 +315,8 @@ IXP_VECTOR void forward_block(const lane_call &call, const ixp_packets &p, path_
 
 // The end of a run that does not fill a vector, with room for one. Unused lanes look up address 0 of tree 0.
 struct run_end {
-    alignas(32) std::uint32_t addresses[LANES] = {}, hashes[LANES] = {}, trees[LANES] = {}, words[LANES], paths[LANES];
+    alignas(32) std::uint32_t addresses[LANES] = {}, hashes[LANES] = {}, trees[LANES] = {}, words[LANES] = {},
+                              paths[LANES] = {};
     run_end(const ixp_trees &own, const std::uint32_t *from, std::size_t count)
     {
         std::copy_n(from, count, addresses);

@@ -52,12 +52,14 @@ template <unsigned LEVEL> inline std::uint32_t batch_slot(const std::uint8_t *ad
     return addresses[4 * i + (std::endian::native == std::endian::little ? IXP_LEVELS - 1 - LEVEL : LEVEL)];
 }
 
-// The word `index` words behind `origin`, the table's address.
+// The word `index` words behind `origin`, the table's address. A number, since the cells lie outside the table.
 inline std::uint32_t load_at(std::uintptr_t origin, std::uintptr_t index)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): see above
     return ixp_load_word(reinterpret_cast<const std::uint32_t *>(origin + 4 * index));
 }
 
+// cppcheck-suppress passedByValue ; so that a store into the cells is known not to change it
 template <unsigned LEVEL> void batch_descend(const batch_source s, std::uint32_t *cells)
 {
     const std::uint32_t to_node = unknown(s.to_node);
@@ -74,6 +76,7 @@ template <unsigned LEVEL> void batch_descend(const batch_source s, std::uint32_t
 }
 
 // Reads the first slots. The root of the one tree is loaded once; one that is no node is left to the levels.
+// cppcheck-suppress passedByValue ; so that a store into the cells is known not to change it
 void batch_enter(const ixp_table &table, const ixp_trees &trees, const batch_source s, std::uint32_t *cells)
 {
     const std::uint32_t one = ixp_load(table, trees.one & IXP_TREE_MASK), root = batch_index(one, s.to_node);
@@ -129,6 +132,7 @@ void batch_lookup(const ixp_table &table, const ixp_trees &trees, const std::uin
 }
 
 // Reads the leaves' words; answers the number of sets, whose places are left in `sets`.
+// cppcheck-suppress passedByValue ; so that a store into the answers is known not to change them
 std::size_t batch_leaves(const ixp_table &table, const ixp_trees &trees, const ixp_packets p, const batch_source s,
                          const std::uint32_t *cells, std::uint32_t *sets)
 {
