@@ -86,7 +86,7 @@ bool is_ours_alone(const std::string &path)
 std::string find_directory()
 {
     const char *const set = std::getenv("CARD_DIR");
-    const std::string path = set != nullptr ? set : "/run/card";
+    std::string path = set != nullptr ? set : "/run/card";
     if (path.empty() || path.size() > PATH_MAX_BYTES) {
         refuse(path, path.empty() ? "CARD_DIR is empty" : "path is over 64 bytes");
         return {};

@@ -180,8 +180,7 @@ int call_build(outgoing_call &call, const char *name, unsigned arg_count, va_lis
     call.arg_count = arg_count;
     std::uint8_t *end = tnrpc_put(tnrpc_put(call.record, 4, TNRPC_CALL_MAGIC), 4, call.transaction);
     end = tnrpc_put(tnrpc_put(end, 2, static_cast<std::uint32_t>(name_length)), 2, arg_count);
-    std::memcpy(end, name, name_length);
-    end += name_length;
+    end = std::copy_n(name, name_length, end);
 
     for (unsigned i = 0; i < arg_count; ++i) {
         out_argument &arg = call.args[i];

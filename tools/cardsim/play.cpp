@@ -232,6 +232,7 @@ void run_show(play &p, const scenario_step &s)
     for (std::string word; text >> word;)
         words.push_back(word);
     std::vector<char *> args;
+    args.reserve(words.size() + 1);
     for (std::string &word : words)
         args.push_back(word.data());
     args.push_back(nullptr);

@@ -69,6 +69,7 @@ routectl_answer card_change(const routectl_call &call, const std::string &proced
     const std::string no_interface = "there is no interface " + std::to_string(numbers[0]) + " (if show lists them)";
     const std::string errors[] = {"", no_interface, reasons.exists, reasons.impossible, reasons.not_there};
     std::vector<card_rpc_arg> args;
+    args.reserve(numbers.size());
     for (const std::uint32_t number : numbers)
         args.push_back(rpc_u32(number));
     const card_rpc_reply reply = card_rpc_call_wait(routectl_card(call), procedure, args);
@@ -171,7 +172,7 @@ routectl_answer supervisor_show(const routectl_call &call)
         {"prefix", "PREFIX"}, {"nexthop", "NEXT HOP"}, {"vlan", "VLAN"}, {"metric", "METRIC"}, {"slot", "SLOT"}};
     std::istringstream text(std::string(reply.blocks[0].begin(), reply.blocks[0].end()));
     for (std::string line; std::getline(text, line);)
-        advertisement_take(line.c_str(), answer); // without the block's NULs
+        advertisement_take(line.substr(0, line.find('\0')), answer); // without the block's NULs
     return answer;
 }
 

@@ -127,6 +127,7 @@ std::vector<std::vector<cover_route>> cover_routes(const route_listing &listing)
 std::vector<cover_answer> cover_tree(const std::vector<cover_route> &routes, const tree_view &tree)
 {
     std::vector<cover_answer> answers;
+    answers.reserve(routes.size());
     for (const cover_route &route : routes)
         answers.push_back({route, {}});
     const std::vector<stretch> wanted = spread(routes), found = read_tree(tree);

@@ -318,6 +318,7 @@ bool argument_step(argument_walk &walk, word_span words, std::size_t &at)
         return word_take(walk, cut_short[0], words, at);
     if (cut_short.size() > 1) {
         std::vector<std::string> names;
+        names.reserve(cut_short.size());
         for (const place &p : cut_short)
             names.push_back(*p.word);
         why = quoted(word) + " could be " + joined(names, " or ");

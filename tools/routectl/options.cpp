@@ -70,7 +70,7 @@ std::string options_take(std::vector<std::string> &words, routectl_options &opti
             is_help = true;
         else if (word.size() < 2 || word[0] != '-' || word[1] == '-')
             others.push_back(word);
-        else if (const std::string wrong = letters_take(words, at, options, is_help); !wrong.empty())
+        else if (std::string wrong = letters_take(words, at, options, is_help); !wrong.empty())
             return wrong;
     }
     words = std::move(others);

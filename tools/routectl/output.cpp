@@ -94,7 +94,7 @@ std::string pairs_line(const json &object)
         std::string text = value_text(key, value);
         if (text.empty() || text.find_first_of(" \t\"") != std::string::npos)
             text = output_json(json(text));
-        line += (line.empty() ? "" : " ") + key + "=" + text;
+        line.append(line.empty() ? "" : " ").append(key).append("=").append(text);
     }
     return line.empty() ? "" : line + "\n";
 }
