@@ -83,7 +83,8 @@ struct bodies : testing::Test {
     {
         for (unsigned i = 0; i < count; ++i) {
             const std::uint32_t tree = TREES[below(3)], len = 1 + below(32), mask = 0xFFFFFFFFu << (32 - len);
-            const std::uint32_t prefix = IP(8 + below(6), below(3) * 85, below(3) * 85, below(256)) & mask;
+            const std::uint32_t top = 8 + below(6), second = below(3) * 85, third = below(3) * 85, last = below(256);
+            const std::uint32_t prefix = IP(top, second, third, last) & mask;
             const unsigned flags[] = {0, RIB_F_ECMP, RIB_F_NAT, RIB_F_CONNECTED};
             for (unsigned path = 0; path < 1 + below(8); ++path)
                 (void)proof_add(tree, prefix, len, {1 + below(100), 1 + below(1000)},

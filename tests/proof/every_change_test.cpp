@@ -229,8 +229,9 @@ random_step random_step_of(std::mt19937 &random)
     random_step step{};
     step.kind = below(10);
     step.len = lengths[below(std::size(lengths))];
-    step.prefix = IP(tops[below(std::size(tops))], bytes[below(5)], bytes[below(5)], bytes[below(5)]);
-    step.prefix = masked(step.prefix, step.len);
+    const std::uint32_t top = tops[below(std::size(tops))];
+    const std::uint32_t second = bytes[below(5)], third = bytes[below(5)], last = bytes[below(5)]; // in this order
+    step.prefix = masked(IP(top, second, third, last), step.len);
     step.path = {1 + below(4), 1 + below(2)};
     step.flags = flags[below(std::size(flags))];
     return step;

@@ -6,8 +6,10 @@
 // lived on for a while, or for EPISODE_STEPS. Episodes take turns in their kind of prefixes and in the number of
 // processors. After each operation the answer, the error lines, all that went out, a page of the reader, and memory and
 // pools by type must be the model's; every COMPARE_EVERY operations and at the end of an episode also the RIB, every
-// answer of every copy, and all audits. The first difference ends the run.
+// answer of every copy, and all audits. Before each of them random operations on the trees alone are taken, with every
+// store looked into (random_trie.h). The first difference ends the run.
 // Exit status: 0 no difference, 1 a difference, 2 wrong arguments.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,10 +18,12 @@
 
 #include <unistd.h>
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include "random_compare.h"
 #include "random_run.h"
+#include "random_trie.h"
 
 namespace
 {
@@ -33,7 +37,7 @@ using seconds = std::chrono::duration<double>;
 double now() { return seconds(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 struct soak {
-    std::uint64_t operations, done = 0, looks = 0, episodes = 0, leaves_gone = 0, nodes_gone = 0;
+    std::uint64_t operations, done = 0, looks = 0, episodes = 0, trie_steps = 0, leaves_gone = 0, nodes_gone = 0;
     std::uint32_t seed;
     std::uint64_t entries_at_ends = 0; // predicted for the ends of episodes
     double started, told;
@@ -65,6 +69,23 @@ std::string look_closely(soak &s, random_run &run)
     if (broken != 0)
         return plain_text("after step %u: %d rules broken", run.steps, broken);
     return random_run_compare(run);
+}
+
+// Steps on the trees alone, fewer when the whole is short. Empty when there is no difference.
+std::string trie_turn(soak &s, std::uint32_t number)
+{
+    constexpr std::uint64_t STEPS = 400, SHARE = 10;
+    const std::uint64_t steps = std::min(STEPS, (s.operations - s.done) / SHARE);
+    testing::TestPartResultArray failures;
+    {
+        const testing::ScopedFakeTestPartResultReporter kept(
+            testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &failures);
+        random_trie run(s.seed + number, static_cast<trie_kind>(number % TRIE_KINDS));
+        run.take_steps(static_cast<unsigned>(steps));
+    }
+    s.done += steps;
+    s.trie_steps += steps;
+    return failures.size() == 0 ? "" : failures.GetTestPartResult(0).message();
 }
 
 std::string episode(soak &s, std::uint32_t number)
@@ -129,14 +150,17 @@ int main(int argc, char **argv)
     tell(s, plain_text("%llu operations from seed %u", static_cast<unsigned long long>(s.operations), s.seed));
 
     std::string difference;
-    for (std::uint32_t number = 0; difference.empty() && s.done < s.operations; ++number)
-        difference = episode(s, number);
-    tell(s,
-         plain_text("%llu operations in %llu episodes, %.0f s; looked at closely %llu times; %llu episodes ran out of "
-                    "leaves, %llu out of nodes",
-                    static_cast<unsigned long long>(s.done), static_cast<unsigned long long>(s.episodes),
-                    now() - s.started, static_cast<unsigned long long>(s.looks),
-                    static_cast<unsigned long long>(s.leaves_gone), static_cast<unsigned long long>(s.nodes_gone)));
+    for (std::uint32_t number = 0; difference.empty() && s.done < s.operations; ++number) {
+        difference = trie_turn(s, number);
+        if (difference.empty())
+            difference = episode(s, number);
+    }
+    tell(s, plain_text("%llu operations, %llu of them on trees alone, the others in %llu episodes, %.0f s; looked at "
+                       "closely %llu times; %llu episodes ran out of leaves, %llu out of nodes",
+                       static_cast<unsigned long long>(s.done), static_cast<unsigned long long>(s.trie_steps),
+                       static_cast<unsigned long long>(s.episodes), now() - s.started,
+                       static_cast<unsigned long long>(s.looks), static_cast<unsigned long long>(s.leaves_gone),
+                       static_cast<unsigned long long>(s.nodes_gone)));
     if (difference.empty()) {
         tell(s, plain_text("seed %u: no difference; %llu route entries were held at the ends of episodes, as predicted",
                            s.seed, static_cast<unsigned long long>(s.entries_at_ends)));

@@ -85,6 +85,13 @@ template <class T, std::size_t N> const T &one_of(random_run &run, const T (&all
     return all[run.below(static_cast<std::uint32_t>(N))];
 }
 
+// A draw a declarator: in an argument list their order, and with it the run of a seed, would be the compiler's.
+std::uint32_t far_address(random_run &run)
+{
+    const std::uint32_t top = 20 + run.below(40), second = run.below(256), third = run.below(8), last = run.below(256);
+    return IP(top, second, third, last);
+}
+
 prefix any_prefix(random_run &run)
 {
     if (run.kind == run_kind::APART)
@@ -94,13 +101,13 @@ prefix any_prefix(random_run &run)
     if (run.kind == run_kind::COVERING || !run.one_in(3))
         return one_of(run, COVERING);
     const std::uint32_t len = 9 + run.below(24);
-    return {IP(20 + run.below(40), run.below(256), run.below(8), run.below(256)) & plain_mask(len), len};
+    return {far_address(run) & plain_mask(len), len};
 }
 
 std::uint32_t any_host(random_run &run)
 {
     if (run.kind == run_kind::WIDE && !run.one_in(4))
-        return IP(20 + run.below(40), run.below(256), run.below(8), run.below(256));
+        return far_address(run);
     return one_of(run, HOSTS);
 }
 
@@ -121,7 +128,10 @@ std::uint32_t any_encap(random_run &run)
 std::uint32_t any_address(random_run &run)
 {
     const std::uint32_t near = run.one_in(2) ? any_host(run) : any_prefix(run).addr;
-    return near ^ (run.one_in(2) ? 0 : (1u << run.below(32)) ^ run.below(4));
+    if (run.one_in(2))
+        return near;
+    const std::uint32_t bit = 1u << run.below(32), low = run.below(4);
+    return near ^ bit ^ low;
 }
 
 // --- Calls, by name.

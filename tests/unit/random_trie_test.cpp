@@ -1,281 +1,32 @@
-// random_trie_test.cpp - random operations on several trees against a slow, plain picture of them.
+// random_trie_test.cpp - random operations on several trees against a slow, plain picture of them, for a moment.
 //
-// After each operation the answers, the back chains, the paths, the pools and all copies must agree, and between any
-// two stores each copy must have answered with what was there before or with what is there afterwards.
-// Elsewhere: the picture (plain_trie.cpp), what is printed and logged (the tests of each area).
-
-#include <deque>
-#include <random>
-#include <string>
-#include <vector>
-
+// Elsewhere: the operations and what is compared (random_trie.h), the same at length (./dev soak).
 #include <gtest/gtest.h>
 
-#include "fake_card.h"
-#include "norvik_init.h"
-#include "norvik_mtrie.h"
-#include "norvik_mtrie_hw.h"
-#include "norvik_mtrie_leaf.h"
-#include "norvik_mtrie_pool.h"
-#include "plain_trie.h"
-#include "prefix_mgr.h"
-#include "processor_walk.h"
+#include "random_trie.h"
 
 namespace
 {
-constexpr std::uint32_t TREES[] = {0, 1, 255};
-
-// --- The steps
-
-struct step {
-    enum { ADD, REMOVE, DEFAULT_ADD, DEFAULT_REMOVE } kind;
-    std::uint32_t tree; // index in TREES
-    std::uint32_t prefix, length;
-    plain_way route;
-};
-
-struct random_trie : testing::TestWithParam<std::uint32_t> {
-    fake_card card{2};
-    std::mt19937 random{GetParam()};
-    plain_pools pools{256, 0, 256, {}}; // all trees' roots and default leaves
-    std::deque<plain_tree> trees;
-
-    // What each copy answers at the watched addresses: before the step, and what else it has answered since.
-    std::vector<std::uint32_t> watched;
-    std::vector<np_answer> before;
-    std::vector<std::vector<np_answer>> seen;
-
-    void SetUp() override
-    {
-        ASSERT_EQ(card.start_tables(), 0);
-        card.forget();
-        card.open_all_history(false);
-        card.open_history(100, true);                                 // the other lines are another test's
-        pools.leaves -= static_cast<std::uint32_t>(std::size(TREES)); // these count themselves
-        pools.nodes -= static_cast<std::uint32_t>(std::size(TREES));
-        for (const std::uint32_t tree : TREES)
-            trees.emplace_back(tree, &pools);
-    }
-    std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); }
-
-    step next_step(std::uint32_t repeats)
-    {
-        static constexpr std::uint32_t lengths[] = {0, 1, 2, 2, 3, 8, 9, 10, 16, 17, 23, 24, 25, 26, 31, 32, 32};
-        static constexpr std::uint32_t tops[] = {10, 10, 10, 0, 64, 128, 192}, bytes[] = {0, 64, 128, 192, 1};
-        static constexpr std::uint32_t flags[] = {0, 0, 0x40, 0x40, 0x40, 0x20, 0x80, 0x60};
-        step made{};
-        const std::uint32_t kind = below(10);
-        made.kind = kind < 5   ? step::ADD
-                    : kind < 8 ? step::REMOVE
-                    : kind < 9 ? step::DEFAULT_ADD
-                               : step::DEFAULT_REMOVE;
-        made.tree = below(std::size(TREES));
-        made.length = lengths[below(std::size(lengths))];
-        made.prefix = IP(tops[below(std::size(tops))], bytes[below(repeats)], bytes[below(repeats)], bytes[below(5)]);
-        if (below(64) != 0) // now and then an address with host bits, as given
-            made.prefix &= plain_mask(made.length);
-        made.route = {below(4), below(4), flags[below(std::size(flags))]};
-        if (below(50) == 0)
-            made.route.ifid |= 0x4000; // more bits than a leaf or a block keeps
-        return made;
-    }
-
-    // --- Between the stores
-
-    void watch(const step &taken)
-    {
-        const std::uint32_t mask = plain_mask(taken.length), first = taken.prefix & mask, last = first | ~mask;
-        watched = {first, last, first - 1, last + 1, first + ((last - first) / 2), taken.prefix, IP(10, 0, 0, 0)};
-        const plain_tree &tree = trees[taken.tree];
-        for (int i = 0; i < 6; ++i)
-            watched.push_back(
-                std::next(tree.ranges.begin(), below(static_cast<std::uint32_t>(tree.ranges.size())))->first);
-        before.clear();
-        for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-            for (const std::uint32_t address : watched)
-                before.push_back(np_find(card, copy, TREES[taken.tree], address));
-        seen.assign(before.size(), {});
-        card.after_each_store([this, id = TREES[taken.tree]] { look(id); });
-    }
-    void look(std::uint32_t id)
-    {
-        std::size_t i = 0;
-        for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-            for (const std::uint32_t address : watched) {
-                const np_answer now = np_find(card, copy, id, address);
-                if (now != (seen[i].empty() ? before[i] : seen[i].back()))
-                    seen[i].push_back(now);
-                ++i;
-            }
-    }
-    // The path in the leaf may change before the leaf loses its ECMP flag; a block may be out of use for a while.
-    static bool is_between(const np_answer &now, const np_answer &old, const np_answer &later)
-    {
-        const auto same_leaf = [&now](const np_answer &side) {
-            return now.leaf == side.leaf && ((now.adjacency ^ side.adjacency) & ~ADJ_ECMP) == 0;
-        };
-        const bool out_of_use = now.ecmp == std::array<std::uint32_t, ECMP_WORDS>{};
-        return now.leaf != NP_UNSOUND && now.block != NP_UNSOUND && (same_leaf(old) || same_leaf(later)) &&
-               (out_of_use || now.ecmp == old.ecmp || now.ecmp == later.ecmp);
-    }
-    void check_between(const step &taken)
-    {
-        card.after_each_store(nullptr);
-        std::size_t i = 0;
-        for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-            for (const std::uint32_t address : watched) {
-                const np_answer later = np_find(card, copy, TREES[taken.tree], address);
-                for (const np_answer &now : seen[i])
-                    ASSERT_TRUE(is_between(now, before[i], later))
-                        << "copy " << copy
-                        << text(" address %x leaf %x adjacency %x", address, now.leaf, now.adjacency);
-                ++i;
-            }
-    }
-
-    // --- After the step
-
-    void check_leaf(const mtrie_leaf *leaf, const plain_leaf *expected)
-    {
-        while (leaf != nullptr && expected != nullptr) {
-            ASSERT_EQ(leaf->prefix, expected->prefix);
-            ASSERT_EQ(leaf->mask, expected->mask);
-            ASSERT_EQ(leaf->adjacency, expected->adjacency) << text("%x/%x", leaf->prefix, leaf->mask);
-            ASSERT_EQ(leaf->ecmp.addr() != 0, expected->has_block);
-            if (expected->has_block) {
-                ASSERT_EQ(leaf->ecmp->npaths, expected->block.npaths);
-                for (unsigned i = 0; i < 8; ++i)
-                    ASSERT_EQ(leaf->ecmp->hw[i], expected->block.words[i]) << "word " << i;
-            }
-            leaf = leaf->back;
-            expected = expected->back;
-        }
-        ASSERT_EQ(leaf, nullptr);
-        ASSERT_EQ(expected, nullptr);
-    }
-    void check_answers(std::uint32_t index)
-    {
-        mtrie_node *root = mtrie_get_root_node(TREES[index]);
-        const plain_tree &tree = trees[index];
-        for (auto range = tree.ranges.begin(); range != tree.ranges.end(); ++range) {
-            const auto next = std::next(range);
-            for (const std::uint32_t address :
-                 {range->first, next == tree.ranges.end() ? 0xFFFFFFFF : next->first - 1}) {
-                const mtrie_leaf *leaf = mtrie_longest_match(root, address);
-                ASSERT_NO_FATAL_FAILURE(check_leaf(leaf, range->second)) << text("address %x", address);
-                for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-                    ASSERT_EQ(np_find(card, copy, TREES[index], address).leaf, hw_leaf(leaf)) << "copy " << copy;
-            }
-        }
-    }
-    static std::uint32_t hw_leaf(const mtrie_leaf *leaf)
-    {
-        const card_addr start = mtrie_pools[MTRIE_POOL_LEAF].start;
-        return leaf == nullptr ? NP_MISS : HW_LEAVES + (card_addr_of(leaf) - 4 - start) / 40 * HW_LEAF_BYTES;
-    }
-    void check_tree(std::uint32_t index)
-    {
-        const plain_tree &tree = trees[index];
-        std::uint32_t charged[3];
-        mtrie_census reached{};
-        ASSERT_EQ(mtrie_check(mtrie_get_root_node(TREES[index]), &reached), 0);
-        mtrie_get_stats(TREES[index], charged);
-        EXPECT_EQ(charged[0], reached.nodes) << "nodes";
-        EXPECT_EQ(charged[0], plain_nodes_held(tree)) << "nodes";
-        EXPECT_LE(reached.leaves, tree.leaves.size()) << "leaves that only hang below each other are not reached";
-        EXPECT_EQ(charged[1], plain_leaves_held(tree)) << "leaves";
-        EXPECT_EQ(charged[2], tree.blocks) << "blocks";
-        ASSERT_EQ(norvik_leaf_default[TREES[index]].addr() != 0, tree.standard != nullptr);
-        if (tree.standard != nullptr) {
-            ASSERT_NO_FATAL_FAILURE(check_leaf(norvik_leaf_default[TREES[index]], tree.standard));
-        }
-        ASSERT_NO_FATAL_FAILURE(check_answers(index));
-    }
-
-    // --- One step in both
-
-    std::uint32_t take_for_real(const step &taken)
-    {
-        const std::uint32_t id = TREES[taken.tree];
-        if (taken.kind == step::DEFAULT_ADD || taken.kind == step::DEFAULT_REMOVE)
-            return mtrie_set_default_leaf_stub(id, 0, 0, taken.route.encap, taken.route.ifid, taken.route.flags,
-                                               taken.kind == step::DEFAULT_ADD ? 1 : 0);
-        route_entry entry{};
-        entry.prefix = taken.prefix;
-        entry.len = taken.length;
-        entry.ctx = entry.route_id = static_cast<std::uint16_t>(id);
-        entry.encap_id = taken.route.encap;
-        entry.ifid = static_cast<std::uint16_t>(taken.route.ifid);
-        entry.flags = static_cast<std::uint16_t>(taken.route.flags);
-        return taken.kind == step::ADD ? prefix_mgr_route_add(wired_table_mgr, &entry)
-                                       : prefix_mgr_route_remove(wired_table_mgr, &entry);
-    }
-    std::uint32_t take_in_picture(const step &taken)
-    {
-        plain_tree &tree = trees[taken.tree];
-        if (taken.kind == step::ADD)
-            return plain_route_add(tree, taken.prefix, plain_mask(taken.length), taken.route);
-        if (taken.kind == step::REMOVE)
-            return plain_route_remove(tree, taken.prefix, plain_mask(taken.length), taken.route);
-        return plain_set_default(tree, taken.route, taken.kind == step::DEFAULT_ADD);
-    }
-    void take(const step &taken)
-    {
-        watch(taken);
-        const std::uint32_t answer = take_for_real(taken);
-        ASSERT_NO_FATAL_FAILURE(check_between(taken));
-        ASSERT_EQ(answer, take_in_picture(taken));
-        ASSERT_EQ(card.texts(100), pools.errors);
-        pools.errors.clear();
-        ASSERT_EQ(mtrie_pool_check(), 0);
-        ASSERT_EQ(mtrie_hw_check(), 0);
-        ASSERT_EQ(mtrie_pools[MTRIE_POOL_LEAF].count, static_cast<std::int32_t>(pools.leaves));
-        ASSERT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, static_cast<std::int32_t>(pools.blocks));
-        ASSERT_EQ(mtrie_pools[MTRIE_POOL_NODE].count, static_cast<std::int32_t>(pools.nodes));
-        ASSERT_NO_FATAL_FAILURE(check_tree(taken.tree));
-    }
-    static std::string told(const step &taken)
-    {
-        static constexpr const char *names[] = {"add", "remove", "default add", "default remove"};
-        return text("%s tree %u %x/%u encap %u ifid %x flags %x", names[taken.kind], TREES[taken.tree], taken.prefix,
-                    taken.length, taken.route.encap, taken.route.ifid, taken.route.flags);
-    }
-    // Takes random steps. repeats: 1 to 5, how many values the middle bytes take.
-    void run(int steps, std::uint32_t repeats)
-    {
-        for (int number = 0; number < steps; ++number) {
-            const step taken = next_step(repeats);
-            SCOPED_TRACE(text("seed %u step %d: ", GetParam(), number) + told(taken));
-            ASSERT_NO_FATAL_FAILURE(take(taken));
-            card.forget();
-        }
-        for (std::uint32_t index = 0; index < std::size(TREES); ++index)
-            ASSERT_NO_FATAL_FAILURE(check_tree(index));
-    }
+struct random_tries : testing::TestWithParam<std::uint32_t> {
 };
 } // namespace
 
-TEST_P(random_trie, few_prefixes_are_answered_as_the_picture_says_after_every_operation) { run(400, 1); }
-
-TEST_P(random_trie, many_prefixes_are_answered_as_the_picture_says_after_every_operation) { run(400, 5); }
-
-TEST_P(random_trie, the_last_leaves_and_nodes_run_out_without_an_answer_changing)
+TEST_P(random_tries, of_few_prefixes_answer_as_the_picture_says_after_every_operation)
 {
-    while (mtrie_pools[MTRIE_POOL_NODE].count < 1012) { // charged to a tree that is not looked at
-        ASSERT_NE(mtrie_node_alloc_pool(77), nullptr);
-        ++pools.nodes;
-    }
-    while (mtrie_pools[MTRIE_POOL_LEAF].count < 1000) {
-        ASSERT_NE(mtrie_leaf_alloc_pool(77), nullptr);
-        ++pools.leaves;
-    }
-    while (mtrie_pools[MTRIE_POOL_ECMP].count < 124) {
-        ASSERT_NE(mtrie_ecmp_alloc_pool(77), nullptr);
-        ++pools.blocks;
-    }
-    run(250, 3);
-    EXPECT_GE(pools.leaves, 1000u);
-    EXPECT_EQ(pools.nodes, plain_pools::NODES) << "the run did not reach the last node";
+    random_trie(GetParam(), trie_kind::FEW).take_steps(100);
 }
 
-INSTANTIATE_TEST_SUITE_P(seeds, random_trie, testing::Values(1u, 2u, 3u, 20260101u));
+TEST_P(random_tries, of_many_prefixes_answer_as_the_picture_says_after_every_operation)
+{
+    random_trie(GetParam(), trie_kind::MANY).take_steps(100);
+}
+
+TEST_P(random_tries, use_up_the_last_leaves_and_nodes_without_an_answer_changing)
+{
+    random_trie run(GetParam(), trie_kind::USED_UP);
+    run.take_steps(60);
+    EXPECT_GE(run.pools.leaves, 1000u);
+    EXPECT_EQ(run.most_nodes, plain_pools::NODES) << "the run did not reach the last node";
+}
+
+INSTANTIATE_TEST_SUITE_P(seeds, random_tries, testing::Values(1u, 2u, 3u, 20260101u));

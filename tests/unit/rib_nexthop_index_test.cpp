@@ -73,7 +73,8 @@ TEST(rib_nexthop_index, a_gateways_routes_come_in_the_order_of_a_visit_whatever_
     const auto random = [&engine] { return static_cast<std::uint32_t>(engine()); };
     for (unsigned step = 0; step < 4000; ++step) {
         const std::uint32_t len = random() % 4 == 0 ? 32 - random() % 33 : 24;
-        const std::uint32_t prefix = IP(20, random() % 3, random() % 40, random() % 7) & rib_mask_table[len];
+        const std::uint32_t second = random() % 3, third = random() % 40, last = random() % 7; // in this order
+        const std::uint32_t prefix = IP(20, second, third, last) & rib_mask_table[len];
         const std::uint32_t gateway = GATEWAY + random() % 4;
         if (random() % 3 != 0)
             (void)rib_add_route(CTX, CTX, prefix, rib_mask_table[len], gateway);
