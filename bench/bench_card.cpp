@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "bench.h"
+#include "interface_db.h"
 #include "mtrack.h"
 #include "mts.h"
 #include "norvik_init.h"
@@ -27,7 +28,6 @@
 namespace
 {
 constexpr std::uint32_t IFID = 5, IF_ADDRESS = 0x0A010001, IF_MASK = 0xFFFF0000;
-constexpr std::size_t IF_RECORD_BYTES = 32, IF_HEADER_BYTES = 64, IF_RECORDS = 8192;
 
 std::string folder;
 constexpr const char *NAMES[ROUTE_DBG_COUNT] = {};
@@ -38,11 +38,10 @@ void remove_folder() { std::filesystem::remove_all(folder); }
 // The interface manager's database with the one interface.
 void write_interfaces()
 {
-    std::vector<std::uint32_t> words((IF_HEADER_BYTES + IF_RECORD_BYTES * IF_RECORDS) / 4);
-    const std::uint32_t header[] = {0x49464442, 1, IF_RECORD_BYTES, IF_RECORDS};
-    std::memcpy(words.data(), header, sizeof header);
+    std::vector<std::uint32_t> words(IFDB_BYTES / 4);
+    std::memcpy(words.data(), IFDB_HEADER, sizeof IFDB_HEADER);
     const std::uint32_t record[] = {2, 0x0F, 1, 0, IF_ADDRESS, IF_MASK, 0, 0};
-    std::memcpy(words.data() + (IF_HEADER_BYTES + IF_RECORD_BYTES * IFID) / 4, record, sizeof record);
+    std::memcpy(words.data() + IFDB_HEADER_WORDS + IFDB_RECORD_WORDS * IFID, record, sizeof record);
     std::ofstream(bench_card_file("interfaces"), std::ios::binary)
         .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
 }

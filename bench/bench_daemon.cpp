@@ -24,13 +24,17 @@
 #include <unistd.h>
 
 #include "bench.h"
-#include "hw_table.h"
+#include "big_endian.h"
+#include "interface_db.h"
+#include "interface_events.h"
 #include "mts.h"
-#include "tnrpc_wire.h"
+#include "mts_datagram.h"
+#include "route_table.h"
+#include "rpc_record.h"
 
 namespace
 {
-constexpr std::size_t ARP_CALL_BYTES = 90, IF_EVENT_BYTES = 48;
+constexpr std::size_t ARP_CALL_BYTES = 90;
 constexpr unsigned ARP_ENDPOINT = 10;
 constexpr std::uint32_t IF_ADDRESS = 0x0A010001, IF_MASK = 0xFFFF0000, IFID = 5, WIRED_BASE = 0x08000000;
 
@@ -144,12 +148,10 @@ bench_bytes call_head(const char *procedure, unsigned arguments)
 
 void write_interfaces()
 {
-    constexpr std::size_t HEADER_WORDS = 16, RECORD_WORDS = 8, RECORDS = 8192;
-    std::vector<std::uint32_t> words(HEADER_WORDS + RECORD_WORDS * RECORDS);
-    const std::uint32_t header[] = {0x49464442, 1, 4 * RECORD_WORDS, RECORDS};
+    std::vector<std::uint32_t> words(IFDB_BYTES / 4);
     const std::uint32_t record[] = {2, 0x0F, 1, 0, IF_ADDRESS, IF_MASK, 0, 0};
-    std::memcpy(words.data(), header, sizeof header);
-    std::memcpy(words.data() + HEADER_WORDS + RECORD_WORDS * IFID, record, sizeof record);
+    std::memcpy(words.data(), IFDB_HEADER, sizeof IFDB_HEADER);
+    std::memcpy(words.data() + IFDB_HEADER_WORDS + IFDB_RECORD_WORDS * IFID, record, sizeof record);
     std::ofstream(folder + "/interfaces", std::ios::binary)
         .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
 }
@@ -293,13 +295,14 @@ std::size_t bench_call_all(int connection, const std::vector<bench_bytes> &calls
 
 void bench_send_if_down()
 {
-    std::uint8_t message[16 + IF_EVENT_BYTES] = {};
-    (void)tnrpc_put(tnrpc_put(message, 4, 0x4D545331), 4, MTS_OPC_NORVIK_IF_DOWN);
-    std::uint8_t *const payload = message + 16;
-    (void)tnrpc_put(payload, 2, IFID);
-    (void)tnrpc_put(payload + 4, 4, IF_ADDRESS);
-    (void)tnrpc_put(payload + 21, 4, IF_MASK);
-    (void)tnrpc_put(payload + 44, 4, 1);
+    std::uint8_t message[MTS_HEADER_BYTES + IFEV_BYTES] = {};
+    put_be32(message + MTS_AT_MAGIC, MTS_MAGIC);
+    put_be32(message + MTS_AT_OPCODE, MTS_OPC_NORVIK_IF_DOWN);
+    std::uint8_t *const payload = message + MTS_HEADER_BYTES;
+    put_be16(payload + IFEV_AT_IFID, IFID);
+    put_be32(payload + IFEV_AT_ADDR, IF_ADDRESS);
+    put_be32(payload + IFEV_AT_MASK, IF_MASK);
+    put_be32(payload + IFEV_AT_RMODE, IF_RMODE_ROUTED);
     const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_un to = address_of("mts/514");
     bench_require(sendto(sender, message, sizeof message, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to) > 0,

@@ -20,7 +20,7 @@
 #include "bench.h"
 #include "bench_daemon.h"
 #include "hw_store.h"
-#include "hw_table.h"
+#include "route_table.h"
 
 namespace
 {

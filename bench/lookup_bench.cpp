@@ -12,7 +12,6 @@
 
 #include "bench.h"
 #include "bench_card.h"
-#include "hw_table.h"
 #include "ixp_lookup.h"
 #include "mtrie_records.h"
 #include "norvik_mtrie_hw.h"
@@ -20,6 +19,7 @@
 #include "peer_lpm.h"
 #include "prefix_mgr.h"
 #include "rib_table.h"
+#include "route_table.h"
 
 namespace
 {

@@ -9,7 +9,6 @@
 #include "bench.h"
 #include "bench_card.h"
 #include "hw_store.h"
-#include "hw_table.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
@@ -17,6 +16,7 @@
 #include "peer_lpm.h"
 #include "prefix_mgr.h"
 #include "rib_table.h"
+#include "route_table.h"
 
 #ifndef TABLES_LINES
 #define TABLES_LINES "lines laid down"

@@ -16,9 +16,9 @@
 
 #include "bench.h"
 #include "bench_daemon.h"
-#include "hw_table.h"
 #include "ixp_lookup.h"
 #include "mtrie_records.h"
+#include "route_table.h"
 
 namespace
 {

@@ -6,7 +6,7 @@
 // wait fail too, instead of knocking again and again.
 // Always: the first `outstanding` calls of the queue were sent on this connection, and no other; with no connection,
 // `outstanding` is 0.
-// Elsewhere: the form of the records (tnrpc_wire.h).
+// Elsewhere: the form of the records (rpc_record.h).
 #include "card_rpc.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@
 #include <unistd.h>
 
 #include "card_dir.h"
-#include "tnrpc_wire.h"
+#include "rpc_record.h"
 
 namespace
 {

@@ -8,11 +8,13 @@
 
 #include <sys/un.h>
 
+#include "route_table.h"
+
 // Settings of the card (card.conf); the defaults stand for what is missing or bad.
 struct card_conf {
     std::uint32_t slot = 1;
     std::uint32_t num_ixp = 2;
-    std::uint32_t wired_phys_base = 0x08000000;
+    std::uint32_t wired_phys_base = HW_WIRED_BASE_DEFAULT;
     std::uint8_t supervisor_address = 1;
     std::uint32_t rpc_timeout_ms = 2000;
     bool route_cache_kernel = false;

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 
 namespace
 {
@@ -149,6 +150,6 @@ card_conf card_conf_read(const std::string &path)
 const card_conf &card_conf_get()
 {
     static const card_conf conf =
-        card_dir_path().empty() ? card_conf{} : card_conf_read(card_dir_path() + "/card.conf");
+        card_dir_path().empty() ? card_conf{} : card_conf_read(card_dir_path() + "/" + CARD_CONF_FILE);
     return conf;
 }

@@ -21,12 +21,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "card_files.h"
+
 namespace
 {
-constexpr std::size_t PATH_MAX_BYTES = 64; // longer, and a socket's path would not fit its address
 constexpr unsigned LOCK_WAIT_MS = 100, LOCK_STEP_MS = 2;
 constexpr int LISTEN_BACKLOG = 128;
-constexpr const char *FOLDERS[] = {"mem", "mts", "rpc", "rpc/names", "history", "scp"};
 
 // Locks that this process holds, by the socket's name. Never destroyed: the clean-up at exit still asks.
 std::vector<std::string> &held_locks()
@@ -85,9 +85,9 @@ bool is_ours_alone(const std::string &path)
 
 std::string find_directory()
 {
-    const char *const set = std::getenv("CARD_DIR");
-    std::string path = set != nullptr ? set : "/run/card";
-    if (path.empty() || path.size() > PATH_MAX_BYTES) {
+    const char *const set = std::getenv(CARD_DIR_VARIABLE);
+    std::string path = set != nullptr ? set : CARD_DIR_DEFAULT;
+    if (path.empty() || path.size() > CARD_DIR_PATH_MAX) {
         refuse(path, path.empty() ? "CARD_DIR is empty" : "path is over 64 bytes");
         return {};
     }
@@ -97,7 +97,7 @@ std::string find_directory()
     }
     if (!is_ours_alone(path))
         return {};
-    for (const char *folder : FOLDERS) {
+    for (const char *folder : CARD_FOLDERS) {
         if (make_folder(path + "/" + folder) != 0) {
             refuse(path + "/" + folder, std::strerror(errno));
             return {};
@@ -109,7 +109,7 @@ std::string find_directory()
 // Takes the lock of `name`, waiting a little for a process that only looks at it. Returns its descriptor or -1.
 int take_lock(const std::string &path)
 {
-    const int fd = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = open((path + LOCK_SUFFIX).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
         return -1;
     (void)fchmod(fd, 0600); // a strict umask may have taken our own bits away

@@ -11,25 +11,12 @@
 #include <cstring>
 
 #include "counters.h"
+#include "debug_service.h"
 #include "mtrack.h"
 #include "sdwrap_gates.h"
 
 namespace
 {
-constexpr std::size_t REQUEST_BYTES = 16;
-
-enum debug_verb : std::uint32_t {
-    DEBUG_SWITCH_OUTPUT = 1,
-    DEBUG_SWITCH_HISTORY = 2,
-    DEBUG_SHOW_MEMORY = 3,
-    DEBUG_SET_THRESHOLD = 4,
-    DEBUG_SHOW_COUNTERS = 5,
-};
-
-struct debug_request {
-    std::uint32_t verb, category, context, value;
-};
-
 // An answer: whole lines only, as many as fit a message.
 struct answer_text {
     char text[MTS_MAX_PAYLOAD];
@@ -131,20 +118,13 @@ void serve(int queue, std::uint32_t sap, const debug_request &request)
         break;
     }
 }
-
-std::uint32_t get32(const std::uint8_t *at)
-{
-    return std::uint32_t{at[0]} << 24 | std::uint32_t{at[1]} << 16 | std::uint32_t{at[2]} << 8 | at[3];
-}
 } // namespace
 
 int sdwrap_process_msg(int queue, const mts_message *message)
 {
     if (message->opcode != MTS_OPC_DEBUG_REQUEST)
         return 1;
-    if (message->length < REQUEST_BYTES)
-        return 0;
-    const std::uint8_t *const p = message->payload;
-    serve(queue, message->source.sap, {get32(p), get32(p + 4), get32(p + 8), get32(p + 12)});
+    if (message->length >= DEBUG_REQUEST_BYTES)
+        serve(queue, message->source.sap, debug_request_get(message->payload));
     return 0;
 }

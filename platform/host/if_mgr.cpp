@@ -6,11 +6,13 @@
 // cut after it was mapped counts as not there.
 #include "if_mgr.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -19,28 +21,12 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
 
 namespace
 {
-constexpr std::uint32_t IFDB_MAGIC = 0x49464442, IFDB_VERSION = 1; // "IFDB"
-constexpr std::uint32_t IFDB_RECORD_WORDS = 8, IFDB_RECORDS = 8192, IFDB_HEADER_WORDS = 16;
-constexpr std::size_t IFDB_BYTES = (IFDB_HEADER_WORDS + IFDB_RECORDS * IFDB_RECORD_WORDS) * sizeof(std::uint32_t);
 constexpr std::int64_t TORN_NS = 10 * 1000 * 1000;
-
-// Words of a record.
-enum if_word : unsigned {
-    IF_SEQUENCE,
-    IF_FLAGS,
-    IF_RMODE,
-    IF_BVI,
-    IF_ADDRESS,
-    IF_MASK,
-    IF_CONTEXT,
-    IF_VLAN,
-};
-constexpr std::uint32_t IF_EXISTS = 0x01, IF_UP = 0x02, IF_HAS_ADDRESS = 0x04, IF_HAS_CONTEXT = 0x08,
-                        IF_HAS_VLAN = 0x10;
 
 using if_record = std::array<std::uint32_t, IFDB_RECORD_WORDS>;
 using word_ref = std::atomic_ref<std::uint32_t>;
@@ -74,8 +60,7 @@ std::uint32_t *map_database(int fd)
     if (at == MAP_FAILED)
         return nullptr;
     auto *const words = static_cast<std::uint32_t *>(at);
-    if (words[0] == IFDB_MAGIC && words[1] == IFDB_VERSION && words[2] == IFDB_RECORD_WORDS * sizeof(std::uint32_t) &&
-        words[3] == IFDB_RECORDS)
+    if (std::equal(std::begin(IFDB_HEADER), std::end(IFDB_HEADER), words))
         return words;
     (void)munmap(at, IFDB_BYTES);
     return nullptr;
@@ -100,7 +85,7 @@ std::uint32_t *database()
     let_go(db);
     if (card_dir_path().empty())
         return nullptr;
-    static const std::string &path = *new std::string(card_dir_path() + "/interfaces");
+    static const std::string &path = *new std::string(card_dir_path() + "/" + IFDB_FILE);
     db.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (db.fd < 0)
         return nullptr;
@@ -119,13 +104,13 @@ std::uint32_t *database()
 // Copies a record's words. Returns whether no change fell between them.
 bool try_copy(std::uint32_t *from, if_record &to)
 {
-    const std::uint32_t before = word_ref(from[IF_SEQUENCE]).load(std::memory_order_acquire);
+    const std::uint32_t before = word_ref(from[IFDB_SEQUENCE]).load(std::memory_order_acquire);
     if ((before & 1) != 0)
         return false;
-    to[IF_SEQUENCE] = before;
-    for (unsigned i = IF_FLAGS; i <= IF_VLAN; ++i)
+    to[IFDB_SEQUENCE] = before;
+    for (unsigned i = IFDB_FLAGS; i <= IFDB_VLAN; ++i)
         to[i] = word_ref(from[i]).load(std::memory_order_acquire); // so that the sequence is read again after them
-    return word_ref(from[IF_SEQUENCE]).load(std::memory_order_relaxed) == before;
+    return word_ref(from[IFDB_SEQUENCE]).load(std::memory_order_relaxed) == before;
 }
 
 // Reads the record of an interface that exists and has all that `flags` ask for. Returns 0 or -1.
@@ -145,10 +130,10 @@ int read_record(std::uint32_t ifid, std::uint32_t flags, if_record &out)
             (void)sched_yield();
         }
     }
-    return (out[IF_FLAGS] & (IF_EXISTS | flags)) == (IF_EXISTS | flags) ? 0 : -1;
+    return (out[IFDB_FLAGS] & (IFDB_EXISTS | flags)) == (IFDB_EXISTS | flags) ? 0 : -1;
 }
 
-std::int32_t read_word(std::uint32_t ifid, std::uint32_t flags, if_word word)
+std::int32_t read_word(std::uint32_t ifid, std::uint32_t flags, ifdb_word word)
 {
     if_record record;
     return read_record(ifid, flags, record) == 0 ? static_cast<std::int32_t>(record[word]) : -1;
@@ -160,7 +145,7 @@ int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scra
     if_record record;
     if (read_record(ifid, 0, record) != 0)
         return -1;
-    *rmode = record[IF_RMODE];
+    *rmode = record[IFDB_RMODE];
     if (scratch != nullptr)
         *scratch = 0;
     return 0;
@@ -169,22 +154,22 @@ int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scra
 int if_get_ip(std::uint32_t ifid, std::uint32_t *address, std::uint32_t *mask)
 {
     if_record record;
-    if (read_record(ifid, IF_HAS_ADDRESS, record) != 0)
+    if (read_record(ifid, IFDB_HAS_ADDRESS, record) != 0)
         return -1;
-    *address = record[IF_ADDRESS];
-    *mask = record[IF_MASK];
+    *address = record[IFDB_ADDRESS];
+    *mask = record[IFDB_MASK];
     return 0;
 }
 
-std::int32_t if_get_context_id(std::uint32_t ifid) { return read_word(ifid, IF_HAS_CONTEXT, IF_CONTEXT); }
+std::int32_t if_get_context_id(std::uint32_t ifid) { return read_word(ifid, IFDB_HAS_CONTEXT, IFDB_CONTEXT); }
 
 int if_get_status(std::uint32_t ifid)
 {
     if_record record;
     if (read_record(ifid, 0, record) != 0)
         return -1;
-    return (record[IF_FLAGS] & IF_UP) != 0 ? 1 : 0;
+    return (record[IFDB_FLAGS] & IFDB_UP) != 0 ? 1 : 0;
 }
 
-std::int32_t if_get_bvi(std::uint32_t ifid) { return read_word(ifid, 0, IF_BVI); }
-std::int32_t if_get_vlanid(std::uint32_t ifid) { return read_word(ifid, IF_HAS_VLAN, IF_VLAN); }
+std::int32_t if_get_bvi(std::uint32_t ifid) { return read_word(ifid, 0, IFDB_BVI); }
+std::int32_t if_get_vlanid(std::uint32_t ifid) { return read_word(ifid, IFDB_HAS_VLAN, IFDB_VLAN); }

@@ -20,15 +20,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "big_endian.h"
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
 #include "mts_host.h"
 
 namespace
 {
-constexpr std::uint32_t MESSAGE_MAGIC = 0x4D545331; // "MTS1"
-constexpr std::size_t HEADER_BYTES = 16;
-constexpr std::uint32_t FIRST_TOOL_SAP = 1024, LAST_TOOL_SAP = 65535;
+constexpr std::uint32_t LAST_TOOL_SAP = 65535;
 constexpr std::size_t SAP_NAME_BYTES = 16; // "mts/4294967295"
 
 struct option_word {
@@ -43,7 +43,7 @@ struct bound_queue {
 };
 
 std::array<bound_queue, 8> queues;
-std::uint8_t received[HEADER_BYTES + MTS_MAX_PAYLOAD];
+std::uint8_t received[MTS_HEADER_BYTES + MTS_MAX_PAYLOAD];
 
 struct opcode_name {
     std::uint32_t opcode;
@@ -63,17 +63,6 @@ constexpr opcode_name OPCODE_NAMES[] = {
     {MTS_OPC_ROUTE_IF_REMOVED, "MTS_OPC_ROUTE_IF_REMOVED"},
 };
 
-void put32(std::uint8_t *at, std::uint32_t value)
-{
-    for (unsigned i = 0; i < 4; ++i)
-        at[i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
-}
-
-std::uint32_t get32(const std::uint8_t *at)
-{
-    return std::uint32_t{at[0]} << 24 | std::uint32_t{at[1]} << 16 | std::uint32_t{at[2]} << 8 | at[3];
-}
-
 bound_queue *find_queue(int fd)
 {
     for (bound_queue &q : queues)
@@ -84,7 +73,7 @@ bound_queue *find_queue(int fd)
 
 void sap_name(std::uint32_t sap, char (&name)[SAP_NAME_BYTES])
 {
-    (void)std::snprintf(name, sizeof name, "mts/%u", sap);
+    (void)std::snprintf(name, sizeof name, "%s/%u", MTS_FOLDER, sap);
 }
 
 // Sends one datagram to `sap`. wait: MSG_DONTWAIT or 0. A message that nobody took is counted. Returns 0 or -1.
@@ -129,7 +118,7 @@ std::uint32_t sap_of_name(const char *name)
 int send_to_all(int fd, std::uint32_t own_sap, const msghdr &message)
 {
     const std::string &dir = card_dir_path();
-    DIR *const folder = dir.empty() ? nullptr : opendir((dir + "/mts").c_str());
+    DIR *const folder = dir.empty() ? nullptr : opendir((dir + "/" + MTS_FOLDER).c_str());
     if (folder == nullptr) {
         ++platform_counters.messages_lost;
         return -1;
@@ -160,11 +149,11 @@ int send_message(int queue, const mts_address &to, std::uint32_t opcode, const v
         return -1;
     const bound_queue *const own = find_queue(queue);
     const std::uint32_t own_sap = own == nullptr ? 0 : own->sap;
-    std::uint8_t header[HEADER_BYTES];
-    put32(header, MESSAGE_MAGIC);
-    put32(header + 4, opcode);
-    put32(header + 8, MTS_NODE_LOCAL);
-    put32(header + 12, own_sap);
+    std::uint8_t header[MTS_HEADER_BYTES];
+    put_be32(header + MTS_AT_MAGIC, MTS_MAGIC);
+    put_be32(header + MTS_AT_OPCODE, opcode);
+    put_be32(header + MTS_AT_NODE, MTS_NODE_LOCAL);
+    put_be32(header + MTS_AT_SAP, own_sap);
     iovec parts[2] = {{header, sizeof header}, {const_cast<void *>(payload), bytes}};
     msghdr message = {};
     message.msg_iov = parts;
@@ -208,7 +197,7 @@ int mts_bind_free(std::uint32_t *sap, const char *name)
     if (card_dir_path().empty())
         return -1;
     const mts_bind_options options = {};
-    for (std::uint32_t candidate = FIRST_TOOL_SAP; candidate <= LAST_TOOL_SAP; ++candidate) {
+    for (std::uint32_t candidate = MTS_FIRST_TOOL_SAP; candidate <= LAST_TOOL_SAP; ++candidate) {
         char socket_name[SAP_NAME_BYTES];
         sap_name(candidate, socket_name);
         if (card_dir_owner(socket_name) != card_owner::none)
@@ -262,15 +251,15 @@ int mts_recv(int queue, mts_message *message, const mts_recv_options *)
     if (got < 0)
         return -1;
     const auto bytes = static_cast<std::size_t>(got);
-    if (bytes < HEADER_BYTES || bytes > sizeof received || get32(received) != MESSAGE_MAGIC) {
+    if (bytes < MTS_HEADER_BYTES || bytes > sizeof received || get_be32(received + MTS_AT_MAGIC) != MTS_MAGIC) {
         ++platform_counters.messages_malformed;
         return -1;
     }
     ++platform_counters.messages_received;
-    message->opcode = get32(received + 4);
-    message->source = {get32(received + 8), get32(received + 12)};
-    message->length = static_cast<std::uint32_t>(bytes - HEADER_BYTES);
-    message->payload = received + HEADER_BYTES;
+    message->opcode = get_be32(received + MTS_AT_OPCODE);
+    message->source = {get_be32(received + MTS_AT_NODE), get_be32(received + MTS_AT_SAP)};
+    message->length = static_cast<std::uint32_t>(bytes - MTS_HEADER_BYTES);
+    message->payload = received + MTS_HEADER_BYTES;
     return 0;
 }
 

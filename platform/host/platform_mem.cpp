@@ -12,12 +12,12 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
+#include "route_table.h"
 
 namespace
 {
-constexpr std::uint32_t WIRED_BYTES = 0x1400000, IXP_TABLE_BYTES = 0x103400;
-constexpr const char *IXP_FILES[] = {"mem/ixp1", "mem/ixp2"};
 constexpr const char *ROUTE_FLUSH = "/proc/sys/net/ipv4/route/flush";
 
 // Maps the first `bytes` of the memory file `name`, which is `file_bytes` long. Returns its card address or 0.
@@ -56,22 +56,22 @@ int norvik_get_wired_info(int descriptor, wired_info *info)
 {
     if (descriptor < 0)
         return -1;
-    *info = {card_conf_get().wired_phys_base, WIRED_BYTES};
+    *info = {card_conf_get().wired_phys_base, HW_WIRED_BYTES};
     return 0;
 }
 
 card_addr map_wired_route(int descriptor)
 {
-    return descriptor < 0 ? 0 : map_memory("mem/wired", WIRED_BYTES, WIRED_BYTES);
+    return descriptor < 0 ? 0 : map_memory(WIRED_FILE, HW_WIRED_BYTES, HW_WIRED_BYTES);
 }
 
-void unmap_wired_route(int, card_addr addr) { card_space_unmap(addr, WIRED_BYTES); }
+void unmap_wired_route(int, card_addr addr) { card_space_unmap(addr, HW_WIRED_BYTES); }
 
 card_addr map_pci_xram_to_uspace(std::uint32_t, std::uint32_t bytes, std::uint32_t processor)
 {
-    if (processor >= platform_get_num_ixp() || bytes == 0 || bytes > IXP_TABLE_BYTES)
+    if (processor >= platform_get_num_ixp() || bytes == 0 || bytes > HW_TABLE_BYTES)
         return 0;
-    return map_memory(IXP_FILES[processor], IXP_TABLE_BYTES, bytes);
+    return map_memory(IXP_FILES[processor], HW_TABLE_BYTES, bytes);
 }
 
 void unmap_pci_xram_to_uspace(card_addr addr, std::uint32_t bytes) { card_space_unmap(addr, bytes); }

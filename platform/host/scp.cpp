@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
 
 namespace
@@ -20,7 +21,7 @@ int scp_socket = -1;
 int send_to_supervisor(const void *message, std::size_t bytes)
 {
     sockaddr_un address;
-    if (card_dir_address("scp/supervisor", &address) != 0)
+    if (card_dir_address(SUPERVISOR_SOCKET, &address) != 0)
         return EACCES;
     ssize_t sent = 0;
     do {

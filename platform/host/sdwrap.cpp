@@ -73,7 +73,7 @@ struct index_range {
 };
 index_range categories(std::uint32_t category)
 {
-    if (category == SDWRAP_ALL_CATEGORIES)
+    if (category == DEBUG_ALL_CATEGORIES)
         return {0, registered};
     const std::uint32_t i = category - SDWRAP_FIRST_CATEGORY;
     return i < registered ? index_range{i, i + 1} : index_range{0, 0};
@@ -90,7 +90,7 @@ void sdwrap_switch_debug(std::uint32_t category, std::uint32_t context, bool ope
 {
     const index_range range = categories(category);
     for (unsigned i = range.first; i < range.end; ++i) {
-        if (context == SDWRAP_ALL_CONTEXTS)
+        if (context == DEBUG_ALL_CONTEXTS)
             std::memset(sdwrap_gates.debug[i], open ? 1 : 0, sizeof sdwrap_gates.debug[i]);
         else if (context < SDWRAP_CONTEXTS)
             sdwrap_gates.debug[i][context] = open ? 1 : 0;

@@ -3,13 +3,13 @@
 
 #include <cstdint>
 
-constexpr std::uint32_t SDWRAP_ALL_CATEGORIES = 0, SDWRAP_ALL_CONTEXTS = 0xFFFFFFFF;
+#include "debug_service.h"
 
 // Whether `category` is one of those registered with sdwrap_dbg_init.
 bool sdwrap_is_registered(std::uint32_t category);
 
-// Opens or closes the debug gate of `category` (SDWRAP_ALL_CATEGORIES: every registered one) for `context` (0 to 255,
-// or SDWRAP_ALL_CONTEXTS). A category that is not registered or another context: nothing.
+// Opens or closes the debug gate of `category` (DEBUG_ALL_CATEGORIES: every registered one) for `context` (0 to 255,
+// or DEBUG_ALL_CONTEXTS). A category that is not registered or another context: nothing.
 void sdwrap_switch_debug(std::uint32_t category, std::uint32_t context, bool open);
 
 // The same for the history gate of a category.

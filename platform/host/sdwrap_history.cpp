@@ -18,36 +18,14 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
+#include "history_file.h"
 #include "sdwrap_gates.h"
 
 namespace
 {
-constexpr std::uint32_t HISTORY_MAGIC = 0x48495354; // "HIST"
-constexpr std::uint32_t HISTORY_VERSION = 1;
-constexpr std::size_t RECORD_ALIGN = 8;
 constexpr std::size_t MIN_CAPACITY = 1024, MAX_CAPACITY = std::size_t{1} << 30;
-
-// The file's header. Byte counts, ever written and ever dropped.
-struct history_header {
-    std::uint32_t magic;
-    std::uint32_t version;
-    std::uint64_t capacity;
-    std::uint64_t tail;
-    std::uint64_t head;
-    std::uint8_t zero[32];
-};
-static_assert(sizeof(history_header) == 64 && offsetof(history_header, head) == 24);
-
-// What stands in front of a record's data. The time is split in two words, so that the record is 20 bytes in memory
-// as in the file.
-struct record_header {
-    std::uint32_t size; // of the whole record, a multiple of RECORD_ALIGN
-    std::uint32_t event_type;
-    std::uint32_t time_words[2]; // u64 nanoseconds since 1970, in the host's order
-    std::uint32_t data_bytes;
-};
-static_assert(sizeof(record_header) == 20);
 
 struct history {
     history_header *header = nullptr; // null until set up
@@ -59,11 +37,6 @@ struct history {
 };
 history own;
 std::size_t default_bytes = 0x10000;
-
-constexpr std::uint64_t round_up(std::uint64_t bytes)
-{
-    return (bytes + RECORD_ALIGN - 1) / RECORD_ALIGN * RECORD_ALIGN;
-}
 
 void publish(std::uint64_t &word, std::uint64_t value)
 {
@@ -97,14 +70,14 @@ bool is_valid(const history &h)
 {
     const history_header &f = *h.header;
     if (f.magic != HISTORY_MAGIC || f.version != HISTORY_VERSION || f.capacity != h.capacity || f.head < f.tail ||
-        f.head - f.tail > h.capacity || f.head % RECORD_ALIGN != 0 || f.tail % RECORD_ALIGN != 0)
+        f.head - f.tail > h.capacity || f.head % HISTORY_ALIGN != 0 || f.tail % HISTORY_ALIGN != 0)
         return false;
     for (std::uint64_t at = f.tail; at != f.head;) {
-        record_header record;
-        if (f.head - at < round_up(sizeof record))
+        history_record_header record;
+        if (f.head - at < history_record_bytes(0))
             return false;
         ring_read(h, at, &record, sizeof record);
-        if (record.size % RECORD_ALIGN != 0 || record.size > f.head - at ||
+        if (record.size % HISTORY_ALIGN != 0 || record.size > f.head - at ||
             record.size < sizeof record + std::uint64_t{record.data_bytes})
             return false;
         at += record.size;
@@ -149,7 +122,7 @@ int open_history(std::uint32_t component, std::size_t bytes)
     h.capacity = bytes;
     h.component = component;
     char name[32];
-    (void)std::snprintf(name, sizeof name, "history/%u", component);
+    (void)std::snprintf(name, sizeof name, "%s/%u", HISTORY_FOLDER, component);
     bool made = false;
     if (!map_file(name, h, &made))
         return -1;
@@ -181,7 +154,8 @@ void make_room(history &h, std::uint64_t bytes)
         std::uint32_t size = 0; // never wraps: records start at multiples of 8
         std::memcpy(&size, h.ring + h.tail_at, sizeof size);
         // Another program damaged the ring: all of it goes, since where the next record starts is not known.
-        const bool damaged = size < sizeof(record_header) || size % RECORD_ALIGN != 0 || size > h.head - h.tail;
+        const bool damaged =
+            size < sizeof(history_record_header) || size % HISTORY_ALIGN != 0 || size > h.head - h.tail;
         h.tail = damaged ? h.head : h.tail + size;
         h.tail_at = damaged ? h.head_at : advanced(h, h.tail_at, size);
     }
@@ -191,9 +165,9 @@ void make_room(history &h, std::uint64_t bytes)
     std::atomic_thread_fence(std::memory_order_release); // the record's bytes come after the tail
 }
 // Writes a record at head_at: header, data, zeros up to its size.
-void write_record(const history &h, const record_header &header, const void *data, std::size_t bytes)
+void write_record(const history &h, const history_record_header &header, const void *data, std::size_t bytes)
 {
-    constexpr std::uint8_t ZEROS[RECORD_ALIGN] = {};
+    constexpr std::uint8_t ZEROS[HISTORY_ALIGN] = {};
     const std::size_t used = sizeof header + bytes;
     if (h.head_at + header.size <= h.capacity) { // nearly always: nothing wraps
         std::uint8_t *const at = h.ring + h.head_at;
@@ -210,7 +184,7 @@ void write_record(const history &h, const record_header &header, const void *dat
 
 int sdwrap_hist_init(std::size_t bytes)
 {
-    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % RECORD_ALIGN != 0)
+    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % HISTORY_ALIGN != 0)
         return -1;
     default_bytes = bytes; // what a component gets that asks for no size
     return 0;
@@ -222,7 +196,7 @@ int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes)
     sdwrap_close_early_gate();
     if (bytes == 0)
         bytes = default_bytes;
-    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % RECORD_ALIGN != 0)
+    if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % HISTORY_ALIGN != 0)
         return -1;
     return open_history(component, bytes);
 }
@@ -230,7 +204,7 @@ int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes)
 int sdwrap_hist_set_event_subtype(std::uint32_t event_type, std::uint32_t subtype, unsigned on)
 {
     if (own.header == nullptr || event_type >> 16 != own.component || on > 1 ||
-        (subtype != SDWRAP_ALL_CATEGORIES && !sdwrap_is_registered(subtype)))
+        (subtype != DEBUG_ALL_CATEGORIES && !sdwrap_is_registered(subtype)))
         return -1;
     sdwrap_switch_history(subtype, on == 1);
     return 0;
@@ -240,14 +214,15 @@ int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *r
 {
     if (own.header == nullptr || event_type >> 16 != own.component || bytes > own.capacity)
         return -1;
-    const std::uint64_t size = round_up(sizeof(record_header) + bytes);
+    const std::uint64_t size = history_record_bytes(bytes);
     if (size > own.capacity)
         return -1;
     timespec now = {};
     (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail, and leaves errno alone
     const std::uint64_t ns =
         static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
-    record_header header = {static_cast<std::uint32_t>(size), event_type, {}, static_cast<std::uint32_t>(bytes)};
+    history_record_header header = {
+        static_cast<std::uint32_t>(size), event_type, {}, static_cast<std::uint32_t>(bytes)};
     std::memcpy(header.time_words, &ns, sizeof ns);
 
     make_room(own, size);

@@ -8,7 +8,7 @@
 // Always: a kept connection has no reply outstanding. Whatever breaks that (a time-out, a reply of another form)
 // closes it, so no answer is taken for the answer to another call. The caller's variables are written only after the
 // whole reply has been judged.
-// Elsewhere: the form of the records (tnrpc_wire.h).
+// Elsewhere: the form of the records (rpc_record.h).
 
 #include "tnrpc.h"
 
@@ -28,9 +28,10 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
 #include "mtrack.h"
-#include "tnrpc_wire.h"
+#include "rpc_record.h"
 
 namespace
 {
@@ -101,7 +102,7 @@ void socket_limit_receive(int socket)
 int socket_open(std::uint32_t endpoint, std::int64_t deadline_ns)
 {
     char name[TNRPC_ENDPOINT_PATH_BYTES];
-    std::snprintf(name, sizeof name, "rpc/%lu", static_cast<unsigned long>(endpoint));
+    std::snprintf(name, sizeof name, "%s/%u", RPC_FOLDER, endpoint);
     sockaddr_un address{};
     if (card_dir_address(name, &address) != 0)
         return -1;

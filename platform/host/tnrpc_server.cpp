@@ -9,7 +9,7 @@
 // Always: the path of a call allocates nothing; call and reply stand in the static records below, since procedures run
 // one at a time and never call tnrpc_process. What a running procedure holds lies outside the procedure table, so it
 // may unregister itself.
-// Elsewhere: the form of the records (tnrpc_wire.h), who owns an endpoint (card_dir.cpp).
+// Elsewhere: the form of the records (rpc_record.h), who owns an endpoint (card_dir.cpp).
 
 #include "tnrpc.h"
 
@@ -27,9 +27,10 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "counters.h"
 #include "mtrack.h"
-#include "tnrpc_wire.h"
+#include "rpc_record.h"
 
 namespace
 {
@@ -146,7 +147,7 @@ bool link_is_served_by_another(const link_text &target)
     std::uint32_t endpoint = 0;
     if (tnrpc_link_endpoint(target.text, std::strlen(target.text), endpoint) != 0)
         return false;
-    return card_dir_owner(("rpc/" + std::to_string(endpoint)).c_str()) == card_owner::other;
+    return card_dir_owner((RPC_FOLDER + ("/" + std::to_string(endpoint))).c_str()) == card_owner::other;
 }
 
 // Points the name's link at this process, unless a live process serves the name. The new link is renamed over the old
@@ -382,7 +383,7 @@ void server_close()
 int server_open(std::uint32_t endpoint)
 {
     char name[TNRPC_ENDPOINT_PATH_BYTES];
-    std::snprintf(name, sizeof name, "rpc/%lu", static_cast<unsigned long>(endpoint));
+    std::snprintf(name, sizeof name, "%s/%u", RPC_FOLDER, endpoint);
     server.endpoint = endpoint;
     server.events = epoll_create1(EPOLL_CLOEXEC);
     server.timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-constexpr std::uint32_t IF_RMODE_ROUTED = 1; // routes by itself; any other mode: through its bridge interface
+#include "interface_db.h"
 
 int if_get_address(std::uint32_t ifid, std::uint32_t *rmode, std::uint32_t *scratch); // routing mode; 0 or -1
 int if_get_ip(std::uint32_t ifid, std::uint32_t *address, std::uint32_t *mask);       // host order; 0 or -1

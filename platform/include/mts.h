@@ -4,15 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr std::uint32_t MTS_NODE_LOCAL = 0;              // this card
-constexpr std::uint32_t MTS_NODE_BROADCAST = 0xFE000000; // with sap 0: every sap bound on the card but the sender's
-constexpr std::size_t MTS_MAX_PAYLOAD = 1024;            // bytes
-
-constexpr std::uint32_t MTS_OPC_NORVIK_IF_CREATED = 4063, MTS_OPC_NORVIK_IF_DELETED = 4064, MTS_OPC_NORVIK_IF_UP = 4065,
-                        MTS_OPC_NORVIK_IF_DOWN = 4066, MTS_OPC_NORVIK_ENCAP_ACQUIRE = 4069,
-                        MTS_OPC_NORVIK_ENCAP_RELEASE = 4070, MTS_OPC_NORVIK_IF_CHANGED = 4089,
-                        MTS_OPC_DEBUG_REQUEST = 1530, MTS_OPC_DEBUG_ANSWER = 1531, MTS_OPC_ROUTE_IF_ADDED = 0x1005,
-                        MTS_OPC_ROUTE_IF_REMOVED = 0x1006;
+#include "mts_datagram.h"
 
 struct mts_bind_options {
     std::uint32_t words[5];

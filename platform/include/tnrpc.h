@@ -8,18 +8,8 @@
 #include <cstdint>
 
 #include "card_space.h"
+#include "rpc_record.h"
 
-// Type code of an argument.
-enum tnrpc_type : unsigned {
-    RPC_ARG_SMALL = 0, // 1 byte, by value
-    RPC_ARG_U16 = 1,   // 2 bytes, by value
-    RPC_ARG_U32 = 2,   // 4 bytes, by value
-    RPC_ARG_REF = 8,   // by reference, in and out; the caller chooses 2 or 4 bytes
-    RPC_ARG_BLOCK = 9, // a block that the procedure allocates with mtrack_alloc; the server frees it after the reply
-};
-
-constexpr unsigned TNRPC_MAX_ARGS = 16;
-constexpr std::size_t TNRPC_MAX_NAME = 63;
 constexpr std::uint32_t TNRPC_FAILED = 0xFFFFFFFF; // a call that could not be made or answered
 
 struct tnrpc_block {

@@ -40,9 +40,9 @@
 #include "route_log.h"
 #include "route_mgr.h"
 #include "route_rpc.h"
+#include "rpc_record.h"
 #include "scp.h"
 #include "sdwrap.h"
-#include "tnrpc_wire.h"
 
 fuzz_peer_script fuzz_peer;
 

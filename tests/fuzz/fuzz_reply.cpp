@@ -6,8 +6,8 @@
 
 #include "fuzz_card.h"
 #include "mtrack.h"
+#include "rpc_record.h"
 #include "tnrpc.h"
-#include "tnrpc_wire.h"
 
 namespace
 {

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "fuzz_card.h"
-#include "tnrpc_wire.h"
+#include "rpc_record.h"
 
 namespace
 {

@@ -26,9 +26,9 @@
 
 #include "card_look.h"
 #include "daemon.h"
-#include "hw_table.h"
 #include "ixp_memory.h"
 #include "random_changes.h"
+#include "route_table.h"
 #include "side_changes.h"
 #include "window_reader.h"
 

@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include "fake_card.h"
-#include "hw_table.h"
 #include "random_changes.h"
 #include "rib_host.h"
 #include "rib_static.h"
+#include "route_table.h"
 #include "window_reader.h"
 
 namespace

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "hw_table.h"
+#include "route_table.h"
 
 enum store_fault : unsigned {
     FAULT_NONE,

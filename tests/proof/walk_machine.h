@@ -13,8 +13,8 @@
 #include <set>
 #include <vector>
 
-#include "hw_table.h"
 #include "mtrie_records.h"
+#include "route_table.h"
 
 // One copy of the table as a reader has it, and the address form of its words.
 struct table_copy {

@@ -343,7 +343,7 @@ TEST_F(cardsim_model, the_slow_path_knows_its_encapsulations_and_interfaces)
 TEST(cardsim_supervisor, an_advertisement_is_taken_listed_and_withdrawn)
 {
     std::vector<std::uint8_t> message = {0, 1, 0, 0x12, 0x12, 4, 1, 0x4A, 0, 1, 0};
-    message.resize(SUP_ADVERT_BYTES);
+    message.resize(ADVERT_BYTES);
     message[16] = 0x22;
     put_be32(&message[18], ip(10, 20, 0, 0));
     put_be32(&message[22], 0xFFFF0000);

@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "hw_table.h"
+#include "route_table.h"
 #include "tool_run.h"
 
 namespace

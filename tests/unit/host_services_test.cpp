@@ -18,12 +18,12 @@
 namespace
 {
 using if_words = std::array<std::uint32_t, 8>;
-constexpr std::size_t IFDB_BYTES = 64 + 8192 * 32;
+constexpr std::size_t DATABASE_BYTES = 64 + 8192 * 32;
 
 // Puts a database at the card directory in which interface 5 is `record` and 8191 exists. Returns it mapped.
 std::uint32_t *put_database(const if_words &record)
 {
-    std::string file(IFDB_BYTES, '\0');
+    std::string file(DATABASE_BYTES, '\0');
     const std::uint32_t header[] = {0x49464442, 1, 32, 8192};
     const if_words last = {0, 1, 2, 3, 0, 0, 0, 0};
     std::memcpy(file.data(), header, sizeof header);
@@ -31,7 +31,7 @@ std::uint32_t *put_database(const if_words &record)
     std::memcpy(file.data() + 64 + 8191 * 32, last.data(), 32);
     write_text(card_file("interfaces"), file);
     const int fd = open(card_file("interfaces").c_str(), O_RDWR | O_CLOEXEC);
-    void *const at = mmap(nullptr, IFDB_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void *const at = mmap(nullptr, DATABASE_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     return static_cast<std::uint32_t *>(at);
 }
@@ -110,7 +110,7 @@ TEST(if_mgr, the_file_is_looked_for_until_it_is_there)
             EXPECT_EQ(if_get_status(5), -1) << "no file";
             write_text(card_file("interfaces"), "too short");
             EXPECT_EQ(if_get_status(5), -1);
-            write_text(card_file("interfaces"), std::string(IFDB_BYTES, 'x'));
+            write_text(card_file("interfaces"), std::string(DATABASE_BYTES, 'x'));
             EXPECT_EQ(if_get_status(5), -1);
         });
         EXPECT_NE(said.find("interfaces"), std::string::npos) << said;

@@ -5,12 +5,12 @@
 
 #include <cstring>
 
-#include "hw_table.h"
 #include "norvik_mtrie_hw.h"
 #include "rib_card.h"
 #include "rib_host.h"
 #include "rib_nat.h"
 #include "rib_static.h"
+#include "route_table.h"
 
 namespace
 {

@@ -9,12 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "fake_card.h"
-#include "hw_table.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
 #include "processor_walk.h"
 #include "route_ids.h"
+#include "route_table.h"
 
 bool operator==(const fake_store &a, const fake_store &b); // found by gtest's comparisons of journals
 bool operator==(const fake_store &a, const fake_store &b) { return a.address == b.address && a.value == b.value; }

@@ -9,11 +9,11 @@
 #include <gtest/gtest.h>
 
 #include "fake_card.h"
-#include "hw_table.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
 #include "processor_walk.h"
 #include "route_ids.h"
+#include "route_table.h"
 
 namespace
 {

@@ -13,8 +13,8 @@
 #include <string>
 
 #include "fake_card.h"
-#include "hw_table.h"
 #include "mtrie_records.h"
+#include "route_table.h"
 
 constexpr unsigned NP_COPIES = 3;                // wired region, then the two processors
 constexpr std::uint32_t NP_MISS = 0;             // no leaf answers

@@ -1,11 +1,11 @@
 // rib_mtrie_test.cpp - routes in the RIB and in the forwarding table together.
 #include "rib_mtrie.h"
 
-#include "hw_table.h"
 #include "mtrack.h"
 #include "norvik_mtrie_leaf.h"
 #include "rib_card.h"
 #include "route_ids.h"
+#include "route_table.h"
 
 namespace
 {

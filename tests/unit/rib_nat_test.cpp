@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <random>
 
-#include "hw_table.h"
 #include "mtrack.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
@@ -13,6 +12,7 @@
 #include "rib_host.h"
 #include "rib_static.h"
 #include "route_ids.h"
+#include "route_table.h"
 
 namespace
 {

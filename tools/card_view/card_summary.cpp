@@ -2,11 +2,10 @@
 #include "card_summary.h"
 
 #include "big_endian.h"
+#include "route_listing.h"
 
 namespace
 {
-constexpr std::size_t RIB_BYTES = 12, FIB_BYTES = 24;
-
 using decoder = bool (*)(const std::vector<std::uint8_t> &block, context_summary &to);
 
 void take_reply(card_summary &summary, unsigned ctx, const card_rpc_reply &reply, const char *procedure, decoder decode)
@@ -26,21 +25,21 @@ void take_reply(card_summary &summary, unsigned ctx, const card_rpc_reply &reply
 
 bool context_summary_rib(const std::vector<std::uint8_t> &block, context_summary &to)
 {
-    if (block.size() != RIB_BYTES)
+    if (block.size() != RIB_SUMMARY_BYTES)
         return false;
-    to.connected_nat = get_be32(block.data());
-    to.statics = get_be32(block.data() + 4);
+    to.connected_nat = get_be32(&block[RIB_SUMMARY_AT_CONNECTED]);
+    to.statics = get_be32(&block[RIB_SUMMARY_AT_STATICS]);
     return true;
 }
 
 bool context_summary_fib(const std::vector<std::uint8_t> &block, context_summary &to)
 {
-    if (block.size() != FIB_BYTES)
+    if (block.size() != FIB_SUMMARY_BYTES)
         return false;
-    to.nodes = get_be32(block.data());
-    to.leaves = get_be32(block.data() + 4);
-    to.blocks = get_be32(block.data() + 8);
-    to.in_fib = get_be32(block.data() + 12);
+    to.nodes = get_be32(&block[FIB_SUMMARY_AT_NODES]);
+    to.leaves = get_be32(&block[FIB_SUMMARY_AT_LEAVES]);
+    to.blocks = get_be32(&block[FIB_SUMMARY_AT_BLOCKS]);
+    to.in_fib = get_be32(&block[FIB_SUMMARY_AT_ROUTES]);
     return true;
 }
 

@@ -4,7 +4,6 @@
 #include <array>
 #include <sstream>
 
-#include "big_endian.h"
 #include "mts.h"
 #include "route_ids.h"
 
@@ -14,12 +13,12 @@ int debug_view_open()
     return mts_bind_free(&sap, "routectl");
 }
 
-bool debug_view_ask(int queue, std::uint32_t verb)
+bool debug_view_send(int queue, const debug_request &request)
 {
     constexpr mts_address ROUTE_MANAGER = {MTS_NODE_LOCAL, ROUTE_MGR_SAP};
-    std::array<std::uint8_t, 16> request{}; // verb, category, context, value
-    put_be32(request.data(), verb);
-    return mts_send(queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, request.data(), request.size()) == 0;
+    std::array<std::uint8_t, DEBUG_REQUEST_BYTES> payload;
+    debug_request_put(payload.data(), request);
+    return mts_send(queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, payload.data(), payload.size()) == 0;
 }
 
 std::optional<debug_answer> debug_view_take(int queue)

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-constexpr std::uint32_t DEBUG_VERB_MEMORY = 3, DEBUG_VERB_COUNTERS = 5;
+#include "debug_service.h"
 
 struct debug_memory {
     std::uint32_t type;
@@ -28,8 +28,8 @@ struct debug_answer {
 // A queue of our own; -1 when none can be had.
 int debug_view_open();
 
-// Sends a request of `verb` to the route manager. Returns false when it cannot take it.
-bool debug_view_ask(int queue, std::uint32_t verb);
+// Sends a request to the route manager. Returns false when it cannot take it.
+bool debug_view_send(int queue, const debug_request &request);
 
 // The next answer of the route manager that waits, without waiting. Other messages are dropped. Empty: none.
 std::optional<debug_answer> debug_view_take(int queue);

@@ -11,13 +11,17 @@
 #include <cstring>
 #include <ctime>
 
+#include "history_file.h"
 #include "route_ids.h"
 
 namespace
 {
-constexpr std::uint32_t HISTORY_MAGIC = 0x48495354, HISTORY_VERSION = 1;
-constexpr std::size_t HEADER_BYTES = 64, CAPACITY_WORD = 1, TAIL_WORD = 2, HEAD_WORD = 3; // words of 8 bytes
-constexpr std::uint64_t WORD = 8, RECORD_HEADER = 20, LEAST_RECORD = 24;
+constexpr std::uint64_t WORD = 8; // bytes
+constexpr std::size_t HEADER_BYTES = sizeof(history_header), CAPACITY_WORD = offsetof(history_header, capacity) / WORD,
+                      TAIL_WORD = offsetof(history_header, tail) / WORD,
+                      HEAD_WORD = offsetof(history_header, head) / WORD;
+constexpr std::uint64_t RECORD_HEADER = sizeof(history_record_header), LEAST_RECORD = history_record_bytes(0);
+static_assert(WORD == HISTORY_ALIGN);
 
 std::uint64_t load_word(const history_view &view, std::size_t word)
 {
@@ -89,18 +93,19 @@ template <class T> T number_at(const std::vector<std::uint64_t> &words, std::siz
     return value;
 }
 
-// Decodes a copied record. Returns false when its data length is none of its size.
+// Decodes a copied record. Returns false when its data length does not fit the record.
 bool decode(const std::vector<std::uint64_t> &words, std::uint64_t at, history_entry &record)
 {
-    const std::uint64_t length = number_at<std::uint32_t>(words, 16);
+    const std::uint64_t length = number_at<std::uint32_t>(words, offsetof(history_record_header, data_bytes));
     if (RECORD_HEADER + length > words.size() * WORD)
         return false;
     record.at = at;
-    record.type = number_at<std::uint32_t>(words, 4);
-    record.time_ns = number_at<std::uint64_t>(words, 8);
-    record.category = length >= 4 ? number_at<std::uint32_t>(words, RECORD_HEADER) : 0;
-    if (length > 4)
-        record.text.assign(reinterpret_cast<const char *>(words.data()) + RECORD_HEADER + 4, length - 4);
+    record.type = number_at<std::uint32_t>(words, offsetof(history_record_header, event_type));
+    record.time_ns = number_at<std::uint64_t>(words, offsetof(history_record_header, time_words));
+    record.category = length >= HISTORY_AT_TEXT ? number_at<std::uint32_t>(words, RECORD_HEADER) : 0;
+    if (length > HISTORY_AT_TEXT)
+        record.text.assign(reinterpret_cast<const char *>(words.data()) + RECORD_HEADER + HISTORY_AT_TEXT,
+                           length - HISTORY_AT_TEXT);
     while (!record.text.empty() && record.text.back() == '\0')
         record.text.pop_back();
     std::size_t message_at = 0;

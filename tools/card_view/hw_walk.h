@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "route_listing.h"
 #include "table_view.h"
 
 struct hw_step {
@@ -54,7 +55,6 @@ struct hw_walk {
 hw_walk hw_walk_direct(const table_view &view, std::uint32_t ctx, std::uint32_t address);
 
 // text: the block of the dump procedure, lines of 128 bytes each ended by a NUL.
-constexpr std::size_t HW_DUMP_LINE_BYTES = 128;
 hw_walk hw_walk_from_dump(std::string_view text, table_copy copy, std::uint32_t ctx, std::uint32_t address);
 
 // Whether the leaf forwards nowhere: no flag, no interface, no encapsulation (the default leaf without a default

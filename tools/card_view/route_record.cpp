@@ -2,7 +2,6 @@
 #include "route_record.h"
 
 #include "big_endian.h"
-#include "route_entry.h"
 
 namespace
 {
@@ -26,7 +25,7 @@ void take_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, uns
     }
     for (std::size_t at = 0; at < page.size(); at += ROUTE_RECORD_BYTES)
         listing->contexts[ctx].push_back(route_record_decode(&page[at]));
-    if (reply.refs[2] != ROUTE_LIST_DONE)
+    if (reply.refs[2] != ROUTE_WALK_DONE)
         ask_page(rpc, listing, ctx, reply.refs);
 }
 
@@ -43,8 +42,9 @@ void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsi
 
 route_record route_record_decode(const std::uint8_t *from)
 {
-    return {get_be32(from),      get_be32(from + 4),  get_be32(from + 8), get_be32(from + 12),
-            get_be16(from + 16), get_be16(from + 18), get_be32(from + 20)};
+    return {get_be32(from + ROUTE_AT_PREFIX),   get_be32(from + ROUTE_AT_LEN),  get_be32(from + ROUTE_AT_NEXTHOP),
+            get_be32(from + ROUTE_AT_ROUTE_ID), get_be16(from + ROUTE_AT_IFID), get_be16(from + ROUTE_AT_FLAGS),
+            get_be32(from + ROUTE_AT_ENCAP)};
 }
 
 const char *route_record_kind(std::uint32_t flags)

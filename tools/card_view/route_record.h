@@ -12,9 +12,7 @@
 
 #include "card_rpc.h"
 #include "route_ids.h"
-
-constexpr std::size_t ROUTE_RECORD_BYTES = 24;
-constexpr std::uint32_t ROUTE_LIST_DONE = 0xFFFFFFFF; // third word of the cursor behind the last page
+#include "route_listing.h"
 
 struct route_record {
     std::uint32_t prefix, length, nexthop, route_id, ifid, flags, encap;

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "hw_table.h"
 #include "mapped_file.h"
 #include "mtrie_records.h"
+#include "route_table.h"
 
 // The copies, numbered as the dump procedure selects them.
 enum table_copy : unsigned { COPY_WIRED, COPY_IXP1, COPY_IXP2 };

@@ -2,10 +2,12 @@
 
 #include "if_db.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 
 namespace
 {
@@ -46,8 +49,7 @@ std::uint32_t *map_existing(const std::string &path)
         words = map_file(fd);
     if (fd >= 0)
         (void)close(fd);
-    if (words == nullptr || (words[0] == IFDB_MAGIC && words[1] == IFDB_VERSION &&
-                             words[2] == IFDB_RECORD_WORDS * sizeof(std::uint32_t) && words[3] == IFDB_RECORDS))
+    if (words == nullptr || std::equal(std::begin(IFDB_HEADER), std::end(IFDB_HEADER), words))
         return words;
     (void)munmap(words, IFDB_BYTES);
     return nullptr;
@@ -66,10 +68,7 @@ std::uint32_t *map_new(const std::string &path)
     (void)close(fd);
     if (words == nullptr)
         return nullptr;
-    words[0] = IFDB_MAGIC;
-    words[1] = IFDB_VERSION;
-    words[2] = IFDB_RECORD_WORDS * sizeof(std::uint32_t);
-    words[3] = IFDB_RECORDS;
+    std::copy(std::begin(IFDB_HEADER), std::end(IFDB_HEADER), words);
     if (rename(fresh.c_str(), path.c_str()) == 0)
         return words;
     (void)munmap(words, IFDB_BYTES);
@@ -81,14 +80,14 @@ int if_db_open(if_db *db)
 {
     if (card_dir_path().empty())
         return -1;
-    const std::string path = card_dir_path() + "/interfaces";
+    const std::string path = card_dir_path() + "/" + IFDB_FILE;
     db->words = map_existing(path);
     if (db->words == nullptr) {
         db->words = map_new(path);
         return db->words == nullptr ? complain(path) : 0;
     }
     for (std::uint32_t ifid = 0; ifid < IFDB_RECORDS; ++ifid)
-        if ((record_at(*db, ifid)[0] & 1) != 0 || record_at(*db, ifid)[1] != 0)
+        if ((record_at(*db, ifid)[IFDB_SEQUENCE] & 1) != 0 || record_at(*db, ifid)[IFDB_FLAGS] != 0)
             if_db_write(*db, ifid, {});
     return 0;
 }
@@ -103,13 +102,13 @@ void if_db_close(if_db *db)
 void if_db_write(const if_db &db, std::uint32_t ifid, const if_db_record &record)
 {
     std::uint32_t *const words = record_at(db, ifid);
-    const std::uint32_t before = word_ref(words[0]).load(std::memory_order_relaxed);
+    const std::uint32_t before = word_ref(words[IFDB_SEQUENCE]).load(std::memory_order_relaxed);
     const std::uint32_t changing = before | 1; // odd already when an earlier writer died in the middle
-    word_ref(words[0]).store(changing, std::memory_order_relaxed);
+    word_ref(words[IFDB_SEQUENCE]).store(changing, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
     const std::uint32_t fields[] = {record.flags, record.mode, record.bvi, record.address,
                                     record.mask,  record.ctx,  record.vlan};
     for (unsigned i = 0; i < IFDB_RECORD_WORDS - 1; ++i)
         word_ref(words[i + 1]).store(fields[i], std::memory_order_relaxed);
-    word_ref(words[0]).store(changing + 1, std::memory_order_release);
+    word_ref(words[IFDB_SEQUENCE]).store(changing + 1, std::memory_order_release);
 }

@@ -5,16 +5,9 @@
 // Always: whoever finds the file finds it whole: a new one gets its header before it gets its name.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
-constexpr std::uint32_t IFDB_MAGIC = 0x49464442, IFDB_VERSION = 1; // "IFDB"
-constexpr std::uint32_t IFDB_RECORD_WORDS = 8, IFDB_RECORDS = 8192, IFDB_HEADER_WORDS = 16;
-constexpr std::size_t IFDB_BYTES = (IFDB_HEADER_WORDS + IFDB_RECORDS * IFDB_RECORD_WORDS) * sizeof(std::uint32_t);
-static_assert(IFDB_BYTES == 64 + 32 * 8192);
-
-constexpr std::uint32_t IFDB_EXISTS = 0x01, IFDB_UP = 0x02, IFDB_HAS_ADDRESS = 0x04, IFDB_HAS_CONTEXT = 0x08,
-                        IFDB_HAS_VLAN = 0x10;
+#include "interface_db.h"
 
 // A record without its sequence word.
 struct if_db_record {

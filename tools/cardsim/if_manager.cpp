@@ -8,16 +8,13 @@
 
 #include "big_endian.h"
 #include "card_model.h"
+#include "interface_events.h"
 #include "mts.h"
 #include "route_ids.h"
 #include "scenario.h"
 
 namespace
 {
-constexpr std::size_t IF_PAYLOAD_BYTES = 48, IF_CTX_AT = 2, IF_ADDRESS_AT = 4, IF_MASK_AT = 21, IF_MODE_AT = 44;
-constexpr std::size_t CHANGED_PAYLOAD_BYTES = 16;
-constexpr std::uint32_t CHANGED_ADDRESS = 0x80000000; // bit of the change word
-
 if_db_record record_of(const card_interface &i)
 {
     const std::uint32_t flags = IFDB_EXISTS | IFDB_HAS_CONTEXT | (i.is_up ? IFDB_UP : 0) |
@@ -40,22 +37,22 @@ void send_state(card_model &m, std::uint32_t opcode, std::uint32_t ifid)
 
 std::vector<std::uint8_t> card_if_payload(std::uint32_t ifid, const card_interface &i)
 {
-    std::vector<std::uint8_t> payload(IF_PAYLOAD_BYTES);
-    put_be16(payload.data(), ifid);
-    put_be16(payload.data() + IF_CTX_AT, i.ctx);
-    put_be32(payload.data() + IF_ADDRESS_AT, i.address);
-    put_be32(payload.data() + IF_MASK_AT, i.mask); // an odd place, and meant: the card has it there
-    put_be32(payload.data() + IF_MODE_AT, i.mode);
+    std::vector<std::uint8_t> payload(IFEV_BYTES);
+    put_be16(payload.data() + IFEV_AT_IFID, ifid);
+    put_be16(payload.data() + IFEV_AT_CTX, i.ctx);
+    put_be32(payload.data() + IFEV_AT_ADDR, i.address);
+    put_be32(payload.data() + IFEV_AT_MASK, i.mask);
+    put_be32(payload.data() + IFEV_AT_RMODE, i.mode);
     return payload;
 }
 
 std::vector<std::uint8_t> card_if_changed_payload(std::uint32_t ifid, std::uint32_t address, std::uint32_t mask)
 {
-    std::vector<std::uint8_t> payload(CHANGED_PAYLOAD_BYTES);
-    put_be32(payload.data(), ifid);
-    put_be32(payload.data() + 4, CHANGED_ADDRESS);
-    put_be32(payload.data() + 8, address);
-    put_be32(payload.data() + 12, mask);
+    std::vector<std::uint8_t> payload(IFEV_CHANGED_BYTES);
+    put_be32(payload.data() + IFEV_CHANGED_AT_IFID, ifid);
+    put_be32(payload.data() + IFEV_CHANGED_AT_CHANGE, IFEV_CHANGED_ADDRESS);
+    put_be32(payload.data() + IFEV_CHANGED_AT_OLD_ADDR, address);
+    put_be32(payload.data() + IFEV_CHANGED_AT_OLD_MASK, mask);
     return payload;
 }
 

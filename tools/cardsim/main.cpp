@@ -24,6 +24,7 @@
 #include "card_dir.h"
 #include "card_model.h"
 #include "if_db.h"
+#include "interface_events.h"
 #include "manager_link.h"
 #include "play.h"
 #include "procedures.h"
@@ -125,9 +126,8 @@ void arrival(card &c)
 // The route manager's own messages: an interface's routes came or went.
 void message_take(card &c, const mts_message &message)
 {
-    constexpr std::size_t CTX_AT = 0, IFID_AT = 12, BYTES = 16;
-    if (message.opcode == MTS_OPC_ROUTE_IF_REMOVED && message.length >= BYTES)
-        card_if_withdrawn(c.model, get_be32(message.payload + CTX_AT), get_be32(message.payload + IFID_AT));
+    if (message.opcode == MTS_OPC_ROUTE_IF_REMOVED && message.length >= IFANN_BYTES)
+        card_if_withdrawn(c.model, get_be32(message.payload + IFANN_AT_CTX), get_be32(message.payload + IFANN_AT_IFID));
 }
 
 void connect_parts(card &c)

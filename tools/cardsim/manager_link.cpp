@@ -17,13 +17,12 @@
 
 #include <unistd.h>
 
-#include "big_endian.h"
 #include "card_dir.h"
+#include "debug_service.h"
 #include "route_ids.h"
 
 namespace
 {
-constexpr std::uint32_t DEBUG_COUNTERS = 5;   // verb of the debug service that is answered and changes nothing
 constexpr std::uint64_t FENCE_AGAIN_MS = 500; // an answer may be lost; asking again does no harm
 constexpr unsigned FULL_WAIT_MS = 1;          // for room in the route manager's queue, each time: it may be calling us
 constexpr std::uint64_t FULL_AGAIN_MS = 10;
@@ -128,8 +127,8 @@ void fence_ask(manager_link &link, std::uint64_t now_ms)
         return;
     if (link.is_sign_heard)
         link.signs_due = 0; // it is awake, and what it has not answered by now was lost
-    std::vector<std::uint8_t> request(16);
-    put_be32(request.data(), DEBUG_COUNTERS);
+    std::vector<std::uint8_t> request(DEBUG_REQUEST_BYTES);
+    debug_request_put(request.data(), {DEBUG_SHOW_COUNTERS, 0, 0, 0}); // answered, and changes nothing
     if (send_message(link, MTS_OPC_DEBUG_REQUEST, request, now_ms) != sent::yes) {
         link.fence_ms = now_ms + FULL_AGAIN_MS;
         return;

@@ -16,11 +16,11 @@
 
 #include "big_endian.h"
 #include "lookup.h"
+#include "route_listing.h"
+#include "supervisor_advert.h"
 
 namespace
 {
-constexpr std::uint32_t METRIC_WITHDRAW = 0xFFFF;
-constexpr std::size_t RIB_SUMMARY_BYTES = 12, FIB_SUMMARY_BYTES = 24, FIB_COUNT_AT = 12;
 
 const scenario_step &step_at(const play &p, std::size_t i) { return p.plan->steps[i]; }
 
@@ -111,7 +111,7 @@ void apply_route_or_nat(play &p, const scenario_step &s)
 
 void apply_advert(play &p, const scenario_step &s)
 {
-    const std::uint32_t metric = s.kind == STEP_WITHDRAW ? METRIC_WITHDRAW : s.metric;
+    const std::uint32_t metric = s.kind == STEP_WITHDRAW ? ROUTE_ADVERT_WITHDRAW : s.metric;
     give(p, s, "norvik_send_route_advert",
          {rpc_u32(s.address), rpc_u32(s.mask), rpc_u32(s.ifid), rpc_u32(s.hop), rpc_u16(metric), rpc_u16(s.ctx)},
          false);
@@ -221,7 +221,8 @@ void ask_routes(play &p, const scenario_step &s)
     });
     ask(p, "show_fib_summary", {rpc_u16(s.ctx), rpc_block()}, [&p, &s](const card_rpc_reply &reply) {
         const std::vector<std::uint8_t> &block = reply.blocks[0];
-        return reply.result == 0 && block.size() == FIB_SUMMARY_BYTES && count_is(p, "fib", block, FIB_COUNT_AT, s.fib);
+        return reply.result == 0 && block.size() == FIB_SUMMARY_BYTES &&
+               count_is(p, "fib", block, FIB_SUMMARY_AT_ROUTES, s.fib);
     });
 }
 

@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "interface_db.h"
+#include "route_ids.h"
+
 enum scenario_kind : unsigned {
     STEP_IF_CREATE,
     STEP_IF_UP,
@@ -34,7 +37,7 @@ enum scenario_kind : unsigned {
 };
 constexpr bool scenario_is_check(scenario_kind kind) { return kind >= STEP_EXPECT_LOOKUP; }
 
-constexpr std::uint32_t SCENARIO_MAX_IFID = 8191, SCENARIO_MAX_CTX = 255;
+constexpr std::uint32_t SCENARIO_MAX_IFID = IFDB_RECORDS - 1, SCENARIO_MAX_CTX = ROUTE_CONTEXTS - 1;
 
 // A path that a lookup has to find.
 struct expected_path {

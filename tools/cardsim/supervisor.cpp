@@ -12,14 +12,11 @@
 
 #include "big_endian.h"
 #include "card_dir.h"
+#include "card_files.h"
 #include "scenario.h"
 
 namespace
 {
-constexpr std::size_t OPCODE_AT = 16, PREFIX_AT = 18, MASK_AT = 22, HOP_AT = 26, VLAN_AT = 30, METRIC_AT = 34;
-constexpr std::uint8_t ADVERTISE = 0x22, WITHDRAW = 0x23;
-constexpr std::uint8_t HEAD[] = {0, 0x12, 0x12, 4, 1, 0x4A, 0, 1, 0}; // bytes 2 to 10 of the protocol's header
-
 std::string advert_text(const sup_advert &a)
 {
     return prefix_text(a.prefix, a.mask) + " via " + dotted_text(a.hop) + " vlan " + std::to_string(a.vlan) +
@@ -29,23 +26,24 @@ std::string advert_text(const sup_advert &a)
 
 int sup_decode(const std::uint8_t *bytes, std::size_t length, sup_advert *out)
 {
-    if (length != SUP_ADVERT_BYTES || !std::equal(std::begin(HEAD), std::end(HEAD), bytes + 2) ||
-        (bytes[OPCODE_AT] != ADVERTISE && bytes[OPCODE_AT] != WITHDRAW))
+    if (length != ADVERT_BYTES ||
+        !std::equal(std::begin(ADVERT_HEADER), std::end(ADVERT_HEADER), bytes + ADVERT_AT_HEADER) ||
+        (bytes[ADVERT_AT_OPCODE] != ADVERT_ADVERTISE && bytes[ADVERT_AT_OPCODE] != ADVERT_WITHDRAW))
         return 1;
-    *out = {bytes[OPCODE_AT] == WITHDRAW,
-            bytes[0],
-            bytes[1],
-            get_be32(bytes + PREFIX_AT),
-            get_be32(bytes + MASK_AT),
-            get_be32(bytes + HOP_AT),
-            get_be32(bytes + METRIC_AT),
-            static_cast<std::int32_t>(get_be32(bytes + VLAN_AT))};
+    *out = {bytes[ADVERT_AT_OPCODE] == ADVERT_WITHDRAW,
+            bytes[ADVERT_AT_SLOT],
+            bytes[ADVERT_AT_SUPERVISOR],
+            get_be32(bytes + ADVERT_AT_PREFIX),
+            get_be32(bytes + ADVERT_AT_MASK),
+            get_be32(bytes + ADVERT_AT_NEXT_HOP),
+            get_be32(bytes + ADVERT_AT_METRIC),
+            static_cast<std::int32_t>(get_be32(bytes + ADVERT_AT_VLAN))};
     return 0;
 }
 
 int sup_open(supervisor *sup)
 {
-    sup->socket = card_dir_bind(SOCK_DGRAM, "scp/supervisor");
+    sup->socket = card_dir_bind(SOCK_DGRAM, SUPERVISOR_SOCKET);
     if (sup->socket < 0)
         std::fprintf(stderr, "cardsim: scp/supervisor: %s\n", std::strerror(errno));
     return sup->socket < 0 ? -1 : 0;

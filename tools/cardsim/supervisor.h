@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "supervisor_advert.h"
+
 // A route advertisement.
 struct sup_advert {
     bool is_withdrawal;
@@ -15,7 +17,6 @@ struct sup_advert {
     std::uint32_t prefix, mask, hop, metric;
     std::int32_t vlan;
 };
-constexpr std::size_t SUP_ADVERT_BYTES = 46;
 
 // Decodes a message. Returns 0, or 1 when it is no advertisement.
 [[nodiscard]] int sup_decode(const std::uint8_t *bytes, std::size_t length, sup_advert *out);

@@ -8,26 +8,25 @@
 
 #include <CLI/CLI.hpp>
 
-#include "hw_table.h"
+#include "card_files.h"
 #include "ixp_memory.h"
 #include "ixp_tool.h"
+#include "route_table.h"
 
 namespace
 {
-constexpr std::uint32_t WIRED_BASE = 0x08000000; // where the wired region lies unless card.conf says otherwise
-
 std::string memory_path(const ixp_options &options)
 {
     if (options.memory.find('/') != std::string::npos)
         return options.memory;
-    const char *card = std::getenv("CARD_DIR");
-    return std::string(card == nullptr ? "/run/card" : card) + "/mem/" + options.memory;
+    const char *card = std::getenv(CARD_DIR_VARIABLE);
+    return std::string(card == nullptr ? CARD_DIR_DEFAULT : card) + "/mem/" + options.memory;
 }
 
 std::uint32_t base_of(const ixp_options &options)
 {
     const bool wired = options.memory.size() >= 5 && options.memory.ends_with("wired");
-    return options.base.value_or(wired ? WIRED_BASE : HW_IXP_BASE);
+    return options.base.value_or(wired ? HW_WIRED_BASE_DEFAULT : HW_IXP_BASE);
 }
 
 using mode = int (*)(const ixp_options &, const ixp_table &, ixp_body);

@@ -8,9 +8,9 @@
 
 #include <arpa/inet.h>
 
-#include "hw_table.h"
 #include "ixp_tool.h"
 #include "ixp_walk.h"
+#include "route_table.h"
 
 namespace
 {

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "hw_table.h"
+#include "route_table.h"
 
 ixp_memory::ixp_memory(const std::string &path, std::uint32_t base)
 {

@@ -7,9 +7,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "hw_table.h"
 #include "ixp_lookup.h"
 #include "mtrie_records.h"
+#include "route_table.h"
 
 constexpr std::uint32_t IXP_LAST_WORD = HW_TABLE_BYTES / 4 - 1;
 constexpr std::uint32_t IXP_SLOT_MASK = 0xFF, IXP_TREE_MASK = 0xFF;

@@ -14,7 +14,6 @@
 namespace
 {
 using json = nlohmann::ordered_json;
-constexpr std::uint32_t INTERFACES = 8192;
 
 json number_or_null(std::int32_t value) { return value < 0 ? json(nullptr) : json(value); }
 
@@ -47,8 +46,8 @@ routectl_answer if_show(const routectl_call &call)
     answer.columns = {{"ifid", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
                       {"ctx", "CTX"},        {"mode", "MODE"},   {"bridge", "BRIDGE"},   {"vlan", "VLAN"}};
     const routectl_value *const one = routectl_given(call, "ifid");
-    for (std::uint32_t ifid = one == nullptr ? 0 : one->number; ifid < (one == nullptr ? INTERFACES : one->number + 1);
-         ++ifid)
+    for (std::uint32_t ifid = one == nullptr ? 0 : one->number;
+         ifid < (one == nullptr ? IFDB_RECORDS : one->number + 1); ++ifid)
         if (json record = interface_json(ifid); !record.is_null())
             answer.records.push_back(std::move(record));
     if (one != nullptr && answer.records.empty())

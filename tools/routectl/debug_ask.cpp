@@ -17,7 +17,7 @@ std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t
     const auto deadline = steady::now() + std::chrono::milliseconds(call.options.timeout_ms);
     for (;;) {
         while (std::optional<debug_answer> answer = debug_view_take(call.session.queue))
-            if (verb == DEBUG_VERB_MEMORY ? !answer->memory.empty() : !answer->counters.empty())
+            if (verb == DEBUG_SHOW_MEMORY ? !answer->memory.empty() : !answer->counters.empty())
                 return answer;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
         pollfd waited{call.session.queue, POLLIN, 0};
@@ -48,7 +48,7 @@ std::optional<debug_answer> debug_ask(const routectl_call &call, std::uint32_t v
     }
     while (debug_view_take(call.session.queue))
         ; // answers to questions that were given up
-    if (!debug_view_ask(call.session.queue, verb)) {
+    if (!debug_view_send(call.session.queue, {verb, 0, 0, 0})) {
         error = debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
         return std::nullopt;
     }

@@ -2,7 +2,6 @@
 //
 // A switch is a message without an answer. So a question is sent behind it: once that is answered, the switch was
 // thrown, and a route manager that is silent does not pass for one that obeyed.
-#include "big_endian.h"
 #include "card_dir.h"
 #include "card_view/history_view.h"
 #include "card_view/pools_view.h"
@@ -14,26 +13,14 @@
 namespace
 {
 using json = nlohmann::ordered_json;
-constexpr std::uint32_t VERB_OUTPUT = 1, VERB_HISTORY = 2, VERB_SYSLOG = 4, ALL_CONTEXTS = 0xFFFFFFFF;
-
-struct debug_request {
-    std::uint32_t verb, category, context, value;
-};
 
 // Throws a switch and makes sure that it was thrown.
 routectl_answer throw_switch(const routectl_call &call, const debug_request &request)
 {
-    constexpr mts_address ROUTE_MANAGER = {MTS_NODE_LOCAL, ROUTE_MGR_SAP};
     routectl_answer answer;
-    std::uint8_t payload[16];
-    put_be32(payload, request.verb);
-    put_be32(payload + 4, request.category);
-    put_be32(payload + 8, request.context);
-    put_be32(payload + 12, request.value);
-    if (!debug_queue_open(call) ||
-        mts_send(call.session.queue, &ROUTE_MANAGER, MTS_OPC_DEBUG_REQUEST, payload, sizeof payload) != 0)
+    if (!debug_queue_open(call) || !debug_view_send(call.session.queue, request))
         return debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
-    (void)debug_ask(call, DEBUG_VERB_COUNTERS, answer);
+    (void)debug_ask(call, DEBUG_SHOW_COUNTERS, answer);
     return answer;
 }
 
@@ -42,20 +29,20 @@ bool is_on(const routectl_call &call) { return routectl_number(call, "on", 0) ==
 
 routectl_answer debug_switch(const routectl_call &call)
 {
-    const std::uint32_t ctx = routectl_number(call, "ctx", ALL_CONTEXTS);
+    const std::uint32_t ctx = routectl_number(call, "ctx", DEBUG_ALL_CONTEXTS);
     routectl_answer answer =
-        throw_switch(call, {VERB_OUTPUT, routectl_number(call, "category", 0), ctx, is_on(call) ? 1u : 0u});
+        throw_switch(call, {DEBUG_SWITCH_OUTPUT, routectl_number(call, "category", 0), ctx, is_on(call) ? 1u : 0u});
     if (answer.status == ROUTECTL_DONE)
         answer.facts = {{"category", routectl_given(call, "category")->text},
-                        {"ctx", ctx == ALL_CONTEXTS ? json("all") : json(ctx)},
+                        {"ctx", ctx == DEBUG_ALL_CONTEXTS ? json("all") : json(ctx)},
                         {"debug", is_on(call) ? "on" : "off"}};
     return answer;
 }
 
 routectl_answer keep_switch(const routectl_call &call)
 {
-    routectl_answer answer =
-        throw_switch(call, {VERB_HISTORY, routectl_number(call, "category", 0), ALL_CONTEXTS, is_on(call) ? 1u : 0u});
+    routectl_answer answer = throw_switch(
+        call, {DEBUG_SWITCH_HISTORY, routectl_number(call, "category", 0), DEBUG_ALL_CONTEXTS, is_on(call) ? 1u : 0u});
     if (answer.status == ROUTECTL_DONE)
         answer.facts = {{"category", routectl_given(call, "category")->text}, {"history", is_on(call) ? "on" : "off"}};
     return answer;
@@ -64,7 +51,7 @@ routectl_answer keep_switch(const routectl_call &call)
 routectl_answer syslog_level(const routectl_call &call)
 {
     const std::uint32_t level = routectl_number(call, "level", 0);
-    routectl_answer answer = throw_switch(call, {VERB_SYSLOG, 0, 0, level});
+    routectl_answer answer = throw_switch(call, {DEBUG_SET_THRESHOLD, 0, 0, level});
     if (answer.status == ROUTECTL_DONE)
         answer.facts = {{"level", level}};
     return answer;
@@ -73,7 +60,7 @@ routectl_answer syslog_level(const routectl_call &call)
 routectl_answer memory_show(const routectl_call &call)
 {
     routectl_answer answer;
-    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_MEMORY, answer);
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_SHOW_MEMORY, answer);
     if (!said)
         return answer;
     answer.records_key = "types";
@@ -94,7 +81,7 @@ routectl_answer memory_show(const routectl_call &call)
 routectl_answer counters_show(const routectl_call &call)
 {
     routectl_answer answer;
-    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_COUNTERS, answer);
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_SHOW_COUNTERS, answer);
     if (!said)
         return answer;
     answer.records_key = "counters";

@@ -16,7 +16,6 @@
 namespace
 {
 constexpr unsigned NEARLY_FULL_PERCENT = 90;
-constexpr std::uint32_t INTERFACES = 8192;
 
 // A finding that no copy of the tables showed.
 void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std::string object, std::string what,
@@ -339,7 +338,7 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
     if (!look.is_served || !look.has_interfaces)
         return;
     judge_left_behind(look, findings);
-    for (std::uint32_t ifid = 0; ifid < INTERFACES; ++ifid) {
+    for (std::uint32_t ifid = 0; ifid < IFDB_RECORDS; ++ifid) {
         interface_state state{};
         if (!is_in_service(ifid, state) || has_routes(look, state))
             continue;

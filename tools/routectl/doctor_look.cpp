@@ -52,7 +52,7 @@ bool ask_manager(const routectl_call &call, doctor_look &look)
 void ask_memory(const routectl_call &call, doctor_look &look)
 {
     routectl_answer error;
-    const std::optional<debug_answer> said = debug_ask(call, DEBUG_VERB_MEMORY, error);
+    const std::optional<debug_answer> said = debug_ask(call, DEBUG_SHOW_MEMORY, error);
     if (!said)
         look.not_looked_at.push_back("memory by type: " + error.error);
     else

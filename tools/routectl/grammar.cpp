@@ -13,6 +13,7 @@
 #include "address_text.h"
 #include "card_view/history_view.h"
 #include "card_view/table_view.h"
+#include "interface_db.h"
 #include "shown_text.h"
 
 namespace
@@ -34,7 +35,7 @@ constexpr value_kind KINDS[] = {
     {"MASK", value_form::address, 0, "a mask such as 255.255.255.0"},
     {"CTX", value_form::number, 255, "a routing context, 0 to 255"},
     {"RID", value_form::number, 255, "a route id, 0 to 255"},
-    {"IFID", value_form::number, 8191, "an interface id, 0 to 8191"},
+    {"IFID", value_form::number, IFDB_RECORDS - 1, "an interface id, 0 to 8191"},
     {"ENCAP", value_form::number, 0xFFFF, "an encapsulation id, 0 to 65535"},
     {"IXP", value_form::number, 0xFFFF, "the processor's value of a NAT pool, 0 to 65535"},
     {"COUNT", value_form::number, 0xFFFFFFFF, "how many addresses"},

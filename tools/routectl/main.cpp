@@ -11,6 +11,7 @@
 
 #include "batch.h"
 #include "card_dir.h"
+#include "card_files.h"
 #include "execute.h"
 #include "grammar.h"
 #include "options.h"
@@ -34,9 +35,9 @@ int print_completions(std::vector<std::string> words)
 std::string card_missing(const routectl_options &options)
 {
     if (!options.card.empty())
-        (void)setenv("CARD_DIR", options.card.c_str(), 1);
-    const char *const given = std::getenv("CARD_DIR");
-    const std::string path = given != nullptr && *given != 0 ? given : "/run/card";
+        (void)setenv(CARD_DIR_VARIABLE, options.card.c_str(), 1);
+    const char *const given = std::getenv(CARD_DIR_VARIABLE);
+    const std::string path = given != nullptr && *given != 0 ? given : CARD_DIR_DEFAULT;
     struct stat st = {};
     if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
         return path + ": there is no card directory (-c or CARD_DIR names another; the route manager makes it)";

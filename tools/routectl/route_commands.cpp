@@ -12,11 +12,12 @@
 #include "route_entry.h"
 #include "route_ids.h"
 #include "routectl_commands.h"
+#include "supervisor_advert.h"
 
 namespace
 {
 using json = nlohmann::ordered_json;
-constexpr std::uint32_t METRIC_WITHDRAW = 0xFFFF, DEFAULT_METRIC = 1;
+constexpr std::uint32_t DEFAULT_METRIC = 1;
 constexpr std::uint32_t HOST_LENGTH = 32;
 
 std::uint32_t context_of(const routectl_call &call) { return routectl_number(call, "ctx", 0); }
@@ -64,7 +65,7 @@ bool list_context(const routectl_call &call, const char *procedure, std::uint32_
     const route_wanted wanted{routectl_given(call, "prefix")};
     std::vector<route_record> records;
     std::vector<std::uint32_t> cursor = {0, 0, 0};
-    while (cursor[2] != ROUTE_LIST_DONE) {
+    while (cursor[2] != ROUTE_WALK_DONE) {
         const card_rpc_reply reply =
             routectl_ask(call, procedure,
                          {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()});
@@ -295,7 +296,7 @@ routectl_change advertise(const routectl_call &call)
 {
     return advert_change(call, routectl_number(call, "metric", DEFAULT_METRIC));
 }
-routectl_change withdraw(const routectl_call &call) { return advert_change(call, METRIC_WITHDRAW); }
+routectl_change withdraw(const routectl_call &call) { return advert_change(call, ROUTE_ADVERT_WITHDRAW); }
 
 constexpr routectl_command ROWS[] = {
     {"route add", "PREFIX via NEXTHOP [ctx CTX] [id RID]", "Add a static route, or a further path to one", nullptr,

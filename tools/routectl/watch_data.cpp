@@ -99,8 +99,8 @@ void look_at_history(watch_data &data)
 void ask_debug_service(watch_data &data)
 {
     data.asked_debug_at = steady::now();
-    data.asked_debug = data.queue >= 0 && debug_view_ask(data.queue, DEBUG_VERB_MEMORY) &&
-                       debug_view_ask(data.queue, DEBUG_VERB_COUNTERS);
+    data.asked_debug = data.queue >= 0 && debug_view_send(data.queue, {DEBUG_SHOW_MEMORY, 0, 0, 0}) &&
+                       debug_view_send(data.queue, {DEBUG_SHOW_COUNTERS, 0, 0, 0});
     data.own_messages += data.asked_debug ? 2 : 0;
 }
 

@@ -1,39 +1,13 @@
-// mtrie_records.h - the trie's records in the control plane, and the adjacency word that they share with the hardware.
+// mtrie_records.h - the trie's records in the control plane.
+//
+// Elsewhere: the words that leaf and block share with the hardware (route_table.h).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "card_space.h"
-
-// Adjacency word, alike in leaf and hardware leaf: 31 ip-resolve, 30 ECMP, 29 NAT, 28..16 ifid, 15..0 encap id.
-constexpr std::uint32_t ADJ_IP_RESOLVE = 1u << 31, ADJ_ECMP = 1u << 30, ADJ_NAT = 1u << 29;
-constexpr std::uint32_t ADJ_IFID_MASK = 0x1FFF, ADJ_ENCAP_MASK = 0xFFFF;
-constexpr unsigned ADJ_IFID_SHIFT = 16;
-constexpr std::uint32_t adj_pack(std::uint32_t flags, std::uint32_t ifid, std::uint32_t encap)
-{
-    return flags | (ifid & ADJ_IFID_MASK) << ADJ_IFID_SHIFT | (encap & ADJ_ENCAP_MASK);
-}
-constexpr std::uint32_t adj_ifid(std::uint32_t word) { return word >> ADJ_IFID_SHIFT & ADJ_IFID_MASK; }
-constexpr std::uint32_t adj_encap(std::uint32_t word) { return word & ADJ_ENCAP_MASK; }
-static_assert(adj_pack(ADJ_ECMP, 5, 0x1234) == 0x40051234 && adj_ifid(0x40051234) == 5);
-
-// ECMP block: header (31 valid, 30..28 count, 27..25 sequence), then entries (31..18 ifid, 15..0 encap id).
-constexpr std::uint32_t ECMP_VALID = 1u << 31;
-constexpr unsigned ECMP_COUNT_SHIFT = 28, ECMP_SEQ_SHIFT = 25, ECMP_WORDS = 8, ECMP_IFID_SHIFT = 18;
-constexpr std::uint32_t ECMP_FIELD_MASK = 7, ECMP_IFID_MASK = 0x3FFF;
-constexpr std::uint32_t ecmp_header(std::uint32_t count, std::uint32_t sequence)
-{
-    return ECMP_VALID | (count & ECMP_FIELD_MASK) << ECMP_COUNT_SHIFT | (sequence & ECMP_FIELD_MASK) << ECMP_SEQ_SHIFT;
-}
-constexpr std::uint32_t ecmp_count(std::uint32_t header) { return header >> ECMP_COUNT_SHIFT & ECMP_FIELD_MASK; }
-constexpr std::uint32_t ecmp_sequence(std::uint32_t header) { return header >> ECMP_SEQ_SHIFT & ECMP_FIELD_MASK; }
-constexpr std::uint32_t ecmp_entry(std::uint32_t ifid, std::uint32_t encap)
-{
-    return (ifid & ECMP_IFID_MASK) << ECMP_IFID_SHIFT | (encap & ADJ_ENCAP_MASK);
-}
-constexpr std::uint32_t ecmp_entry_ifid(std::uint32_t entry) { return entry >> ECMP_IFID_SHIFT; }
-static_assert(ecmp_header(1, 1) == 0x92000000);
+#include "route_table.h"
 
 // Bits of a route's flags that the trie reads (the same bits as in the route entry).
 constexpr std::uint32_t MTRIE_F_IP_RESOLVE = 0x20, MTRIE_F_ECMP = 0x40, MTRIE_F_NAT = 0x80;

@@ -5,18 +5,7 @@
 #include <cstdint>
 
 #include "card_space.h"
-
-// Flag bits of a route entry.
-constexpr std::uint16_t RIB_F_ARP_HOST = 0x0001;      // learned from ARP; nexthop is the interface's address
-constexpr std::uint16_t RIB_F_ARP_INSTALLED = 0x0002; // host entry installed through the ARP prefix manager
-constexpr std::uint16_t RIB_F_GATEWAY = 0x0004;       // static route whose gateway was handed to ARP
-constexpr std::uint16_t RIB_F_IN_MTRIE = 0x0008;      // static route whose leaf or path is programmed
-constexpr std::uint16_t RIB_F_INTERFACE = 0x0010;     // belongs to an interface
-constexpr std::uint16_t RIB_F_CONNECTED = 0x0020;     // the interface's connected subnet; ip-resolve in the FIB
-constexpr std::uint16_t RIB_F_ECMP = 0x0040;          // head or member of an ECMP set
-constexpr std::uint16_t RIB_F_NAT = 0x0080;           // NAT pool prefix
-constexpr std::uint16_t RIB_F_MCAST_DROP = 0x0100;    // the context's multicast drop entry
-constexpr std::uint16_t RIB_F_NAT_IN_MTRIE = 0x0200;  // NAT entry that is programmed
+#include "route_listing.h"
 
 // What a host route was created for.
 constexpr std::uint16_t RIB_OBJ_ARP_HOST = 1, RIB_OBJ_INTERFACE = 2, RIB_OBJ_MCAST_DROP = 4;
@@ -32,7 +21,7 @@ struct route_entry {
     std::uint16_t route_id;     // tree that it is programmed in, 0 to 255
     std::uint16_t ifid;
     std::uint32_t encap_id; // adjacency of the FIB leaf; for NAT entries the key of their pool
-    std::uint16_t flags;    // RIB_F_*
+    std::uint16_t flags;    // RIB_F_*, as in a listing
     std::uint16_t unused;
 };
 static_assert(sizeof(route_entry) == 36 && offsetof(route_entry, ecmp) == 16 && offsetof(route_entry, ctx) == 22 &&

@@ -1,11 +1,11 @@
 // norvik_init.cpp - the per-context trees at start-up, and the way to a context's table.
 #include "norvik_init.h"
 
-#include "hw_table.h"
 #include "norvik_mtrie_hw.h"
 #include "prefix_mgr.h"
 #include "rib_nexthop_index.h"
 #include "route_log.h"
+#include "route_table.h"
 
 card_ptr<prefix_mgr> wired_table_mgr;
 

@@ -6,10 +6,10 @@
 #include <map>
 #include <set>
 
-#include "hw_table.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
+#include "route_table.h"
 
 namespace
 {

@@ -7,17 +7,18 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "hw_table.h"
 #include "mtrack.h"
 #include "mtrie_records.h"
 #include "norvik_mtrie_hw.h"
 #include "route_ids.h"
+#include "route_listing.h"
+#include "route_table.h"
 
 namespace
 {
-constexpr unsigned MAX_LINES = 40, LINE_BYTES = 128;
+constexpr unsigned MAX_LINES = 40;
 struct fib_display {
-    char lines[MAX_LINES][LINE_BYTES];
+    char lines[MAX_LINES][HW_DUMP_LINE_BYTES];
 };
 static_assert(sizeof(fib_display) == 5120);
 card_ptr<fib_display> fib_display_entry; // the last one made; the caller's reply owns it
@@ -57,7 +58,7 @@ struct line_list {
 {
     va_list args;
     va_start(args, format);
-    (void)std::vsnprintf(list.display->lines[list.count], LINE_BYTES, format, args); // a longer line is cut
+    (void)std::vsnprintf(list.display->lines[list.count], HW_DUMP_LINE_BYTES, format, args); // a longer line is cut
     va_end(args);
     list.count += 1;
 }
@@ -114,7 +115,7 @@ std::uint32_t mtrie_hw_dump_api(std::uint16_t copy, std::uint32_t tree, std::uin
         return 0;
     line_list list = {fib_display_entry, 0};
     dump_walk(list, choose(copy), copy, tree, address);
-    reply->length = list.count * LINE_BYTES;
+    reply->length = static_cast<std::uint32_t>(list.count * HW_DUMP_LINE_BYTES);
     reply->data = reinterpret_cast<std::byte *>(list.display);
     return 0;
 }

@@ -10,10 +10,10 @@
 #include <cstdio>
 
 #include "hw_store.h"
-#include "hw_table.h"
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
 #include "route_log.h"
+#include "route_table.h"
 
 card_addr va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base;
 std::uint32_t wired_route_phys_base;

@@ -7,6 +7,7 @@
 
 #include "big_endian.h"
 #include "if_mgr.h"
+#include "interface_events.h"
 #include "mtrack.h"
 #include "mts.h"
 #include "norvik_init.h"
@@ -54,11 +55,11 @@ void remove_route(const interface_route &route, std::uint16_t ctx)
 
 void announce(std::uint32_t opcode, std::uint32_t ctx, std::uint32_t addr, std::uint32_t mask, std::uint16_t ifid)
 {
-    std::uint8_t record[16];
-    put_be32(record, ctx);
-    put_be32(record + 4, addr);
-    put_be32(record + 8, mask);
-    put_be32(record + 12, ifid);
+    std::uint8_t record[IFANN_BYTES];
+    put_be32(record + IFANN_AT_CTX, ctx);
+    put_be32(record + IFANN_AT_ADDR, addr);
+    put_be32(record + IFANN_AT_MASK, mask);
+    put_be32(record + IFANN_AT_IFID, ifid);
     const mts_address everyone = {MTS_NODE_BROADCAST, 0};
     (void)mts_send(route_mts_q, &everyone, opcode, record, sizeof record); // who missed it is counted
 }

@@ -9,16 +9,15 @@
 #include <cstring>
 
 #include "big_endian.h"
-#include "hw_table.h"
 #include "mtrack.h"
 #include "norvik_init.h"
 #include "norvik_mtrie_pool.h"
 #include "rib_table.h"
 #include "route_log.h"
+#include "route_table.h"
 
 namespace
 {
-constexpr std::uint32_t RIB_SUMMARY_BYTES = 12, FIB_SUMMARY_BYTES = 24;
 constexpr std::int32_t STOP_ALLOWED = 1, NEVER_STOP = 0;
 
 bool is_installed_static(std::uint16_t flags)
@@ -41,13 +40,13 @@ bool is_set_head(const route_entry *entry) { return (entry->flags & RIB_F_ECMP) 
 void append(route_page *page, const route_entry *entry)
 {
     std::uint8_t *record = page->records + page->count * ROUTE_RECORD_BYTES;
-    put_be32(record, entry->prefix);
-    put_be32(record + 4, entry->len);
-    put_be32(record + 8, entry->nexthop);
-    put_be32(record + 12, entry->route_id);
-    put_be16(record + 16, entry->ifid);
-    put_be16(record + 18, entry->flags);
-    put_be32(record + 20, entry->encap_id);
+    put_be32(record + ROUTE_AT_PREFIX, entry->prefix);
+    put_be32(record + ROUTE_AT_LEN, entry->len);
+    put_be32(record + ROUTE_AT_NEXTHOP, entry->nexthop);
+    put_be32(record + ROUTE_AT_ROUTE_ID, entry->route_id);
+    put_be16(record + ROUTE_AT_IFID, entry->ifid);
+    put_be16(record + ROUTE_AT_FLAGS, entry->flags);
+    put_be32(record + ROUTE_AT_ENCAP, entry->encap_id);
     page->count = static_cast<std::uint16_t>(page->count + 1);
 }
 
@@ -237,9 +236,9 @@ std::uint32_t show_rib_summary(std::uint16_t ctx, tnrpc_block *block)
     std::memset(record, 0, RIB_SUMMARY_BYTES);
     rib_counts counts{};
     walk_all(ctx, show_rib_filter, rib_summary_action, &counts);
-    put_be32(record, counts.connected);
-    put_be32(record + 4, counts.statics);
-    put_be16(record + 8, sizeof(route_entry));
+    put_be32(record + RIB_SUMMARY_AT_CONNECTED, counts.connected);
+    put_be32(record + RIB_SUMMARY_AT_STATICS, counts.statics);
+    put_be16(record + RIB_SUMMARY_AT_ENTRY_BYTES, sizeof(route_entry));
     hand_over(block, record, RIB_SUMMARY_BYTES);
     return 0;
 }
@@ -251,14 +250,15 @@ std::uint32_t show_fib_summary(std::uint16_t ctx, tnrpc_block *block)
         return 1;
     std::uint32_t held[3];
     mtrie_get_stats(ctx, held);
-    for (unsigned i = 0; i < 3; ++i)
-        put_be32(record + 4 * i, held[i]);
-    put_be16(record + 16, HW_NODE_BYTES);
-    put_be16(record + 18, HW_LEAF_BYTES);
-    put_be16(record + 20, HW_ECMP_BYTES);
+    put_be32(record + FIB_SUMMARY_AT_NODES, held[0]);
+    put_be32(record + FIB_SUMMARY_AT_LEAVES, held[1]);
+    put_be32(record + FIB_SUMMARY_AT_BLOCKS, held[2]);
+    put_be16(record + FIB_SUMMARY_AT_NODE_BYTES, HW_NODE_BYTES);
+    put_be16(record + FIB_SUMMARY_AT_LEAF_BYTES, HW_LEAF_BYTES);
+    put_be16(record + FIB_SUMMARY_AT_BLOCK_BYTES, HW_ECMP_BYTES);
     std::uint32_t count = 0;
     walk_all(ctx, show_fib_filter, fib_summary_action, &count);
-    put_be32(record + 12, count);
+    put_be32(record + FIB_SUMMARY_AT_ROUTES, count);
     hand_over(block, record, FIB_SUMMARY_BYTES);
     return 0;
 }

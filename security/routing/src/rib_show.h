@@ -4,11 +4,8 @@
 #include <cstdint>
 
 #include "route_entry.h"
+#include "route_listing.h"
 #include "tnrpc.h"
-
-constexpr std::uint32_t ROUTE_WALK_DONE = 0xFFFFFFFF; // position of a cursor whose walk is complete
-constexpr std::uint16_t ROUTE_PAGE_RECORDS = 2550;    // of a listing
-constexpr std::uint32_t ROUTE_RECORD_BYTES = 24;
 
 using route_filter = std::uint32_t (*)(route_entry *entry, void *arg); // non-zero: the action gets the entry
 using route_action = std::uint32_t (*)(route_entry *entry, void *arg); // 0: no room; may unlink and free the entry
@@ -18,8 +15,7 @@ using route_action = std::uint32_t (*)(route_entry *entry, void *arg); // 0: no 
 void route_traversal(std::uint16_t ctx, std::uint16_t *list, std::uint16_t *bucket, std::uint32_t *position,
                      std::int32_t stop_allowed, route_filter filter, route_action action, void *arg);
 
-// A page of route display records, big-endian: prefix, len, nexthop, route id (4 bytes each), ifid, flags (2 each),
-// encap id (4).
+// A page of a listing, as it is filled.
 struct route_page {
     std::uint16_t capacity;
     std::uint16_t count;

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-constexpr std::uint16_t ROUTE_ADVERT_WITHDRAW = 0xFFFF; // metric that withdraws
+#include "supervisor_advert.h"
 
 // Remote procedure. ctx is for the lines alone. Returns 0 sent, -1 failed (logged).
 std::int32_t norvik_send_route_advert(std::uint32_t prefix, std::uint32_t mask, std::uint32_t ifid,

@@ -11,9 +11,6 @@
 
 namespace
 {
-// Odd, and meant: the interface manager puts the mask at byte 21.
-constexpr std::size_t AT_IFID = 0, AT_CTX = 2, AT_ADDR = 4, AT_MASK = 21, AT_RMODE = 44;
-constexpr std::size_t AT_CHANGED_IFID = 0, AT_CHANGE = 4, AT_OLD_ADDR = 8, AT_OLD_MASK = 12;
 constexpr std::uint32_t NOTIFY = 1, QUIET = 0, NO_CLEANUP = 0, NOT_DELETED = 0;
 
 bool context_in_range(std::uint32_t opcode, std::int32_t ctx)
@@ -89,8 +86,8 @@ void interface_state(const mts_message *message, std::uint32_t opcode)
 
 if_event if_event_decode(const std::uint8_t *payload)
 {
-    return {get_be16(payload + AT_IFID), get_be16(payload + AT_CTX), get_be32(payload + AT_ADDR),
-            get_be32(payload + AT_MASK), get_be32(payload + AT_RMODE)};
+    return {get_be16(payload + IFEV_AT_IFID), get_be16(payload + IFEV_AT_CTX), get_be32(payload + IFEV_AT_ADDR),
+            get_be32(payload + IFEV_AT_MASK), get_be32(payload + IFEV_AT_RMODE)};
 }
 
 int route_msg_process(const mts_message *message)
@@ -123,8 +120,8 @@ int route_msg_process(const mts_message *message)
 
 void route_if_changed_process(const std::uint8_t *payload)
 {
-    const std::uint32_t ifid = get_be32(payload + AT_CHANGED_IFID);
-    const bool changed = (get_be32(payload + AT_CHANGE) & 0x80000000u) != 0;
+    const std::uint32_t ifid = get_be32(payload + IFEV_CHANGED_AT_IFID);
+    const bool changed = (get_be32(payload + IFEV_CHANGED_AT_CHANGE) & IFEV_CHANGED_ADDRESS) != 0;
     if (!changed)
         return;
     std::uint32_t rmode = 0, scratch = 0, addr = 0, mask = 0;
@@ -146,7 +143,8 @@ void route_if_changed_process(const std::uint8_t *payload)
     if (!context_in_range(MTS_OPC_NORVIK_IF_CHANGED, context))
         return;
     const std::uint16_t ctx = static_cast<std::uint16_t>(context), id = static_cast<std::uint16_t>(ifid & 0xFFFF);
-    const std::uint32_t old_addr = get_be32(payload + AT_OLD_ADDR), old_mask = get_be32(payload + AT_OLD_MASK);
+    const std::uint32_t old_addr = get_be32(payload + IFEV_CHANGED_AT_OLD_ADDR),
+                        old_mask = get_be32(payload + IFEV_CHANGED_AT_OLD_MASK);
     if (old_addr != 0) {
         norvik_remove_nat_ifdown(ctx, id);
         (void)norvik_remove_interface(old_addr, old_mask, id, ctx, NO_CLEANUP, NOT_DELETED); // always 0

@@ -3,10 +3,8 @@
 
 #include <cstdint>
 
+#include "interface_events.h"
 #include "mts.h"
-
-constexpr std::size_t IFEV_BYTES = 48;         // an interface-state payload
-constexpr std::size_t IFEV_CHANGED_BYTES = 16; // an address-change payload
 
 // An interface-state payload, decoded.
 struct if_event {

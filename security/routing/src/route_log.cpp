@@ -12,21 +12,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "history_file.h"
 #include "line_format.h"
 
 namespace
 {
-constexpr std::size_t TEXT_BYTES = 512;
-
 // One record of the event history, as readers of the history file find it.
 struct history_record {
-    std::uint32_t category; // the id, host order
-    char text[TEXT_BYTES];  // "<Ctx:%d>" and the message, NUL-terminated
+    std::uint32_t category;        // the id
+    char text[HISTORY_TEXT_BYTES]; // "<Ctx:%d>" and the message, NUL-terminated
 };
-static_assert(offsetof(history_record, text) == 4);
+static_assert(offsetof(history_record, text) == HISTORY_AT_TEXT);
 
 // "<Ctx:%d>" and a NUL, without the way through a format: every record begins with it. Returns its length.
-std::size_t put_context(char (&text)[TEXT_BYTES], std::uint32_t ctx)
+std::size_t put_context(char (&text)[HISTORY_TEXT_BYTES], std::uint32_t ctx)
 {
     constexpr char HEAD[] = "<Ctx:";
     constexpr std::size_t DIGITS = 11; // of any number, with its sign
@@ -60,7 +59,7 @@ void route_log_history(std::uint32_t category, std::uint32_t ctx, const char *fo
 {
     history_record record;
     record.category = category;
-    const std::size_t used = put_context(record.text, ctx), room = TEXT_BYTES - used;
+    const std::size_t used = put_context(record.text, ctx), room = HISTORY_TEXT_BYTES - used;
     va_list args;
     va_start(args, format);
     const int made = line_vformat(record.text + used, room, format, args);

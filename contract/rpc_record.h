@@ -1,14 +1,15 @@
-// tnrpc_wire.h - the records of a remote procedure call, as they travel between the card's processes.
+// rpc_record.h - the records of a remote procedure call, as they travel between the card's processes.
 //
-// One record is one call or one reply, its integers big-endian. Server and client include this header, so the form is
-// written down once. Everything here is bytes in, numbers out: no state, no system call.
+// One record is one call or one reply, its integers big-endian. A call: magic, transaction, name length, argument
+// count, the name without NUL, the arguments. A reply: magic, transaction, status, result, then (status 0 alone) the
+// value of each by-reference argument and each block. Everything here is bytes in, numbers out.
 // Always: lengths are judged against the bytes received, never believed; a value taken lies inside its record.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-#include "tnrpc.h"
+#include "big_endian.h"
 
 constexpr std::uint32_t TNRPC_CALL_MAGIC = 0x544E5251;  // "TNRQ"
 constexpr std::uint32_t TNRPC_REPLY_MAGIC = 0x544E5250; // "TNRP"
@@ -17,7 +18,19 @@ constexpr std::size_t TNRPC_CALL_HEAD = 12;    // magic, transaction, name lengt
 constexpr std::size_t TNRPC_REPLY_HEAD = 16;   // magic, transaction, status, result
 constexpr std::size_t TNRPC_VALUE_HEAD = 8;    // type code and a zero word (16 bits each), length
 constexpr std::size_t TNRPC_CALL_BYTES = 4096; // the largest record that is a call
+constexpr std::size_t TNRPC_MAX_NAME = 63;
+constexpr unsigned TNRPC_MAX_ARGS = 16;
 constexpr std::size_t TNRPC_ENDPOINT_PATH_BYTES = sizeof "rpc/4294967295";
+constexpr std::uint32_t TNRPC_FIRST_SERVICE_ENDPOINT = 10; // of the card's services beside the route manager
+
+// Type code of an argument.
+enum tnrpc_type : unsigned {
+    RPC_ARG_SMALL = 0, // 1 byte, by value
+    RPC_ARG_U16 = 1,   // 2 bytes, by value
+    RPC_ARG_U32 = 2,   // 4 bytes, by value
+    RPC_ARG_REF = 8,   // by reference, in and out; the caller chooses 2 or 4 bytes
+    RPC_ARG_BLOCK = 9, // a block of the reply; no bytes in the call
+};
 
 enum tnrpc_status : std::uint32_t {
     TNRPC_RAN = 0,           // the procedure ran

@@ -1,15 +1,15 @@
-// big_endian.h - fields of datagrams and records for callers, which are big-endian, whatever the host.
+// big_endian.h - the integers of datagrams and records: big-endian, whatever the host.
 #pragma once
 
 #include <cstdint>
 
-inline void put_be16(std::uint8_t *to, std::uint32_t value)
+constexpr void put_be16(std::uint8_t *to, std::uint32_t value)
 {
     to[0] = static_cast<std::uint8_t>(value >> 8);
     to[1] = static_cast<std::uint8_t>(value);
 }
 
-inline void put_be32(std::uint8_t *to, std::uint32_t value)
+constexpr void put_be32(std::uint8_t *to, std::uint32_t value)
 {
     put_be16(to, value >> 16);
     put_be16(to + 2, value);
