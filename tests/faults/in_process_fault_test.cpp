@@ -16,6 +16,7 @@
 #include "norvik_mtrie_dump.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
+#include "rib_check.h"
 #include "rib_host.h"
 #include "rib_interface.h"
 #include "rib_nat.h"

@@ -14,6 +14,7 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "processor_walk.h"
+#include "rib_check.h"
 #include "rib_show.h"
 #include "rib_table.h"
 #include "route_ids.h"

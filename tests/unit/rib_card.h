@@ -12,6 +12,7 @@
 #include "fake_card.h"
 #include "hw_store.h"
 #include "mtrie_records.h"
+#include "rib_check.h"
 #include "rib_table.h"
 
 constexpr std::uint16_t CTX = 3, IFID = 5, ENCAP = 0x1234;

@@ -6,6 +6,7 @@
 
 #include "mtrack.h"
 #include "rib_card.h"
+#include "rib_check.h"
 #include "rib_host.h"
 #include "rib_interface.h"
 #include "rib_mtrie.h"

@@ -9,6 +9,7 @@
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "rib_card.h"
+#include "rib_check.h"
 #include "rib_host.h"
 #include "rib_mtrie.h"
 #include "route_ids.h"

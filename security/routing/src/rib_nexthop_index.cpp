@@ -3,11 +3,13 @@
 // A host that comes or goes concerns the routes through it, which may be a handful among a hundred thousand. The table
 // is ordered by prefix and would have to be visited whole, so here the same entries stand by gateway. Within a gateway
 // they have the order of that visit, which is the order of a change's log lines.
-// Always: an entry is here exactly while a visit of its context meets it and it is a static route
-// (rib_nexthop_index_check proves it). Keys hold what never changes in an entry. Odd, and meant: where a chain entry
-// goes and takes its set with it, the members are out of the table without having been freed; they leave here as well,
-// so a host does not find them any more. Elsewhere: the table itself (rib_table.cpp), who enters and takes out routes
-// (rib_static.cpp).
+// Always: an entry is here exactly while a visit of its context meets it and it is a static route (rib_check proves
+// it). Keys hold what never changes in an entry.
+//
+// Odd, and meant: where a chain entry goes and takes its set with it, the members are out of the table without having
+// been freed; they leave here as well, so a host does not find them any more.
+//
+// Elsewhere: the table itself (rib_table.cpp), who enters and takes out routes (rib_static.cpp).
 #include "rib_nexthop_index.h"
 
 #include <new>
@@ -32,16 +34,6 @@ rib_nexthop_index_key key_of(const route_entry *route)
     return key;
 }
 
-// 0 for an entry that is where it belongs, here or not; 1 for another.
-int check_entry(const route_entry *entry, std::size_t *statics)
-{
-    const bool is_static = (entry->flags & RIB_F_GATEWAY) != 0;
-    *statics += is_static ? 1u : 0u;
-    const auto at = rib_nexthop_index_routes.find(key_of(entry));
-    const bool is_here = at != rib_nexthop_index_routes.end() && at->second == entry;
-    return is_here == is_static ? 0 : 1;
-}
-
 } // namespace
 
 rib_nexthop_index_key rib_nexthop_index_first(std::uint32_t ctx, std::uint32_t gateway)
@@ -56,6 +48,12 @@ bool rib_nexthop_index_add(route_entry *route)
     } catch (const std::bad_alloc &) {
         return false;
     }
+}
+
+bool rib_nexthop_index_has(const route_entry *route)
+{
+    const auto at = rib_nexthop_index_routes.find(key_of(route));
+    return at != rib_nexthop_index_routes.end() && at->second == route;
 }
 
 void rib_nexthop_index_remove(const route_entry *route)
@@ -73,22 +71,3 @@ void rib_nexthop_index_remove_set(const route_entry *head)
 }
 
 void rib_nexthop_index_clear() { rib_nexthop_index_routes.clear(); }
-
-int rib_nexthop_index_check(std::uint32_t ctx)
-{
-    int faults = 0;
-    std::size_t statics = 0;
-    (void)rib_find_entry(ctx, [&faults, &statics](const route_entry *head) {
-        faults += check_entry(head, &statics);
-        for (const route_entry *member = head->ecmp; member != nullptr; member = member->next)
-            faults += check_entry(member, &statics);
-        return false;
-    });
-    const auto from = rib_nexthop_index_routes.lower_bound(rib_nexthop_index_first(ctx, 0));
-    const auto to =
-        rib_nexthop_index_routes.upper_bound({rib_nexthop_index_first(ctx, 0xFFFFFFFF).gateway, ~std::uint64_t{0}});
-    std::size_t entered = 0;
-    for (auto at = from; at != to; ++at)
-        ++entered;
-    return faults + (entered == statics ? 0 : 1);
-}

@@ -21,12 +21,11 @@ rib_nexthop_index_key rib_nexthop_index_first(std::uint32_t ctx,
 
 // Enters a static route that is, or is about to be, in the table of its context. Returns false when memory is short.
 [[nodiscard]] bool rib_nexthop_index_add(route_entry *route);
-void rib_nexthop_index_remove(const route_entry *route); // no effect on an entry that was not entered
+[[nodiscard]] bool rib_nexthop_index_has(const route_entry *route); // whether this entry was entered
+void rib_nexthop_index_remove(const route_entry *route);            // no effect on an entry that was not entered
 // Takes out whatever leaves the table together with a chain entry: the entry itself and the members of its set.
 void rib_nexthop_index_remove_set(const route_entry *head);
 void rib_nexthop_index_clear(); // the tables are made anew
-// Compares the index of a context with what a visit of every entry finds. Returns the number of differences.
-[[nodiscard]] int rib_nexthop_index_check(std::uint32_t ctx);
 
 // Visits the static routes of a context through a gateway, chain entries and members of sets, in the table's order.
 // Stops at the first that `visit` answers true for and returns it, else null. A visit may change flags, not links.

@@ -1,18 +1,17 @@
-// rib_table.cpp - a context's hash table of route entries, and the audit of it.
+// rib_table.cpp - a context's hash table of route entries.
 //
 // A row for each prefix length, 31 chains a row, each ascending by network address: a search meets one length only and
 // stops at the first larger address. A second route of the same prefix never stands on the chain; it hangs off the
 // first as a member of its ECMP set, in order of arrival, linked by the members' own `next`.
-// Always: what rib_check proves. Nothing here allocates but rib_entry_alloc, and nothing here frees: whoever unlinks an
-// entry does.
-// Elsewhere: which routes go in (rib_host.cpp, rib_static.cpp), what the processors learn of them (rib_mtrie.cpp).
+// Always: what rib_check proves (rib_check.cpp). Nothing here allocates but rib_entry_alloc, and nothing here frees:
+// whoever unlinks an entry does. Elsewhere: which routes go in (rib_host.cpp, rib_static.cpp), what the processors
+// learn of them (rib_mtrie.cpp).
 #include "rib_table.h"
 
 #include <bit>
 #include <new>
 
 #include "mtrack.h"
-#include "rib_nexthop_index.h"
 #include "route_log.h"
 
 const std::uint32_t rib_mask_table[33] = {
@@ -34,8 +33,6 @@ rib_occupancy rib_occupied[ROUTE_CONTEXTS];
 
 namespace
 {
-
-constexpr std::uint32_t MAX_SET_MEMBERS = 0xFFFF; // what a head's count can hold
 
 // Of the context that norvik_get_t takes the number for.
 rib_occupancy &occupancy_of(std::uint32_t ctx) { return rib_occupied[ctx % ROUTE_CONTEXTS]; }
@@ -79,47 +76,6 @@ void choose_path(route_entry *candidate, const void *key, rib_match match, rib_s
 
 template <class Key> const Key &key_as(const void *key) { return *static_cast<const Key *>(key); }
 
-int broken(bool rule_holds) { return rule_holds ? 0 : 1; }
-
-// Rules that hold for every entry, on the chain or in a set.
-int check_entry(const route_entry *entry, std::uint32_t ctx, std::uint32_t len)
-{
-    const auto has = [entry](std::uint16_t bits) { return (entry->flags & bits) == bits; };
-    int faults = broken(entry->len == len) + broken((entry->prefix & ~rib_mask_table[len]) == 0);
-    faults += broken(entry->ctx == ctx) + broken(entry->route_id < ROUTE_CONTEXTS);
-    faults += broken(!has(RIB_F_IN_MTRIE) || has(RIB_F_GATEWAY));
-    return faults + broken(!has(RIB_F_NAT_IN_MTRIE) || has(RIB_F_NAT));
-}
-
-// The set of a chain entry: members alike in prefix, flagged, without members of their own, and counted by the head.
-int check_set(const route_entry *head, std::uint32_t ctx)
-{
-    int faults = 0;
-    std::uint32_t members = 0;
-    for (const route_entry *member = head->ecmp; member != nullptr && members < MAX_SET_MEMBERS;
-         member = member->next) {
-        ++members;
-        faults += check_entry(member, ctx, head->len) + broken(member->prefix == head->prefix);
-        faults += broken((member->flags & RIB_F_ECMP) != 0);
-        faults += broken(member->ecmp.get() == nullptr && member->ecmp_count == 0);
-    }
-    faults += broken(((head->flags & RIB_F_ECMP) != 0) == (members != 0));
-    return faults + broken(head->ecmp_count == (members == 0 ? 0 : members + 1));
-}
-
-// One chain. An entry out of order ends the walk, so a ring of links cannot hold the audit.
-int check_chain(const route_entry *entry, std::uint32_t ctx, std::uint32_t len, std::uint32_t bucket)
-{
-    int faults = 0;
-    for (const route_entry *before = nullptr; entry != nullptr; before = entry, entry = entry->next) {
-        if (before != nullptr && rib_key(before->prefix, len) >= rib_key(entry->prefix, len))
-            return faults + 1;
-        faults += check_entry(entry, ctx, len) + check_set(entry, ctx);
-        faults += broken(bucket_of(entry->prefix, len) == bucket);
-    }
-    return faults;
-}
-
 constexpr unsigned FETCHED_CHAINS = 8; // of a large context, what fits a processor's second cache
 
 // Loads the chains from `bucket` to the end of its group side by side. A walk waits for each entry of a large context
@@ -139,19 +95,6 @@ void fetch_chains(const prefix_tree *tree, unsigned row, unsigned bucket)
             if (at[i] == nullptr)
                 at[i--] = at[--chains];
         }
-}
-
-// Each bucket that holds entries has its bit, and so has its row.
-int check_occupancy(const prefix_tree *tree, std::uint32_t ctx)
-{
-    const rib_occupancy &occupied = occupancy_of(ctx);
-    int faults = 0;
-    for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
-        for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket) {
-            const bool marked = (occupied.rows >> len & 1) != 0 && (occupied.buckets[len] >> bucket & 1) != 0;
-            faults += broken(marked || !tree->table[len][bucket]);
-        }
-    return faults;
 }
 
 } // namespace
@@ -337,14 +280,4 @@ bool rib_nat_learned_match(const route_entry *entry, const void *range)
 bool rib_nat_ifid_match(const route_entry *entry, const void *ifid)
 {
     return (entry->flags & RIB_F_NAT) != 0 && entry->ifid == key_as<std::uint16_t>(ifid);
-}
-
-int rib_check(std::uint32_t ctx)
-{
-    prefix_tree *const tree = norvik_get_t(ctx);
-    int faults = check_occupancy(tree, ctx);
-    for (std::uint32_t len = 0; len < RIB_ROWS; ++len)
-        for (std::uint32_t bucket = 0; bucket < RIB_BUCKETS; ++bucket)
-            faults += check_chain(tree->table[len][bucket], ctx, len, bucket);
-    return faults != 0 ? faults : rib_nexthop_index_check(ctx); // which follows the links
 }

@@ -100,7 +100,3 @@ template <class Wanted> route_entry *rib_find_prefix(std::uint32_t ctx, std::uin
     }
     return nullptr;
 }
-
-// Audit of a context: chain order, buckets, sets, flags, and the next hop index beside it. Returns 0, or the number of
-// rules broken.
-[[nodiscard]] int rib_check(std::uint32_t ctx);
