@@ -10,6 +10,7 @@
 #include "bench.h"
 #include "bench_card.h"
 #include "mtrack.h"
+#include "prefix_mgr.h"
 #include "rib_check.h"
 #include "rib_host.h"
 #include "rib_show.h"

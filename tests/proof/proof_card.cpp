@@ -6,7 +6,6 @@
 #include <iterator>
 
 #include "ixp_lookup.h"
-#include "norvik_init.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "prefix_mgr.h"

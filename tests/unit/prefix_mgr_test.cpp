@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "fake_card.h"
-#include "norvik_init.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"

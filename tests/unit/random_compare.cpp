@@ -8,11 +8,11 @@
 #include <iterator>
 #include <tuple>
 
-#include "norvik_init.h"
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
+#include "prefix_mgr.h"
 #include "processor_walk.h"
 #include "rib_check.h"
 #include "rib_show.h"

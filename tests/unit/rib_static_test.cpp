@@ -8,6 +8,7 @@
 
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
+#include "prefix_mgr.h"
 #include "rib_card.h"
 #include "rib_check.h"
 #include "rib_host.h"

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "mtrack.h"
+#include "prefix_mgr.h"
 #include "rib_check.h"
 #include "route_ids.h"
 

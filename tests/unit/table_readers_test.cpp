@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "norvik_init.h"
 #include "prefix_mgr.h"
 #include "processor_walk.h"
 

@@ -1,4 +1,4 @@
-// norvik_init.cpp - the per-context trees at start-up, and the way to a context's table.
+// norvik_init.cpp - the trees of all contexts at start-up.
 #include "norvik_init.h"
 
 #include "norvik_mtrie_hw.h"
@@ -6,8 +6,6 @@
 #include "rib_nexthop_index.h"
 #include "route_log.h"
 #include "route_table.h"
-
-card_ptr<prefix_mgr> wired_table_mgr;
 
 int norvik_init_ixp_fib()
 {
@@ -25,13 +23,4 @@ int norvik_init_ixp_fib()
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp1_dram_base 0x%x\n", va_ixp1_dram_base);
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp2_dram_base 0x%x\n", va_ixp2_dram_base);
     return 0;
-}
-
-prefix_tree *norvik_get_t(std::uint32_t context)
-{
-    // Before the manager exists nothing can be added: a start-up that fails early is cleaned up over an empty table.
-    static prefix_tree empty{};
-    if (!wired_table_mgr)
-        return &empty;
-    return wired_table_mgr->trees[context & 0xFFFF];
 }

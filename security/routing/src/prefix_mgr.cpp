@@ -15,6 +15,8 @@
 #include "norvik_mtrie_leaf.h"
 #include "route_log.h"
 
+card_ptr<prefix_mgr> wired_table_mgr;
+
 namespace
 {
 // Handle of the standard output print function: a host function does not fit the record's 32-bit words.
@@ -40,6 +42,15 @@ int create_trees(prefix_mgr *manager)
 
 std::uint32_t mask_of(const route_entry *route) { return route->len == 0 ? 0 : 0xFFFFFFFFu << (32 - route->len); }
 } // namespace
+
+prefix_tree *norvik_get_t(std::uint32_t context)
+{
+    // Before the manager exists nothing can be added: a start-up that fails early is cleaned up over an empty table.
+    static prefix_tree empty{};
+    if (!wired_table_mgr)
+        return &empty;
+    return wired_table_mgr->trees[context & 0xFFFF];
+}
 
 int prefix_mgr_init(card_ptr<prefix_mgr> *out, card_addr base, std::uint32_t, std::uint32_t root_stride,
                     std::uint32_t stride, std::uint32_t num_trees, std::uint32_t setting_a, std::uint32_t setting_b,

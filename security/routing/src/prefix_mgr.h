@@ -22,6 +22,9 @@ static_assert(sizeof(prefix_mgr) == 84 && offsetof(prefix_mgr, name) == 32);
 
 extern card_ptr<prefix_mgr> wired_table_mgr; // null until norvik_init_ixp_fib has made it
 
+// The record of the context in the low 16 bits (0 to 255, not checked). Before the manager exists, an empty one.
+prefix_tree *norvik_get_t(std::uint32_t context);
+
 // 0 with the manager stored, 3 on any failure.
 [[nodiscard]] int prefix_mgr_init(card_ptr<prefix_mgr> *out, card_addr base, std::uint32_t size,
                                   std::uint32_t root_stride, std::uint32_t stride, std::uint32_t num_trees,

@@ -4,6 +4,7 @@
 // nothing. The index is compared only when the table is in order, since a broken chain can not be visited safely.
 #include "rib_check.h"
 
+#include "prefix_mgr.h"
 #include "rib_nexthop_index.h"
 #include "rib_table.h"
 

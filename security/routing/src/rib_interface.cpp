@@ -10,7 +10,6 @@
 #include "interface_events.h"
 #include "mtrack.h"
 #include "mts.h"
-#include "norvik_init.h"
 #include "prefix_mgr.h"
 #include "rib_host.h"
 #include "rib_mtrie.h"

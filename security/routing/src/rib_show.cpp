@@ -10,8 +10,8 @@
 
 #include "big_endian.h"
 #include "mtrack.h"
-#include "norvik_init.h"
 #include "norvik_mtrie_pool.h"
+#include "prefix_mgr.h"
 #include "rib_table.h"
 #include "route_log.h"
 #include "route_table.h"

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "mtrack.h"
+#include "prefix_mgr.h"
 #include "route_log.h"
 
 const std::uint32_t rib_mask_table[33] = {

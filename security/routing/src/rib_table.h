@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "norvik_init.h"
 #include "route_entry.h"
 #include "route_ids.h"
 

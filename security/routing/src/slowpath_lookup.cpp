@@ -6,7 +6,7 @@
 // encapsulation never falls back to a shorter one, only to the default.
 #include "slowpath_lookup.h"
 
-#include "norvik_init.h"
+#include "prefix_mgr.h"
 #include "rib_table.h"
 #include "route_log.h"
 #include "route_rpc.h"
