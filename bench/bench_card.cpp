@@ -19,7 +19,7 @@
 #include "mts.h"
 #include "norvik_init.h"
 #include "norvik_mtrie_pool.h"
-#include "rib_mtrie.h"
+#include "rib_host.h"
 #include "route_ids.h"
 #include "route_mgr.h"
 #include "sdwrap.h"

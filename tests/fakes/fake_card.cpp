@@ -25,7 +25,7 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "prefix_mgr.h"
-#include "rib_mtrie.h"
+#include "rib_host.h"
 #include "route_mgr.h"
 #include "route_rpc.h"
 #include "sdwrap.h"

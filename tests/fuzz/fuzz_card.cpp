@@ -34,7 +34,7 @@
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
 #include "rib_check.h"
-#include "rib_mtrie.h"
+#include "rib_host.h"
 #include "rib_nexthop_index.h"
 #include "rib_table.h"
 #include "route_ids.h"

@@ -1,4 +1,5 @@
-// rib_host_test.cpp - host routes, the ARP service's procedures, and the static routes that a host completes.
+// rib_host_test.cpp - host routes in the RIB and in both tables, the ARP service's procedures, and the static routes
+// that a host completes.
 #include "rib_host.h"
 
 #include <cerrno>
@@ -23,6 +24,11 @@ std::uint32_t add_host(std::uint32_t addr = GATEWAY, std::uint16_t encap = ENCAP
 std::uint32_t remove_host(std::uint32_t addr = GATEWAY)
 {
     return arp_prefix_mgr_remove_route(RIB_OBJ_ARP_HOST, addr, 32, 0, ENCAP, IFID, CTX);
+}
+
+route_entry *add_combined()
+{
+    return route_add_rib_and_mtrie_entry(RIB_F_ARP_INSTALLED, ENCAP, RIB_OBJ_ARP_HOST, GATEWAY, 32, IFID, CTX);
 }
 
 } // namespace
@@ -260,6 +266,115 @@ TEST(rib_host, a_removed_head_takes_the_members_of_its_set_with_it)
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u) << "the member is not given back";
 }
 
+TEST(rib_host, a_combined_add_returns_the_entry_with_the_callers_flags_and_logs_under_context_0)
+{
+    rib_card card;
+    const route_entry *const entry = route_add_rib_and_mtrie_entry(RIB_F_INTERFACE | RIB_F_CONNECTED, 0x21,
+                                                                   RIB_OBJ_INTERFACE, NET + 5, 16, IFID, CTX);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->prefix, NET);
+    EXPECT_EQ(entry->flags, RIB_F_INTERFACE | RIB_F_CONNECTED);
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "add to rib"),
+              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa090000/16->0021\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+}
+
+TEST(rib_host, a_combined_add_that_the_rib_refuses_logs_the_address_as_given)
+{
+    rib_card card;
+    EXPECT_EQ(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, NET + 5, 33, IFID, CTX), nullptr);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              (text_list{"<Ctx:3>rib_add_host_route, wrong mask, host addr 0xa090005/33 add Fails, encapid 0x1234\n",
+                         "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa090005/33, ifid 0x5\n"}));
+}
+
+TEST(rib_host, a_combined_add_that_the_forwarding_table_refuses_takes_the_entry_out_again)
+{
+    rib_card card;
+    card.take_tree(CTX);
+    EXPECT_EQ(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, NET + 5, 16, IFID, CTX), nullptr);
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "adding"), (text_list{"<Ctx:0>adding Mtrie FAILURE 0xa090000/16->1234\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_INFO).back(),
+              "<Ctx:3>rib_remove_host_route: deleting route 0xa090000/16 (flags 0x10) \n");
+    EXPECT_EQ(entries_of(CTX), 0u);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    card.give_tree_back(CTX);
+}
+
+TEST(rib_host, a_failed_combined_add_of_a_host_that_refreshed_its_entry_removes_that_entry_too)
+{
+    rib_card card;
+    ASSERT_NE(add_combined(), nullptr);
+    card.take_tree(CTX);
+    EXPECT_EQ(add_combined(), nullptr);
+    EXPECT_EQ(entries_of(CTX), 0u);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    card.give_tree_back(CTX);
+}
+
+TEST(rib_host, an_undo_that_finds_another_kind_of_entry_on_the_chain_frees_nothing)
+{
+    rib_card card;
+    ASSERT_NE(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, GATEWAY, 32, IFID, CTX), nullptr);
+    card.take_tree(CTX);
+    EXPECT_EQ(add_combined(), nullptr); // joined the interface entry's set, and stays there
+    EXPECT_EQ(entries_of(CTX), 2u);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 2u);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS).back(),
+              "<Ctx:3>rib_remove_host_route, wrong entry 0xa010009/32 flags 50, host addr 0xa010009/32 remove obj 1 "
+              "Fails\n");
+    card.give_tree_back(CTX);
+}
+
+TEST(rib_host, a_combined_remove_frees_the_entry_or_hands_it_over)
+{
+    rib_card card;
+    ASSERT_NE(add_combined(), nullptr);
+    route_entry *const kept =
+        route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, GATEWAY, 32, CTX, 0);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->flags, 0);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u);
+    mtrack_free(kept);
+
+    ASSERT_NE(add_combined(), nullptr);
+    card.forget();
+    EXPECT_EQ(route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, GATEWAY, 32, CTX, 1), nullptr);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    EXPECT_EQ(card.texts(ROUTE_DBG_INFO).back(),
+              "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010009/32\n");
+}
+
+TEST(rib_host, a_combined_remove_of_nothing_is_an_error_with_the_address_as_given)
+{
+    rib_card card;
+    EXPECT_EQ(route_remove_rib_and_mtrie_entry(RIB_OBJ_INTERFACE, 0, NET + 5, 16, CTX, 0), nullptr);
+    EXPECT_EQ(card.texts(ROUTE_DBG_INFO),
+              (text_list{"<Ctx:3>rib_remove_host_route: fail to find routeid 3 ip 0xa090000/16 obj 2 \n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              (text_list{"<Ctx:0>route_remove_rib_and_mtrie_entry: rib remove failed, addr 0xa090005/16\n"}));
+}
+
+TEST(rib_host, a_combined_remove_that_the_forwarding_table_refuses_stands_in_the_rib)
+{
+    rib_card card;
+    ASSERT_NE(add_combined(), nullptr);
+    card.take_tree(CTX);
+    EXPECT_EQ(route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, GATEWAY, 32, CTX, 1), nullptr);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS).back(),
+              "<Ctx:0>route_remove_rib_and_mtrie_entry:remove Mtrie FAILURE 0xa010009/32\n");
+    EXPECT_EQ(entries_of(CTX), 0u);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    card.give_tree_back(CTX);
+}
+
+TEST(rib_host, a_default_route_of_the_combined_pair_reaches_the_prefix_manager)
+{
+    rib_card card;
+    ASSERT_NE(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, NET, 0, IFID, CTX), nullptr);
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_add: enter").size(), 1u);
+}
+
 TEST(rib_host, a_host_that_arrives_completes_the_routes_that_wait_for_it)
 {
     rib_card card;
@@ -321,7 +436,7 @@ TEST(rib_host, a_removed_host_withdraws_its_routes_and_keeps_them_until_it_comes
     EXPECT_EQ(head->ecmp->encap_id, 0x66u);
 }
 
-TEST(rib_host, a_withdrawn_route_forgets_its_way_also_when_the_forwarding_table_refuses)
+TEST(rib_host, a_withdrawn_route_loses_its_adjacency_also_when_the_forwarding_table_refuses)
 {
     rib_card card;
     ASSERT_EQ(add_host(), 0u);

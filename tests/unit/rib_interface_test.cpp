@@ -7,7 +7,6 @@
 #include "processor_walk.h"
 #include "rib_card.h"
 #include "rib_host.h"
-#include "rib_mtrie.h"
 #include "rib_nat.h"
 #include "rib_static.h"
 #include "route_ids.h"

@@ -9,7 +9,6 @@
 #include "rib_check.h"
 #include "rib_host.h"
 #include "rib_interface.h"
-#include "rib_mtrie.h"
 #include "rib_nat.h"
 #include "rib_static.h"
 

@@ -284,7 +284,7 @@ TEST(rib_table, a_middle_member_leaves_the_order_of_the_others)
     EXPECT_EQ(head->ecmp_count, 3);
 }
 
-TEST(rib_table, hosts_and_interface_routes_are_told_apart_by_their_object)
+TEST(rib_table, hosts_and_interface_routes_are_distinguished_by_their_object)
 {
     const std::uint32_t host = RIB_OBJ_ARP_HOST, interface = RIB_OBJ_INTERFACE, drop = RIB_OBJ_MCAST_DROP;
     route_entry entry{};
@@ -357,7 +357,7 @@ TEST(rib_table, an_entry_is_charged_to_its_type_and_is_null_when_memory_is_short
     EXPECT_EQ(rib_entry_alloc(MTRACK_ROUTE_ENTRY_2), nullptr);
 }
 
-TEST(rib_table, a_walk_visits_rows_then_buckets_then_chains_and_stops_where_it_is_told)
+TEST(rib_table, a_walk_visits_rows_then_buckets_then_chains_and_stops_at_the_first_accepted)
 {
     rib_card card;
     put(B, 32);

@@ -1,11 +1,13 @@
 // rib_host.cpp - host routes: ARP-learned hosts, an interface's own routes, the multicast drop entry.
 //
-// An ARP host is the door that static routes wait behind: its arrival programs the routes through it, its departure
-// withdraws them and leaves them in the RIB. Its entry remembers the address of the interface that it was learned on,
-// by which the interface's going down finds it again.
+// A host route enters the RIB and the forwarding table together: a failed add takes the RIB's entry out again. A static
+// route waits until its next hop is a known ARP host: the host's arrival programs the routes through it, its departure
+// withdraws them and leaves them in the RIB. A host's entry holds the address of the interface that it was learned on,
+// by which it is found when that interface goes down.
 // Odd, and meant: a host entry's route id is its context; a removal takes the chain's entry with whatever hangs off it;
-// an ARP host seen again is refreshed where it stands.
-// Elsewhere: the forwarding table's half (rib_mtrie.cpp), the routes behind gateways (rib_static.cpp).
+// an ARP host seen again is refreshed where it stands; the combined pair logs under context 0, whatever the entry's,
+// and a /0 that goes through it is a prefix like any other.
+// Elsewhere: static routes (rib_static.cpp) and their way into the forwarding table (rib_mtrie.cpp).
 #include "rib_host.h"
 
 #include <cstdio>
@@ -14,6 +16,7 @@
 #include "if_mgr.h"
 #include "mtrack.h"
 #include "platform_mem.h"
+#include "prefix_mgr.h"
 #include "rib_mtrie.h"
 #include "rib_nexthop_index.h"
 #include "rib_table.h"
@@ -23,7 +26,7 @@ namespace
 {
 
 constexpr int IF_STATUS_UP = 1;
-constexpr std::uint32_t MAX_LEN = 32, KEEP_ENTRY = 0;
+constexpr std::uint32_t MAX_LEN = 32, COMBINED_LOG_CTX = 0;
 
 // Address of the interface through which `ifid` routes: its own, or its bridge interface's. Returns 0, or 1 (logged)
 // when the interface has no routing mode. An interface without an address gives 0; so does one without a bridge
@@ -102,7 +105,8 @@ void host_added(route_entry *route, const route_entry *host)
     (void)rib_add_mtrie_route(route); // logged there; the route goes on waiting
 }
 
-// A programmed one is taken out of the forwarding table. It forgets its way also when the forwarding table refused.
+// A programmed one is taken out of the forwarding table. Its interface and encapsulation are cleared also when the
+// forwarding table refused.
 void host_removed(route_entry *route)
 {
     if ((route->flags & RIB_F_IN_MTRIE) == 0)
@@ -195,6 +199,55 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
     return entry;
 }
 
+route_entry *route_add_rib_and_mtrie_entry(std::uint16_t flag_bits, std::uint16_t encap_id, std::uint16_t obj,
+                                           std::uint32_t addr, std::uint32_t len, std::uint16_t ifid, std::uint32_t ctx)
+{
+    route_entry *const entry = rib_add_host_route(obj, ctx, ifid, addr, len, encap_id);
+    if (entry == nullptr) {
+        route_log(ROUTE_DBG_ERRORS, COMBINED_LOG_CTX, "%s: rib add failed, addr 0x%x/%d, ifid 0x%x\n",
+                  "route_add_rib_and_mtrie_entry", addr, len, ifid);
+        return nullptr;
+    }
+    entry->flags |= flag_bits;
+
+    if (prefix_mgr_route_add(wired_table_mgr, entry) != 0) {
+        route_log(ROUTE_DBG_INFO, COMBINED_LOG_CTX, "add to rib and Mtrie SUCCESS 0x%x/%d->%04x\n", entry->prefix,
+                  entry->len, entry->encap_id);
+        return entry;
+    }
+    route_log(ROUTE_DBG_ERRORS, COMBINED_LOG_CTX, "adding Mtrie FAILURE 0x%x/%d->%04x\n", entry->prefix, entry->len,
+              entry->encap_id);
+
+    // By address and object, not by the entry: a member of a set stays, and nothing is freed when nothing is found.
+    mtrack_free(rib_remove_host_route(obj, ctx, addr, len));
+    return nullptr;
+}
+
+route_entry *route_remove_rib_and_mtrie_entry(std::uint16_t obj, std::uint16_t clear_bits, std::uint32_t addr,
+                                              std::uint32_t len, std::uint32_t ctx, std::uint32_t free_it)
+{
+    route_entry *const entry = rib_remove_host_route(obj, ctx, addr, len);
+    if (entry == nullptr) {
+        route_log(ROUTE_DBG_ERRORS, COMBINED_LOG_CTX, "%s: rib remove failed, addr 0x%x/%d\n",
+                  "route_remove_rib_and_mtrie_entry", addr, len);
+        return nullptr;
+    }
+    entry->flags &= static_cast<std::uint16_t>(~clear_bits);
+
+    // A refusal is only logged: the entry does not come back to the RIB.
+    if (prefix_mgr_route_remove(wired_table_mgr, entry) != 0)
+        route_log(ROUTE_DBG_INFO, COMBINED_LOG_CTX, "%s:remove from rib and Mtrie SUCCESS 0x%x/%d\n",
+                  "route_remove_rib_and_mtrie_entry", addr, len);
+    else
+        route_log(ROUTE_DBG_ERRORS, COMBINED_LOG_CTX, "%s:remove Mtrie FAILURE 0x%x/%d\n",
+                  "route_remove_rib_and_mtrie_entry", addr, len);
+
+    if (free_it == RIB_KEEP_ENTRY)
+        return entry;
+    mtrack_free(entry);
+    return nullptr;
+}
+
 void route_lookup_by_hostaddr(route_entry *host, int op)
 {
     (void)rib_nexthop_index_find(host->route_id, host->prefix, [host, op](route_entry *route) {
@@ -248,7 +301,7 @@ std::uint32_t arp_prefix_mgr_remove_route(std::uint16_t obj, std::uint32_t addr,
         return 1;
     }
     route_entry *const host =
-        route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, addr, len, ctx, KEEP_ENTRY);
+        route_remove_rib_and_mtrie_entry(RIB_OBJ_ARP_HOST, RIB_F_ARP_INSTALLED, addr, len, ctx, RIB_KEEP_ENTRY);
     if (host == nullptr)
         return 1;
     route_lookup_by_hostaddr(host, RIB_HOST_REMOVED);

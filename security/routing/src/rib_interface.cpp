@@ -23,7 +23,6 @@ namespace
 {
 constexpr std::uint16_t LOCAL_ENCAP = 0x8001; // packets to the card itself
 constexpr std::uint16_t SUBNET_FLAGS = RIB_F_INTERFACE | RIB_F_CONNECTED;
-constexpr std::uint32_t FREE_ENTRY = 1;
 
 struct interface_route {
     std::uint32_t prefix;
@@ -49,7 +48,7 @@ void log_interface(const char *head, std::uint16_t ctx, std::uint16_t ifid, std:
 void remove_route(const interface_route &route, std::uint16_t ctx)
 {
     (void)route_remove_rib_and_mtrie_entry(RIB_OBJ_INTERFACE, route.flags, route.prefix, route.len, ctx,
-                                           FREE_ENTRY); // freed there; a missing one is logged there
+                                           RIB_FREE_ENTRY); // freed there; a missing one is logged there
 }
 
 void announce(std::uint32_t opcode, std::uint32_t ctx, std::uint32_t addr, std::uint32_t mask, std::uint16_t ifid)

@@ -17,7 +17,7 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
-#include "rib_mtrie.h"
+#include "rib_host.h"
 #include "route_log.h"
 #include "route_rpc.h"
 #include "scp.h"
@@ -68,7 +68,6 @@ constexpr std::uint32_t MTS_OPTION = 0x10;
 // The multicast drop entry, 224.0.0.0/3.
 constexpr std::uint32_t MCAST_PREFIX = 0xE0000000, MCAST_LEN = 3;
 constexpr std::uint16_t MCAST_ENCAP = 0x8001;
-constexpr std::uint32_t FREE_ENTRY = 1;
 constexpr std::uint32_t IXP_UNMAP_BYTES = 0x104000; // more than was mapped; the platform takes down what there is
 
 void syslog_init_failed(const char *component)
@@ -190,7 +189,7 @@ void route_mgr_cleanup()
     norvik_route_tnrpc_unregister();
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
         (void)route_remove_rib_and_mtrie_entry(RIB_OBJ_MCAST_DROP, RIB_F_MCAST_DROP, MCAST_PREFIX, MCAST_LEN, ctx,
-                                               FREE_ENTRY); // freed there
+                                               RIB_FREE_ENTRY); // freed there
     // Odd, and meant: route_sysfd is never assigned, so these pass descriptor 0, and the last closes it.
     unmap_wired_route(route_sysfd, va_wired_base);
     unmap_pci_xram_to_uspace(va_ixp1_dram_base, IXP_UNMAP_BYTES);
