@@ -26,6 +26,7 @@
 #include "norvik_mtrie_pool.h"
 #include "prefix_mgr.h"
 #include "rib_host.h"
+#include "rib_nexthop_index.h"
 #include "route_mgr.h"
 #include "route_rpc.h"
 #include "sdwrap.h"
@@ -76,6 +77,7 @@ void reset_process()
     std::memset(mtrie_pools, 0, sizeof mtrie_pools);
     std::memset(static_cast<void *>(norvik_leaf_default), 0, sizeof norvik_leaf_default);
     wired_table_mgr = nullptr;
+    rib_nexthop_index_routes.clear();
     va_wired_base = va_ixp1_dram_base = va_ixp2_dram_base = 0;
     wired_route_phys_base = 0;
     mtrie_hw_ops = {};

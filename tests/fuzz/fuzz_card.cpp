@@ -357,7 +357,7 @@ void fuzz_card_restore()
     std::copy(pools_at_start.begin(), pools_at_start.end(), std::begin(mtrie_pools));
     std::copy(defaults_at_start.begin(), defaults_at_start.end(), std::begin(norvik_leaf_default));
     std::copy(occupied_at_start.begin(), occupied_at_start.end(), std::begin(rib_occupied));
-    rib_nexthop_index_clear(); // there is no static route at the start
+    rib_nexthop_index_routes.clear(); // there is no static route at the start
     changed = drifted = false;
 }
 

@@ -3,13 +3,11 @@
 
 #include "norvik_mtrie_hw.h"
 #include "prefix_mgr.h"
-#include "rib_nexthop_index.h"
 #include "route_log.h"
 #include "route_table.h"
 
 int norvik_init_ixp_fib()
 {
-    rib_nexthop_index_clear(); // the tables start without routes
     const int result =
         prefix_mgr_init(&wired_table_mgr, va_wired_base, HW_WIRED_BYTES, 8, 8, ROUTE_CONTEXTS, 8, 1, 1, "wired_Route");
     if (result != 0) {

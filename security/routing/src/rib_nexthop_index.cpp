@@ -69,5 +69,3 @@ void rib_nexthop_index_remove_set(const route_entry *head)
     for (const route_entry *member = head->ecmp; member != nullptr; member = member->next)
         rib_nexthop_index_remove(member);
 }
-
-void rib_nexthop_index_clear() { rib_nexthop_index_routes.clear(); }

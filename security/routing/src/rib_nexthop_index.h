@@ -25,7 +25,6 @@ rib_nexthop_index_key rib_nexthop_index_first(std::uint32_t ctx,
 void rib_nexthop_index_remove(const route_entry *route);            // no effect on an entry that was not entered
 // Takes out whatever leaves the table together with a chain entry: the entry itself and the members of its set.
 void rib_nexthop_index_remove_set(const route_entry *head);
-void rib_nexthop_index_clear(); // the tables are made anew
 
 // Visits the static routes of a context through a gateway, chain entries and members of sets, in the table's order.
 // Stops at the first that `visit` answers true for and returns it, else null. A visit may change flags, not links.
