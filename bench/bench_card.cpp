@@ -21,7 +21,7 @@
 #include "norvik_mtrie_pool.h"
 #include "rib_host.h"
 #include "route_ids.h"
-#include "route_mgr.h"
+#include "route_mts.h"
 #include "sdwrap.h"
 #include "sdwrap_gates.h"
 

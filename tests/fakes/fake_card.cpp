@@ -27,8 +27,10 @@
 #include "prefix_mgr.h"
 #include "rib_host.h"
 #include "rib_nexthop_index.h"
+#include "route_advert.h"
 #include "route_mgr.h"
-#include "route_rpc.h"
+#include "route_mts.h"
+#include "route_rpc_serv.h"
 #include "sdwrap.h"
 
 namespace

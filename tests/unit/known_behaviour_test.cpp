@@ -11,7 +11,7 @@
 #include "rib_card.h"
 #include "route_events.h"
 #include "route_ids.h"
-#include "route_rpc.h"
+#include "route_rpc_serv.h"
 
 namespace
 {

@@ -7,8 +7,10 @@
 
 #include "mts.h"
 #include "random_compare.h"
-#include "route_mgr.h"
-#include "route_rpc.h"
+#include "route_advert.h"
+#include "route_handler.h"
+#include "route_mts.h"
+#include "route_rpc_serv.h"
 #include "scp.h"
 
 const std::vector<std::uint32_t> RUN_CONTEXTS = {0, 3, 255};

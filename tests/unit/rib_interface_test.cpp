@@ -10,7 +10,6 @@
 #include "rib_nat.h"
 #include "rib_static.h"
 #include "route_ids.h"
-#include "route_mgr.h"
 
 namespace
 {

@@ -5,7 +5,6 @@
 
 #include "rib_card.h"
 #include "route_log.h"
-#include "route_mgr.h"
 
 namespace
 {

@@ -10,9 +10,10 @@
 #include <sys/wait.h>
 
 #include "fake_card.h"
+#include "route_handler.h"
 #include "route_log.h"
-#include "route_mgr.h"
-#include "route_rpc.h"
+#include "route_mts.h"
+#include "route_rpc_serv.h"
 
 namespace
 {

@@ -11,7 +11,8 @@
 #include "fake_card.h"
 #include "rib_table.h"
 #include "route_log.h"
-#include "route_rpc.h"
+#include "route_rpc_client.h"
+#include "route_rpc_serv.h"
 
 namespace
 {

@@ -17,7 +17,7 @@
 #include "rib_show.h"
 #include "rib_table.h"
 #include "route_log.h"
-#include "route_mgr.h"
+#include "route_mts.h"
 
 namespace
 {

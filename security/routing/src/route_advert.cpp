@@ -8,9 +8,10 @@
 #include "big_endian.h"
 #include "if_mgr.h"
 #include "route_log.h"
-#include "route_mgr.h"
 #include "scp.h"
 #include "sysmgr.h"
+
+std::uint32_t scphandle;
 
 namespace
 {

@@ -3,6 +3,8 @@
 // A pass serves at most one remote call and then receives at most one message. Every error path starts the next pass;
 // only a signal ends the loop.
 // Elsewhere: the procedures (route_rpc_serv.cpp), the interface events (route_events.cpp).
+#include "route_handler.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,8 +14,8 @@
 #include "mts.h"
 #include "route_events.h"
 #include "route_log.h"
-#include "route_mgr.h"
-#include "route_rpc.h"
+#include "route_mts.h"
+#include "route_rpc_serv.h"
 #include "sdwrap.h"
 #include "tnrpc.h"
 

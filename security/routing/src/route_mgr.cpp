@@ -2,7 +2,7 @@
 //
 // The clean-up is registered first and runs at exit whatever step start-up had reached; after a signal it runs twice,
 // and nothing in it minds. Every failing step logs one line and ends the process with status 255.
-// Elsewhere: the loop (route_handler.cpp), the pools and tables (norvik_*.cpp), the first routes (rib_mtrie.cpp).
+// Elsewhere: the loop (route_handler.cpp), the pools and tables (norvik_*.cpp), the first routes (rib_host.cpp).
 #include "route_mgr.h"
 
 #include <cctype>
@@ -18,14 +18,16 @@
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
 #include "rib_host.h"
+#include "route_advert.h"
+#include "route_handler.h"
 #include "route_log.h"
-#include "route_rpc.h"
+#include "route_mts.h"
+#include "route_rpc_client.h"
+#include "route_rpc_serv.h"
 #include "scp.h"
 #include "sdwrap.h"
 #include "sysmgr.h"
 
-std::int32_t route_mts_q = -1;
-std::uint32_t scphandle;
 std::int32_t route_sysfd;
 
 namespace
@@ -58,13 +60,6 @@ constexpr const char *MTRACK_NAMES[MTRACK_ROUTE_ENTRY_MAX + 1] = {
     "MTRACK_ROUTE_ENTRY_MAX", // closes the table, not counted
 };
 
-// Messages whose option word gets bit 0x10: the interface events, and the debug service's requests.
-constexpr std::uint32_t MTS_OPCODES[] = {
-    MTS_OPC_NORVIK_IF_CREATED, MTS_OPC_NORVIK_IF_DELETED,    MTS_OPC_NORVIK_IF_UP,         MTS_OPC_NORVIK_IF_DOWN,
-    MTS_OPC_NORVIK_IF_CHANGED, MTS_OPC_NORVIK_ENCAP_ACQUIRE, MTS_OPC_NORVIK_ENCAP_RELEASE, MTS_OPC_DEBUG_REQUEST,
-};
-constexpr std::uint32_t MTS_OPTION = 0x10;
-
 // The multicast drop entry, 224.0.0.0/3.
 constexpr std::uint32_t MCAST_PREFIX = 0xE0000000, MCAST_LEN = 3;
 constexpr std::uint16_t MCAST_ENCAP = 0x8001;
@@ -81,14 +76,6 @@ void syslog_init_failed(const char *component)
         upper[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(message.facility->name[i])));
     upper[length] = '\0';
     zumo_syslog(message.severity, INIT_FAILED_FORMAT, upper, message.severity, component);
-}
-
-void set_mts_options()
-{
-    for (const std::uint32_t opcode : MTS_OPCODES) {
-        const std::uint32_t word = mts_options_get(route_mts_q, opcode) | MTS_OPTION;
-        (void)mts_options_set(route_mts_q, opcode, static_cast<std::uint16_t>(word)); // delivery needs no option
-    }
 }
 
 // Debug categories, syslog and history. Returns 0 or -1.
@@ -170,14 +157,14 @@ int route_mgr_main()
         route_log(ROUTE_DBG_ERRORS, 0, "Routemgr: couldn't bind to MTS, Routemgr might already be running.\n");
         return -1;
     }
-    set_mts_options();
+    route_mts_set_options();
     if (init_logging() != 0)
         return -1;
     (void)mtrack_init("ROUTE Manager", ROUTE_MGR_UUID, MTRACK_NAMES, MTRACK_ROUTE_ENTRY_MAX); // names alone
     if (init_tables() != 0 || init_peers() != 0)
         return -1;
     route_log(ROUTE_DBG_MAIN_LOOP, 0, "main: norvik_route_mgr process init DONE\n");
-    (void)sysmgr_handshake(route_mts_q, ROUTE_MGR_UUID); // nobody may be listening
+    (void)sysmgr_handshake(route_mts_q, ROUTE_MGR_UUID); // there may be no system manager
     norvik_route_handler();
     std::exit(0); // never reached: the loop does not return
 }

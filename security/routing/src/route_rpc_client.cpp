@@ -1,10 +1,11 @@
 // route_rpc_client.cpp - the calls that the process makes to the slow path.
 //
 // Each waits for its answer; the loop does not run meanwhile. Despite the word STOP in the lines nothing stops.
+#include "route_rpc_client.h"
+
 #include <cstring>
 
 #include "route_log.h"
-#include "route_rpc.h"
 #include "tnrpc.h"
 
 std::uint32_t norvik_route_tnrpc_client()

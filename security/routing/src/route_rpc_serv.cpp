@@ -4,6 +4,8 @@
 // bounds set here for contexts and route ids, which index arrays of 256 without a check of their own.
 // Elsewhere: what each procedure does (rib_*.cpp, norvik_mtrie_leaf.cpp, norvik_mtrie_dump.cpp, slowpath_lookup.cpp,
 // route_advert.cpp).
+#include "route_rpc_serv.h"
+
 #include <iterator>
 #include <type_traits>
 #include <utility>
@@ -16,7 +18,6 @@
 #include "rib_static.h"
 #include "route_advert.h"
 #include "route_ids.h"
-#include "route_rpc.h"
 #include "slowpath_lookup.h"
 #include "tnrpc.h"
 

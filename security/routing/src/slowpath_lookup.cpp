@@ -9,7 +9,7 @@
 #include "prefix_mgr.h"
 #include "rib_table.h"
 #include "route_log.h"
-#include "route_rpc.h"
+#include "route_rpc_client.h"
 
 namespace
 {

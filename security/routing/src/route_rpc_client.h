@@ -1,12 +1,8 @@
-// route_rpc.h - the remote procedures that the process serves, and the calls that it makes to the slow path.
+// route_rpc_client.h - the calls that the process makes to the slow path.
 #pragma once
 
 #include <cstdint>
 
-extern std::int32_t rpcfd; // the server's descriptor
-
-std::uint32_t norvik_route_tnrpc_serv();   // opens the server, registers the procedures; 0
-void norvik_route_tnrpc_unregister();      // sixteen names, in the order of registration
 std::uint32_t norvik_route_tnrpc_client(); // 0; a failure is only logged
 
 std::uint32_t route_find_interface_route(std::uint16_t a, std::uint32_t b, std::uint32_t c);
