@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "norvik_init.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

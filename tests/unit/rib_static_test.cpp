@@ -12,7 +12,6 @@
 #include "rib_card.h"
 #include "rib_check.h"
 #include "rib_host.h"
-#include "rib_mtrie.h"
 #include "route_ids.h"
 
 namespace
