@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "card_tool/address_text.h"
 #include "fuzz_input.h"
 #include "scenario.h"
 
@@ -17,7 +18,8 @@ void check_step(const scenario_step &s)
 {
     const bool in_range = s.ifid <= SCENARIO_MAX_IFID && s.bvi <= SCENARIO_MAX_IFID && s.ctx <= SCENARIO_MAX_CTX &&
                           s.encap <= 0x7FFF && s.ixp <= 0xFFFF && s.metric <= 0xFFFE && s.mac >> 48 == 0;
-    if (!in_range || !is_contiguous(s.mask) || s.at_ms > DAY_MS || s.delay_ms > DAY_MS || s.vlan.value_or(1) - 1 > 4093)
+    if (!in_range || !address_is_mask(s.mask) || s.at_ms > DAY_MS || s.delay_ms > DAY_MS ||
+        s.vlan.value_or(1) - 1 > 4093)
         fuzz_fail("a number out of its range was taken");
     if (s.kind == STEP_SHOW && s.text.empty())
         fuzz_fail("a command of no words");

@@ -1,5 +1,5 @@
 // card_rpc_test.cpp - the asynchronous caller against a server that the test plays, record by record.
-#include "card_rpc.h"
+#include "card_tool/card_rpc.h"
 
 #include <gtest/gtest.h>
 

@@ -117,6 +117,7 @@ TEST(cardsim_scenario, a_fault_is_named_with_its_line_and_what_would_fit)
                                                      "02:00:00:00:10:01 would fit"},
         {IF5 + "host 5 10.1.1.2 delay 5", "x.card:2: 5: a time such as 50ms or 2s would fit"},
         {"route 10.1.1.0/16 via 10.1.1.2 ctx 3", "x.card:1: 10.1.1.0/16: 10.1.0.0/16 would fit"},
+        {"route 010.1.0.0/16 via 10.1.1.2 ctx 3", "x.card:1: 010.1.0.0/16: a prefix such as 10.1.0.0/16 would fit"},
         {"route 10.1.0.0/16 10.1.1.2", "x.card:1: 10.1.1.2: \"via\" would fit"},
         {"at 2h interface 5 up", "x.card:1: 2h: a time such as 50ms or 2s would fit"},
         {"no interface 5", "x.card:1: interface: host, route, nat or advertise would fit"},

@@ -3,12 +3,12 @@
 
 #include <set>
 
-#include "address_text.h"
+#include "card_tool/address_text.h"
+#include "card_tool/shown_text.h"
 #include "daemon.h"
 #include "grammar.h"
 #include "options.h"
 #include "routectl_samples.h"
-#include "shown_text.h"
 
 namespace
 {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "card_tool/address_text.h"
 #include "card_view/hw_walk.h"
 #include "card_view/pools_view.h"
 #include "card_view/table_tree.h"
@@ -210,7 +211,7 @@ TEST(view_tree, equal_neighbours_are_one_run)
         }
         EXPECT_EQ(next, 256u);
     }
-    EXPECT_EQ(tree_prefix(tree.nodes.back().prefix, 8 * tree.nodes.back().level), "10.1.1.0/24");
+    EXPECT_EQ(prefix_text(tree.nodes.back().prefix, 8 * tree.nodes.back().level), "10.1.1.0/24");
     EXPECT_EQ(tree.leaves.size(), 7u); // the five, "no route", multicast
 }
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "card_rpc.h"
+#include "card_tool/card_rpc.h"
 #include "route_ids.h"
 
 struct context_summary {

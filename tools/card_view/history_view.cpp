@@ -5,11 +5,11 @@
 #include "history_view.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
+
+#include <fmt/chrono.h>
 
 #include "history_file.h"
 #include "route_ids.h"
@@ -264,13 +264,6 @@ bool history_passes(const history_filter &filter, const history_entry &record)
 
 std::string history_time(std::uint64_t time_ns)
 {
-    const auto seconds = static_cast<std::time_t>(time_ns / 1000000000);
-    std::tm utc = {};
-    (void)gmtime_r(&seconds, &utc); // 64 bits of nanoseconds end in the year 2554
-    std::array<char, 32> day{};
-    std::array<char, 48> text{};
-    (void)std::strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-    (void)std::snprintf(text.data(), text.size(), "%s.%06uZ", day.data(),
-                        static_cast<unsigned>(time_ns % 1000000000 / 1000));
-    return text.data();
+    const auto seconds = static_cast<std::time_t>(time_ns / 1000000000); // 64 bits of nanoseconds end in the year 2554
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), time_ns % 1000000000 / 1000);
 }

@@ -7,6 +7,8 @@
 #include <bitset>
 #include <deque>
 
+#include <fmt/format.h>
+
 namespace
 {
 struct tree_reader {
@@ -18,7 +20,7 @@ struct tree_reader {
 
 void add_fault(tree_reader &reader, const tree_node &at, unsigned slot, const char *what)
 {
-    reader.tree->faults.push_back("node " + std::to_string(at.index) + " slot " + std::to_string(slot) + ": " + what);
+    reader.tree->faults.push_back(fmt::format("node {} slot {}: {}", at.index, slot, what));
 }
 
 void meet_leaf(tree_reader &reader, const tree_node &at, unsigned slot, std::uint32_t index)
@@ -83,12 +85,4 @@ tree_view tree_read(const table_view &view, std::uint32_t ctx)
         read_node(reader, std::move(node));
     }
     return tree;
-}
-
-std::string tree_prefix(std::uint32_t prefix, unsigned length)
-{
-    std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        text += std::to_string(prefix >> shift & 0xFF) + (shift != 0 ? "." : "/");
-    return text + std::to_string(length);
 }

@@ -37,6 +37,3 @@ tree_view tree_read(const table_view &view, std::uint32_t ctx);
 
 // The tree as a drawing in Graphviz' language: a node's slots with the same answer are one row.
 std::string tree_dot(const tree_view &tree);
-
-// "10.20.0.0/16" and the like.
-std::string tree_prefix(std::uint32_t prefix, unsigned length);

@@ -2,8 +2,9 @@
 //
 // A box a node with a row for each different answer, a box a leaf with its words decoded, left to right. The leaf that
 // forwards nowhere answers nearly everything in a young table: its rows say so and carry no line.
-#include <sstream>
+#include <fmt/format.h>
 
+#include "card_tool/address_text.h"
 #include "table_tree.h"
 
 namespace
@@ -40,34 +41,25 @@ std::string slots_text(const tree_row &row)
         const tree_run &run = row.runs[i];
         text += (i == 0 ? "" : ", ") + std::to_string(run.first);
         if (run.last != run.first)
-            text += "-" + std::to_string(run.last);
+            text += fmt::format("-{}", run.last);
     }
-    if (row.runs.size() > SHOWN)
-        text += ", ... (" + std::to_string(row.slots) + " slots)";
-    return text;
-}
-
-std::string hex(std::uint32_t value)
-{
-    std::ostringstream text;
-    text << "0x" << std::hex << value;
-    return text.str();
+    return row.runs.size() > SHOWN ? fmt::format("{}, ... ({} slots)", text, row.slots) : text;
 }
 
 bool is_blank(const table_leaf &leaf) { return leaf.adjacency == 0 && leaf.pointer == 0; }
 
 std::string target_text(const tree_view &tree, const tree_row &row)
 {
-    const std::string number = std::to_string(row.target.index);
+    const std::uint32_t index = row.target.index;
     switch (row.target.kind) {
     case table_kind::empty:
         return "empty";
     case table_kind::node:
-        return "node " + number;
+        return fmt::format("node {}", index);
     case table_kind::leaf:
-        return "leaf " + number + (is_blank(tree.leaves.at(row.target.index)) ? ", no route" : "");
+        return fmt::format("leaf {}{}", index, is_blank(tree.leaves.at(index)) ? ", no route" : "");
     default:
-        return "stray " + hex(row.word);
+        return fmt::format("stray 0x{:x}", row.word);
     }
 }
 
@@ -77,27 +69,32 @@ bool has_line(const tree_view &tree, const tree_row &row)
            (row.target.kind == table_kind::leaf && !is_blank(tree.leaves.at(row.target.index)));
 }
 
-std::string cell(const std::string &text, const char *attributes = "")
+std::string cell(const std::string &text, const std::string &attributes = "")
 {
-    return "<tr><td align=\"left\"" + std::string(attributes) + ">" + text + "</td></tr>";
+    return fmt::format("<tr><td align=\"left\"{}>{}</td></tr>", attributes, text);
 }
 
-void draw_node(std::ostringstream &out, const tree_view &tree, const tree_node &node)
+std::string box(const std::string &name, const std::string &cells)
 {
-    const std::string name = "n" + std::to_string(node.index);
-    out << "  " << name << " [label=<<table border=\"0\" cellborder=\"1\" cellspacing=\"0\">"
-        << cell("<b>" + std::string(node.level == 0 ? "root: " : "") + "node " + std::to_string(node.index) + "</b>  " +
-                    tree_prefix(node.prefix, 8 * node.level),
-                " bgcolor=\"#dce6f2\"");
-    const std::vector<tree_row> rows = rows_of(node);
-    for (std::size_t i = 0; i < rows.size(); ++i)
-        out << cell(slots_text(rows[i]) + ": " + target_text(tree, rows[i]),
-                    (" port=\"r" + std::to_string(i) + "\"").c_str());
-    out << "</table>>];\n";
-    for (std::size_t i = 0; i < rows.size(); ++i)
-        if (has_line(tree, rows[i]))
-            out << "  " << name << ":r" << i << ":e -> " << (rows[i].target.kind == table_kind::node ? "n" : "l")
-                << rows[i].target.index << ";\n";
+    return fmt::format("  {} [label=<<table border=\"0\" cellborder=\"1\" cellspacing=\"0\">{}</table>>];\n", name,
+                       cells);
+}
+
+std::string draw_node(const tree_view &tree, const tree_node &node)
+{
+    std::string cells = cell(fmt::format("<b>{}node {}</b>  {}", node.level == 0 ? "root: " : "", node.index,
+                                         prefix_text(node.prefix, 8 * node.level)),
+                             " bgcolor=\"#dce6f2\"");
+    std::string lines;
+    unsigned number = 0;
+    for (const tree_row &row : rows_of(node)) {
+        cells += cell(slots_text(row) + ": " + target_text(tree, row), fmt::format(" port=\"r{}\"", number));
+        if (has_line(tree, row))
+            lines += fmt::format("  n{}:r{}:e -> {}{};\n", node.index, number,
+                                 row.target.kind == table_kind::node ? "n" : "l", row.target.index);
+        ++number;
+    }
+    return box(fmt::format("n{}", node.index), cells) + lines;
 }
 
 std::string flags_text(std::uint32_t adjacency)
@@ -105,56 +102,51 @@ std::string flags_text(std::uint32_t adjacency)
     std::string text;
     for (const auto &[bit, name] : {std::pair{ADJ_IP_RESOLVE, "ip-resolve"}, {ADJ_ECMP, "ECMP"}, {ADJ_NAT, "NAT"}})
         if ((adjacency & bit) != 0)
-            text += std::string(text.empty() ? "" : ", ") + name;
+            text += std::string(text.empty() ? "  " : ", ") + name;
     return text;
 }
 
-std::string path_text(unsigned number, std::uint32_t ifid, std::uint32_t encap)
+std::string path_cell(unsigned number, std::uint32_t ifid, std::uint32_t encap)
 {
-    return "path " + std::to_string(number) + ": interface " + std::to_string(ifid) + ", encap " + hex(encap);
+    return cell(fmt::format("path {}: interface {}, encap 0x{:x}", number, ifid, encap));
 }
 
-void draw_leaf(std::ostringstream &out, const table_leaf &leaf)
+std::string draw_leaf(const table_leaf &leaf)
 {
-    const std::string flags = flags_text(leaf.adjacency);
-    out << "  l" << leaf.index << " [label=<<table border=\"0\" cellborder=\"1\" cellspacing=\"0\">"
-        << cell("<b>leaf " + std::to_string(leaf.index) + "</b>" + (flags.empty() ? "" : "  " + flags),
-                " bgcolor=\"#e2f0d9\"");
-    if ((leaf.adjacency & ADJ_NAT) != 0)
-        out << cell("interface " + std::to_string(adj_ifid(leaf.adjacency)) + ", NAT value " +
-                    std::to_string(adj_encap(leaf.adjacency)));
-    else
-        out << cell(path_text(1, adj_ifid(leaf.adjacency), adj_encap(leaf.adjacency)));
+    const std::uint32_t ifid = adj_ifid(leaf.adjacency), encap = adj_encap(leaf.adjacency);
+    std::string cells =
+        cell(fmt::format("<b>leaf {}</b>{}", leaf.index, flags_text(leaf.adjacency)), " bgcolor=\"#e2f0d9\"");
+    cells += (leaf.adjacency & ADJ_NAT) != 0 ? cell(fmt::format("interface {}, NAT value {}", ifid, encap))
+                                             : path_cell(1, ifid, encap);
     if (leaf.block.kind == table_kind::block) {
         const bool valid = (leaf.words[0] & ECMP_VALID) != 0;
-        out << cell("block " + std::to_string(leaf.block.index) + (valid ? ", valid" : ", NOT valid") + ", sequence " +
-                        std::to_string(ecmp_sequence(leaf.words[0])),
-                    valid ? " bgcolor=\"#fff2cc\"" : " bgcolor=\"#f8cbad\"");
+        cells += cell(fmt::format("block {}, {}, sequence {}", leaf.block.index, valid ? "valid" : "NOT valid",
+                                  ecmp_sequence(leaf.words[0])),
+                      valid ? " bgcolor=\"#fff2cc\"" : " bgcolor=\"#f8cbad\"");
         for (unsigned i = 1; i <= ecmp_count(leaf.words[0]); ++i)
-            out << cell(path_text(i + 1, ecmp_entry_ifid(leaf.words[i]), adj_encap(leaf.words[i])));
+            cells += path_cell(i + 1, ecmp_entry_ifid(leaf.words[i]), adj_encap(leaf.words[i]));
     }
-    out << "</table>>];\n";
+    return box(fmt::format("l{}", leaf.index), cells);
 }
 } // namespace
 
 std::string tree_dot(const tree_view &tree)
 {
-    std::ostringstream out;
-    out << "digraph context_" << tree.ctx << " {\n"
-        << "  rankdir=LR;\n"
-        << "  label=\"context " << tree.ctx << ", copy " << TABLE_COPY_NAMES[tree.copy] << "\";\n"
-        << "  node [shape=plain, fontname=\"Helvetica\", fontsize=10];\n"
-        << "  graph [fontname=\"Helvetica\", ranksep=1.0];\n"
-        << "  edge [arrowsize=0.6];\n";
+    std::string text = fmt::format("digraph context_{0} {{\n"
+                                   "  rankdir=LR;\n"
+                                   "  label=\"context {0}, copy {1}\";\n"
+                                   "  node [shape=plain, fontname=\"Helvetica\", fontsize=10];\n"
+                                   "  graph [fontname=\"Helvetica\", ranksep=1.0];\n"
+                                   "  edge [arrowsize=0.6];\n",
+                                   tree.ctx, TABLE_COPY_NAMES[tree.copy]);
     for (const tree_node &node : tree.nodes)
-        draw_node(out, tree, node);
+        text += draw_node(tree, node);
     for (const auto &[index, leaf] : tree.leaves)
         if (!is_blank(leaf))
-            draw_leaf(out, leaf);
+            text += draw_leaf(leaf);
     for (std::size_t i = 0; i < tree.faults.size(); ++i)
-        out << "  f" << i << " [shape=note, color=red, label=\"" << tree.faults[i] << "\"];\n";
+        text += fmt::format("  f{} [shape=note, color=red, label=\"{}\"];\n", i, tree.faults[i]);
     if (tree.nodes.empty())
-        out << "  none [shape=note, label=\"the context has no tree\"];\n";
-    out << "}\n";
-    return out.str();
+        text += "  none [shape=note, label=\"the context has no tree\"];\n";
+    return text + "}\n";
 }

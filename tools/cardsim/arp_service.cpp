@@ -5,11 +5,12 @@
 // again. So a change in the middle of a call, or an answer that never comes, needs no rule of its own.
 
 #include <algorithm>
-#include <cstdio>
+
+#include <fmt/format.h>
 
 #include "card_model.h"
+#include "card_tool/address_text.h"
 #include "route_entry.h"
-#include "scenario.h"
 
 namespace
 {
@@ -64,10 +65,7 @@ void set_unanswered(card_model &m, const card_host_key &key, card_host &host, co
 
 std::string host_text(const card_host_key &key, std::uint32_t encap)
 {
-    char text[64];
-    (void)std::snprintf(text, sizeof text, "host %s, context %u, encap 0x%04x", dotted_text(key.second).c_str(),
-                        key.first, encap);
-    return text;
+    return fmt::format("host {}, context {}, encap 0x{:04x}", address_text(key.second), key.first, encap);
 }
 
 void announce(card_model &m, const card_host_key &key, card_host &host)

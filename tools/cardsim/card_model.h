@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "card_rpc.h"
+#include "card_tool/card_rpc.h"
 #include "if_db.h"
 
 // What the procedures of the simulation answer.

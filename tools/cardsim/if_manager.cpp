@@ -6,12 +6,14 @@
 
 #include <algorithm>
 
+#include <fmt/format.h>
+
 #include "big_endian.h"
 #include "card_model.h"
+#include "card_tool/address_text.h"
 #include "interface_events.h"
 #include "mts.h"
 #include "route_ids.h"
-#include "scenario.h"
 
 namespace
 {
@@ -24,14 +26,14 @@ if_db_record record_of(const card_interface &i)
 
 bool is_address_pair(std::uint32_t address, std::uint32_t mask)
 {
-    return is_contiguous(mask) && (address != 0 || mask == 0);
+    return address_is_mask(mask) && (address != 0 || mask == 0);
 }
 
 void send_state(card_model &m, std::uint32_t opcode, std::uint32_t ifid)
 {
     const card_interface &i = m.interfaces.at(ifid);
     m.out.event(opcode, card_if_payload(ifid, i));
-    m.out.say(std::string("interface ") + std::to_string(ifid) + ": " + mts_opc_name_get(opcode));
+    m.out.say(fmt::format("interface {}: {}", ifid, mts_opc_name_get(opcode)));
 }
 } // namespace
 
@@ -99,7 +101,7 @@ std::uint32_t card_if_address(card_model &m, std::uint32_t ifid, std::uint32_t a
     m.out.record(ifid, record_of(i));
     if (i.is_up) {
         m.out.event(MTS_OPC_NORVIK_IF_CHANGED, card_if_changed_payload(ifid, old_address, old_mask));
-        m.out.say("interface " + std::to_string(ifid) + ": address " + prefix_text(address, mask));
+        m.out.say(fmt::format("interface {}: address {}", ifid, prefix_text(address, address_mask_length(mask))));
         card_hosts_recheck(m, ifid, true); // the route manager keeps a host under its interface's address
     }
     return CARD_DONE;

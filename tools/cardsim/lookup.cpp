@@ -3,7 +3,8 @@
 #include "lookup.h"
 
 #include <algorithm>
-#include <cstdio>
+
+#include <fmt/format.h>
 
 #include "card_dir.h"
 #include "card_view/hw_walk.h"
@@ -43,9 +44,8 @@ std::string walk_text(const hw_walk &walk)
         return "miss";
     std::string text = walk.nat ? "nat" : "";
     for (const hw_path &path : walk.paths) {
-        char one[64];
-        (void)std::snprintf(one, sizeof one, "interface %u encap 0x%04x", path.ifid.value_or(0), path.encap);
-        text += (text.empty() ? "" : walk.nat ? " " : " and ") + std::string(one);
+        const char *const between = text.empty() ? "" : walk.nat ? " " : " and ";
+        text += fmt::format("{}interface {} encap 0x{:04x}", between, path.ifid.value_or(0), path.encap);
     }
     return text + (walk.ip_resolve ? " resolve" : "");
 }
@@ -66,9 +66,7 @@ bool lookup_check(const scenario_step &step, std::string *seen)
         } else {
             right = false;
         }
-        char line[64];
-        (void)std::snprintf(line, sizeof line, "    %-5s  ", TABLE_COPY_NAMES[copy]);
-        *seen += line + text + "\n";
+        *seen += fmt::format("    {:5}  {}\n", TABLE_COPY_NAMES[copy], text);
     }
     return right;
 }

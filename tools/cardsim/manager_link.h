@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "card_rpc.h"
+#include "card_tool/card_rpc.h"
 #include "mts.h"
 
 struct link_item {

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include <fmt/format.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include "big_endian.h"
+#include "card_tool/address_text.h"
 #include "lookup.h"
 #include "route_listing.h"
 #include "supervisor_advert.h"
@@ -195,7 +197,7 @@ void ask_slowpath(play &p, const scenario_step &s)
     ask(p, "slowpath_route_lookup", {rpc_u16(s.ctx), rpc_u32(s.address), rpc_ref32(0)},
         [&p, &s](const card_rpc_reply &reply) {
             const bool is_miss = reply.result != 0;
-            p.seen += "    " + (is_miss ? "miss" : "next hop " + dotted_text(reply.refs[0])) + "\n";
+            p.seen += is_miss ? "    miss\n" : fmt::format("    next hop {}\n", address_text(reply.refs[0]));
             return s.is_miss ? is_miss : !is_miss && reply.refs[0] == s.hop;
         });
 }
@@ -206,7 +208,7 @@ bool count_is(play &p, const char *what, const std::vector<std::uint8_t> &block,
 {
     const std::uint32_t count = get_be32(block.data() + at);
     if (expected)
-        p.seen += std::string("    ") + what + " " + std::to_string(count) + "\n";
+        p.seen += fmt::format("    {} {}\n", what, count);
     return !expected || count == *expected;
 }
 
@@ -267,8 +269,8 @@ bool child_has_ended(play &p)
     const scenario_step &step = step_at(p, p.next);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         refused(p, step,
-                "routectl ended with status " +
-                    std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
+                fmt::format("routectl ended with status {}",
+                            WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
     p.rest_since_ms = 0;
     ++p.next;
     return true;

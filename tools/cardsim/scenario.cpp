@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,7 +15,10 @@
 #include <iterator>
 #include <sstream>
 
-#include "shown_text.h"
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
+#include "card_tool/shown_text.h"
 
 namespace
 {
@@ -48,20 +50,12 @@ bool take(reader &r, const char *word)
 }
 bool need(reader &r, const char *word) { return take(r, word) || refuse_next(r, std::string("\"") + word + "\""); }
 
-bool number_of(const std::string &text, std::uint64_t *value)
+bool need_number(reader &r, const char *what, std::uint32_t low, std::uint32_t high, std::uint32_t *value)
 {
-    const bool is_hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const char *const from = text.data() + (is_hex ? 2 : 0), *const to = text.data() + text.size();
-    const auto [end, fault] = std::from_chars(from, to, *value, is_hex ? 16 : 10);
-    return fault == std::errc() && end == to && from != to;
-}
-
-bool need_number(reader &r, const char *what, std::uint64_t low, std::uint64_t high, std::uint32_t *value)
-{
-    std::uint64_t number = 0;
-    if (!number_of(peek(r), &number) || number < low || number > high)
-        return refuse_next(r, std::string(what) + " (" + std::to_string(low) + " to " + std::to_string(high) + ")");
-    *value = static_cast<std::uint32_t>(number);
+    const auto number = number_parse(peek(r), high);
+    if (!number || *number < low)
+        return refuse_next(r, fmt::format("{} ({} to {})", what, low, high));
+    *value = *number;
     ++r.at;
     return true;
 }
@@ -71,8 +65,10 @@ bool need_encap(reader &r, std::uint32_t *encap) { return need_number(r, "an enc
 
 bool need_address(reader &r, std::uint32_t *address)
 {
-    if (!dotted_read(peek(r), address))
+    const auto dotted = address_parse(peek(r));
+    if (!dotted)
         return refuse_next(r, "an IPv4 address such as 10.1.1.2");
+    *address = *dotted;
     ++r.at;
     return true;
 }
@@ -81,14 +77,15 @@ bool need_address(reader &r, std::uint32_t *address)
 bool need_slashed(reader &r, bool is_prefix, std::uint32_t *address, std::uint32_t *mask)
 {
     const std::string word = peek(r);
-    const std::size_t slash = word.find('/');
-    std::uint64_t length = 0;
-    if (slash == std::string::npos || !dotted_read(word.substr(0, slash), address) ||
-        !number_of(word.substr(slash + 1), &length) || length > 32)
+    const std::size_t slash = std::min(word.find('/'), word.size());
+    const auto dotted = address_parse(word.substr(0, slash));
+    const auto length = slash == word.size() ? std::nullopt : number_parse(word.substr(slash + 1), 32);
+    if (!dotted || !length)
         return refuse_next(r, is_prefix ? "a prefix such as 10.1.0.0/16" : "an address such as 10.1.1.1/24");
-    *mask = mask_of_length(static_cast<std::uint32_t>(length));
+    *address = *dotted;
+    *mask = address_mask_of(*length);
     if (is_prefix && (*address & ~*mask) != 0)
-        return refuse_next(r, prefix_text(*address & *mask, *mask));
+        return refuse_next(r, prefix_text(*address & *mask, *length));
     ++r.at;
     return true;
 }
@@ -96,15 +93,15 @@ bool need_slashed(reader &r, bool is_prefix, std::uint32_t *address, std::uint32
 // A time such as 50ms or 2s, up to a day.
 bool need_time(reader &r, std::uint64_t *ms)
 {
+    constexpr std::uint32_t DAY_MS = 86'400'000;
     const std::string word = peek(r);
-    const std::size_t unit = word.find_first_not_of("0123456789");
-    std::uint64_t number = 0;
-    const bool is_ms = unit != std::string::npos && word.substr(unit) == "ms";
-    constexpr std::uint64_t DAY_MS = 86'400'000;
-    if (unit == std::string::npos || !number_of(word.substr(0, unit), &number) ||
-        (!is_ms && word.substr(unit) != "s") || number > DAY_MS / (is_ms ? 1 : 1000))
+    const std::size_t digits = std::min(word.find_first_not_of("0123456789"), word.size());
+    const std::string unit = word.substr(digits);
+    const std::uint32_t unit_ms = unit == "ms" ? 1 : 1000;
+    const auto number = number_parse(word.substr(0, digits), DAY_MS / unit_ms);
+    if (!number || (unit != "ms" && unit != "s"))
         return refuse_next(r, "a time such as 50ms or 2s");
-    *ms = is_ms ? number : number * 1000;
+    *ms = *number * unit_ms;
     ++r.at;
     return true;
 }
@@ -209,9 +206,9 @@ bool need_in_subnet(reader &r, const scenario_step &s)
     const scenario_interface &i = routing->second;
     if (((s.address ^ i.address) & i.mask) == 0)
         return true;
-    return refuse(r, dotted_text(s.address),
-                  "not in the subnet of interface " + std::to_string(routing->first) + "; an address of " +
-                      prefix_text(i.address & i.mask, i.mask) + " would fit");
+    return refuse(r, address_text(s.address),
+                  fmt::format("not in the subnet of interface {}; an address of {} would fit", routing->first,
+                              prefix_text(i.address & i.mask, address_mask_length(i.mask))));
 }
 
 bool read_host(reader &r, scenario_step &s)
@@ -410,8 +407,7 @@ bool read_line(reader &r, scenario_step &s)
         if (!need_time(r, &s.at_ms))
             return false;
         if (s.at_ms < r.last_at_ms)
-            return refuse(r, word,
-                          "earlier than a line above; " + std::to_string(r.last_at_ms) + "ms or later would fit");
+            return refuse(r, word, fmt::format("earlier than a line above; {}ms or later would fit", r.last_at_ms));
         r.last_at_ms = s.at_ms;
     }
     for (std::size_t i = r.at; i < r.words.size(); ++i)
@@ -419,34 +415,6 @@ bool read_line(reader &r, scenario_step &s)
     return read_statement(r, s);
 }
 } // namespace
-
-std::string dotted_text(std::uint32_t address)
-{
-    char text[sizeof "255.255.255.255"];
-    (void)std::snprintf(text, sizeof text, "%u.%u.%u.%u", address >> 24, address >> 16 & 0xFF, address >> 8 & 0xFF,
-                        address & 0xFF);
-    return text;
-}
-
-std::string prefix_text(std::uint32_t address, std::uint32_t mask)
-{
-    return dotted_text(address) + "/" + std::to_string(__builtin_popcount(mask));
-}
-
-bool dotted_read(const std::string &text, std::uint32_t *address)
-{
-    const char *at = text.data(), *const end = at + text.size();
-    *address = 0;
-    for (unsigned i = 0; i < 4; ++i) {
-        unsigned byte = 0;
-        const auto [behind, fault] = std::from_chars(at, end, byte);
-        if (fault != std::errc() || byte > 255 || (i < 3 ? behind == end || *behind != '.' : behind != end))
-            return false;
-        *address = *address << 8 | byte;
-        at = behind + 1;
-    }
-    return true;
-}
 
 int scenario_parse(const std::string &name, const std::string &text, scenario *out, std::string *error)
 {
@@ -463,7 +431,7 @@ int scenario_parse(const std::string &name, const std::string &text, scenario *o
         if (r.words.empty())
             continue;
         scenario_step step;
-        step.source = name + ":" + std::to_string(number);
+        step.source = fmt::format("{}:{}", name, number);
         if (!read_line(r, step)) {
             *error = step.source + ": " + r.error;
             return 1;

@@ -86,11 +86,3 @@ struct scenario {
 
 // The same from a file. "-" is the standard input.
 [[nodiscard]] int scenario_read(const std::string &path, scenario *out, std::string *error);
-
-// Texts that the command line and the messages share.
-std::string dotted_text(std::uint32_t address);                                  // 10.1.0.0
-std::string prefix_text(std::uint32_t address, std::uint32_t mask);              // 10.1.0.0/16
-[[nodiscard]] bool dotted_read(const std::string &text, std::uint32_t *address); // whether it is a dotted address
-constexpr std::uint32_t mask_of_length(std::uint32_t length) { return length == 0 ? 0 : ~0u << (32 - length); }
-constexpr bool is_contiguous(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
-static_assert(is_contiguous(0) && is_contiguous(0xFFFFFFFF) && is_contiguous(0xFFFF0000) && !is_contiguous(0xFF00FF00));

@@ -8,19 +8,20 @@
 #include <cstring>
 #include <iterator>
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 
 #include "big_endian.h"
 #include "card_dir.h"
 #include "card_files.h"
-#include "scenario.h"
+#include "card_tool/address_text.h"
 
 namespace
 {
 std::string advert_text(const sup_advert &a)
 {
-    return prefix_text(a.prefix, a.mask) + " via " + dotted_text(a.hop) + " vlan " + std::to_string(a.vlan) +
-           " metric " + std::to_string(a.metric) + " slot " + std::to_string(a.slot);
+    return fmt::format("{} via {} vlan {} metric {} slot {}", prefix_text(a.prefix, address_mask_length(a.mask)),
+                       address_text(a.hop), a.vlan, a.metric, a.slot);
 }
 } // namespace
 
@@ -64,17 +65,18 @@ std::string sup_take(supervisor &sup, const std::uint8_t *bytes, std::size_t len
     sup_advert advert;
     if (sup_decode(bytes, length, &advert) != 0) {
         ++sup.malformed;
-        return "supervisor: a message of " + std::to_string(length) + " bytes that is no advertisement";
+        return fmt::format("supervisor: a message of {} bytes that is no advertisement", length);
     }
     const auto key = std::make_pair(advert.prefix, advert.mask);
-    const std::string number = " (" + std::to_string(++sup.acknowledged) + ")";
+    ++sup.acknowledged;
     if (advert.is_withdrawal) {
         const bool was_there = sup.advertised.erase(key) != 0;
-        return "supervisor: acknowledged withdrawal of " + prefix_text(advert.prefix, advert.mask) +
-               (was_there ? "" : ", which was not advertised") + number;
+        return fmt::format("supervisor: acknowledged withdrawal of {}{} ({})",
+                           prefix_text(advert.prefix, address_mask_length(advert.mask)),
+                           was_there ? "" : ", which was not advertised", sup.acknowledged);
     }
     sup.advertised[key] = advert;
-    return "supervisor: acknowledged " + advert_text(advert) + number;
+    return fmt::format("supervisor: acknowledged {} ({})", advert_text(advert), sup.acknowledged);
 }
 
 std::string sup_text(const supervisor &sup)
@@ -82,6 +84,5 @@ std::string sup_text(const supervisor &sup)
     std::string text;
     for (const auto &[key, advert] : sup.advertised)
         text += advert_text(advert) + "\n";
-    return text + "acknowledged " + std::to_string(sup.acknowledged) + ", malformed " + std::to_string(sup.malformed) +
-           "\n";
+    return text + fmt::format("acknowledged {}, malformed {}\n", sup.acknowledged, sup.malformed);
 }

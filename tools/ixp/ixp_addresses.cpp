@@ -6,8 +6,7 @@
 #include <random>
 #include <stdexcept>
 
-#include <arpa/inet.h>
-
+#include "card_tool/address_text.h"
 #include "ixp_tool.h"
 #include "ixp_walk.h"
 #include "route_table.h"
@@ -35,16 +34,10 @@ void collect(const ixp_table &table, std::uint32_t node, std::uint32_t prefix, u
 
 std::uint32_t ixp_parse_address(const std::string &text)
 {
-    in_addr parsed{};
-    if (::inet_pton(AF_INET, text.c_str(), &parsed) != 1)
+    const auto address = address_parse(text);
+    if (!address)
         throw std::runtime_error(text + ": not an address");
-    return ntohl(parsed.s_addr);
-}
-
-std::string ixp_address_text(std::uint32_t address)
-{
-    return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
-           std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
+    return *address;
 }
 
 std::vector<std::uint32_t> ixp_read_addresses(const std::string &file)

@@ -3,6 +3,9 @@
 #include <cstdio>
 #include <thread>
 
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
 #include "ixp_tool.h"
 #include "mtrie_records.h"
 
@@ -32,15 +35,15 @@ void print_line(const ixp_options &options, std::uint32_t address, const ixp_ans
 {
     if (options.json) {
         nlohmann::json line = ixp_answer_json(answer);
-        line["address"] = ixp_address_text(address);
+        line["address"] = address_text(address);
         line["tree"] = options.tree;
         if (at >= 0)
             line["seconds"] = at;
         std::printf("%s\n", line.dump().c_str());
     } else if (at >= 0) {
-        std::printf("%11.6f  %-15s  %s\n", at, ixp_address_text(address).c_str(), ixp_answer_text(answer).c_str());
+        std::printf("%11.6f  %-15s  %s\n", at, address_text(address).c_str(), ixp_answer_text(answer).c_str());
     } else {
-        std::printf("%-15s  %s\n", ixp_address_text(address).c_str(), ixp_answer_text(answer).c_str());
+        std::printf("%-15s  %s\n", address_text(address).c_str(), ixp_answer_text(answer).c_str());
     }
 }
 } // namespace
@@ -67,13 +70,10 @@ std::string ixp_answer_text(const ixp_answer &answer)
 {
     if (!answer.found)
         return "miss";
-    char text[80];
-    std::snprintf(text, sizeof text, "0x%08x%s", answer.words[0], flags_text(answer.words[0]).c_str());
-    std::string line = text;
+    std::string line = fmt::format("0x{:08x}{}", answer.words[0], flags_text(answer.words[0]));
     for (unsigned path = 0; path < answer.paths; ++path) {
         const ixp_hop hop = ixp_hop_of(answer.words[path], path);
-        std::snprintf(text, sizeof text, "%s interface %u encap 0x%04x", path == 0 ? "" : ",", hop.ifid, hop.encap);
-        line += text;
+        line += fmt::format("{} interface {} encap 0x{:04x}", path == 0 ? "" : ",", hop.ifid, hop.encap);
     }
     return line;
 }

@@ -31,7 +31,6 @@ ixp_body ixp_chosen_body(const ixp_options &options); // IXP_BODIES when there i
 // Addresses. Both throw std::runtime_error with a readable reason.
 std::uint32_t ixp_parse_address(const std::string &text);
 std::vector<std::uint32_t> ixp_read_addresses(const std::string &file); // one a line, # starts a comment
-std::string ixp_address_text(std::uint32_t address);
 // `count` addresses: over the whole space, or over the leaves of a tree, the n-th of which gets 1/n of the first's
 // share.
 std::vector<std::uint32_t> ixp_random_addresses(std::size_t count, std::uint32_t seed);

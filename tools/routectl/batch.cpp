@@ -15,13 +15,14 @@
 #include <fstream>
 #include <iostream>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include "card_tool/shown_text.h"
 #include "execute.h"
 #include "grammar.h"
 #include "output.h"
 #include "refusal.h"
-#include "shown_text.h"
 
 namespace
 {
@@ -59,12 +60,12 @@ void bar_show(batch &b)
     const double seconds = std::chrono::duration<double>(now - b.started).count();
     const double part = b.bytes == 0 ? 0 : static_cast<double>(b.bytes_read) / static_cast<double>(b.bytes);
     const unsigned full = std::min(WIDTH, static_cast<unsigned>(part * WIDTH));
+    std::string line = "\r";
     if (b.bytes != 0)
-        std::fprintf(stderr, "\r[%s%s] %3.0f%% ", std::string(full, '#').c_str(),
-                     std::string(WIDTH - full, '.').c_str(), part * 100);
-    std::fprintf(stderr, "%s%zu lines, %zu failed, %.0f/s\x1b[K", b.bytes == 0 ? "\r" : "", b.done + b.failed, b.failed,
-                 static_cast<double>(b.done + b.failed) / std::max(seconds, 0.001));
-    std::fflush(stderr);
+        line += fmt::format("[{}{}] {:3.0f}% ", std::string(full, '#'), std::string(WIDTH - full, '.'), part * 100);
+    line += fmt::format("{} lines, {} failed, {:.0f}/s\x1b[K", b.done + b.failed, b.failed,
+                        static_cast<double>(b.done + b.failed) / std::max(seconds, 0.001));
+    std::fputs(line.c_str(), stderr);
 }
 
 // Takes the end of the command in line number `line`.
@@ -170,17 +171,14 @@ routectl_answer batch_answer(const batch &b)
     answer.status = b.status;
     const double seconds = std::chrono::duration<double>(steady::now() - b.started).count();
     answer.facts = {{"lines", b.lines}, {"done", b.done}, {"failed", b.failed}, {"seconds", seconds}};
-    char text[128];
-    std::snprintf(text, sizeof text, "%zu commands: %zu done, %zu failed, %.2f s\n", b.lines, b.done, b.failed,
-                  seconds);
-    answer.text = text;
+    answer.text = fmt::format("{} commands: {} done, {} failed, {:.2f} s\n", b.lines, b.done, b.failed, seconds);
     if (b.options.json) {
         answer.facts["errors"] = b.errors;
         answer.facts["answers"] = b.answers;
     }
     if (b.status != ROUTECTL_DONE)
-        answer.error = std::to_string(b.failed) + " of " + std::to_string(b.lines) + " commands failed" +
-                       (b.is_over ? "; stopped, commands up to line " + std::to_string(b.line) + " were read" : "");
+        answer.error = fmt::format("{} of {} commands failed{}", b.failed, b.lines,
+                                   b.is_over ? fmt::format("; stopped, commands up to line {} were read", b.line) : "");
     return answer;
 }
 } // namespace

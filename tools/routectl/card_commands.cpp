@@ -4,10 +4,11 @@
 // program that plays these processes (cardsim).
 #include <sstream>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
-#include "address_text.h"
 #include "card_dir.h"
+#include "card_tool/address_text.h"
 #include "if_mgr.h"
 #include "routectl_commands.h"
 
@@ -26,8 +27,8 @@ json interface_json(std::uint32_t ifid)
     const bool has_address = if_get_ip(ifid, &address, &mask) == 0;
     return {{"ifid", ifid},
             {"state", if_get_status(ifid) == 1 ? "up" : "down"},
-            {"address", has_address ? json(routectl_dotted(address)) : json(nullptr)},
-            {"mask", has_address ? json(routectl_dotted(mask)) : json(nullptr)},
+            {"address", has_address ? json(address_text(address)) : json(nullptr)},
+            {"mask", has_address ? json(address_text(mask)) : json(nullptr)},
             {"ctx", number_or_null(if_get_context_id(ifid))},
             {"mode", mode},
             {"bridge", mode == IF_RMODE_ROUTED ? json(nullptr) : json(if_get_bvi(ifid))},
@@ -38,9 +39,8 @@ routectl_answer if_show(const routectl_call &call)
 {
     const std::string database = card_dir_path() + "/interfaces";
     if (access(database.c_str(), R_OK) != 0)
-        return routectl_error(ROUTECTL_UNREACHABLE,
-                              database +
-                                  ": there is no interface database; the card's other processes (cardsim) write it");
+        return routectl_error(ROUTECTL_UNREACHABLE, database + ": there is no interface database; the card's other "
+                                                               "processes (cardsim) write it");
     routectl_answer answer;
     answer.records_key = "interfaces";
     answer.columns = {{"ifid", "INTERFACE"}, {"state", "STATE"}, {"address", "ADDRESS"}, {"mask", "MASK"},
@@ -65,7 +65,7 @@ struct card_reasons {
 routectl_answer card_change(const routectl_call &call, const std::string &procedure,
                             const std::vector<std::uint32_t> &numbers, const card_reasons &reasons = {})
 {
-    const std::string no_interface = "there is no interface " + std::to_string(numbers[0]) + " (if show lists them)";
+    const std::string no_interface = fmt::format("there is no interface {} (if show lists them)", numbers[0]);
     const std::string errors[] = {"", no_interface, reasons.exists, reasons.impossible, reasons.not_there};
     std::vector<card_rpc_arg> args;
     args.reserve(numbers.size());
@@ -78,7 +78,7 @@ routectl_answer card_change(const routectl_call &call, const std::string &proced
         return {};
     return routectl_error(ROUTECTL_REFUSED,
                           "refused: " + (reply.result < std::size(errors) ? errors[reply.result]
-                                                                          : "error " + std::to_string(reply.result)));
+                                                                          : fmt::format("error {}", reply.result)));
 }
 
 std::uint32_t interface_of(const routectl_call &call) { return routectl_number(call, "ifid", 0); }
@@ -89,7 +89,7 @@ routectl_answer if_create(const routectl_call &call)
     return card_change(call, "cardsim_if_create",
                        {interface_of(call), routectl_number(call, "ctx", 0), address.number, address.mask,
                         routectl_number(call, "mode", IF_RMODE_ROUTED)},
-                       {"interface " + std::to_string(interface_of(call)) + " exists already (if address changes it)",
+                       {fmt::format("interface {} exists already (if address changes it)", interface_of(call)),
                         "interfaces are 1 to 8191, with an address inside a subnet", ""});
 }
 
@@ -113,25 +113,25 @@ routectl_answer if_address(const routectl_call &call)
                        {"", "the address is none inside a subnet", ""});
 }
 
-std::string host_of(const routectl_call &call) { return routectl_dotted(routectl_number(call, "addr", 0)); }
+std::string host_of(const routectl_call &call) { return address_text(routectl_number(call, "addr", 0)); }
 
 routectl_answer host_add(const routectl_call &call)
 {
-    const std::string host = host_of(call), interface = std::to_string(routectl_number(call, "if", 0));
+    const std::uint32_t interface = routectl_number(call, "if", 0);
+    const std::string host = host_of(call);
     return card_change(
-        call, "cardsim_host_add",
-        {routectl_number(call, "if", 0), routectl_number(call, "addr", 0), routectl_number(call, "encap", 0)},
+        call, "cardsim_host_add", {interface, routectl_number(call, "addr", 0), routectl_number(call, "encap", 0)},
         {host + " is there already, with that encapsulation",
-         host + " is not in the subnet of interface " + interface +
-             ", or the encapsulation is another host's or over 0x7fff",
+         fmt::format("{} is not in the subnet of interface {}, or the encapsulation is another host's or over 0x7fff",
+                     host, interface),
          ""});
 }
 
 routectl_answer host_del(const routectl_call &call)
 {
-    return card_change(
-        call, "cardsim_host_del", {routectl_number(call, "if", 0), routectl_number(call, "addr", 0)},
-        {"", "", "interface " + std::to_string(routectl_number(call, "if", 0)) + " has no host " + host_of(call)});
+    const std::uint32_t interface = routectl_number(call, "if", 0);
+    return card_change(call, "cardsim_host_del", {interface, routectl_number(call, "addr", 0)},
+                       {"", "", fmt::format("interface {} has no host {}", interface, host_of(call))});
 }
 
 json number_or_text(const std::string &word)

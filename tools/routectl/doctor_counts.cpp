@@ -8,7 +8,9 @@
 #include <set>
 #include <string_view>
 
-#include "address_text.h"
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
 #include "card_view/pools_view.h"
 #include "if_mgr.h"
 #include "route_entry.h"
@@ -24,7 +26,7 @@ void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std
     to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}, amount});
 }
 
-std::string name_of(const route_record &route) { return routectl_prefix(route.prefix, route.length); }
+std::string name_of(const route_record &route) { return prefix_text(route.prefix, route.length); }
 bool is_static(const route_record &route) { return (route.flags & RIB_F_GATEWAY) != 0; }
 bool is_host(const route_record &route) { return (route.flags & RIB_F_ARP_HOST) != 0; }
 
@@ -254,8 +256,9 @@ const route_record *host_of(const prefix_groups &groups, std::uint32_t address)
 void judge_gateway(const prefix_groups &hosts, const route_record &route, int ctx, doctor_findings &findings)
 {
     const route_record *const host = host_of(hosts, route.nexthop);
-    const std::string name = name_of(route) + " via " + routectl_dotted(route.nexthop);
-    const std::string used = "interface " + std::to_string(route.ifid) + " encap " + routectl_hex(route.encap, 4);
+    const std::string name = name_of(route) + " via " + address_text(route.nexthop);
+    const std::string used =
+        "interface " + std::to_string(route.ifid) + " encap " + fmt::format("0x{:04x}", route.encap);
     if (host == nullptr)
         add(findings, "gateway-gone", doctor_level::warning, ctx, name,
             name + " is in the tables and its gateway is not reported", "it forwards to " + used,
@@ -264,7 +267,7 @@ void judge_gateway(const prefix_groups &hosts, const route_record &route, int ct
         add(findings, "gateway-stale", doctor_level::fault, ctx, name,
             name + " goes on using what its gateway had before",
             "it forwards to " + used + ", the gateway has interface " + std::to_string(host->ifid) + " encap " +
-                routectl_hex(host->encap, 4),
+                fmt::format("0x{:04x}", host->encap),
             "withdraw the gateway and report it again");
 }
 } // namespace
@@ -346,7 +349,7 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
         const bool is_usable = length > 0 && length < 31;
         add(findings, "interface-missing", doctor_level::fault, state.ctx, "interface " + std::to_string(ifid),
             "interface " + std::to_string(ifid) + " is up and its routes are not all there",
-            "the interface database has it up with " + routectl_dotted(state.address) + "/" + std::to_string(length) +
+            "the interface database has it up with " + address_text(state.address) + "/" + std::to_string(length) +
                 " in the context, the listing lacks routes of it",
             is_usable ? "let the interface manager report it again: down, then up"
                       : "give it a mask of 1 to 30 bits: with any other the route manager refuses its routes");

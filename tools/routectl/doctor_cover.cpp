@@ -5,7 +5,7 @@
 #include <bit>
 #include <map>
 
-#include "address_text.h"
+#include "card_tool/address_text.h"
 #include "routectl_commands.h"
 
 namespace
@@ -150,6 +150,6 @@ std::string cover_range(std::uint64_t first, std::uint64_t last)
 {
     const std::uint64_t size = last - first + 1;
     if (std::has_single_bit(size) && first % size == 0)
-        return routectl_prefix(static_cast<std::uint32_t>(first), 32u - static_cast<unsigned>(std::countr_zero(size)));
-    return routectl_dotted(static_cast<std::uint32_t>(first)) + "-" + routectl_dotted(static_cast<std::uint32_t>(last));
+        return prefix_text(static_cast<std::uint32_t>(first), 32u - static_cast<unsigned>(std::countr_zero(size)));
+    return address_text(static_cast<std::uint32_t>(first)) + "-" + address_text(static_cast<std::uint32_t>(last));
 }

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "card_dir.h"
+#include "card_tool/address_text.h"
 #include "card_view/history_view.h"
 
 namespace
@@ -84,7 +85,7 @@ void judge_nat_twins(const std::vector<history_entry> &errors, const doctor_look
             ++after;
         if (after != errors.end() && read_not_there(*after, next) && next == twin)
             continue; // another pool's value: it stands
-        const std::string name = routectl_prefix(twin.prefix, twin.length);
+        const std::string name = prefix_text(twin.prefix, twin.length);
         add(findings, "nat-twin-lost", doctor_level::warning, at->context, name,
             "a NAT pool was refused, and what stood at " + name + " with the same value went with it",
             history_time(at->time_ns) + " " + history_line(*at) + "; no listing has it",
@@ -115,7 +116,7 @@ void judge_nat_absent(const std::vector<history_entry> &errors, const doctor_loo
         roll_back = nullptr;
         if (!read_not_there(entry, line) || is_listed(look, entry.context, line))
             continue; // what was added since is nothing to ask about
-        const std::string name = routectl_prefix(line.prefix, line.length);
+        const std::string name = prefix_text(line.prefix, line.length);
         add(findings, "nat-not-there", doctor_level::note, entry.context, name,
             "the removal of a NAT pool answered 0 and " + name + " was not there",
             history_time(entry.time_ns) + " " + text,

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "address_text.h"
 #include "card_dir.h"
+#include "card_tool/address_text.h"
 #include "debug_ask.h"
 
 namespace

@@ -8,6 +8,10 @@
 #include <map>
 #include <set>
 
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
+
 #include "route_entry.h"
 
 namespace
@@ -30,7 +34,7 @@ void add(judge &at, const char *kind, doctor_level level, int ctx, const std::st
 }
 
 int tree_ctx(const judge &at) { return static_cast<int>(at.tree->ctx); }
-std::string name_of(const cover_route &route) { return routectl_prefix(route.prefix, route.length); }
+std::string name_of(const cover_route &route) { return prefix_text(route.prefix, route.length); }
 
 const table_leaf &leaf_of(const judge &at, int leaf) { return at.tree->leaves.at(static_cast<std::uint32_t>(leaf)); }
 
@@ -59,7 +63,7 @@ std::string paths_text(const std::vector<cover_path> &paths)
     std::string text;
     for (const cover_path &path : paths)
         text += (text.empty() ? "" : ", ") + std::string("interface ") + std::to_string(path.ifid) + " encap " +
-                routectl_hex(path.encap, 4);
+                fmt::format("0x{:04x}", path.encap);
     return text;
 }
 

@@ -10,11 +10,11 @@
 #include <cctype>
 #include <sstream>
 
-#include "address_text.h"
+#include "card_tool/address_text.h"
+#include "card_tool/shown_text.h"
 #include "card_view/history_view.h"
 #include "card_view/table_view.h"
 #include "interface_db.h"
-#include "shown_text.h"
 
 namespace
 {

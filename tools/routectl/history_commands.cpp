@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -62,12 +63,9 @@ std::string record_plain(const history_entry &entry, bool colour)
                            : entry.category == ROUTE_DBG_ERRORS  ? "\033[31m"
                            : entry.category == ROUTE_DBG_WARNING ? "\033[33m"
                                                                  : "";
-    std::string name = history_category_name(entry.category);
-    name.resize(std::max<std::size_t>(name.size(), 11), ' ');
-    std::string ctx = entry.context < 0 ? "-" : std::to_string(entry.context);
-    ctx.insert(0, ctx.size() < 3 ? 3 - ctx.size() : 0, ' ');
-    return history_time(entry.time_ns) + "  " + name + "  ctx " + ctx + "  " + on + history_line(entry) +
-           (*on != '\0' ? "\033[0m" : "") + "\n";
+    return fmt::format("{}  {:<11}  ctx {:>3}  {}{}{}\n", history_time(entry.time_ns),
+                       history_category_name(entry.category), entry.context < 0 ? "-" : std::to_string(entry.context),
+                       on, history_line(entry), *on != '\0' ? "\033[0m" : "");
 }
 
 std::string record_text(const routectl_options &options, const history_entry &entry)
@@ -146,8 +144,8 @@ std::vector<history_entry> follow_step(follow_state &state)
     }
     const history_end end = history_read(state.view, entries);
     if (state.view.lost > state.lost_told)
-        std::fprintf(stderr, "routectl: %llu bytes of the history %s\n",
-                     static_cast<unsigned long long>(state.view.lost - state.lost_told),
+        std::fprintf(stderr, "routectl: %s bytes of the history %s\n",
+                     std::to_string(state.view.lost - state.lost_told).c_str(),
                      end == history_end::damaged ? "are damaged" : "were overwritten before they could be read");
     state.lost_told = state.view.lost;
     if (end == history_end::replaced)

@@ -3,12 +3,11 @@
 // The same keys whatever the source: what a dump does not tell is null.
 #include "hw_text.h"
 
-#include <array>
-#include <cstdarg>
-#include <cstdio>
 #include <optional>
 
-#include "routectl_commands.h"
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
 
 namespace
 {
@@ -16,10 +15,9 @@ using json = nlohmann::ordered_json;
 
 json number_or_null(const std::optional<std::uint32_t> &number) { return number ? json(*number) : json(nullptr); }
 
-json word_or_null(const std::optional<std::uint32_t> &word)
-{
-    return word ? json(routectl_hex(*word, 8)) : json(nullptr);
-}
+std::string word_text(std::uint32_t word) { return fmt::format("0x{:08x}", word); }
+
+json word_or_null(const std::optional<std::uint32_t> &word) { return word ? json(word_text(*word)) : json(nullptr); }
 
 json path_json(const hw_path &path)
 {
@@ -38,16 +36,6 @@ json block_json(const hw_block &block)
             {"sequence", block.sequence},
             {"entries", entries}};
 }
-
-[[gnu::format(printf, 1, 2)]] std::string print(const char *format, ...)
-{
-    std::array<char, 256> text;
-    va_list args;
-    va_start(args, format);
-    (void)std::vsnprintf(text.data(), text.size(), format, args); // numbers only: it fits
-    va_end(args);
-    return text.data();
-}
 } // namespace
 
 json hw_walk_facts(const hw_walk &walk)
@@ -59,7 +47,7 @@ json hw_walk_facts(const hw_walk &walk)
                          {"node", number_or_null(step.node)},
                          {"word", word_or_null(step.word)}});
     json facts = {{"ctx", walk.ctx},
-                  {"address", routectl_dotted(walk.address)},
+                  {"address", address_text(walk.address)},
                   {"copy", TABLE_COPY_NAMES[walk.copy]},
                   {"source", walk.source == HW_FROM_MEMORY ? "memory" : "route manager"},
                   {"root", word_or_null(walk.root)},
@@ -88,10 +76,9 @@ namespace
 {
 std::string step_text(const hw_step &step)
 {
-    std::string text = print("  level %u  ", step.level);
-    if (step.node)
-        text += print("node %-4u  ", *step.node);
-    return text + (step.word ? print("slot %-3u  0x%08x\n", step.index, *step.word) : print("slot %u\n", step.index));
+    return fmt::format("  level {}  {}{}\n", step.level, step.node ? fmt::format("node {:<4}  ", *step.node) : "",
+                       step.word ? fmt::format("slot {:<3}  0x{:08x}", step.index, *step.word)
+                                 : fmt::format("slot {}", step.index));
 }
 
 std::string flags_text(const hw_walk &walk)
@@ -106,25 +93,25 @@ std::string flags_text(const hw_walk &walk)
 
 std::string path_text(const hw_walk &walk, const hw_path &path)
 {
-    std::string text = print("  path %u  ", path.number);
-    text += path.ifid ? print("interface %-5u", *path.ifid) : "interface not told";
-    return text + print(walk.nat && path.number == 1 ? "  NAT value %u\n" : "  encapsulation 0x%04x\n", path.encap);
+    const bool is_nat = walk.nat && path.number == 1;
+    return fmt::format("  path {}  {}  {}\n", path.number,
+                       path.ifid ? fmt::format("interface {:<5}", *path.ifid) : "interface not told",
+                       is_nat ? fmt::format("NAT value {}", path.encap)
+                              : fmt::format("encapsulation 0x{:04x}", path.encap));
 }
 
 std::string block_text(const hw_block &block)
 {
-    std::string text = "  ECMP block";
-    text += block.index ? print(" %u", *block.index) : "";
-    text += block.valid ? ": valid" : ": NOT valid, the processors do not use it";
-    return text + print(", %u more, sequence %u\n", block.count, block.sequence);
+    return fmt::format("  ECMP block{}: {}, {} more, sequence {}\n",
+                       block.index ? fmt::format(" {}", *block.index) : "",
+                       block.valid ? "valid" : "NOT valid, the processors do not use it", block.count, block.sequence);
 }
 
 std::string leaf_text(const hw_walk &walk)
 {
-    std::string text = "  leaf";
-    text += walk.leaf ? print(" %u", *walk.leaf) : "";
-    text += walk.adjacency ? print("  0x%08x", *walk.adjacency) : "";
-    text += ", flags: " + flags_text(walk) + (hw_walk_is_blank(walk) ? "; no route" : "") + "\n";
+    std::string text = fmt::format("  leaf{}{}, flags: {}{}\n", walk.leaf ? fmt::format(" {}", *walk.leaf) : "",
+                                   walk.adjacency ? fmt::format("  0x{:08x}", *walk.adjacency) : "", flags_text(walk),
+                                   hw_walk_is_blank(walk) ? "; no route" : "");
     if (walk.block)
         text += block_text(*walk.block);
     if (!hw_walk_is_blank(walk))
@@ -136,9 +123,9 @@ std::string leaf_text(const hw_walk &walk)
 
 std::string hw_walk_text(const hw_walk &walk)
 {
-    std::string text =
-        print("context %u, %s, copy %s, from the %s\n", walk.ctx, routectl_dotted(walk.address).c_str(),
-              TABLE_COPY_NAMES[walk.copy], walk.source == HW_FROM_MEMORY ? "mapped memory" : "route manager's dump");
+    std::string text = fmt::format("context {}, {}, copy {}, from the {}\n", walk.ctx, address_text(walk.address),
+                                   TABLE_COPY_NAMES[walk.copy],
+                                   walk.source == HW_FROM_MEMORY ? "mapped memory" : "route manager's dump");
     for (const hw_step &step : walk.steps)
         text += step_text(step);
     return text + (walk.has_leaf ? leaf_text(walk) : "  no leaf\n");
@@ -160,7 +147,7 @@ json run_json(const tree_run &run)
         slot["empty"] = true;
         break;
     default:
-        slot["stray"] = routectl_hex(run.word, 8);
+        slot["stray"] = word_text(run.word);
     }
     return slot;
 }
@@ -179,7 +166,7 @@ json leaf_json(const table_leaf &leaf)
                  {"entries", entries}};
     }
     return {{"leaf", leaf.index},
-            {"adjacency", routectl_hex(leaf.adjacency, 8)},
+            {"adjacency", word_text(leaf.adjacency)},
             {"ip_resolve", (leaf.adjacency & ADJ_IP_RESOLVE) != 0},
             {"ecmp", (leaf.adjacency & ADJ_ECMP) != 0},
             {"nat", (leaf.adjacency & ADJ_NAT) != 0},
@@ -198,14 +185,14 @@ json hw_tree_json(const tree_view &tree)
             slots.push_back(run_json(run));
         nodes.push_back({{"node", node.index},
                          {"level", node.level},
-                         {"prefix", tree_prefix(node.prefix, 8 * node.level)},
+                         {"prefix", prefix_text(node.prefix, 8 * node.level)},
                          {"slots", slots}});
     }
     for (const auto &[index, leaf] : tree.leaves)
         leaves.push_back(leaf_json(leaf));
     return {{"ctx", tree.ctx},
             {"copy", TABLE_COPY_NAMES[tree.copy]},
-            {"root", routectl_hex(tree.root, 8)},
+            {"root", word_text(tree.root)},
             {"nodes", nodes},
             {"leaves", leaves},
             {"faults", tree.faults}};

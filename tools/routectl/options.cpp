@@ -1,8 +1,8 @@
 // options.cpp - single letters with a dash, together or alone, before, in or behind a command.
 #include "options.h"
 
-#include "address_text.h"
-#include "shown_text.h"
+#include "card_tool/address_text.h"
+#include "card_tool/shown_text.h"
 
 namespace
 {

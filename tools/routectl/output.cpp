@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include <fmt/format.h>
+
 namespace
 {
 using json = nlohmann::ordered_json;
@@ -32,7 +34,7 @@ std::string cell_text(const json &value)
 // The value under a key; encapsulation ids as everyone writes them.
 std::string value_text(const std::string &key, const json &value)
 {
-    return key == "encap" && value.is_number_unsigned() ? routectl_hex(value.get<std::uint32_t>(), 4)
+    return key == "encap" && value.is_number_unsigned() ? fmt::format("0x{:04x}", value.get<std::uint32_t>())
                                                         : cell_text(value);
 }
 
@@ -108,8 +110,7 @@ std::string facts_text(const json &facts, bool colour)
     for (const auto &[key, value] : facts.items()) {
         std::string name = key;
         std::replace(name.begin(), name.end(), '_', ' ');
-        text += (colour ? BOLD : "") + name + (colour ? PLAIN : "") + std::string(width - key.size() + 2, ' ') +
-                cell_text(value) + "\n";
+        text += fmt::format("{}{:{}}{}  {}\n", colour ? BOLD : "", name, width, colour ? PLAIN : "", cell_text(value));
     }
     return text;
 }

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "address_text.h"
+#include <fmt/format.h>
+
+#include "card_tool/address_text.h"
 #include "card_view/card_summary.h"
 #include "card_view/route_record.h"
 #include "route_entry.h"
@@ -36,9 +38,9 @@ json flag_names(std::uint32_t flags)
 json record_json(const route_record &r, std::uint32_t ctx)
 {
     return {{"ctx", ctx},
-            {"prefix", routectl_prefix(r.prefix, r.length)},
+            {"prefix", prefix_text(r.prefix, r.length)},
             {"kind", route_record_kind(r.flags)},
-            {"nexthop", r.nexthop == 0 ? json(nullptr) : json(routectl_dotted(r.nexthop))},
+            {"nexthop", r.nexthop == 0 ? json(nullptr) : json(address_text(r.nexthop))},
             {"ifid", r.ifid},
             {"encap", r.encap},
             {"route_id", r.route_id},
@@ -173,10 +175,10 @@ routectl_answer route_get(const routectl_call &call)
     if (!reply.ran())
         return routectl_not_run(reply, "slowpath_route_lookup");
     if (reply.result != 0)
-        return routectl_error(ROUTECTL_REFUSED, "refused: no route to " + address.text + " in context " +
-                                                    std::to_string(context_of(call)));
+        return routectl_error(ROUTECTL_REFUSED,
+                              fmt::format("refused: no route to {} in context {}", address.text, context_of(call)));
     routectl_answer answer;
-    answer.facts = {{"ctx", context_of(call)}, {"address", address.text}, {"nexthop", routectl_dotted(reply.refs[0])}};
+    answer.facts = {{"ctx", context_of(call)}, {"address", address.text}, {"nexthop", address_text(reply.refs[0])}};
     return answer;
 }
 
@@ -186,12 +188,12 @@ routectl_answer fib_get(const routectl_call &call)
     const card_rpc_reply reply =
         routectl_ask(call, "mtrie_lookup_exact_stub",
                      {rpc_u32(context_of(call)), rpc_u32(prefix.number), rpc_u32(prefix.mask), rpc_ref32(0)});
-    const std::string name = routectl_prefix(prefix.number, address_mask_length(prefix.mask));
+    const std::string name = prefix_text(prefix.number, address_mask_length(prefix.mask));
     if (!reply.ran())
         return routectl_not_run(reply, "mtrie_lookup_exact_stub");
     if (reply.result != 0)
-        return routectl_error(ROUTECTL_REFUSED, "refused: the trie of context " + std::to_string(context_of(call)) +
-                                                    " has no leaf for " + name);
+        return routectl_error(ROUTECTL_REFUSED, fmt::format("refused: the trie of context {} has no leaf for {}",
+                                                            context_of(call), name));
     routectl_answer answer;
     answer.facts = {{"ctx", context_of(call)}, {"prefix", name}, {"ifid", reply.refs[0]}};
     return answer;
@@ -208,7 +210,7 @@ routectl_answer route_full(const routectl_call &call)
         return routectl_not_run(reply, "rib_max_ecmp_route");
     routectl_answer answer;
     answer.facts = {{"ctx", ctx},
-                    {"prefix", routectl_prefix(prefix.number, address_mask_length(prefix.mask))},
+                    {"prefix", prefix_text(prefix.number, address_mask_length(prefix.mask))},
                     {"full", reply.result != 0}};
     return answer;
 }
@@ -269,8 +271,8 @@ routectl_change nat_change(const routectl_call &call, const char *procedure)
     if (count == 0)
         change.error = "count 0: a pool has at least one address";
     else if (change.last < address)
-        change.error = "count " + std::to_string(count) + ": the pool would end behind 255.255.255.255; from " +
-                       routectl_dotted(address) + " on there are " + std::to_string(0xFFFFFFFF - address + 1);
+        change.error = fmt::format("count {}: the pool would end behind 255.255.255.255; from {} on there are {}",
+                                   count, address_text(address), 0xFFFFFFFF - address + 1);
     return change;
 }
 

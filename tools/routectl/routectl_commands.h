@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "card_rpc.h"
+#include "card_tool/card_rpc.h"
 
 // Exit statuses.
 enum routectl_status : int {
@@ -126,8 +126,3 @@ routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string 
 // How to be understood next time: ends the message about a route manager, or a card, that cannot be reached.
 std::string routectl_where();
 constexpr const char *ROUTECTL_TRY_DIRECT = "; --direct reads the tables that are left";
-
-// Text forms.
-std::string routectl_dotted(std::uint32_t address);
-std::string routectl_prefix(std::uint32_t address, std::uint32_t length);
-std::string routectl_hex(std::uint32_t number, unsigned digits); // 0x...

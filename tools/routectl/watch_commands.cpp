@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -36,7 +37,7 @@ bool show(watch_state &state)
     const watch_size size = watch_term_size();
     std::vector<std::string> lines =
         watch_draw(watch_data_frame(*state.data), {size.columns, size.rows - 1}, state.colour);
-    const std::string keys = "q: quit   r: look again now   every " + std::to_string(state.every.count()) + " s";
+    const std::string keys = fmt::format("q: quit   r: look again now   every {} s", state.every.count());
     lines.push_back(keys.substr(0, size.columns));
     return watch_term_show(lines);
 }
@@ -154,7 +155,7 @@ routectl_answer watch_run(const routectl_call &call)
 {
     const std::uint32_t every = routectl_number(call, "every", EVERY_S);
     if (every < 1 || every > EVERY_MOST_S)
-        return routectl_error(ROUTECTL_USAGE, "every " + std::to_string(every) + ": 1 to 3600 seconds");
+        return routectl_error(ROUTECTL_USAGE, fmt::format("every {}: 1 to 3600 seconds", every));
     if (routectl_given(call, "--once") != nullptr || call.options.json || call.options.oneline)
         return watch_once(call);
     if (isatty(STDOUT_FILENO) != 1)

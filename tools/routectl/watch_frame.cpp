@@ -5,9 +5,8 @@
 #include "watch_frame.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdarg>
-#include <cstdio>
+
+#include <fmt/format.h>
 
 #include "card_view/history_view.h"
 
@@ -15,16 +14,6 @@ namespace
 {
 constexpr const char *BOLD = "\033[1m", *RED = "\033[31m", *YELLOW = "\033[33m", *GREEN = "\033[32m", *DIM = "\033[2m",
                      *PLAIN = "\033[0m";
-
-[[gnu::format(printf, 1, 2)]] std::string print(const char *format, ...)
-{
-    std::array<char, 512> text;
-    va_list args;
-    va_start(args, format);
-    (void)std::vsnprintf(text.data(), text.size(), format, args); // lines are cut at the width anyway
-    va_end(args);
-    return text.data();
-}
 
 // The text cut to `columns`. A character of several bytes is one column, and is not cut in the middle.
 std::string cut(const std::string &text, unsigned columns)
@@ -64,8 +53,8 @@ const char *state_style(manager_state state)
 void draw_head(painter &p, const watch_frame &frame)
 {
     add(p,
-        print("route manager: %s   card %s   %s", manager_state_name(frame.state), frame.card.c_str(),
-              history_time(frame.time_ns).substr(0, 19).append("Z").c_str()),
+        fmt::format("route manager: {}   card {}   {:.19}Z", manager_state_name(frame.state), frame.card,
+                    history_time(frame.time_ns)),
         state_style(frame.state));
     add(p, frame.note, YELLOW);
 }
@@ -78,8 +67,8 @@ void draw_pool(painter &p, const pool_use &pool)
     const unsigned filled = (used * width + pool.total - 1) / pool.total; // one element is seen
     const char *const style = used * 10 >= pool.total * 9 ? RED : used * 10 >= pool.total * 7 ? YELLOW : GREEN;
     add(p,
-        print("  %-7s[%s%s] %4u of %4u  %5.1f%%", pool.name, std::string(filled, '#').c_str(),
-              std::string(width - filled, '.').c_str(), pool.used, pool.total, 100.0 * pool.used / pool.total),
+        fmt::format("  {:7}[{}{}] {:4} of {:4}  {:5.1f}%", pool.name, std::string(filled, '#'),
+                    std::string(width - filled, '.'), pool.used, pool.total, 100.0 * pool.used / pool.total),
         style);
 }
 
@@ -98,15 +87,13 @@ void draw_routes(painter &p, const watch_frame &frame)
 {
     std::string text = "Routes ";
     if (frame.kinds)
-        text += print(" hosts %llu  static %llu  NAT %llu", static_cast<unsigned long long>(frame.kinds->hosts),
-                      static_cast<unsigned long long>(frame.kinds->statics),
-                      static_cast<unsigned long long>(frame.kinds->nat));
+        text += fmt::format(" hosts {}  static {}  NAT {}", frame.kinds->hosts, frame.kinds->statics, frame.kinds->nat);
     if (frame.total)
-        text += print("  in the FIB %u", frame.total->in_fib);
+        text += fmt::format("  in the FIB {}", frame.total->in_fib);
     add(p, frame.kinds || frame.total ? text : text + " not known", BOLD);
     if (frame.rates)
-        add(p, print("Rates   calls %.1f/s  messages %.1f/s  history %.1f/s  table words %.1f/s", frame.rates->calls,
-                     frame.rates->messages, frame.rates->records, frame.rates->words));
+        add(p, fmt::format("Rates   calls {:.1f}/s  messages {:.1f}/s  history {:.1f}/s  table words {:.1f}/s",
+                           frame.rates->calls, frame.rates->messages, frame.rates->records, frame.rates->words));
     else
         add(p, "Rates   from the second look on");
 }
@@ -116,17 +103,18 @@ void draw_contexts(painter &p, const watch_frame &frame, std::size_t rows)
     if (frame.contexts.empty() || rows < 2)
         return;
     add(p,
-        print(" %4s %14s %7s %7s %6s %7s %5s", "CTX", "CONNECTED+NAT", "STATIC", "IN FIB", "NODES", "LEAVES", "ECMP"),
+        fmt::format(" {:>4} {:>14} {:>7} {:>7} {:>6} {:>7} {:>5}", "CTX", "CONNECTED+NAT", "STATIC", "IN FIB", "NODES",
+                    "LEAVES", "ECMP"),
         BOLD);
     const bool all_fit = frame.contexts.size() <= rows - 1;
     const std::size_t shown = all_fit ? frame.contexts.size() : rows - 2;
     for (std::size_t i = 0; i < shown; ++i) {
         const context_summary &c = frame.contexts[i].counts;
-        add(p, print(" %4u %14u %7u %7u %6u %7u %5u", frame.contexts[i].ctx, c.connected_nat, c.statics, c.in_fib,
-                     c.nodes, c.leaves, c.blocks));
+        add(p, fmt::format(" {:4} {:14} {:7} {:7} {:6} {:7} {:5}", frame.contexts[i].ctx, c.connected_nat, c.statics,
+                           c.in_fib, c.nodes, c.leaves, c.blocks));
     }
     if (!all_fit)
-        add(p, print("  and %zu contexts more", frame.contexts.size() - shown), DIM);
+        add(p, fmt::format("  and {} contexts more", frame.contexts.size() - shown), DIM);
 }
 
 void draw_errors(painter &p, const watch_frame &frame, std::size_t rows)
@@ -137,8 +125,8 @@ void draw_errors(painter &p, const watch_frame &frame, std::size_t rows)
     const std::size_t shown = std::min(frame.errors.size(), rows - 1);
     for (std::size_t i = frame.errors.size() - shown; i < frame.errors.size(); ++i) {
         const watch_error &error = frame.errors[i];
-        const std::string who = error.context < 0 ? "" : print("ctx %d: ", error.context);
-        add(p, "  " + history_time(error.time_ns).substr(11, 8) + "  " + who + error.text, RED);
+        const std::string who = error.context < 0 ? "" : fmt::format("ctx {}: ", error.context);
+        add(p, fmt::format("  {}  {}{}", history_time(error.time_ns).substr(11, 8), who, error.text), RED);
     }
 }
 } // namespace

@@ -1,19 +1,16 @@
 // address_text.h - addresses, prefixes and numbers as people type them, and as they are shown.
+//
+// Always: addresses and masks are in host order, and a text that could mean two things is none.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 constexpr std::uint32_t address_mask_of(unsigned length) { return length == 0 ? 0 : 0xFFFFFFFFu << (32 - length); }
 constexpr bool address_is_mask(std::uint32_t mask) { return (~mask & (~mask + 1)) == 0; }
-constexpr unsigned address_mask_length(std::uint32_t mask) // of a mask that is one
-{
-    unsigned length = 0;
-    for (; mask != 0; mask <<= 1)
-        ++length;
-    return length;
-}
+constexpr unsigned address_mask_length(std::uint32_t mask) { return static_cast<unsigned>(std::popcount(mask)); }
 static_assert(address_mask_of(16) == 0xFFFF0000 && address_mask_of(0) == 0 && address_mask_of(32) == 0xFFFFFFFF);
 static_assert(address_is_mask(0) && address_is_mask(0xFFFFFF00) && !address_is_mask(0xFF00FF00));
 static_assert(address_mask_length(0xFFFFFE00) == 23 && address_mask_length(0) == 0);
@@ -38,3 +35,6 @@ address_prefix prefix_parse(const std::string &text, const std::string &next);
 address_prefix address_and_mask_parse(const std::string &text, const std::string &next);
 // As before, for an interface: its subnet is not guessed, so the mask has to be there.
 address_prefix interface_address_parse(const std::string &text, const std::string &next);
+
+std::string address_text(std::uint32_t address);                 // 10.1.0.0
+std::string prefix_text(std::uint32_t address, unsigned length); // 10.1.0.0/16

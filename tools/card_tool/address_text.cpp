@@ -4,36 +4,16 @@
 // behind the mask. The refusal says what was probably meant.
 #include "address_text.h"
 
+#include <algorithm>
 #include <charconv>
 
-#include "routectl_commands.h"
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
 #include "shown_text.h"
 
 namespace
 {
-// Reads 1 to 4 decimal bytes with dots between. Returns how many there are, 0 for none.
-unsigned bytes_parse(const std::string &text, std::uint32_t &address)
-{
-    unsigned count = 0;
-    std::uint32_t value = 0;
-    const char *at = text.data(), *const end = text.data() + text.size();
-    for (;;) {
-        unsigned byte = 0;
-        const auto [rest, problem] = std::from_chars(at, end, byte);
-        if (problem != std::errc() || byte > 255 || rest - at > 3 || (*at == '0' && rest - at > 1))
-            return 0;
-        value = value << 8 | byte;
-        ++count;
-        if (rest == end)
-            break;
-        if (*rest != '.' || count == 4)
-            return 0;
-        at = rest + 1;
-    }
-    address = value << 8 * (4 - count);
-    return count;
-}
-
 // Reads a mask: a length or four bytes. Returns its error, empty when it is one.
 std::string mask_parse(const std::string &text, std::uint32_t &mask)
 {
@@ -43,8 +23,8 @@ std::string mask_parse(const std::string &text, std::uint32_t &mask)
     }
     const auto dotted = address_parse(text);
     if (!dotted)
-        return "has no mask: \"" + shown_text(text) +
-               "\" is neither a length from 0 to 32 nor a mask such as 255.255.0.0";
+        return fmt::format("has no mask: \"{}\" is neither a length from 0 to 32 nor a mask such as 255.255.0.0",
+                           shown_text(text));
     mask = *dotted;
     return address_is_mask(mask) ? "" : "has a mask with holes: " + shown_text(text);
 }
@@ -52,10 +32,11 @@ std::string mask_parse(const std::string &text, std::uint32_t &mask)
 
 std::optional<std::uint32_t> address_parse(const std::string &text)
 {
-    std::uint32_t address = 0;
-    if (bytes_parse(text, address) != 4)
+    in_addr address = {};
+    const bool has_nul = text.find('\0') != std::string::npos; // where inet_pton would stop
+    if (has_nul || inet_pton(AF_INET, text.c_str(), &address) != 1)
         return std::nullopt;
-    return address;
+    return ntohl(address.s_addr);
 }
 
 std::optional<std::uint32_t> number_parse(const std::string &text, std::uint32_t max)
@@ -73,11 +54,16 @@ address_prefix address_and_mask_parse(const std::string &text, const std::string
 {
     address_prefix prefix;
     const std::size_t slash = text.find('/');
-    const unsigned bytes = bytes_parse(text.substr(0, slash), prefix.address);
-    if (bytes == 0 || (slash == std::string::npos && bytes != 4)) {
+    std::string dotted = text.substr(0, slash);
+    if (slash != std::string::npos) // bytes that are left out are 0
+        for (auto dots = std::count(dotted.begin(), dotted.end(), '.'); dots < 3; ++dots)
+            dotted += ".0";
+    const auto address = address_parse(dotted);
+    if (!address) {
         prefix.error = "is no address with a mask (such as 10.1.0.0/16, 10.1/16 or 10.1.0.0 255.255.0.0)";
         return prefix;
     }
+    prefix.address = *address;
     prefix.mask = 0xFFFFFFFF;
     if (slash != std::string::npos) {
         prefix.error = mask_parse(text.substr(slash + 1), prefix.mask);
@@ -92,7 +78,7 @@ address_prefix interface_address_parse(const std::string &text, const std::strin
 {
     address_prefix address = address_and_mask_parse(text, next);
     if (address.error.empty() && !address.took_next && text.find('/') == std::string::npos)
-        address.error = "has no mask (" + text + "/24 and " + text + " 255.255.255.0 would have one)";
+        address.error = fmt::format("has no mask ({0}/24 and {0} 255.255.255.0 would have one)", text);
     return address;
 }
 
@@ -102,26 +88,19 @@ address_prefix prefix_parse(const std::string &text, const std::string &next)
         return {};
     address_prefix prefix = address_and_mask_parse(text, next);
     if (prefix.error.empty() && (prefix.address & ~prefix.mask) != 0)
-        prefix.error = "has bits behind its mask: " +
-                       routectl_prefix(prefix.address & prefix.mask, address_mask_length(prefix.mask)) +
-                       " would be the prefix";
+        prefix.error = fmt::format("has bits behind its mask: {} would be the prefix",
+                                   prefix_text(prefix.address & prefix.mask, address_mask_length(prefix.mask)));
     return prefix;
 }
 
-std::string routectl_dotted(std::uint32_t address)
+std::string address_text(std::uint32_t address)
 {
-    return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
-           std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
+    const in_addr network = {htonl(address)};
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &network, text, sizeof text);
 }
 
-std::string routectl_prefix(std::uint32_t address, std::uint32_t length)
+std::string prefix_text(std::uint32_t address, unsigned length)
 {
-    return routectl_dotted(address) + "/" + std::to_string(length);
-}
-
-std::string routectl_hex(std::uint32_t number, unsigned digits)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%0*x", static_cast<int>(digits), number);
-    return text;
+    return fmt::format("{}/{}", address_text(address), length);
 }

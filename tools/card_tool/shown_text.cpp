@@ -1,7 +1,7 @@
 // shown_text.cpp - a word of the user's, as a message quotes it.
 #include "shown_text.h"
 
-#include <cstdio>
+#include <fmt/format.h>
 
 std::string shown_text(const std::string &word)
 {
@@ -15,9 +15,7 @@ std::string shown_text(const std::string &word)
         if (shown.size() >= 2 * LONGEST)
             break;
         if (byte < 0x20 || byte == 0x7F) {
-            char text[8];
-            std::snprintf(text, sizeof text, "\\x%02x", byte);
-            shown += text;
+            shown += fmt::format("\\x{:02x}", byte);
         } else {
             shown += c;
         }
