@@ -3,7 +3,6 @@
 // Greedy: from the lowest address on, always the largest aligned block that ends within the range. Every step is
 // logged and printed, so that an operator can follow why a pool became the routes it did.
 // Elsewhere: what is done with the prefixes (rib_nat.cpp).
-#include <cstdarg>
 #include <cstdio>
 
 #include "line_format.h"
@@ -12,15 +11,12 @@
 
 namespace
 {
-constexpr std::size_t LINE_BYTES = 2048, ADDRESS_BYTES = 64;
+constexpr std::size_t ADDRESS_BYTES = 64;
 
-[[gnu::format(printf, 2, 3)]] void say(std::int32_t ctx, const char *format, ...)
+template <line_literal F, class... Args> void say(std::int32_t ctx, Args... args)
 {
-    char line[LINE_BYTES];
-    va_list args;
-    va_start(args, format);
-    (void)line_vformat(line, sizeof line, format, args); // all lines are short
-    va_end(args);
+    line_text<F, Args...> line;
+    (void)line_format<F>(line, args...); // all lines are short
     route_log(ROUTE_DBG_INFO, static_cast<std::uint32_t>(ctx), "%s", line);
     std::fputs(line, stdout);
 }
@@ -43,29 +39,29 @@ std::uint32_t ipv4_range2prefix(std::int32_t ctx, std::uint32_t from, std::uint3
     char from_text[ADDRESS_BYTES], to_text[ADDRESS_BYTES];
     (void)ip_integer2ip(from, from_text, sizeof from_text); // an address fits
     (void)ip_integer2ip(to, to_text, sizeof to_text);
-    say(ctx, "%s: --> from(%s), to(%s)\n", NAME, from_text, to_text);
+    say<"%s: --> from(%s), to(%s)\n">(ctx, NAME, from_text, to_text);
     std::uint32_t cur = from, len = 0;
     while (len < 33) {
-        say(ctx, "%s: Prefixlen %i from(0x%x) to(0x%x)\n", NAME, static_cast<int>(len), cur, to);
+        say<"%s: Prefixlen %i from(0x%x) to(0x%x)\n">(ctx, NAME, static_cast<int>(len), cur, to);
         const std::uint32_t mask = mask_of(len), last = cur | ~mask;
         const bool aligned = (cur & mask) == cur;
         if (aligned)
-            say(ctx, "%s: Works for 'from'(0x%x).\n", NAME, cur);
+            say<"%s: Works for 'from'(0x%x).\n">(ctx, NAME, cur);
         if (!aligned || to < last) {
             ++len;
             continue;
         }
-        say(ctx, "%s: Works for 'to' (0x%x).\n", NAME, to);
+        say<"%s: Works for 'to' (0x%x).\n">(ctx, NAME, to);
         list[*count] = {mask, cur & mask, len};
-        say(ctx, "Inserting net (0x%x) mask (0x%x) num (%i)\n", cur & mask, mask, *count);
+        say<"Inserting net (0x%x) mask (0x%x) num (%i)\n">(ctx, cur & mask, mask, *count);
         *count += 1;
         if (last == to)
             break;
-        say(ctx, "%s: 'to' not equal broadcast.\n", NAME);
+        say<"%s: 'to' not equal broadcast.\n">(ctx, NAME);
         cur = last + 1;
         len = 0;
     }
-    say(ctx, "%s<---: returning num entries (%d)\n", NAME, *count);
+    say<"%s<---: returning num entries (%d)\n">(ctx, NAME, *count);
     return 0;
 }
 
@@ -75,6 +71,6 @@ void print_pfxlist(std::int32_t ctx, const nat_prefix *list, std::int32_t n)
     for (std::int32_t i = 0; i < n; ++i) {
         char net[ADDRESS_BYTES];
         (void)ip_integer2ip(list[i].net, net, sizeof net);
-        say(ctx, "prefix: mask(0x%x) len(%d) net(%s)\n", list[i].mask, static_cast<int>(list[i].len), net);
+        say<"prefix: mask(0x%x) len(%d) net(%s)\n">(ctx, list[i].mask, static_cast<int>(list[i].len), net);
     }
 }

@@ -102,19 +102,19 @@ void mtrie_leaf_free(std::uint32_t tree, mtrie_node *, mtrie_leaf *leaf)
         return;
     const std::uint32_t prefix = leaf->prefix;
     const unsigned len = len_of(leaf);
-    line_print("\n%s[%d] :: Removing mtrie_leaf structure: 0x%x/%u\n", NAME, 95, prefix, len);
+    line_print<"\n%s[%d] :: Removing mtrie_leaf structure: 0x%x/%u\n">(NAME, 95, prefix, len);
     if (leaf->fwd)
-        line_print("\n%s[%d] ::  refcount of leaf reached 0 while fwd_list non-empty prefix 0x%x bits in mask %u.",
-                   NAME, 103, prefix, len);
+        line_print<"\n%s[%d] ::  refcount of leaf reached 0 while fwd_list non-empty prefix 0x%x bits in mask %u.">(
+            NAME, 103, prefix, len);
     if (leaf->back)
-        line_print("\n%s[%d] :: refcount of leaf reached 0 while back pointer set prefix 0x%x bits in mask %u.", NAME,
-                   114, prefix, len);
+        line_print<"\n%s[%d] :: refcount of leaf reached 0 while back pointer set prefix 0x%x bits in mask %u.">(
+            NAME, 114, prefix, len);
     if (leaf->left)
-        line_print("\n%s[%d] :: refcount of leaf reached 0 while left pointer set prefix 0x%x bits in mask %u", NAME,
-                   125, prefix, len);
+        line_print<"\n%s[%d] :: refcount of leaf reached 0 while left pointer set prefix 0x%x bits in mask %u">(
+            NAME, 125, prefix, len);
     if (leaf->right)
-        line_print("\n%s[%d] :: refcount of leaf reached 0 while right pointer set prefix 0x%x bits in mask %u", NAME,
-                   136, prefix, len);
+        line_print<"\n%s[%d] :: refcount of leaf reached 0 while right pointer set prefix 0x%x bits in mask %u">(
+            NAME, 136, prefix, len);
     reg_invoke_hw_mtrie_leaf_free();
     if (mtrie_leaf_gone != nullptr)
         mtrie_leaf_gone(leaf);
@@ -127,24 +127,23 @@ namespace
 void mtrie_add_to_fwd_list(mtrie_leaf *leaf, mtrie_leaf *back)
 {
     static const char *const NAME = "mtrie_add_to_fwd_list";
-    line_print("\n%s[%d] :: Adding mtrie_leaf 0x%x/%d to fwd_list of 0x%x/%d", NAME, 210, leaf->prefix,
-               static_cast<int>(len_of(leaf)), back->prefix, static_cast<int>(len_of(back)));
+    line_print<"\n%s[%d] :: Adding mtrie_leaf 0x%x/%d to fwd_list of 0x%x/%d">(
+        NAME, 210, leaf->prefix, static_cast<int>(len_of(leaf)), back->prefix, static_cast<int>(len_of(back)));
     if (leaf->left) {
-        line_print("\n%s[%d] :: add failed as leaf already has a left peer prefix 0x%x bits in mask %u.\n", NAME, 219,
-                   leaf->prefix, len_of(leaf));
+        line_print<"\n%s[%d] :: add failed as leaf already has a left peer prefix 0x%x bits in mask %u.\n">(
+            NAME, 219, leaf->prefix, len_of(leaf));
         return;
     }
     if (leaf->right) {
-        line_print("\n%s[%d] :: add failed as leaf already has a right peer prefix 0x%x bits in mask %u.\n", NAME, 227,
-                   leaf->prefix, len_of(leaf));
+        line_print<"\n%s[%d] :: add failed as leaf already has a right peer prefix 0x%x bits in mask %u.\n">(
+            NAME, 227, leaf->prefix, len_of(leaf));
         return;
     }
     mtrie_leaf *head = back->fwd;
     if (head != nullptr) {
         if (head->left) {
-            line_print("\n%s[%d] :: add failed as this first forward leaf already has a left peer, prefix 0x%x bits "
-                       "in mask %u.\n",
-                       NAME, 238, head->prefix, len_of(head));
+            line_print<"\n%s[%d] :: add failed as this first forward leaf already has a left peer, prefix 0x%x bits "
+                       "in mask %u.\n">(NAME, 238, head->prefix, len_of(head));
             return;
         }
         head->left = leaf;
@@ -167,11 +166,11 @@ card_ptr<mtrie_leaf> with_reference(card_ptr<mtrie_leaf> leaf)
 void mtrie_remove_from_fwd_list(std::uint32_t tree, mtrie_node *node, mtrie_leaf *leaf)
 {
     static const char *const NAME = "mtrie_remove_from_fwd_list";
-    line_print("\n%s[%d] :: Removing mtrie_leaf 0x%x/%d @ 0x%x from forward list", NAME, 265, leaf->prefix,
-               static_cast<int>(len_of(leaf)), card_addr_of(leaf));
+    line_print<"\n%s[%d] :: Removing mtrie_leaf 0x%x/%d @ 0x%x from forward list">(
+        NAME, 265, leaf->prefix, static_cast<int>(len_of(leaf)), card_addr_of(leaf));
     if (!leaf->back) {
-        line_print("\n%s[%d] ::  not removing from forward list as back ptr isn't set prefix 0x%x bits in mask %u.\n",
-                   NAME, 272, leaf->prefix, len_of(leaf));
+        line_print<"\n%s[%d] ::  not removing from forward list as back ptr isn't set prefix 0x%x bits in mask %u.\n">(
+            NAME, 272, leaf->prefix, len_of(leaf));
         return;
     }
     if (leaf->back->fwd == leaf) {
@@ -180,8 +179,8 @@ void mtrie_remove_from_fwd_list(std::uint32_t tree, mtrie_node *node, mtrie_leaf
     }
     if (mtrie_leaf *left = leaf->left) {
         if (left->right != leaf) {
-            line_print("\n%s[%d] :: leaf->left->right not equal to leaf prefix 0x%x bits in mask %u.\n", NAME, 303,
-                       leaf->prefix, len_of(leaf));
+            line_print<"\n%s[%d] :: leaf->left->right not equal to leaf prefix 0x%x bits in mask %u.\n">(
+                NAME, 303, leaf->prefix, len_of(leaf));
             return;
         }
         left->right = with_reference(leaf->right);
@@ -189,9 +188,8 @@ void mtrie_remove_from_fwd_list(std::uint32_t tree, mtrie_node *node, mtrie_leaf
     }
     if (mtrie_leaf *right = leaf->right) {
         if (right->left != leaf) {
-            line_print("\n%s[%d] :: cannot remove from fwd list as leaf->right->left not equal to leaf prefix 0x%x "
-                       "bits in mask %u.\n",
-                       NAME, 321, leaf->prefix, len_of(leaf));
+            line_print<"\n%s[%d] :: cannot remove from fwd list as leaf->right->left not equal to leaf prefix 0x%x "
+                       "bits in mask %u.\n">(NAME, 321, leaf->prefix, len_of(leaf));
             return;
         }
         right->left = with_reference(leaf->left);
@@ -207,11 +205,11 @@ void mtrie_leaf_link_to_back_leaf(std::uint32_t tree, mtrie_node *node, mtrie_le
 {
     static const char *const NAME = "mtrie_leaf_link_to_back_leaf";
     if (back != nullptr)
-        line_print("\n%s[%d] :: Linking mtrie_leaf 0x%x/%d to back leaf 0x%x/%d", NAME, 356, leaf->prefix,
-                   static_cast<int>(len_of(leaf)), back->prefix, static_cast<int>(len_of(back)));
+        line_print<"\n%s[%d] :: Linking mtrie_leaf 0x%x/%d to back leaf 0x%x/%d">(
+            NAME, 356, leaf->prefix, static_cast<int>(len_of(leaf)), back->prefix, static_cast<int>(len_of(back)));
     else
-        line_print("\n%s[%d] :: Linking mtrie_leaf 0x%x/%d to back leaf NULL", NAME, 363, leaf->prefix,
-                   static_cast<int>(len_of(leaf)));
+        line_print<"\n%s[%d] :: Linking mtrie_leaf 0x%x/%d to back leaf NULL">(NAME, 363, leaf->prefix,
+                                                                               static_cast<int>(len_of(leaf)));
     if (mtrie_leaf *old = leaf->back) {
         mtrie_remove_from_fwd_list(tree, node, leaf);
         mtrie_leaf_free(tree, node, old);

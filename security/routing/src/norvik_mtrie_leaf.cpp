@@ -165,10 +165,9 @@ std::uint32_t mtrie_leaf_insert_stub(mtrie_node *root, std::uint32_t prefix, std
                                      std::uint32_t ifid, std::uint32_t flags, std::uint32_t tree)
 {
     mtrie_leaf *leaf = mtrie_leaf_alloc(tree, root);
-    line_print("\n%s[%d] :: leaf allocated 0x%x.\n", "mtrie_leaf_insert_stub", 202, card_addr_of(leaf));
+    line_print<"\n%s[%d] :: leaf allocated 0x%x.\n">("mtrie_leaf_insert_stub", 202, card_addr_of(leaf));
     if (leaf == nullptr) {
-        route_log(ROUTE_DBG_ERRORS, tree, "leaf alloc fail:0x%lx/%u", static_cast<unsigned long>(prefix),
-                  mtrie_mask_len(mask));
+        route_log(ROUTE_DBG_ERRORS, tree, "leaf alloc fail:0x%x/%u", prefix, mtrie_mask_len(mask));
         return 0;
     }
     leaf->mask = mask;
@@ -180,8 +179,8 @@ std::uint32_t mtrie_leaf_insert_stub(mtrie_node *root, std::uint32_t prefix, std
     const int result = mtrie_leaf_insert(tree, root, leaf);
     if (result != 1) {
         // Odd, and meant: the leaf stays allocated, in no slot.
-        route_log(ROUTE_DBG_ERRORS, tree, "leaf insert fail(%u):0x%lx/%u", static_cast<unsigned>(result),
-                  static_cast<unsigned long>(prefix), mtrie_mask_len(mask));
+        route_log(ROUTE_DBG_ERRORS, tree, "leaf insert fail(%u):0x%x/%u", static_cast<unsigned>(result), prefix,
+                  mtrie_mask_len(mask));
     }
     return static_cast<std::uint32_t>(result);
 }
@@ -207,7 +206,7 @@ std::uint32_t mtrie_leaf_delete_stub(std::uint32_t tree, mtrie_node *root, std::
 {
     mtrie_leaf *leaf = mtrie_lookup_exact(root, prefix, mask);
     if (leaf == nullptr) {
-        line_print("\nRoute to delete not found.\n");
+        line_print<"\nRoute to delete not found.\n">();
         return 0;
     }
     (void)mtrie_leaf_delete(tree, root, leaf); // always 0
@@ -218,8 +217,8 @@ mtrie_leaf *mtrie_alloc_default_leaf_stub(std::uint32_t tree)
 {
     mtrie_leaf_gone = forget_default_leaf;
     mtrie_leaf *leaf = mtrie_leaf_alloc(tree, nullptr);
-    line_print("\n%s[%d] :: norvik_leaf_default allocated 0x%x.\n", "mtrie_alloc_default_leaf_stub", 299,
-               card_addr_of(leaf));
+    line_print<"\n%s[%d] :: norvik_leaf_default allocated 0x%x.\n">("mtrie_alloc_default_leaf_stub", 299,
+                                                                    card_addr_of(leaf));
     if (leaf == nullptr) {
         route_log(ROUTE_DBG_ERRORS, tree, "\n Failed to allocate default leaf.\n");
         return nullptr;

@@ -72,8 +72,8 @@ int mtrie_pool_init()
         const std::size_t bytes = static_cast<std::size_t>(shape.nelem) * shape.elem_size;
         const void *storage = mtrack_alloc(ROUTE_MGR_UUID, MTRACK_CP_POOL, bytes);
         if (storage == nullptr) {
-            line_print("\n%s[%d] :: failed to allocate memory for CP route pool type %d (%d).\n", "mtrie_pool_init",
-                       221, type, errno);
+            line_print<"\n%s[%d] :: failed to allocate memory for CP route pool type %d (%d).\n">("mtrie_pool_init",
+                                                                                                  221, type, errno);
             return -2;
         }
         pool.start = card_addr_of(storage);
@@ -107,8 +107,8 @@ void free_node_to_pool(std::uint32_t tree, std::int32_t type, card_addr element)
 {
     mtrie_pool &pool = mtrie_pools[type];
     if (element < pool.start || element > pool.end) {
-        line_print("\n%s[%d] :: node 0x%x being freed is not in range - type %d start 0x%x end 0x%x.\n",
-                   "free_node_to_pool", 159, element, type, pool.start, pool.end);
+        line_print<"\n%s[%d] :: node 0x%x being freed is not in range - type %d start 0x%x end 0x%x.\n">(
+            "free_node_to_pool", 159, element, type, pool.start, pool.end);
         return;
     }
     if (pool.count == 0)
@@ -126,7 +126,7 @@ mtrie_node *mtrie_node_alloc_pool(std::uint32_t tree)
 {
     const card_addr element = allocate_node_from_pool(tree, MTRIE_POOL_NODE);
     if (element == 0)
-        line_print("\n%s[%d] :: Allocation of MTrie node failed.\n", "mtrie_node_alloc_pool", 245);
+        line_print<"\n%s[%d] :: Allocation of MTrie node failed.\n">("mtrie_node_alloc_pool", 245);
     return record_of<mtrie_node>(element);
 }
 
@@ -134,7 +134,7 @@ mtrie_leaf *mtrie_leaf_alloc_pool(std::uint32_t tree)
 {
     const card_addr element = allocate_node_from_pool(tree, MTRIE_POOL_LEAF);
     if (element == 0)
-        line_print("\n%s[%d] :: Allocation of MTrie leaf failed.\n", "mtrie_leaf_alloc_pool", 285);
+        line_print<"\n%s[%d] :: Allocation of MTrie leaf failed.\n">("mtrie_leaf_alloc_pool", 285);
     return record_of<mtrie_leaf>(element);
 }
 
@@ -142,7 +142,7 @@ mtrie_ecmp *mtrie_ecmp_alloc_pool(std::uint32_t tree)
 {
     const card_addr element = allocate_node_from_pool(tree, MTRIE_POOL_ECMP);
     if (element == 0)
-        line_print("\n%s[%d] :: Allocation of MTrie ecmp failed.\n", "mtrie_ecmp_alloc_pool", 322);
+        line_print<"\n%s[%d] :: Allocation of MTrie ecmp failed.\n">("mtrie_ecmp_alloc_pool", 322);
     return record_of<mtrie_ecmp>(element);
 }
 
@@ -153,7 +153,7 @@ void mtrie_node_free_pool(std::uint32_t tree, mtrie_node *node)
 
 void mtrie_leaf_free_pool(std::uint32_t tree, mtrie_leaf *leaf)
 {
-    line_print("\n%s: Freeing leaf node 0x%x\n", "mtrie_leaf_free_pool", card_addr_of(leaf));
+    line_print<"\n%s: Freeing leaf node 0x%x\n">("mtrie_leaf_free_pool", card_addr_of(leaf));
     free_node_to_pool(tree, MTRIE_POOL_LEAF, element_of(leaf));
 }
 
