@@ -1,4 +1,4 @@
-// interface_events.h - payloads of the interface manager's events, and of what the route manager tells the card.
+// interface_events.h - payloads of the interface manager's events, and of the route manager's own.
 //
 // Big-endian. State events (created, up, down, deleted) have IFEV_BYTES, a change IFEV_CHANGED_BYTES; the route
 // manager's broadcasts (routes of an interface added, removed) IFANN_BYTES.

@@ -34,7 +34,7 @@ enum tnrpc_type : unsigned {
 
 enum tnrpc_status : std::uint32_t {
     TNRPC_RAN = 0,           // the procedure ran
-    TNRPC_NO_PROCEDURE = 1,  // a readable name that nobody serves here
+    TNRPC_NO_PROCEDURE = 1,  // a readable name that is not served here
     TNRPC_BAD_ARGUMENTS = 2, // not the arguments of the procedure, or a name that cannot be read
     TNRPC_OUT_OF_RANGE = 3,  // an argument over the bound of the procedure
 };

@@ -1,6 +1,7 @@
-// card_dir.h - the card directory on a Linux host, where the card's processes meet: its settings, names, sockets, files.
+// card_dir.h - the card directory on a Linux host: the card's settings, and its processes' sockets, locks and files.
 //
-// For the platform's own implementation and for the programs beside the route manager, never for the process itself.
+// For the platform's implementation and for the programs beside the route manager; the route manager itself uses the
+// headers of platform/include. Elsewhere: the names in the directory (card_files.h).
 #pragma once
 
 #include <cstdint>
@@ -22,7 +23,7 @@ struct card_conf {
 card_conf card_conf_read(const std::string &path); // the settings of one file; never through a symbolic link
 const card_conf &card_conf_get(); // of the card, read once; problems are reported on standard error with their line
 
-// The directory's path, made and checked on the first call. Empty when it is refused (said once on standard error).
+// The directory's path, made and checked on the first call. Empty when it is refused (reported once on standard error).
 const std::string &card_dir_path();
 
 // Address of `name` (such as "mts/514") in the card directory. Returns 0, or -1 when the directory is refused.

@@ -1,8 +1,9 @@
 // card_conf.cpp - the settings of the card, read once from card.conf.
 //
-// The file is optional and a person writes it: a line that cannot be used is reported with its number and changes
-// nothing, so one slip of the hand never keeps the card from starting.
+// The file is optional and written by hand, so a mistake in it never keeps the card from starting: a line that cannot
+// be used is reported with its number and changes nothing.
 // Always: each setting has its default or a value inside its range.
+// Elsewhere: the settings and their defaults (card_dir.h), the directory that holds the file (card_dir.cpp).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -113,7 +114,7 @@ void read_line(card_conf &conf, const char *path, unsigned number, std::string_v
                            path, number, static_cast<int>(line.size() < 80 ? line.size() : 80), line.data(), wrong);
 }
 
-// Opens the file for reading; null when there is none or it cannot be read (said).
+// Opens the file for reading; null when there is none or it cannot be read (reported).
 std::FILE *open_conf(const std::string &path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);

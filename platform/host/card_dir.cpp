@@ -1,10 +1,10 @@
 // card_dir.cpp - the card directory: made, checked, and the sockets, locks and files in it.
 //
-// The directory is the card's border: who can enter it can speak for any process of the card, so it is refused unless
-// it is ours alone. A socket has a lock file beside it, because a socket left by a dead process looks like a live one;
-// the lock goes with its process, whatever ends it.
-// Always: nothing opened here survives an exec; a socket is replaced only under its lock; a file that is made anew
-// appears under its name whole and allocated, so a full disk is an error here and never a fault in a store.
+// A process that can enter the directory can speak for every process of the card, so the directory is refused unless
+// its owner alone can. A socket has a lock file beside it, because the socket of a dead process looks like that of a
+// live one; the lock ends with its process, however that ends.
+// Always: nothing opened here survives an exec; a socket is replaced only under its lock; a new file appears under its
+// name complete and with all its blocks, so a full disk is an error here and never a fault in a later store.
 // Elsewhere: what is sent through the sockets (mts.cpp, tnrpc_server.cpp, scp.cpp), the settings (card_conf.cpp).
 #include "card_dir.h"
 
@@ -48,8 +48,8 @@ int make_folder(const std::string &path)
     return errno == EEXIST ? 0 : -1;
 }
 
-// Whether the folder at `path` is ours alone; says why not. A link to it must be ours as well: another could point it
-// elsewhere once it has been judged.
+// Whether the folder at `path` is ours alone; says why not. A link to it must be ours as well: another user could
+// point it elsewhere once it has been judged.
 bool is_ours_alone(const std::string &path)
 {
     struct stat link = {};

@@ -1,13 +1,13 @@
 // card_heap.cpp - the heap inside the card space: route records, tree records, pages for callers.
 //
-// A pool resource cuts ranges of the card space into blocks of a few sizes, since route records come and go by the
-// thousand in two or three sizes; what is larger than a pool block has a range of its own, which goes back to the host,
-// but for the last one up to the size of a caller's page of routes: a listing takes and frees one for each page, and
-// the host's two calls and the page faults cost ten times what filling it does. The pool is built in place and never
-// destroyed: the clean-up of a process frees records after the destructors of static objects have run. Under
-// AddressSanitizer a block ends exactly where it was asked to, and a freed block cannot be touched. Always: the pool
-// keeps no word of its own inside a block, so a poisoned block is never read by it. Elsewhere: which ranges are free
-// (card_space.cpp), who holds how much (mtrack.cpp).
+// Route records come and go by the thousand in two or three sizes, so a pool resource cuts ranges of the card space
+// into blocks of a few sizes. Blocks a little over a page come from slabs, which are kept. A larger block has a range
+// of its own, which goes back to the host; the last one of up to KEPT_RANGE_BYTES is kept, because a listing takes and
+// frees one for each page, and two calls of the host and its page faults cost ten times what filling it does.
+// The pool is built in place and never destroyed: the clean-up of a process frees records after the destructors of
+// static objects have run. Under AddressSanitizer a block ends at its last byte, and a freed block is poisoned.
+// Always: the pool's own words lie outside the blocks, so it never reads one that is poisoned.
+// Elsewhere: which ranges are free (card_space.cpp), who holds how much (mtrack.cpp).
 #include "card_space.h"
 
 #include <bit>
@@ -37,7 +37,7 @@ namespace
 constexpr std::size_t BLOCK_ALIGN = 8;
 
 #ifdef CARD_HEAP_POISONS
-constexpr std::size_t RED_ZONE = 16; // bytes behind a block that nobody may touch
+constexpr std::size_t RED_ZONE = 16; // bytes behind a block that must not be touched
 void forbid(void *p, std::size_t bytes) { ASAN_POISON_MEMORY_REGION(p, bytes); }
 void allow(void *p, std::size_t bytes) { ASAN_UNPOISON_MEMORY_REGION(p, bytes); }
 #else

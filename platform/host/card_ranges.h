@@ -1,4 +1,4 @@
-// card_ranges.h - page ranges of the card space, shared by its mappings and its heap. Host bodies only.
+// card_ranges.h - page ranges of the card space, shared by its mappings and its heap. For platform/host only.
 #pragma once
 
 #include <cstddef>

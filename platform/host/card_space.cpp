@@ -1,10 +1,10 @@
 // card_space.cpp - the reservation behind 32-bit card addresses, and the mappings inside it.
 //
-// Twice the space is reserved and trimmed to the part that is aligned to its own size: then the low half of a host
-// pointer is the card address. One bit a page says what is taken; a card has few, large mappings and a heap that grows
-// in large steps, so a search over the bits is rare, and it allocates nothing, which matters where memory is short.
+// Twice the space is reserved and trimmed to the part that is aligned to its own size, so the low half of a host
+// pointer is the card address. One bit a page says what is taken. A card has few, large mappings and a heap that grows
+// in large steps, so the bits are searched rarely; they need no allocation, which matters where memory is short.
 // Always: page 0 is taken, so address 0 is no address; every page that is not taken is PROT_NONE; the length of a
-// mapping is the one remembered here, never the one a caller gives when taking it down.
+// mapping is the one remembered here, never the one that a caller gives when taking it down.
 // Elsewhere: how the heap cuts its ranges into blocks (card_heap.cpp).
 #include "card_space.h"
 

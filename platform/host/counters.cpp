@@ -1,4 +1,6 @@
-// counters.cpp - what the platform counts, in one record that the debug service prints (debug_service.cpp).
+// counters.cpp - what the platform counts, in one record.
+//
+// Elsewhere: the counters' names in an answer (debug_service.cpp); each is counted where its event is.
 #include "counters.h"
 
 platform_counters_t platform_counters = {};

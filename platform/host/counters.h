@@ -1,4 +1,4 @@
-// counters.h - what the platform counts; the debug service prints them in this order under these names.
+// counters.h - what the platform counts. The debug service shows the counters in this order, by these names.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,9 @@
 // debug_service.cpp - the requests that an operator sends to a running process: gates, threshold, memory, counters.
 //
-// A request comes as a message like any other and is consumed whatever is in it, so that a malformed one cannot reach
-// the process. Answers are one datagram and never wait.
-// Elsewhere: the gates (sdwrap.cpp), what is counted (counters.h, mtrack.cpp).
+// A request comes as a message like any other and is consumed whatever is in it, so a malformed one never reaches the
+// process.
+// Always: an answer is one message of whole lines, and sending it never waits.
+// Elsewhere: the form of requests (debug_service.h), the gates (sdwrap.cpp), what is counted (counters.h, mtrack.cpp).
 #include "sdwrap.h"
 
 #include <cinttypes>

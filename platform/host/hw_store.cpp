@@ -1,7 +1,9 @@
 // hw_store.cpp - stores to memory that a network processor reads.
 //
-// Each word is stored by itself with release order. An atomic store is never merged with its neighbours, so a fill
-// cannot become a memset, whose bytes a processor could see in any order and any width.
+// Each word is stored by itself with release order. Atomic stores are never merged, so the compiler can not make a
+// memset of a fill, whose bytes a processor could see in any order and any width.
+// Always: a word is one aligned 32-bit store.
+// Elsewhere: in which order words are stored, and why (security/routing).
 #include "hw_store.h"
 
 #include <atomic>

@@ -1,9 +1,11 @@
-// if_mgr.cpp - queries to the interface manager's database, a mapped file that the manager changes while we read.
+// if_mgr.cpp - queries to the interface manager's database, a mapped file that the manager changes meanwhile.
 //
-// A record has a sequence word: odd while it is being changed, another even value afterwards. A reader that saw the
-// same even value before and after has one consistent record; one whose writer died in the middle gives up.
-// Always: the file is mapped read-only and checked once; until it is there, each query looks for it again. One that was
-// cut after it was mapped counts as not there.
+// A record has a sequence word: odd while it is being changed, another even value afterwards. A reader that loads the
+// same even value before and after has one consistent record. The writer may have died in the middle of a change, so a
+// reader tries for a limited time.
+// Always: the file is mapped read-only and checked once; until it is there, each query looks for it again. A file that
+// was cut after it was mapped counts as missing.
+// Elsewhere: the form of the file (interface_db.h).
 #include "if_mgr.h"
 
 #include <algorithm>
@@ -79,7 +81,7 @@ void let_go(mapped_database &db)
 std::uint32_t *database()
 {
     static mapped_database db;
-    static bool told = false;
+    static bool reported = false;
     if (db.words != nullptr && is_long_enough(db.fd))
         return db.words;
     let_go(db);
@@ -93,8 +95,8 @@ std::uint32_t *database()
     if (db.words != nullptr)
         return db.words;
     let_go(db);
-    if (!told) {
-        told = true;
+    if (!reported) {
+        reported = true;
         (void)std::fprintf(stderr, "%s: %s: is no interface database; no interface exists\n",
                            program_invocation_short_name, path.c_str());
     }

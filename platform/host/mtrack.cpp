@@ -1,6 +1,6 @@
 // mtrack.cpp - memory tracking: who holds how much of the card's heap.
 //
-// Eight bytes in front of a block carry its type and size, so a free needs neither and the counts cannot drift.
+// Eight bytes in front of a block hold its type and size, so a free needs neither and the counts can not drift.
 // Always: live_bytes of a type is the sum of the sizes of its live blocks, as asked for; peak_bytes never falls.
 // Elsewhere: where the blocks come from, and what AddressSanitizer sees of them (card_heap.cpp).
 #include "mtrack.h"

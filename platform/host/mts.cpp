@@ -1,11 +1,10 @@
-// mts.cpp - the message transport on a Linux host: a datagram socket a service access point.
+// mts.cpp - the message transport on a Linux host: one datagram socket for each service access point.
 //
 // A queue holds some ten messages and the sender of a notification never waits, so a message may be lost; the sender
-// counts it, since the receiver cannot. Messages are sent from one socket that is bound to nothing: whom they come from
-// stands in them.
-// Always: a received payload lies in one static buffer, so one message is held at a time (as the event loop does);
-// nothing here allocates once the queue is bound.
-// Elsewhere: which sockets stand in the card directory and who owns them (card_dir.cpp), the messages that the platform
+// counts it, since the receiver can not. Messages are sent from one socket that is bound to no name: the sender's
+// access point is a field of the message.
+// Always: a received payload lies in one static buffer, so one message is held at a time (as the event loop does).
+// Elsewhere: which sockets are in the card directory and who owns them (card_dir.cpp), the messages that the platform
 // takes for itself (debug_service.cpp).
 #include "mts.h"
 
@@ -76,7 +75,8 @@ void sap_name(std::uint32_t sap, char (&name)[SAP_NAME_BYTES])
     (void)std::snprintf(name, sizeof name, "%s/%u", MTS_FOLDER, sap);
 }
 
-// Sends one datagram to `sap`. wait: MSG_DONTWAIT or 0. A message that nobody took is counted. Returns 0 or -1.
+// Sends one datagram to `sap`. wait: MSG_DONTWAIT or 0. A message that is not taken is counted as lost. Returns 0 or
+// -1.
 int send_one(int fd, std::uint32_t sap, const msghdr &message, int wait)
 {
     char name[SAP_NAME_BYTES];

@@ -1,4 +1,4 @@
-// mts_host.h - what other platform bodies ask the message transport. Host bodies only.
+// mts_host.h - what the rest of platform/host asks the message transport. For platform/host only.
 #pragma once
 
 // Whether `queue` is the descriptor of a queue that this process bound.

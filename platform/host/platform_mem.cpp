@@ -1,8 +1,9 @@
-// platform_mem.cpp - the system library on a host: table memories are mapped files, processors a setting.
+// platform_mem.cpp - the system library on a host: table memories are mapped files, processors are a setting.
 //
-// The memories are files so that whoever stands for a network processor maps the same words; they keep their contents
+// The memories are files, so a program that plays a network processor maps the same words. They keep their contents
 // when the process ends, as a memory would.
-// Always: a table memory lies in the card space, so it has a card address; it is allocated whole before it is mapped.
+// Always: a table memory lies in the card space, so it has a card address; its file has all its blocks before it is
+// mapped.
 // Elsewhere: how words are stored there (hw_store.cpp), what they mean (security/routing).
 #include "platform_mem.h"
 
@@ -32,7 +33,7 @@ card_addr map_memory(const char *name, std::size_t file_bytes, std::size_t bytes
     return addr;
 }
 
-// Tells the kernel to empty its route cache. Returns 0 or a negative error number.
+// Has the kernel empty its route cache. Returns 0 or a negative error number.
 int flush_kernel_cache()
 {
     const int fd = open(ROUTE_FLUSH, O_WRONLY | O_CLOEXEC);

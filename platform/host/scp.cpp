@@ -1,7 +1,9 @@
 // scp.cpp - messages to the supervisor card, one datagram each.
 //
-// The supervisor is reached through its socket in the card directory, by name for each message: it may come and go
-// without this process noticing.
+// The supervisor's socket in the card directory is looked up by name for each message, so the supervisor may come and
+// go.
+// Always: sending never waits; a message that is not taken is counted.
+// Elsewhere: what a message says (supervisor_advert.h).
 #include "scp.h"
 
 #include <cerrno>

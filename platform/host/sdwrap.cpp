@@ -1,7 +1,7 @@
 // sdwrap.cpp - the gates, debug lines and syslog.
 //
-// A failure before the history is set up has nowhere else to go, so the gate of the first category (errors) starts
-// open and its lines come on standard error.
+// Before the history is set up a failure can only be seen on standard error, so the debug gate of the first category
+// (errors) starts open.
 // Always: a closed gate costs its caller one load; errno is left as it was, since a line's arguments are evaluated
 // again for the next gate.
 // Elsewhere: who switches the gates (debug_service.cpp), the history's records (sdwrap_history.cpp).
@@ -161,7 +161,7 @@ void buginf_vcid(std::int32_t context, unsigned, const char *module, unsigned, c
         std::snprintf(line, sizeof line, "%s %.48s ctx %d: %s\n", moment, module, context, as_one_line(text));
     // One write a line, so that lines of several processes on one terminal do not mix.
     if (length > 0 && write(STDERR_FILENO, line, static_cast<std::size_t>(length)) < 0) {
-        // Nobody to tell: standard error is where it would be told.
+        // Not reported: standard error is where a report would go.
     }
     errno = error;
 }

@@ -1,4 +1,4 @@
-// sdwrap_gates.h - switching the debug and history gates. Host bodies only.
+// sdwrap_gates.h - switching the debug and history gates. For platform/host only.
 #pragma once
 
 #include <cstdint>
@@ -15,5 +15,5 @@ void sdwrap_switch_debug(std::uint32_t category, std::uint32_t context, bool ope
 // The same for the history gate of a category.
 void sdwrap_switch_history(std::uint32_t category, bool open);
 
-// Ends what stands before the history is set up: the debug gate of the first category, open for early failures.
+// Closes the debug gate of the first category, which is open for failures before the history is set up.
 void sdwrap_close_early_gate();

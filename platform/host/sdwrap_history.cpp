@@ -1,11 +1,11 @@
 // sdwrap_history.cpp - the event history: a ring in a mapped file, so that it can be read after a crash.
 //
-// A reader takes `tail` and `head` and walks the records between them; it may do so at any moment, also over a process
-// that died in the middle of a write. So room is made first (tail moves), then the record is written, and only then
-// does head let it in.
-// Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly.
-// No system call but the clock on the way of a record.
-// Elsewhere: which categories are kept (sdwrap.cpp), what a record of the process holds (route_log.cpp).
+// A reader loads `tail` and `head` and walks the records between them, at any moment and also when the writer died in
+// the middle of a record. So the writer first makes room (tail moves), then writes the record, and then moves head.
+// Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly. The
+// clock is the only system call for a record.
+// Elsewhere: the form of the file (history_file.h), which categories are kept (sdwrap.cpp), what a record of the
+// process holds (route_log.cpp).
 #include "sdwrap.h"
 
 #include <atomic>

@@ -1,7 +1,9 @@
 // sysmgr.cpp - system manager, adjacency library and module information on a host.
 //
-// The system manager of a host is its service manager: it is told once that the process serves, over the socket that it
-// names in NOTIFY_SOCKET. The adjacency library has nothing to do on a host but to be set up rightly.
+// The system manager of a host is its service manager, which gets READY=1 once over the socket that NOTIFY_SOCKET
+// names. The adjacency library only checks its categories: a host has no hardware that it would program.
+// Always: without a service manager the hand-shake succeeds.
+// Elsewhere: the slot (card_conf.cpp).
 #include "sysmgr.h"
 
 #include <cstddef>
@@ -37,14 +39,14 @@ int sysmgr_handshake(int queue, std::uint32_t)
 {
     const char *const name = std::getenv("NOTIFY_SOCKET");
     if (name == nullptr || *name == '\0')
-        return 0; // started by hand: nobody waits for it
+        return 0; // started by hand, without a service manager
     sockaddr_un address = {};
     const socklen_t address_bytes = notify_address(name, address);
     if (address_bytes == 0)
         return -1;
     constexpr char READY[] = "READY=1";
-    // Said once, and a service manager that misses it ends the process: so it may wait for room, unlike other sends,
-    // and out of descriptors it goes through the queue's.
+    // Sent once, and a service manager that misses it ends the process: so this send waits for room, unlike others, and
+    // uses the queue's socket when the host has no descriptor for one of its own.
     const int own = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const timeval limit = {2, 0};
     if (own >= 0)

@@ -1,13 +1,13 @@
 // tnrpc_client.cpp - the calling side of remote procedure calls on a Linux host.
 //
-// A call reads the name's link, takes the connection that it keeps for that endpoint (opening it when there is none or
-// the peer has closed it), sends one record and waits for one. The link is read for each call, which costs less than
-// the send that follows and is right whichever process serves the name by now.
-// A call goes out at most once: only what the kernel refused to send is tried again, on a new connection. One time-out
-// covers it all, by the monotonic clock, so a signal does not lengthen it.
-// Always: a kept connection has no reply outstanding. Whatever breaks that (a time-out, a reply of another form)
-// closes it, so no answer is taken for the answer to another call. The caller's variables are written only after the
-// whole reply has been judged.
+// A call reads the link of the procedure's name, takes the connection that it keeps for that endpoint (a new one when
+// there is none or the peer has closed it), sends one record and waits for one. The link is read for each call: that
+// costs less than the send that follows, and is right whichever process serves the name by then.
+// A call is sent at most once: only what the kernel refused to send is tried again, on a new connection. One time-out
+// by the monotonic clock covers all of it, so a signal does not lengthen it.
+// Always: a kept connection has no reply outstanding. After a time-out or a reply of another form it is closed, so no
+// answer is taken for the answer to another call. The caller's variables are written only after the whole reply has
+// been judged.
 // Elsewhere: the form of the records (rpc_record.h).
 
 #include "tnrpc.h"
@@ -361,7 +361,7 @@ int call_make(outgoing_call &call, const char *name)
     if (card_dir_path().empty() || endpoint_of(name, endpoint) != 0)
         return -1;
     connection &kept = connection_of(endpoint);
-    (void)std::fflush(stdout); // whoever reads it step by step sees all that came before the wait
+    (void)std::fflush(stdout); // its reader sees all that came before the wait
     call.deadline_ns = now_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
     call.waited = false;
     if (call_deliver(call, kept) != 0)

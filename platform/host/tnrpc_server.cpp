@@ -1,14 +1,14 @@
 // tnrpc_server.cpp - the serving side of remote procedure calls on a Linux host.
 //
-// The descriptor that the event loop polls is an epoll set over the listening socket, the connections and a timer.
-// A pass takes one event from it. The set is level-triggered and asked for one event at a time: the kernel puts what
-// it has just reported behind all that waits as well, so connections with calls waiting take turns.
-// Nobody who calls can hold the process up: replies are sent without waiting, and a caller that leaves no room for its
-// reply loses its connection. Out of descriptors, the listener leaves the set until a connection ends or the timer has
-// run, so that waiting connections keep waiting without waking the loop all the time.
-// Always: the path of a call allocates nothing; call and reply stand in the static records below, since procedures run
-// one at a time and never call tnrpc_process. What a running procedure holds lies outside the procedure table, so it
-// may unregister itself.
+// The event loop polls the descriptor of an epoll set over the listening socket, the connections and a timer. A pass
+// takes one event from it. The set is level-triggered and asked for one event at a time: the kernel puts what it has
+// just reported behind all that waits as well, so connections with calls waiting take turns.
+// A caller can not block the process: replies are sent without waiting, and a caller that leaves no room for its reply
+// loses its connection. Out of descriptors, the listener leaves the set until a connection ends or the timer has run,
+// so that waiting connections do not wake the loop all the time.
+// Always: a call allocates nothing here; call and reply are the static records below, since procedures run one at a
+// time and never call tnrpc_process. A running procedure uses nothing of the procedure table, so it may unregister
+// itself.
 // Elsewhere: the form of the records (rpc_record.h), who owns an endpoint (card_dir.cpp).
 
 #include "tnrpc.h"
@@ -463,7 +463,7 @@ int tnrpc_unregister(const char *name)
     if (p == nullptr)
         return -1;
     if (is_open())
-        link_withdraw(name); // first, so that no caller is sent here in vain
+        link_withdraw(name); // first, so that no caller connects for a name that is gone
     std::copy(p + 1, procedures + procedure_count, p);
     --procedure_count;
     return 0;
@@ -476,7 +476,7 @@ int tnrpc_process(int descriptor)
     epoll_event event{};
     while (epoll_wait(server.events, &event, 1, 0) == 1) {
         if (event.data.fd == server.timer) {
-            accept_again(); // no event of a caller's: look for one
+            accept_again(); // not a caller's event: take the next
             continue;
         }
         if (event.data.fd == server.listener)

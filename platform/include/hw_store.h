@@ -1,7 +1,7 @@
 // hw_store.h - the only stores to memory that a network processor reads.
 //
-// Each is a run of single aligned 32-bit stores in ascending order, with release order: whoever loads a word (acquire)
-// sees everything that was stored before it. Tests link bodies that keep a journal of each word.
+// Each is a run of single aligned 32-bit stores in ascending order, with release order: a reader that loads a word
+// (acquire) sees everything that was stored before it. Tests link implementations that keep a journal of each word.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 // sdwrap.h - debug output, syslog and event history, and the debug service that switches them.
 //
-// The two gates are a load and a test, in line here over a table that the linked body owns: a closed gate costs a
-// caller nothing else.
+// The two gates are a load and a test, in line here over a table that the linked implementation owns: a closed gate
+// costs a caller nothing else.
 #pragma once
 
 #include <cstddef>

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// Tells the system manager that the process `uuid` serves. Returns 0, or -1 when nobody took the message.
+// Reports to the system manager that the process `uuid` serves. Returns 0, or -1 when the message was not taken.
 int sysmgr_handshake(int queue, std::uint32_t uuid);
 
 // Gives the adjacency library its five debug categories. Returns 0, or -1 when one is not registered.

@@ -56,5 +56,5 @@ int tnrpc_process(int descriptor);
 // bytes (unsigned, 2 or 4; only that many low bytes travel, the others stay); for code 9 a tnrpc_block * and a
 // memory-tracking type (unsigned): it is filled with a block of that type, which the caller frees with mtrack_free.
 // Returns the procedure's result, or TNRPC_FAILED with by-reference values and blocks untouched.
-// A procedure that serves a call must not call one of its own process: nobody would answer before the time-out.
+// A procedure that serves a call must not call one of its own process: that call ends with the time-out.
 std::uint32_t tnrpc_call(const char *name, unsigned arg_count, ...);

@@ -1,5 +1,5 @@
-// host_cleanup_test.cpp - what the clean-up of a signal may do: it can come in the middle of an allocation, so it makes
-// none of its own.
+// host_cleanup_test.cpp - the clean-up of a signal, which can come in the middle of an allocation: it allocates
+// nothing.
 #include <cstdlib>
 #include <new>
 

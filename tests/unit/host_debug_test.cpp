@@ -166,7 +166,7 @@ TEST(debug_service, verb_3_answers_a_line_for_each_memory_type)
         EXPECT_EQ(peer_receive(peer),
                   "MTS1" + be32(1531) + be32(0) + be32(514) + "0 MTRACK_A 0 0 0\n1 MTRACK_B 1 36 136\n");
         request(queue, {3, 0, 0, 0}, 0);
-        EXPECT_EQ(peer_receive(peer), "<none>") << "nobody to answer";
+        EXPECT_EQ(peer_receive(peer), "<none>") << "no access point to answer";
         EXPECT_EQ(platform_counters.messages_lost, 0u);
         mtrack_free(a);
     });

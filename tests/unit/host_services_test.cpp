@@ -170,7 +170,7 @@ TEST(scp, without_a_card_directory_there_is_no_service)
     on_card("/nowhere/at/all", [] { EXPECT_EQ(scp_init(4, -1), 0u); });
 }
 
-TEST(sysmgr, the_service_manager_is_told_over_a_path_or_an_abstract_name)
+TEST(sysmgr, the_service_manager_gets_ready_over_a_path_or_an_abstract_name)
 {
     on_fresh_card([] {
         const int peer = peer_socket(card_file("notify"));

@@ -1,4 +1,4 @@
-// host_support.h - a card directory of its own for each test of the host's platform bodies.
+// host_support.h - a card directory of its own for each test of the platform's host implementation.
 //
 // A process reads its card directory once, so each test runs in a child process with a fresh one; the test program
 // itself never touches a card directory.

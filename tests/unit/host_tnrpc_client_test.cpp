@@ -318,7 +318,7 @@ TEST_F(tnrpc_client, a_call_without_a_server_fails_at_once)
 TEST_F(tnrpc_client, the_time_out_covers_the_wait_for_a_place_in_the_servers_queue)
 {
     listen_at(39, 0);
-    const caller first("rpc/39"); // fills the queue; nobody accepts
+    const caller first("rpc/39"); // fills the queue; it is never accepted
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
     const auto waited = std::chrono::steady_clock::now() - start;

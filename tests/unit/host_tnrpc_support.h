@@ -191,7 +191,7 @@ struct peer_process {
         pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
-            (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is killed leaves nobody behind
+            (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that is killed leaves no process behind
             close(ends[0]);
             char turn = 0;
             if (recv(ends[1], &turn, 1, 0) == 1)
