@@ -298,6 +298,20 @@ TEST_F(tables, clearing_a_leaf_or_a_block_clears_its_2_or_8_words_in_every_copy_
         expect_every_copy(i, 0);
 }
 
+TEST_F(tables, a_node_a_leaf_and_a_block_are_cleared_copy_by_copy_the_wired_one_first_from_the_first_word_on)
+{
+    const std::uint32_t first[3] = {node_at(3), leaf_at(4), block_at(5)}, words[3] = {256, 2, 8};
+    for (std::int32_t type = MTRIE_POOL_NODE; type <= MTRIE_POOL_ECMP; ++type) {
+        card.journal.clear();
+        mtrie_hw_clear_node(type, 3 + type);
+        std::vector<fake_store> expected;
+        for (const unsigned copy : {WIRED, IXP1, IXP2})
+            for (std::uint32_t i = 0; i < words[type]; ++i)
+                expected.push_back(store(copy, first[type] + 4 * i, 0));
+        EXPECT_TRUE(card.journal == expected) << "type " << type;
+    }
+}
+
 TEST_F(tables, clearing_an_element_of_no_pool_stores_nothing)
 {
     mtrie_hw_clear_node(MTRIE_POOL_NONE, 0);

@@ -71,6 +71,28 @@ struct leaves : testing::Test {
         EXPECT_EQ(mtrie_pool_check(), 0);
     }
     mtrie_leaf *default_leaf() { return norvik_leaf_default[TREE]; }
+    // The stores of the journal to one copy of a leaf and its block, in order: words of the leaf as L0 and L1, of the
+    // block as B0 to B7. An address of the block is written as "block".
+    std::string stores_of(unsigned copy, const mtrie_leaf *leaf, std::uint32_t block) const
+    {
+        std::string all;
+        for (const fake_store &store : card.journal) {
+            const std::uint32_t in_leaf = store.address - card.memory(copy) - hw_leaf(leaf);
+            const std::uint32_t in_block = store.address - card.memory(copy) - block;
+            const bool is_address = store.value == np_pointer(card, copy, block);
+            const std::string value = is_address ? "block" : text("%x", store.value);
+            if (in_leaf < HW_LEAF_BYTES)
+                all += text("L%u=", in_leaf / 4) + value + " ";
+            else if (in_block < HW_ECMP_BYTES)
+                all += text("B%u=", in_block / 4) + value + " ";
+        }
+        return all;
+    }
+    void expect_stores(const mtrie_leaf *leaf, std::uint32_t block, const std::string &expected) const
+    {
+        for (unsigned copy = 0; copy < NP_COPIES; ++copy)
+            EXPECT_EQ(stores_of(copy, leaf, block), expected) << "copy " << copy;
+    }
     texts line(const std::string &message) const { return {in_ctx(TREE, message)}; }
 };
 
@@ -239,6 +261,16 @@ TEST_F(leaves, a_further_path_is_stored_under_an_invalid_header_entries_first)
     }
 }
 
+TEST_F(leaves, a_first_block_is_cleared_named_filled_and_only_then_used_by_its_leaf)
+{
+    mtrie_leaf *leaf = route();
+    card.journal_on = true;
+    ASSERT_EQ(mtrie_ecmp_insert_stub(TREE, leaf, NET, MASK, 2, 2, 0x40), 1u);
+    expect_stores(leaf, hw_block(leaf->ecmp),
+                  "B0=0 B1=0 B2=0 B3=0 B4=0 B5=0 B6=0 B7=0 L1=block "
+                  "B1=80002 B2=0 B3=0 B4=0 B5=0 B6=0 B7=0 B0=92000000 L0=40010001 ");
+}
+
 TEST_F(leaves, a_path_without_the_ecmp_flag_is_refused)
 {
     mtrie_leaf *leaf = route();
@@ -339,6 +371,43 @@ TEST_F(leaves, removing_the_leafs_own_path_of_two_leaves_the_other_in_the_leaf)
     EXPECT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, 0);
 }
 
+TEST_F(leaves, a_removed_own_path_is_replaced_in_the_leaf_while_the_block_is_invalid)
+{
+    mtrie_leaf *leaf = route_of(3);
+    card.journal_on = true;
+    ASSERT_EQ(mtrie_ecmp_remove_stub(TREE, leaf, NET, MASK, 1, 1, 0x40), 1u);
+    expect_stores(leaf, hw_block(leaf->ecmp),
+                  "B1=80002 B2=c0003 B3=0 B4=0 B5=0 B6=0 B7=0 B0=24000000 L0=40030003 "
+                  "B1=80002 B2=0 B3=0 B4=0 B5=0 B6=0 B7=0 B0=92000000 ");
+}
+
+TEST_F(leaves, a_removed_middle_path_is_replaced_while_the_block_is_invalid)
+{
+    mtrie_leaf *leaf = route_of(4);
+    card.journal_on = true;
+    ASSERT_EQ(mtrie_ecmp_remove_stub(TREE, leaf, NET, MASK, 2, 2, 0x40), 1u);
+    expect_stores(leaf, hw_block(leaf->ecmp),
+                  "B1=80002 B2=c0003 B3=100004 B4=0 B5=0 B6=0 B7=0 B0=36000000 "
+                  "B1=100004 B2=c0003 B3=0 B4=0 B5=0 B6=0 B7=0 B0=a4000000 ");
+}
+
+TEST_F(leaves, a_block_is_invalid_then_unused_then_unnamed_and_then_free)
+{
+    for (const std::uint32_t removed : {2u, 1u}) { // the entry of the block, and the leaf's own
+        mtrie_leaf *leaf = route_of(2);
+        const std::uint32_t block = hw_block(leaf->ecmp);
+        card.journal_on = true;
+        card.after_each_store(
+            [] { EXPECT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, 1) << "freed before the last store"; });
+        ASSERT_EQ(mtrie_ecmp_remove_stub(TREE, leaf, NET, MASK, removed, removed, 0x40), 1u);
+        card.after_each_store(nullptr);
+        const std::string invalidated = "B1=80002 B2=0 B3=0 B4=0 B5=0 B6=0 B7=0 B0=12000000 ";
+        expect_stores(leaf, block, invalidated + (removed == 2 ? "L0=10001 L1=0 " : "L0=40020002 L0=20002 L1=0 "));
+        card.journal_on = false;
+        ASSERT_EQ(mtrie_leaf_delete_stub(TREE, root, NET, MASK), 1u);
+    }
+}
+
 TEST_F(leaves, removing_an_unknown_path_is_refused_and_leaves_the_block_invalid)
 {
     mtrie_leaf *leaf = route_of(3);
@@ -363,6 +432,16 @@ TEST_F(leaves, an_invalid_block_refuses_a_further_path_and_a_removal)
     EXPECT_EQ(mtrie_ecmp_remove_stub(TREE, leaf, NET, MASK, 2, 2, 0x40), 0u);
     EXPECT_EQ(card.lines(), texts{"100 <Ctx:5>\n remove ecmp but invlaid, flags 40, ifid 2. encap 2\n"});
     EXPECT_EQ(leaf->ecmp->npaths, 2);
+}
+
+TEST_F(leaves, a_full_and_invalid_block_is_refused_as_invalid)
+{
+    mtrie_leaf *leaf = route_of(8);
+    ASSERT_EQ(mtrie_ecmp_remove_stub(TREE, leaf, NET, MASK, 0x77, 0x78, 0x40), 0u);
+    card.forget();
+    EXPECT_EQ(mtrie_ecmp_insert_stub(TREE, leaf, NET, MASK, 5, 6, 0x40), 0u);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              line("\n ecmp exists but invalid, flags 40, leaf flag 1, ifid 6. encap 5\n"));
 }
 
 TEST_F(leaves, an_ifid_is_stored_cut_and_compared_uncut)
@@ -480,6 +559,20 @@ TEST_F(leaves, an_ecmp_path_on_a_default_leaf_that_forwards_goes_into_a_block_an
     EXPECT_EQ(default_leaf()->adjacency, 0x00040003u);
     EXPECT_EQ(default_leaf()->ecmp.addr(), 0u);
     EXPECT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, 0);
+}
+
+TEST_F(leaves, a_default_leaf_forwards_when_any_of_bits_28_to_0_of_its_adjacency_word_is_set)
+{
+    for (unsigned bit = 0; bit < 32; ++bit) {
+        default_leaf()->adjacency = 1u << bit;
+        card.forget();
+        ASSERT_EQ(mtrie_set_default_leaf_stub(TREE, 0, 0, 5, 6, 0x40, 1), 1u);
+        EXPECT_EQ(default_leaf()->ecmp.addr() != 0, bit <= 28) << "bit " << bit;
+        EXPECT_EQ(card.lines()[0].find("add ECMP default route") != std::string::npos, bit <= 28) << "bit " << bit;
+        if (default_leaf()->ecmp) {
+            ASSERT_EQ(mtrie_set_default_leaf_stub(TREE, 0, 0, 5, 6, 0x40, 0), 1u);
+        }
+    }
 }
 
 TEST_F(leaves, an_update_leaves_the_block_of_a_default_leaf_in_place)

@@ -68,6 +68,19 @@ struct trie : testing::Test {
         for (unsigned copy = 0; copy < NP_COPIES; ++copy)
             EXPECT_EQ(np_find(card, copy, TREE, address).leaf, offset) << "copy " << copy << " address " << address;
     }
+    // Where the hardware node stands in the table, and what was stored to a copy, by its place in the table.
+    static std::uint32_t node_at(const mtrie_node *node)
+    {
+        return HW_NODES + (card_addr_of(node) - 4 - mtrie_pools[MTRIE_POOL_NODE].start) / 1036 * HW_NODE_BYTES;
+    }
+    std::vector<std::uint32_t> offsets_stored(unsigned copy) const
+    {
+        std::vector<std::uint32_t> offsets;
+        for (const fake_store &store : card.journal)
+            if (store.address - card.memory(copy) < HW_TABLE_BYTES)
+                offsets.push_back(store.address - card.memory(copy));
+        return offsets;
+    }
     std::int32_t nodes() const { return mtrie_pools[MTRIE_POOL_NODE].count; }
     std::int32_t leaves() const { return mtrie_pools[MTRIE_POOL_LEAF].count; }
 };
@@ -186,6 +199,24 @@ TEST_F(trie, a_slash_16_pushes_the_slash_8_down_into_the_slots_of_a_new_node)
     expect_answer(IP(10, 1, 2, 3), sixteen);
     expect_answer(IP(10, 2, 2, 3), eight);
     expect_sound();
+}
+
+TEST_F(trie, a_prefix_of_many_slots_is_linked_to_what_it_displaces_once)
+{
+    insert(IP(8, 0, 0, 0), 5);
+    EXPECT_EQ(card.printed(), linking(IP(8, 0, 0, 0), 5, 0, 0) + adding(IP(8, 0, 0, 0), 5, 0, 0));
+}
+
+TEST_F(trie, a_displaced_leaf_gives_up_its_slot_after_the_slot_was_stored)
+{
+    mtrie_leaf *seven = leaf(IP(10, 0, 0, 0), 7);
+    std::vector<std::int32_t> references;
+    card.after_each_store([&] { references.push_back(standard->refcount); });
+    ASSERT_EQ(mtrie_leaf_insert(TREE, root, seven), 1);
+    card.after_each_store(nullptr);
+    // Of slot 10 in each copy, then of slot 11, when the new leaf's back counts too.
+    EXPECT_EQ(references, (std::vector<std::int32_t>{256, 256, 256, 256, 256, 256}));
+    EXPECT_EQ(standard->refcount, 254 + 1);
 }
 
 TEST_F(trie, a_slash_32_takes_three_more_nodes_and_one_slot_of_the_last)
@@ -317,6 +348,26 @@ TEST_F(trie, a_node_under_an_empty_slot_is_empty_but_for_the_new_prefix)
     EXPECT_EQ(mtrie_hw_check(), 0);
 }
 
+TEST_F(trie, a_node_under_an_empty_slot_is_stored_empty_before_its_parent_names_it)
+{
+    mtrie_node *bare = mtrie_node_alloc(9);
+    mtrie_init(bare, nullptr, 8);
+    mtrie_leaf *sixteen = mtrie_leaf_alloc(9, bare);
+    sixteen->prefix = IP(10, 1, 0, 0);
+    sixteen->mask = mask_of(16);
+    card.journal_on = true;
+    ASSERT_EQ(mtrie_leaf_insert(9, bare, sixteen), 1);
+    const std::uint32_t parent_slot = node_at(bare) + 4 * 10, child = node_at(mtrie_child_of(bare->children[10]));
+    for (unsigned copy = 0; copy < NP_COPIES; ++copy) {
+        std::vector<std::uint32_t> stores = offsets_stored(copy);
+        ASSERT_EQ(stores.size(), 256u + 256u + 2u) << "cleared when taken, reported empty, named, and the leaf";
+        for (std::uint32_t i = 0; i < 512; ++i)
+            ASSERT_EQ(stores[i], child + 4 * (i % 256)) << "copy " << copy;
+        EXPECT_EQ(stores[512], parent_slot) << "copy " << copy;
+        EXPECT_EQ(stores[513], child + 4) << "copy " << copy;
+    }
+}
+
 // --- Exact lookup
 
 TEST_F(trie, the_exact_lookup_finds_a_prefix_by_its_own_address_and_mask_only)
@@ -380,6 +431,68 @@ TEST_F(trie, the_prefixes_below_a_deleted_one_are_linked_to_what_covered_it)
     expect_answer(IP(10, 1, 3, 1), eight);
     EXPECT_EQ(leaves(), 4);
     expect_sound();
+}
+
+TEST_F(trie, a_deleted_leaf_gives_up_its_slots_after_they_were_stored)
+{
+    mtrie_leaf *seven = insert(IP(10, 0, 0, 0), 7);
+    std::vector<std::int32_t> references;
+    card.after_each_store([&] { references.push_back(seven->refcount); });
+    mtrie_leaf_delete(TREE, root, seven);
+    card.after_each_store(nullptr);
+    EXPECT_EQ(references, (std::vector<std::int32_t>{3, 3, 3, 2, 2, 2})); // two slots, and the default leaf's fwd
+}
+
+TEST_F(trie, a_leaf_that_nothing_else_names_is_gone_after_its_slot_was_stored)
+{
+    mtrie_node *bare = mtrie_node_alloc(9);
+    mtrie_init(bare, nullptr, 8);
+    mtrie_leaf *eight = mtrie_leaf_alloc(9, bare);
+    eight->prefix = IP(10, 0, 0, 0);
+    eight->mask = mask_of(8);
+    ASSERT_EQ(mtrie_leaf_insert(9, bare, eight), 1);
+    card.after_each_store([&] { EXPECT_EQ(leaves(), 2) << "released before its slot was stored"; });
+    mtrie_leaf_delete(9, bare, eight);
+    card.after_each_store(nullptr);
+    EXPECT_EQ(leaves(), 1);
+}
+
+TEST_F(trie, a_node_that_folds_is_unnamed_then_stored_empty_and_then_free)
+{
+    mtrie_leaf *eight = insert(IP(10, 0, 0, 0), 8), *sixteen = insert(IP(10, 1, 0, 0), 16);
+    const std::uint32_t parent_slot = node_at(root) + 4 * 10, child = node_at(mtrie_child_of(root->children[10]));
+    card.journal_on = true;
+    std::vector<std::int32_t> references;
+    card.after_each_store([&] {
+        EXPECT_EQ(nodes(), 2) << "released before it was stored empty";
+        if (card.journal.back().address == card.memory(0) + parent_slot)
+            references.push_back(eight->refcount);
+    });
+    mtrie_leaf_delete(TREE, root, sixteen);
+    card.after_each_store(nullptr);
+    EXPECT_EQ(references, std::vector<std::int32_t>{256 + 1 + 1}) << "slots, the /16's back, the default leaf's fwd";
+    for (unsigned copy = 0; copy < NP_COPIES; ++copy) {
+        const std::vector<std::uint32_t> stores = offsets_stored(copy);
+        ASSERT_EQ(stores.size(), 1u + 1u + 256u) << "the /16's slot, the parent's, the folded node's";
+        EXPECT_EQ(stores[0], child + 4) << "copy " << copy;
+        EXPECT_EQ(stores[1], parent_slot) << "copy " << copy;
+        for (std::uint32_t i = 0; i < 256; ++i)
+            ASSERT_EQ(stores[2 + i], child + 4 * i) << "copy " << copy;
+    }
+}
+
+TEST_F(trie, a_node_that_becomes_empty_is_unnamed_and_then_free)
+{
+    mtrie_node *bare = mtrie_node_alloc(9);
+    mtrie_init(bare, nullptr, 8);
+    mtrie_leaf *sixteen = mtrie_leaf_alloc(9, bare);
+    sixteen->prefix = IP(10, 1, 0, 0);
+    sixteen->mask = mask_of(16);
+    ASSERT_EQ(mtrie_leaf_insert(9, bare, sixteen), 1);
+    card.after_each_store([&] { EXPECT_EQ(nodes(), 3) << "released before its parent's slot was stored"; });
+    mtrie_leaf_delete(9, bare, sixteen);
+    card.after_each_store(nullptr);
+    EXPECT_EQ(nodes(), 2);
 }
 
 TEST_F(trie, the_order_of_deletion_does_not_matter_for_what_is_left)

@@ -191,6 +191,25 @@ TEST(manager_set_up, a_tree_without_a_default_leaf_is_made_with_empty_slots)
     EXPECT_EQ(mtrie_longest_match(mtrie_get_root_node(4), IP(1, 2, 3, 4)), nullptr);
 }
 
+TEST(manager_set_up, a_trees_root_is_filled_in_a_copy_before_its_root_word_is_stored_there)
+{
+    fake_card card(2);
+    ASSERT_EQ(mtrie_pool_init(), 0);
+    card.journal_on = true;
+    card_ptr<prefix_tree> slot;
+    ASSERT_EQ(prefix_mgr_tree_create(&slot, "wired_Route5", 5, 8, 1, 1), 0);
+    for (unsigned copy = 0; copy < NP_COPIES; ++copy) {
+        unsigned named = 0;
+        for (const fake_store &store : card.journal) {
+            const std::uint32_t offset = store.address - card.memory(copy);
+            if (offset == 4 * 5)
+                break;
+            named += offset >= HW_NODES && offset < HW_NODES + HW_NODE_BYTES && store.value != 0 ? 1u : 0u;
+        }
+        EXPECT_EQ(named, 256u) << "copy " << copy;
+    }
+}
+
 TEST(manager_set_up, a_third_tree_that_cannot_be_made_frees_the_manager_but_not_the_trees)
 {
     fake_card card(2);
@@ -347,6 +366,17 @@ TEST_F(manager, a_repeat_for_which_no_leaf_is_left_takes_the_route_itself_away)
               (texts{"<Ctx:3>leaf alloc fail:0xa010000/16",
                      "<Ctx:3>prefix_mgr_route_add: tree_add  FAILED w/ address and mask: 0a010000/16, treeid 11\n"}));
     EXPECT_EQ(leaf(IP(10, 1, 0, 0), 0xFFFF0000), nullptr); // the clean-up finds the route that was there
+}
+
+TEST_F(manager, the_clean_up_of_a_failed_add_gives_the_records_back_for_the_routes_context)
+{
+    ASSERT_EQ(add(route(IP(10, 1, 0, 0), 16, 21, 22)), 1u);
+    while (mtrie_pools[MTRIE_POOL_LEAF].count < 1024)
+        ASSERT_NE(mtrie_leaf_alloc_pool(0), nullptr);
+    ASSERT_EQ(add(route(IP(10, 1, 0, 0), 16, 23, 24)), 0u);
+    for (const std::int32_t type : {MTRIE_POOL_NODE, MTRIE_POOL_LEAF})
+        for (const unsigned tree : {3u, 17u})
+            EXPECT_EQ(mtrie_pools[type].tree_count[tree], 1) << "pool " << type << " tree " << tree;
 }
 
 // --- Removing

@@ -487,6 +487,21 @@ TEST(rib_host, a_host_removal_flushes_the_route_cache_and_frees_the_host)
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 0u) << "nothing was removed";
 }
 
+TEST(rib_host, a_removed_host_is_freed_before_the_route_cache_is_flushed)
+{
+    rib_card card;
+    ASSERT_EQ(add_host(), 0u);
+    unsigned flushes = 0;
+    card.on_call = [&](const std::string &call) {
+        if (call != "syscall_open")
+            return;
+        ++flushes;
+        EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    };
+    EXPECT_EQ(remove_host(), 0u);
+    EXPECT_EQ(flushes, 1u);
+}
+
 TEST(rib_host, a_flush_opens_flushes_and_closes)
 {
     rib_card card;

@@ -256,6 +256,23 @@ TEST(rib_static, removing_a_single_route_frees_it_and_flushes_the_route_cache)
     EXPECT_EQ(on_chain(CTX, NET, 16), nullptr);
 }
 
+TEST(rib_static, a_removed_route_is_freed_and_said_to_be_removed_before_the_route_cache_is_flushed)
+{
+    rib_card card;
+    ASSERT_EQ(add(GATEWAY), 0u);
+    card.forget();
+    unsigned flushes = 0;
+    card.on_call = [&](const std::string &call) {
+        if (call != "syscall_open")
+            return;
+        ++flushes;
+        EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 0u);
+        EXPECT_EQ(card.with(ROUTE_DBG_INFO, "removed static route").size(), 1u);
+    };
+    EXPECT_EQ(remove(GATEWAY), 0u);
+    EXPECT_EQ(flushes, 1u);
+}
+
 TEST(rib_static, removing_a_route_that_is_not_there_is_an_error_with_the_prefix_as_given)
 {
     rib_card card;
