@@ -19,6 +19,7 @@ static_assert(sizeof(block_header) == 8);
 
 mtrack_type_stats stats[MTRACK_MAX_TYPES];
 unsigned type_count = 0;
+bool is_frozen = false; // set by a signal, whose clean-up may stand in the middle of a change of the heap
 } // namespace
 
 int mtrack_init(const char *, std::uint32_t, const char *const *type_names, unsigned count)
@@ -56,8 +57,11 @@ void mtrack_free(void *block)
     mtrack_type_stats &s = stats[header->type];
     --s.live_blocks;
     s.live_bytes -= header->size;
-    card_heap_free(header, sizeof(block_header) + header->size);
+    if (!is_frozen)
+        card_heap_free(header, sizeof(block_header) + header->size);
 }
+
+void mtrack_freeze() { is_frozen = true; }
 
 unsigned mtrack_type_count() { return type_count; }
 

@@ -24,6 +24,10 @@ int mtrack_init(const char *process_name, std::uint32_t module, const char *cons
 // Frees a block of mtrack_alloc; nothing for null.
 void mtrack_free(void *block);
 
+// For the clean-up of a signal, which may have interrupted an allocation: from here on a freed block is only counted as
+// released, and the heap is not touched.
+void mtrack_freeze();
+
 // The number of types named, and the counts of one of them (type: 0 to mtrack_type_count() - 1).
 unsigned mtrack_type_count();
 mtrack_type_stats mtrack_stats(unsigned type);

@@ -122,6 +122,8 @@ void *mtrack_alloc(std::uint32_t module, std::uint32_t type, std::size_t size)
     return block;
 }
 
+void mtrack_freeze() {} // a test that ends by a signal has no clean-up to judge
+
 void mtrack_free(void *block)
 {
     if (block == nullptr)

@@ -276,3 +276,20 @@ TEST(mtrack, a_freed_block_and_the_bytes_behind_a_block_cannot_be_touched)
     EXPECT_DEATH(p[61199] = 1, "use-after-poison");
 }
 #endif
+
+TEST(mtrack, once_frozen_counts_a_freed_block_as_released_and_keeps_the_heap_as_it_is)
+{
+    on_fresh_card([] {
+        constexpr const char *TYPES[] = {"TEST"};
+        ASSERT_EQ(mtrack_init("test", 340, TYPES, 1), 0);
+        void *const kept = mtrack_alloc(340, 0, 40), *const given = mtrack_alloc(340, 0, 40);
+        mtrack_free(given);
+        EXPECT_EQ(mtrack_alloc(340, 0, 40), given) << "a freed block is handed out again";
+        mtrack_freeze();
+        mtrack_free(given);
+        EXPECT_EQ(mtrack_stats(0).live_blocks, 1u);
+        EXPECT_EQ(mtrack_stats(0).live_bytes, 40u);
+        EXPECT_NE(mtrack_alloc(340, 0, 40), given);
+        mtrack_free(kept);
+    });
+}

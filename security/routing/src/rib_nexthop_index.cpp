@@ -23,6 +23,8 @@ std::map<rib_nexthop_index_key, route_entry *> &rib_nexthop_index_routes =
 namespace
 {
 
+bool is_frozen = false;
+
 constexpr unsigned PLACE_LEN_SHIFT = 40, PLACE_BUCKET_SHIFT = 32;
 
 rib_nexthop_index_key key_of(const route_entry *route)
@@ -58,10 +60,14 @@ bool rib_nexthop_index_has(const route_entry *route)
 
 void rib_nexthop_index_remove(const route_entry *route)
 {
+    if (is_frozen)
+        return;
     const auto at = rib_nexthop_index_routes.find(key_of(route));
     if (at != rib_nexthop_index_routes.end() && at->second == route)
         rib_nexthop_index_routes.erase(at);
 }
+
+void rib_nexthop_index_freeze() { is_frozen = true; }
 
 void rib_nexthop_index_remove_set(const route_entry *head)
 {

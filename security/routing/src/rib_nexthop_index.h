@@ -23,6 +23,8 @@ rib_nexthop_index_key rib_nexthop_index_first(std::uint32_t ctx,
 [[nodiscard]] bool rib_nexthop_index_add(route_entry *route);
 [[nodiscard]] bool rib_nexthop_index_has(const route_entry *route); // whether this entry was entered
 void rib_nexthop_index_remove(const route_entry *route);            // no effect on an entry that was not entered
+// For the clean-up of a signal, which may have interrupted a change of the index: from here on nothing is taken out.
+void rib_nexthop_index_freeze();
 // Takes out whatever leaves the table together with a chain entry: the entry itself and the members of its set.
 void rib_nexthop_index_remove_set(const route_entry *head);
 

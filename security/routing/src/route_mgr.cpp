@@ -18,6 +18,7 @@
 #include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
 #include "rib_host.h"
+#include "rib_nexthop_index.h"
 #include "route_advert.h"
 #include "route_handler.h"
 #include "route_log.h"
@@ -189,6 +190,9 @@ void route_mgr_cleanup()
 
 void route_mgr_sig_handler(int)
 {
+    // The signal may have come in the middle of a change of the index or of the heap: neither is changed any more.
+    rib_nexthop_index_freeze();
+    mtrack_freeze();
     route_mgr_cleanup();
     std::exit(1);
 }
