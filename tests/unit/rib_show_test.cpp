@@ -253,6 +253,18 @@ TEST(rib_show, a_page_filled_exactly_by_the_last_entry_finishes_the_walk)
     EXPECT_EQ(at, FINISHED);
 }
 
+TEST(rib_show, a_set_that_its_head_counts_too_small_is_not_written_past_the_page)
+{
+    rib_card card;
+    for (std::uint32_t path = 0; path < 5; ++path)
+        put(ROUTE_A, 24, STATIC_IN, GATEWAY + path);
+    route_entry *const head = on_chain(CTX, ROUTE_A, 24);
+    head->ecmp_count = 2;
+    cursor at;
+    EXPECT_EQ(page_of(3, &at), (prefix_list{ROUTE_A, ROUTE_A, ROUTE_A}));
+    head->ecmp_count = 5;
+}
+
 TEST(rib_show, a_full_page_passes_over_entries_that_are_not_listed)
 {
     rib_card card;

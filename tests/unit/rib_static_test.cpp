@@ -430,3 +430,26 @@ TEST(rib_static, random_routes_and_hosts_agree_with_a_plain_model)
             card.forget();
     }
 }
+
+// A set of that many paths takes minutes to grow path by path, so the head's count is set by hand and put back.
+TEST(rib_static, a_set_whose_head_counts_65535_takes_no_further_path_as_for_lack_of_memory)
+{
+    rib_card card;
+    ASSERT_EQ(add(GATEWAY), 0u);
+    ASSERT_EQ(add(GATEWAY + 1), 0u);
+    route_entry *const head = on_chain(CTX, NET, 16);
+    const std::uint32_t blocks = card.blocks(MTRACK_ROUTE_ENTRY_3), asked = card.blocks(MTRACK_ROUTE_ENTRY_1);
+    head->ecmp_count = 0xFFFF;
+    card.forget();
+    EXPECT_EQ(add(GATEWAY + 2), 1u);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
+    EXPECT_EQ(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, NET, 16, ENCAP), nullptr);
+    EXPECT_EQ(head->ecmp_count, 0xFFFF);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), blocks);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), asked);
+    head->ecmp_count = 0xFFFE;
+    EXPECT_EQ(add(GATEWAY + 2), 0u) << "the last that the head can count";
+    EXPECT_EQ(head->ecmp_count, 0xFFFF);
+    head->ecmp_count = 3;
+    EXPECT_EQ(rib_check(CTX), 0);
+}

@@ -10,13 +10,15 @@
 // What a host route was created for.
 constexpr std::uint16_t RIB_OBJ_ARP_HOST = 1, RIB_OBJ_INTERFACE = 2, RIB_OBJ_MCAST_DROP = 4;
 
+constexpr std::uint16_t RIB_SET_MOST = 0xFFFF; // paths that the head of a set can count
+
 struct route_entry {
     card_ptr<route_entry> next; // next in the bucket chain; for a member of an ECMP set, the next member
     std::uint32_t prefix;       // masked to len bits, host order
     std::uint32_t len;          // 0 to 32
     std::uint32_t nexthop;      // static: gateway; ARP host: the interface's address; else 0
     card_ptr<route_entry> ecmp; // head of a set: its first member
-    std::uint16_t ecmp_count;   // head: paths with itself, 2 to 8; 0 when there is no set
+    std::uint16_t ecmp_count;   // head: paths with itself, 2 to RIB_SET_MOST; 0 when there is no set
     std::uint16_t ctx;          // 0 to 255
     std::uint16_t route_id;     // tree that it is programmed in, 0 to 255
     std::uint16_t ifid;

@@ -11,8 +11,6 @@
 namespace
 {
 
-constexpr std::uint32_t MAX_SET_MEMBERS = 0xFFFF; // what a head's count can hold
-
 int broken(bool rule_holds) { return rule_holds ? 0 : 1; }
 
 // Rules that hold for every entry, on the chain or in a set.
@@ -30,8 +28,7 @@ int check_set(const route_entry *head, std::uint32_t ctx)
 {
     int faults = 0;
     std::uint32_t members = 0;
-    for (const route_entry *member = head->ecmp; member != nullptr && members < MAX_SET_MEMBERS;
-         member = member->next) {
+    for (const route_entry *member = head->ecmp; member != nullptr && members < RIB_SET_MOST; member = member->next) {
         ++members;
         faults += check_entry(member, ctx, head->len) + broken(member->prefix == head->prefix);
         faults += broken((member->flags & RIB_F_ECMP) != 0);

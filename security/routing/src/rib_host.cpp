@@ -151,7 +151,8 @@ route_entry *rib_add_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint1
         return search.entry;
     }
 
-    route_entry *const entry = rib_entry_alloc(MTRACK_ROUTE_ENTRY_1);
+    route_entry *const head = rib_set_at(search, prefix, len);
+    route_entry *const entry = rib_set_is_full(head) ? nullptr : rib_entry_alloc(MTRACK_ROUTE_ENTRY_1);
     if (entry == nullptr)
         return nullptr; // the caller logs
     entry->prefix = prefix;
@@ -164,7 +165,7 @@ route_entry *rib_add_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint1
         mtrack_free(entry);
         return nullptr;
     }
-    (void)rib_link(entry, search, rib_set_at(search, prefix, len)); // a host route is never taken back by its link
+    (void)rib_link(entry, search, head); // a host route is never taken back by its link
     return entry;
 }
 

@@ -37,8 +37,11 @@ bool is_installed_nat(std::uint16_t flags)
 
 bool is_set_head(const route_entry *entry) { return (entry->flags & RIB_F_ECMP) != 0; }
 
+// The room of a whole set was judged by its head's count; a page is not written past whatever that says.
 void append(route_page *page, const route_entry *entry)
 {
+    if (page->count >= page->capacity)
+        return;
     std::uint8_t *record = page->records + page->count * ROUTE_RECORD_BYTES;
     put_be32(record + ROUTE_AT_PREFIX, entry->prefix);
     put_be32(record + ROUTE_AT_LEN, entry->len);

@@ -101,7 +101,9 @@ std::uint32_t rib_add_route(std::uint16_t ctx, std::uint32_t route_id, std::uint
         return 1;
     }
 
-    route_entry *const entry = static_entry({ctx, static_cast<std::uint16_t>(route_id), masked, len, nexthop});
+    route_entry *const entry = rib_set_is_full(head)
+                                   ? nullptr
+                                   : static_entry({ctx, static_cast<std::uint16_t>(route_id), masked, len, nexthop});
     if (entry == nullptr) {
         route_log(ROUTE_DBG_ERRORS, ctx, "%s: Failed to allocate route entry\n", "rib_add_route");
         return 1;

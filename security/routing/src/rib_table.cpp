@@ -199,6 +199,8 @@ card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, rib_place *place)
     return nullptr;
 }
 
+bool rib_set_is_full(const route_entry *head) { return head != nullptr && head->ecmp_count == RIB_SET_MOST; }
+
 route_entry *rib_entry_alloc(mtrack_type type)
 {
     void *const block = mtrack_alloc(ROUTE_MGR_UUID, type, sizeof(route_entry));

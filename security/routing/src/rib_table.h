@@ -39,6 +39,8 @@ card_ptr<route_entry> *rib_link(route_entry *entry, const rib_search_result &sea
 void rib_chain_insert(std::uint32_t ctx, route_entry *entry, card_ptr<route_entry> *prev);
 // The chain entry of a masked prefix, without a line logged, or null.
 route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len);
+// Whether the set of `head`, which may be null, can count no further path: adding one fails as for lack of memory.
+bool rib_set_is_full(const route_entry *head);
 // A zeroed entry charged to the memory type, or null when memory is short.
 [[nodiscard]] route_entry *rib_entry_alloc(mtrack_type type);
 // Joins `entry` to the set of `head`; returns the link that now points at it. No limit is checked.
