@@ -8,7 +8,7 @@
 
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
-#include "norvik_mtrie_pool.h"
+#include "norvik_mtrie_slot.h"
 #include "route_table.h"
 
 namespace
@@ -126,27 +126,21 @@ int copy_differences(card_addr base)
     return differ;
 }
 
-std::uint32_t index_of(std::int32_t type, const void *record)
-{
-    return static_cast<std::uint32_t>(mtrie_node_offset(type, card_addr_of(record) - MTRIE_POOL_LINK));
-}
-
 std::uint32_t physical_word(std::uint32_t word)
 {
     if (word == 0)
         return 0;
     if (!mtrie_is_child(word))
-        return wired_route_phys_base + HW_LEAVES + index_of(MTRIE_POOL_LEAF, mtrie_leaf_of(word)) * HW_LEAF_BYTES;
-    const std::uint32_t index = index_of(MTRIE_POOL_NODE, mtrie_child_of(word));
-    return (wired_route_phys_base + HW_NODES + index * HW_NODE_BYTES) | HW_NODE_TAG;
+        return wired_route_phys_base + mtrie_slot_of(mtrie_leaf_of(word));
+    return (wired_route_phys_base + mtrie_slot_of(mtrie_child_of(word))) | HW_NODE_TAG;
 }
 
 int leaf_differences(const mtrie_leaf *leaf)
 {
-    const std::uint32_t *hw = table_at(va_wired_base, HW_LEAVES + index_of(MTRIE_POOL_LEAF, leaf) * HW_LEAF_BYTES);
+    const std::uint32_t *hw = table_at(va_wired_base, mtrie_slot_of(leaf));
     if (!leaf->ecmp)
         return (hw[0] != leaf->adjacency) + (hw[1] != 0);
-    const std::uint32_t offset = HW_ECMPS + index_of(MTRIE_POOL_ECMP, leaf->ecmp) * HW_ECMP_BYTES;
+    const std::uint32_t offset = mtrie_slot_of(leaf->ecmp.get());
     int differ = (hw[0] != leaf->adjacency) + (hw[1] != wired_route_phys_base + offset);
     for (unsigned i = 0; i < ECMP_WORDS; ++i)
         differ += table_at(va_wired_base, offset)[i] != leaf->ecmp->hw[i];
@@ -155,7 +149,7 @@ int leaf_differences(const mtrie_leaf *leaf)
 
 int node_differences(const mtrie_node *node)
 {
-    const std::uint32_t *hw = table_at(va_wired_base, HW_NODES + index_of(MTRIE_POOL_NODE, node) * HW_NODE_BYTES);
+    const std::uint32_t *hw = table_at(va_wired_base, mtrie_slot_of(node));
     int differ = 0;
     for (std::uint32_t i = 0; i < MTRIE_SLOTS; ++i) {
         const std::uint32_t word = node->children[i];

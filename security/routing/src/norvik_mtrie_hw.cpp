@@ -4,13 +4,14 @@
 // table memory. A change is written in two forms: physical addresses into the wired copy, the processor's own
 // addresses into its copy. All stores are whole words (hw_store.h); children are filled before the slot that names
 // them, an ECMP header after its entries.
-// Elsewhere: which records exist (norvik_mtrie_pool.cpp), when a slot changes (norvik_mtrie.cpp).
+// Elsewhere: the slot of a record (norvik_mtrie_slot.cpp), which records exist (norvik_mtrie_pool.cpp), when a slot
+// changes (norvik_mtrie.cpp).
 #include "norvik_mtrie_hw.h"
 
 #include <cstdio>
 
 #include "hw_store.h"
-#include "norvik_mtrie_pool.h"
+#include "norvik_mtrie_slot.h"
 #include "platform_mem.h"
 #include "route_log.h"
 #include "route_table.h"
@@ -29,23 +30,6 @@ std::uint32_t *word_at(card_addr addr) { return card_at<std::uint32_t>(addr); }
 std::uint32_t physical_form(std::uint32_t offset) { return wired_route_phys_base + offset; }
 std::uint32_t ixp_form(std::uint32_t offset) { return HW_IXP_BASE + offset; }
 card_addr in_ixp_copy(card_addr wired, card_addr ixp_base) { return wired - va_wired_base + ixp_base; }
-
-std::uint32_t node_offset(std::int32_t index) { return HW_NODES + static_cast<std::uint32_t>(index) * HW_NODE_BYTES; }
-std::uint32_t leaf_offset(std::int32_t index) { return HW_LEAVES + static_cast<std::uint32_t>(index) * HW_LEAF_BYTES; }
-std::uint32_t ecmp_offset(std::int32_t index) { return HW_ECMPS + static_cast<std::uint32_t>(index) * HW_ECMP_BYTES; }
-
-std::uint32_t node_offset(const mtrie_node *node)
-{
-    return node_offset(mtrie_node_offset(MTRIE_POOL_NODE, card_addr_of(node) - MTRIE_POOL_LINK));
-}
-std::uint32_t leaf_offset(const mtrie_leaf *leaf)
-{
-    return leaf_offset(mtrie_node_offset(MTRIE_POOL_LEAF, card_addr_of(leaf) - MTRIE_POOL_LINK));
-}
-std::uint32_t ecmp_offset(const mtrie_ecmp *block)
-{
-    return ecmp_offset(mtrie_node_offset(MTRIE_POOL_ECMP, card_addr_of(block) - MTRIE_POOL_LINK));
-}
 
 void fill_pairs(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
 {
@@ -177,27 +161,26 @@ void mtrie_hw_clear_node(std::int32_t type, std::int32_t index)
     if (!has_writers())
         return;
     if (type == MTRIE_POOL_NODE || type == MTRIE_POOL_ECMP) {
-        const bool node = type == MTRIE_POOL_NODE;
-        const card_addr to = va_wired_base + (node ? node_offset(index) : ecmp_offset(index));
-        const std::uint32_t pairs = (node ? HW_NODE_BYTES : HW_ECMP_BYTES) / 8;
+        const card_addr to = va_wired_base + mtrie_slot_at(type, index);
+        const std::uint32_t pairs = MTRIE_SLOT_SHAPES[type].hw_bytes / 8;
         mtrie_hw_ops.fill_pairs_wired(to, 0, 0, pairs);
         mtrie_hw_ops.fill_pairs_ixp(to, 0, 0, pairs);
     } else if (type == MTRIE_POOL_LEAF) {
-        fill_forms(leaf_offset(index), 0, 0, HW_LEAF_BYTES / 4);
+        fill_forms(mtrie_slot_at(type, index), 0, 0, HW_LEAF_BYTES / 4);
     }
 }
 
 void mtrie_hw_write_adjacency(const mtrie_leaf *leaf, const std::uint32_t *source)
 {
     if (has_writers())
-        mtrie_hw_ops.copy_words(va_wired_base + leaf_offset(leaf), source, 1);
+        mtrie_hw_ops.copy_words(va_wired_base + mtrie_slot_of(leaf), source, 1);
 }
 
 void mtrie_hw_write_ecmp(const mtrie_ecmp *block, const std::uint32_t *source)
 {
     if (!has_writers())
         return;
-    const card_addr to = va_wired_base + ecmp_offset(block);
+    const card_addr to = va_wired_base + mtrie_slot_of(block);
     // The header goes last: a valid one never stands over stale entries.
     for (std::uint32_t i = 1; i < ECMP_WORDS; ++i)
         mtrie_hw_ops.copy_words(to + 4 * i, source + i, 1);
@@ -208,17 +191,17 @@ void mtrie_hw_set_ecmp(const mtrie_leaf *leaf, const mtrie_ecmp *block)
 {
     if (block == nullptr)
         return;
-    const std::uint32_t offset = ecmp_offset(block);
-    fill_forms(leaf_offset(leaf) + 4, physical_form(offset), ixp_form(offset), 1);
+    const std::uint32_t offset = mtrie_slot_of(block);
+    fill_forms(mtrie_slot_of(leaf) + 4, physical_form(offset), ixp_form(offset), 1);
 }
 
-void mtrie_hw_reset_ecmp(const mtrie_leaf *leaf) { fill_forms(leaf_offset(leaf) + 4, 0, 0, 1); }
+void mtrie_hw_reset_ecmp(const mtrie_leaf *leaf) { fill_forms(mtrie_slot_of(leaf) + 4, 0, 0, 1); }
 
 void mtrie_hw_set_root(std::uint32_t tree, const mtrie_node *root)
 {
     if (root == nullptr)
         return;
-    const std::uint32_t offset = node_offset(root);
+    const std::uint32_t offset = mtrie_slot_of(root);
     fill_forms(4 * tree, physical_form(offset) | HW_NODE_TAG, ixp_form(offset) | HW_NODE_TAG, 1);
 }
 
@@ -230,7 +213,7 @@ mtrie_node *mtrie_get_root_node(std::uint32_t tree)
     const std::uint32_t offset = (word & ~HW_NODE_TAG) - wired_route_phys_base;
     const card_addr element =
         mtrie_get_cp_node(MTRIE_POOL_NODE, static_cast<std::int32_t>(offset - HW_NODES) / std::int32_t{HW_NODE_BYTES});
-    return element == 0 ? nullptr : card_at<mtrie_node>(element + MTRIE_POOL_LINK);
+    return mtrie_record_of<mtrie_node>(element);
 }
 
 int mtrie_hw_write_children(const mtrie_node *node, std::uint32_t word, std::uint32_t first, std::uint32_t last)
@@ -240,20 +223,14 @@ int mtrie_hw_write_children(const mtrie_node *node, std::uint32_t word, std::uin
         const card_addr record = mtrie_is_child(word) ? card_addr_of(mtrie_child_of(word)) : word;
         const card_addr element = record - MTRIE_POOL_LINK;
         const std::int32_t type = mtrie_node_type(element);
-        std::uint32_t offset, tag;
-        if (type == MTRIE_POOL_LEAF) {
-            offset = leaf_offset(mtrie_node_offset(type, element));
-            tag = 0;
-        } else if (type == MTRIE_POOL_NODE) {
-            offset = node_offset(mtrie_node_offset(type, element));
-            tag = HW_NODE_TAG;
-        } else {
+        if (type != MTRIE_POOL_LEAF && type != MTRIE_POOL_NODE)
             return 1;
-        }
+        const std::uint32_t offset = mtrie_slot_at(type, mtrie_node_offset(type, element));
+        const std::uint32_t tag = type == MTRIE_POOL_NODE ? HW_NODE_TAG : 0;
         physical = physical_form(offset) | tag;
         ixp = ixp_form(offset) | tag;
     }
-    fill_forms(node_offset(node) + 4 * first, physical, ixp, last - first + 1);
+    fill_forms(mtrie_slot_of(node) + 4 * first, physical, ixp, last - first + 1);
     return 0;
 }
 
