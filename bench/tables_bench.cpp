@@ -9,7 +9,6 @@
 #include "bench.h"
 #include "bench_card.h"
 #include "hw_store.h"
-#include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

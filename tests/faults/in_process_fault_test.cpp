@@ -12,7 +12,7 @@
 
 #include "fake_card.h"
 #include "norvik_init.h"
-#include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_dump.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"

@@ -28,7 +28,7 @@
 #include "hw_store.h"
 #include "mtrack.h"
 #include "norvik_init.h"
-#include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

@@ -10,6 +10,7 @@
 
 #include "fake_card.h"
 #include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

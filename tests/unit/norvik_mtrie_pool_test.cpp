@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "fake_card.h"
-#include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
 #include "processor_walk.h"
 #include "route_ids.h"

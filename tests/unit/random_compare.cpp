@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

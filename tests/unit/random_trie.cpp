@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"

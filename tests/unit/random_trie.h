@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "fake_card.h"
-#include "norvik_mtrie.h"
 #include "plain_trie.h"
 #include "processor_walk.h"
 

@@ -5,7 +5,9 @@
 #include <random>
 
 #include "mtrack.h"
+#include "nat_range.h"
 #include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
 #include "rib_card.h"

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "prefix_mgr.h"
 #include "rib_card.h"

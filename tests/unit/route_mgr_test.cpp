@@ -14,6 +14,7 @@
 
 #include "fake_card.h"
 #include "norvik_mtrie.h"
+#include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
 #include "rib_table.h"

@@ -3,10 +3,11 @@
 // Greedy: from the lowest address on, always the largest aligned block that ends within the range. Every step is
 // logged and printed, so that an operator can follow why a pool became the routes it did.
 // Elsewhere: what is done with the prefixes (rib_nat.cpp).
+#include "nat_range.h"
+
 #include <cstdio>
 
 #include "line_format.h"
-#include "rib_nat.h"
 #include "route_log.h"
 
 namespace

@@ -25,14 +25,3 @@ unsigned mtrie_mask_len(std::uint32_t mask); // one bits of a contiguous mask
 // Called with a leaf whose last reference goes, before its record returns to the pool. The layer above sets it.
 using mtrie_leaf_gone_hook = void (*)(mtrie_leaf *leaf);
 extern mtrie_leaf_gone_hook mtrie_leaf_gone;
-
-// What an audit found in a tree.
-struct mtrie_census {
-    std::uint32_t nodes;    // the root included
-    std::uint32_t leaves;   // in slots or linked to one that is
-    std::uint32_t foldable; // nodes below the root, empty or all slots one leaf: an insert ran out or filled a gap
-};
-
-// Audit of the tree of `root`: reference counts, links both ways, slot counts, shorter masks along `back`, leaves that
-// cover their slots. `census` may be null. Returns 0, or the number of rules broken.
-[[nodiscard]] int mtrie_check(const mtrie_node *root, mtrie_census *census);

@@ -3,10 +3,11 @@
 // mtrie_check recomputes from the slots and links of one tree what the records claim. mtrie_hw_check compares the
 // control plane of all trees with the wired copy, and the wired copy with each processor's, word by word. Neither
 // changes anything; both answer with the number of rules broken.
+#include "norvik_mtrie_check.h"
+
 #include <map>
 #include <set>
 
-#include "norvik_mtrie.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_slot.h"
 #include "route_table.h"

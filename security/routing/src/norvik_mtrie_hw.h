@@ -43,6 +43,3 @@ int reg_invoke_hw_add_child_block_to_mnode(const mtrie_node *node, std::uint32_t
 void mtrie_hw_lookup(std::uint32_t tree, std::uint32_t address);
 void mtrie_hw_lookup_ixp_1(std::uint32_t tree, std::uint32_t address);
 void mtrie_hw_lookup_ixp_2(std::uint32_t tree, std::uint32_t address);
-
-// Audit: every copy equals the control plane in its own form. Returns 0, or the number of words that differ.
-[[nodiscard]] int mtrie_hw_check();

@@ -10,6 +10,7 @@
 
 #include "if_mgr.h"
 #include "mtrack.h"
+#include "nat_range.h"
 #include "prefix_mgr.h"
 #include "rib_nexthop_index.h"
 #include "rib_show.h"
