@@ -23,18 +23,24 @@ namespace
 constexpr std::uint32_t U32_MAX = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t INT_LIMIT = std::numeric_limits<std::int32_t>::max();
 
+// The wired region lies below 4 GiB as a whole. Its words are the addresses of what they name, with their lowest bit
+// for a node, so an odd base would make leaves of nodes.
+constexpr std::uint32_t WIRED_BASE_STEP = 0x1000, WIRED_BASE_MAX = 0 - HW_WIRED_BYTES;
+static_assert(WIRED_BASE_MAX == 0xFEC00000);
+
 struct number_key {
     std::string_view key;
-    std::uint32_t min, max;
+    std::uint32_t min, max, multiple_of;
     void (*set)(card_conf &conf, std::uint32_t value);
 };
 constexpr number_key NUMBER_KEYS[] = {
-    {"slot", 1, INT_LIMIT, [](card_conf &c, std::uint32_t v) { c.slot = v; }},
-    {"num_ixp", 0, 2, [](card_conf &c, std::uint32_t v) { c.num_ixp = v; }},
-    {"wired_phys_base", 0, U32_MAX, [](card_conf &c, std::uint32_t v) { c.wired_phys_base = v; }},
-    {"supervisor_address", 0, 255,
+    {"slot", 1, INT_LIMIT, 1, [](card_conf &c, std::uint32_t v) { c.slot = v; }},
+    {"num_ixp", 0, 2, 1, [](card_conf &c, std::uint32_t v) { c.num_ixp = v; }},
+    {"wired_phys_base", 0, WIRED_BASE_MAX, WIRED_BASE_STEP,
+     [](card_conf &c, std::uint32_t v) { c.wired_phys_base = v; }},
+    {"supervisor_address", 0, 255, 1,
      [](card_conf &c, std::uint32_t v) { c.supervisor_address = static_cast<std::uint8_t>(v); }},
-    {"rpc_timeout_ms", 0, INT_LIMIT, [](card_conf &c, std::uint32_t v) { c.rpc_timeout_ms = v; }},
+    {"rpc_timeout_ms", 0, INT_LIMIT, 1, [](card_conf &c, std::uint32_t v) { c.rpc_timeout_ms = v; }},
 };
 
 std::string_view trimmed(std::string_view text)
@@ -94,6 +100,8 @@ const char *apply(card_conf &conf, std::string_view key, std::string_view value)
             return "is no number of 32 bits";
         if (number < known.min || number > known.max)
             return "is out of range";
+        if (number % known.multiple_of != 0)
+            return "is not aligned";
         known.set(conf, number);
         return nullptr;
     }

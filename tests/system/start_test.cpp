@@ -108,12 +108,14 @@ TEST(daemon_start, with_one_processor_leaves_the_second_table_memory_alone)
 
 TEST(daemon_start, follows_the_wired_base_of_the_card_settings_in_the_wired_copy_only)
 {
-    const card_dir card;
-    file_write(card.at("card.conf"), "wired_phys_base = 0x10000000\n");
-    const daemon_process daemon(card);
-    ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
-    EXPECT_EQ(table_difference(memory_words(card, "mem/wired"), table_at_start(0x10000000).words), "");
-    EXPECT_EQ(table_difference(memory_words(card, "mem/ixp2"), table_at_start(TABLE_IXP).words), "");
+    for (const std::uint32_t base : {0x10000000u, 0u, 0xFEC00000u}) {
+        const card_dir card;
+        file_write(card.at("card.conf"), "wired_phys_base = " + std::to_string(base) + "\n");
+        const daemon_process daemon(card);
+        ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
+        EXPECT_EQ(table_difference(memory_words(card, "mem/wired"), table_at_start(base).words), "") << base;
+        EXPECT_EQ(table_difference(memory_words(card, "mem/ixp2"), table_at_start(TABLE_IXP).words), "") << base;
+    }
 }
 
 TEST(daemon_start, reports_a_bad_setting_with_its_line_and_keeps_the_default)

@@ -259,6 +259,14 @@ TEST(card_conf, every_key_is_read_decimal_or_hexadecimal)
     EXPECT_EQ(said, "");
 }
 
+TEST(card_conf, the_wired_region_may_begin_anywhere_on_a_page_that_leaves_it_room_below_4_gib)
+{
+    for (const std::uint32_t base : {0u, 0x1000u, 0xFEC00000u})
+        EXPECT_EQ(with_conf("wired_phys_base = " + std::to_string(base) + "\n",
+                            [base](const card_conf &c) { EXPECT_EQ(c.wired_phys_base, base); }),
+                  "");
+}
+
 TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
 {
     struct bad_line {
@@ -273,6 +281,9 @@ TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
                                                               {"supervisor_address = 256"},
                                                               {"wired_phys_base = 0x100000000"},
                                                               {"wired_phys_base = 0x"},
+                                                              {"wired_phys_base = 0x08000001"},
+                                                              {"wired_phys_base = 0x08000800"},
+                                                              {"wired_phys_base = 0xFEC01000"},
                                                               {"rpc_timeout_ms = 10ms"},
                                                               {"rpc_timeout_ms = 99999999999999999999"},
                                                               {"route_cache = on"},

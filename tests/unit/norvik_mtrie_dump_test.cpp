@@ -249,6 +249,24 @@ TEST(mtrie_dump, the_wired_copys_addresses_begin_at_its_physical_base)
     EXPECT_EQ(dump(card, 0, NET8), (text_list{level(0, 20), level(1, 0), FOUND})) << "a processor's address of a node";
 }
 
+TEST(mtrie_dump, a_null_word_is_null_in_every_copy_also_where_the_wired_regions_addresses_begin_at_0)
+{
+    fake_card card;
+    card.wired_phys_base = 0;
+    ASSERT_EQ(card.start(), 0);
+    for (const std::uint16_t copy : {std::uint16_t{0}, std::uint16_t{1}, std::uint16_t{2}}) {
+        const std::uint32_t form = copy == 0 ? 0 : HW_IXP_BASE;
+        const std::uint32_t root = card.word(copy, 4 * CTX) - HW_NODE_TAG - form;
+        const std::uint32_t leaf = card.word(copy, root + 4 * 224) - form;
+        platform_store32(card_at<std::uint32_t>(card.memory(copy) + leaf), ADJ_ECMP); // it names no block
+        const text_list lines = dump(card, copy, IP(224, 0, 0, 1));
+        ASSERT_EQ(lines.size(), 13u) << "copy " << copy;
+        EXPECT_EQ(lines[4], "\n ixp " + std::to_string(copy) + "  ecmp node 0x0 found.\n");
+        platform_store32(card_at<std::uint32_t>(card.memory(copy) + root + 4 * 30), 0);
+        EXPECT_EQ(dump(card, copy, IP(30, 0, 0, 1)), (text_list{level(0, 30), FOUND})) << "copy " << copy;
+    }
+}
+
 TEST(mtrie_dump, a_line_ends_in_zeros_and_nothing_of_other_memory_goes_out)
 {
     dump_card card;

@@ -36,10 +36,10 @@ hw_copy choose(std::uint16_t copy)
     return {copy == 1 ? va_ixp1_dram_base : va_ixp2_dram_base, HW_IXP_BASE};
 }
 
-// Mapped address of a table address with `bytes` behind it; 0 when it is not this copy's.
+// Mapped address of a table address with `bytes` behind it; 0 when it is null or not this copy's.
 card_addr mapped(const hw_copy &copy, std::uint32_t addr, std::uint32_t bytes)
 {
-    if (copy.base == 0 || addr < copy.form || addr - copy.form > HW_TABLE_BYTES - bytes)
+    if (copy.base == 0 || addr == 0 || addr < copy.form || addr - copy.form > HW_TABLE_BYTES - bytes)
         return 0;
     return copy.base + (addr - copy.form);
 }
