@@ -40,7 +40,7 @@ constexpr number_key NUMBER_KEYS[] = {
      [](card_conf &c, std::uint32_t v) { c.wired_phys_base = v; }},
     {"supervisor_address", 0, 255, 1,
      [](card_conf &c, std::uint32_t v) { c.supervisor_address = static_cast<std::uint8_t>(v); }},
-    {"rpc_timeout_ms", 0, INT_LIMIT, 1, [](card_conf &c, std::uint32_t v) { c.rpc_timeout_ms = v; }},
+    {"rpc_timeout_ms", 1, INT_LIMIT, 1, [](card_conf &c, std::uint32_t v) { c.rpc_timeout_ms = v; }},
 };
 
 std::string_view trimmed(std::string_view text)

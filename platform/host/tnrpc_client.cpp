@@ -94,8 +94,8 @@ int socket_wait(int socket, short events, std::int64_t deadline_ns)
 void socket_limit_receive(int socket)
 {
     const std::int64_t ms = card_conf_get().rpc_timeout_ms;
-    const timeval limit{ms / 1000, std::max<std::int64_t>(ms % 1000 * 1000, 1)}; // 0 would be for ever
-    (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);     // cannot fail: a valid time
+    const timeval limit{ms / 1000, ms % 1000 * 1000};
+    (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit); // cannot fail: a valid time
 }
 
 // Connects to the endpoint, waiting for a place in its queue if need be. Returns the socket, or -1.

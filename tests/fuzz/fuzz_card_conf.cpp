@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0)
         std::abort();
     const card_conf conf = card_conf_read(file_name());
-    if (conf.num_ixp > 2 || conf.slot == 0 || conf.slot > 0x7FFFFFFF || conf.rpc_timeout_ms > 0x7FFFFFFF ||
-        conf.wired_phys_base % 0x1000 != 0 || conf.wired_phys_base > 0xFEC00000)
+    if (conf.num_ixp > 2 || conf.slot == 0 || conf.slot > 0x7FFFFFFF || conf.rpc_timeout_ms == 0 ||
+        conf.rpc_timeout_ms > 0x7FFFFFFF || conf.wired_phys_base % 0x1000 != 0 || conf.wired_phys_base > 0xFEC00000)
         std::abort(); // a setting out of its range was taken
     return 0;
 }

@@ -284,6 +284,7 @@ TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
                                                               {"wired_phys_base = 0x08000001"},
                                                               {"wired_phys_base = 0x08000800"},
                                                               {"wired_phys_base = 0xFEC01000"},
+                                                              {"rpc_timeout_ms = 0"},
                                                               {"rpc_timeout_ms = 10ms"},
                                                               {"rpc_timeout_ms = 99999999999999999999"},
                                                               {"route_cache = on"},
