@@ -11,7 +11,7 @@
 
 #include "route_table.h"
 
-// Settings of the card (card.conf); the defaults stand for what is missing or bad.
+// Settings of the card (card.conf), with the values that they have when no line of it sets them.
 struct card_conf {
     std::uint32_t slot = 1;
     std::uint32_t num_ixp = 2;

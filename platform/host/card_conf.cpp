@@ -118,7 +118,7 @@ void read_line(card_conf &conf, const char *path, unsigned number, std::string_v
     const std::string value(equals == std::string_view::npos ? std::string_view{} : trimmed(line.substr(equals + 1)));
     const char *const wrong = equals == std::string_view::npos ? "is not `key = value`" : apply(conf, key, value);
     if (wrong != nullptr)
-        (void)std::fprintf(stderr, "%s: %s: line %u: `%.*s` %s; the default stands\n", program_invocation_short_name,
+        (void)std::fprintf(stderr, "%s: %s: line %u: `%.*s` %s; nothing is changed\n", program_invocation_short_name,
                            path, number, static_cast<int>(line.size() < 80 ? line.size() : 80), line.data(), wrong);
 }
 

@@ -118,7 +118,7 @@ TEST(daemon_start, follows_the_wired_base_of_the_card_settings_in_the_wired_copy
     }
 }
 
-TEST(daemon_start, reports_a_bad_setting_with_its_line_and_keeps_the_default)
+TEST(daemon_start, reports_a_bad_setting_with_its_line_and_serves_without_it)
 {
     const card_dir card;
     file_write(card.at("card.conf"), "# settings\nnum_ixp = many\n");

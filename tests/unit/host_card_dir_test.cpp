@@ -267,7 +267,7 @@ TEST(card_conf, the_wired_region_may_begin_anywhere_on_a_page_that_leaves_it_roo
                   "");
 }
 
-TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
+TEST(card_conf, a_bad_value_is_reported_with_its_line_and_changes_nothing)
 {
     struct bad_line {
         const char *line;
@@ -300,5 +300,12 @@ TEST(card_conf, a_bad_value_is_reported_with_its_line_and_the_default_stands)
         });
         EXPECT_NE(said.find("line 3"), std::string::npos) << line << ": " << said;
         EXPECT_EQ(said.find('\n'), said.size() - 1) << line << ": " << said;
+        EXPECT_NE(said.find("; nothing is changed"), std::string::npos) << line << ": " << said;
     }
+    const std::string said =
+        with_conf("slot = 7\nslot = no\nroute_cache = kernel\nroute_cache = on\n", [](const card_conf &c) {
+            EXPECT_EQ(c.slot, 7u) << "the value that stood";
+            EXPECT_TRUE(c.route_cache_kernel);
+        });
+    EXPECT_EQ(said.find("default"), std::string::npos) << said;
 }
