@@ -48,6 +48,16 @@ int make_folder(const std::string &path)
     return errno == EEXIST ? 0 : -1;
 }
 
+// Gives a folder of the card directory mode 0700. What stands at its name and is no folder is left as it is: a link
+// could lead out of the card. Returns 0, or -1 with errno.
+int close_folder(const std::string &path)
+{
+    struct stat st = {};
+    if (lstat(path.c_str(), &st) != 0)
+        return -1;
+    return S_ISDIR(st.st_mode) && (st.st_mode & 07777) != 0700 ? chmod(path.c_str(), 0700) : 0;
+}
+
 // Whether the folder at `path` is ours alone; says why not. A link to it must be ours as well: another user could
 // point it elsewhere once it has been judged.
 bool is_ours_alone(const std::string &path)
@@ -98,8 +108,9 @@ std::string find_directory()
     if (!is_ours_alone(path))
         return {};
     for (const char *folder : CARD_FOLDERS) {
-        if (make_folder(path + "/" + folder) != 0) {
-            refuse(path + "/" + folder, std::strerror(errno));
+        const std::string inner = path + "/" + folder;
+        if (make_folder(inner) != 0 || close_folder(inner) != 0) {
+            refuse(inner, std::strerror(errno));
             return {};
         }
     }

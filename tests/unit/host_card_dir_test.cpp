@@ -43,6 +43,27 @@ TEST(card_dir, is_made_with_its_folders_for_us_alone_whatever_the_umask)
     });
 }
 
+TEST(card_dir, folders_that_exist_get_their_mode_and_a_link_in_place_of_one_is_left_alone)
+{
+    const fresh_folder folder, elsewhere;
+    constexpr struct {
+        const char *name;
+        mode_t mode;
+    } FOLDERS[] = {{"mts", 0755}, {"rpc", 0777}, {"rpc/names", 02770}, {"mem", 0500}, {"history", 0}};
+    for (const auto &[name, mode] : FOLDERS)
+        std::filesystem::create_directory(folder.path + "/" + name);
+    for (const auto &[name, mode] : FOLDERS)
+        chmod((folder.path + "/" + name).c_str(), mode);
+    chmod(elsewhere.path.c_str(), 0755);
+    std::filesystem::create_symlink(elsewhere.path, folder.path + "/scp");
+    on_card(folder.path, [&] {
+        EXPECT_EQ(stderr_of([&] { EXPECT_EQ(card_dir_path(), folder.path); }), "");
+        for (const auto &[name, mode] : FOLDERS)
+            EXPECT_EQ(mode_of(card_file(name)), 0700u) << name;
+        EXPECT_EQ(mode_of(elsewhere.path), 0755u);
+    });
+}
+
 TEST(card_dir, one_that_others_can_enter_is_refused_with_one_line)
 {
     const fresh_folder folder;
