@@ -4,7 +4,8 @@
 // its owner alone can. A socket has a lock file beside it, because the socket of a dead process looks like that of a
 // live one; the lock ends with its process, however that ends.
 // Always: nothing opened here survives an exec; a socket is replaced only under its lock; a new file appears under its
-// name complete and with all its blocks, so a full disk is an error here and never a fault in a later store.
+// name complete and with all its blocks, so a full disk is an error here and never a fault in a later store; the
+// descriptors 0 to 2 are open before anything of the card is.
 // Elsewhere: what is sent through the sockets (mts.cpp, tnrpc_server.cpp, scp.cpp), the settings (card_conf.cpp).
 #include "card_dir.h"
 
@@ -27,6 +28,15 @@ namespace
 {
 constexpr unsigned LOCK_WAIT_MS = 100, LOCK_STEP_MS = 2;
 constexpr int LISTEN_BACKLOG = 128;
+
+// A process may be started with its standard descriptors closed. They are opened before main, so that text meant for
+// standard output or error never goes into a lock or a memory that got its number.
+[[gnu::constructor]] void open_standard_descriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) // opens the lowest that is closed: this one
+            return;
+}
 
 // Locks that this process holds, by the socket's name. Never destroyed: the clean-up at exit still asks.
 std::vector<std::string> &held_locks()

@@ -119,6 +119,8 @@ void take_limits(const daemon_limits &limits)
     ::close(out_fd);
     ::close(err_fd);
     take_limits(limits);
+    for (int standard = STDIN_FILENO; limits.no_standard && standard <= STDERR_FILENO; ++standard)
+        ::close(standard);
     char *const arguments[] = {const_cast<char *>(program), nullptr};
     ::execve(program, arguments, environment);
     ::_exit(127);

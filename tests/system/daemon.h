@@ -33,6 +33,7 @@ struct daemon_limits {
     unsigned long file_bytes = 0;    // longest file; the signal for a longer one is ignored, so writing it fails
     std::string output = {};         // folder of its standard output and error; empty: the card directory
     unsigned long address_space = 0; // bytes
+    bool no_standard = false;        // descriptors 0 to 2 are closed
 };
 
 // One daemon. Killed with the record if it still runs.

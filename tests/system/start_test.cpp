@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <signal.h>
 
 #include "daemon.h"
@@ -126,6 +128,24 @@ TEST(daemon_start, reports_a_bad_setting_with_its_line_and_serves_without_it)
     ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
     EXPECT_NE(file_text(daemon.err).find("card.conf: line 2: "), std::string::npos) << file_text(daemon.err);
     EXPECT_TRUE(path_exists(card.at("mem/ixp2")));
+}
+
+TEST(daemon_start, opens_the_null_device_for_standard_descriptors_that_are_closed)
+{
+    const card_dir card;
+    daemon_limits closed;
+    closed.no_standard = true;
+    const daemon_process daemon(card, "first", closed);
+    ASSERT_EQ(daemon_notification(daemon), "READY=1");
+    for (const char *standard : {"0", "1", "2"})
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid) + "/fd/" + standard), "/dev/null")
+            << standard;
+    const mts_queue queue(card, 1024);
+    debug_request(queue, 1, 0, 0xFFFFFFFF, 1);
+    EXPECT_EQ(ask_whether_full(card, 3).status, 0u);
+    EXPECT_NE(debug_answer(queue, 5), "");
+    for (const char *lock : {"rpc/9.lock", "mts/514.lock"})
+        EXPECT_EQ(file_text(card.at(lock)), "") << lock;
 }
 
 TEST(daemon_second_instance, ends_with_255_and_its_line_while_the_first_keeps_serving)
