@@ -15,6 +15,13 @@ enum debug_verb : std::uint32_t {
     DEBUG_SHOW_MEMORY = 3,    // answered: "<type> <name> <live blocks> <live bytes> <peak bytes>" for each type
     DEBUG_SET_THRESHOLD = 4,  // syslog threshold of the facility: `value`
     DEBUG_SHOW_COUNTERS = 5,  // answered: "<name> <value>" for each of the platform's counters
+    // Answered with what an operator gave `context`, from the `value`-th route on (from 0), in the table's order
+    // (length, bucket, chain; a set's members behind their head): "<a.b.c.d>/<length> <next hop> <route id>
+    // waiting|installed" for a static route, "<a.b.c.d>/<length> nat <interface> <value> waiting|installed" for a NAT
+    // prefix; behind as many as fit "more <number of the next>" or "end". What comes or goes between two requests may
+    // be missed or told twice.
+    DEBUG_SHOW_ROUTES = 6,
+    DEBUG_SHOW_GATES = 7, // answered: "<category> <history 0|1> <debug: contexts open, 0 to 256>" for each category
 };
 
 constexpr std::uint32_t DEBUG_ALL_CATEGORIES = 0, DEBUG_ALL_CONTEXTS = 0xFFFFFFFF;

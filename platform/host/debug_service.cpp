@@ -1,4 +1,5 @@
-// debug_service.cpp - the requests that an operator sends to a running process: gates, threshold, memory, counters.
+// debug_service.cpp - the requests that an operator sends to a running process: gates, threshold, memory,
+// counters, routes.
 //
 // A request comes as a message like any other and is consumed whatever is in it, so a malformed one never reaches the
 // process.
@@ -6,6 +7,7 @@
 // Elsewhere: the form of requests (debug_service.h), the gates (sdwrap.cpp), what is counted (counters.h, mtrack.cpp).
 #include "sdwrap.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -66,7 +68,7 @@ constexpr named_counter COUNTERS[] = {
 };
 static_assert(sizeof COUNTERS / sizeof COUNTERS[0] == sizeof(counters) / sizeof(std::uint64_t));
 
-void add_memory(answer_text &answer)
+void add_memory(answer_text &answer, const debug_request &)
 {
     for (unsigned type = 0; type < mtrack_type_count(); ++type) {
         const mtrack_type_stats s = mtrack_stats(type);
@@ -75,20 +77,38 @@ void add_memory(answer_text &answer)
     }
 }
 
-void add_counters(answer_text &answer)
+void add_counters(answer_text &answer, const debug_request &)
 {
     for (const named_counter &c : COUNTERS)
         add_line(answer, "%s %" PRIu64 "\n", c.name, platform_counters.*c.value);
 }
 
-void send_answer(int queue, std::uint32_t sap, void (*add_lines)(answer_text &answer))
+void add_routes(answer_text &answer, const debug_request &request)
+{
+    if (sdwrap_routes_text == nullptr)
+        return add_line(answer, "end\n"); // a process without routes
+    answer.bytes = sdwrap_routes_text(request.context, request.value, answer.text, sizeof answer.text);
+}
+
+void add_gates(answer_text &answer, const debug_request &)
+{
+    for (std::uint32_t id = SDWRAP_FIRST_CATEGORY; sdwrap_is_registered(id); ++id) {
+        const std::uint32_t i = id - SDWRAP_FIRST_CATEGORY;
+        const auto &contexts = sdwrap_gates.debug[i];
+        const auto open = SDWRAP_CONTEXTS - std::count(contexts, contexts + SDWRAP_CONTEXTS, 0);
+        add_line(answer, "%u %d %ld\n", id, sdwrap_gates.history[i] == 0 ? 1 : 0, static_cast<long>(open));
+    }
+}
+
+void send_answer(int queue, std::uint32_t sap, const debug_request &request,
+                 void (*add_lines)(answer_text &answer, const debug_request &request))
 {
     if (sap == 0)
         return;
     answer_text answer;
     answer.bytes = 0;
     answer.full = false;
-    add_lines(answer);
+    add_lines(answer, request);
     const mts_address to = {MTS_NODE_LOCAL, sap};
     (void)mts_send(queue, &to, MTS_OPC_DEBUG_ANSWER, answer.text, answer.bytes); // a lost answer is counted
 }
@@ -106,14 +126,20 @@ void serve(int queue, std::uint32_t sap, const debug_request &request)
             sdwrap_switch_history(request.category, request.value == 1);
         break;
     case DEBUG_SHOW_MEMORY:
-        send_answer(queue, sap, add_memory);
+        send_answer(queue, sap, request, add_memory);
         break;
     case DEBUG_SET_THRESHOLD:
         if (sdwrap_sys_facility != nullptr)
             sdwrap_sys_facility->level = static_cast<std::uint8_t>(request.value);
         break;
     case DEBUG_SHOW_COUNTERS:
-        send_answer(queue, sap, add_counters);
+        send_answer(queue, sap, request, add_counters);
+        break;
+    case DEBUG_SHOW_ROUTES:
+        send_answer(queue, sap, request, add_routes);
+        break;
+    case DEBUG_SHOW_GATES:
+        send_answer(queue, sap, request, add_gates);
         break;
     default:
         break;

@@ -81,5 +81,9 @@ inline int sdwrap_chk_int_vcid(std::uint32_t category, unsigned, unsigned, unsig
 [[gnu::format(printf, 5, 6)]] void buginf_vcid(std::int32_t context, unsigned, const char *module, unsigned,
                                                const char *format, ...);
 
+// Defined by a process that has routes, for the debug service: writes the answer to DEBUG_SHOW_ROUTES (debug_service.h)
+// for `context`, any number, from its `first`-th route on. room: at least 64 bytes. Returns the bytes written, no NUL.
+[[gnu::weak]] std::size_t sdwrap_routes_text(std::uint32_t context, std::uint32_t first, char *text, std::size_t room);
+
 // Handles a message that is the platform's own. Returns 1 when it is not and the caller has to, else 0.
 [[nodiscard]] int sdwrap_process_msg(int queue, const mts_message *message);

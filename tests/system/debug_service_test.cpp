@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <unistd.h>
 
 #include "daemon.h"
+#include "live_card.h"
 
 namespace
 {
@@ -34,6 +37,16 @@ protected:
     const mts_queue queue{card, 1024};
     int connection = -1;
 };
+
+// The answer to verb 6; other messages of the route manager are passed over.
+std::string routes_from(const live_card &card, std::uint32_t context, std::uint32_t first)
+{
+    debug_request(card.queue, 6, 0, context, first);
+    mts_message answer = mts_receive(card.queue);
+    while (answer.opcode == 0x1005)
+        answer = mts_receive(card.queue);
+    return answer.payload;
+}
 } // namespace
 
 TEST_F(daemon_debug_service, answers_memory_tracking_with_a_line_a_type)
@@ -136,4 +149,56 @@ TEST_F(daemon_debug_service, memory_of_a_static_route_is_counted_until_it_is_rem
     EXPECT_EQ(rpc_call(connection, "rib_remove_route", route).result, 0u);
     EXPECT_NE(debug_answer(queue, 3).find("\n11 MTRACK_ROUTE_ENTRY_3 0 0 36\n"), std::string::npos);
     EXPECT_EQ(counter_value(debug_answer(queue, 5), "route_cache_flushes"), 1u);
+}
+
+TEST(debug_service_routes, are_what_an_operator_gave_in_the_tables_order_with_their_state)
+{
+    const live_card card;
+    ASSERT_TRUE(card.ready);
+    mts_send(card.queue, EVENT_UP, state_payload());
+    card.settle();
+    EXPECT_EQ(routes_from(card, LIVE_CTX, 0), "end\n") << "an interface's own routes are not an operator's";
+    EXPECT_EQ(card.host_add(LIVE_HOST, LIVE_ENCAP), 0u);
+    EXPECT_EQ(card.route_add(address(20, 1, 0, 0), 0xFFFF0000, LIVE_HOST), 0u);
+    EXPECT_EQ(card.route_add(address(20, 1, 0, 0), 0xFFFF0000, address(10, 1, 0, 77)), 0u);
+    EXPECT_EQ(card.route_add(address(20, 0, 0, 0), 0xFF000000, address(10, 9, 9, 9)), 0u);
+    EXPECT_EQ(card.route_add(0, 0, LIVE_HOST), 0u);
+    EXPECT_EQ(card.pool_add(address(30, 0, 0, 4), 4, 9), 0u);
+    EXPECT_EQ(
+        card.result("rib_add_nat_pool", {arg16(LIVE_CTX), arg16(77), arg32(address(31, 0, 0, 1)), arg32(1), arg16(8)}),
+        0u);
+    EXPECT_EQ(routes_from(card, LIVE_CTX, 0), "0.0.0.0/0 10.1.0.9 3 installed\n"
+                                              "20.0.0.0/8 10.9.9.9 3 waiting\n"
+                                              "20.1.0.0/16 10.1.0.9 3 installed\n"
+                                              "20.1.0.0/16 10.1.0.77 3 waiting\n"
+                                              "30.0.0.4/30 nat 5 9 installed\n"
+                                              "31.0.0.1/32 nat 77 8 waiting\n"
+                                              "end\n");
+    EXPECT_EQ(routes_from(card, LIVE_CTX, 4), "30.0.0.4/30 nat 5 9 installed\n31.0.0.1/32 nat 77 8 waiting\nend\n");
+    EXPECT_EQ(routes_from(card, LIVE_CTX, 6), "end\n");
+    EXPECT_EQ(routes_from(card, LIVE_CTX + 1, 0), "end\n");
+    EXPECT_EQ(routes_from(card, 256, 0), "end\n");
+    EXPECT_EQ(routes_from(card, 0xFFFFFFFF, 0), "end\n");
+}
+
+TEST(debug_service_routes, that_one_answer_cannot_hold_go_on_at_the_number_it_names)
+{
+    const live_card card;
+    ASSERT_TRUE(card.ready);
+    constexpr std::uint32_t ROUTES = 100;
+    for (std::uint32_t i = 0; i < ROUTES; ++i)
+        ASSERT_EQ(card.route_add(address(100, 100, 100 + i, 0), 0xFFFFFF00, address(100, 100, 1, 100 + i)), 0u);
+    std::uint32_t next = 0, lines = 0, answers = 0;
+    for (bool is_end = false; !is_end; ++answers) {
+        const std::string text = routes_from(card, LIVE_CTX, next);
+        ASSERT_LE(text.size(), 1024u);
+        const auto newlines = static_cast<std::uint32_t>(std::count(text.begin(), text.end(), '\n'));
+        ASSERT_GT(newlines, 1u) << text;
+        lines += newlines - 1;
+        is_end = text.ends_with("\nend\n");
+        ASSERT_TRUE(is_end || text.ends_with("\nmore " + std::to_string(lines) + "\n")) << text;
+        next = lines;
+    }
+    EXPECT_EQ(lines, ROUTES);
+    EXPECT_EQ(answers, 5u) << "a line has 41 or 42 bytes, an answer 1024";
 }

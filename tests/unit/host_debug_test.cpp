@@ -126,7 +126,7 @@ TEST(debug_service, what_it_does_not_know_is_consumed_without_effect)
         request(queue, {});
         request(queue, {1, 101, ALL});
         request(queue, {0, 101, ALL, 1});
-        request(queue, {6, 101, ALL, 1});
+        request(queue, {8, 101, ALL, 1});
         request(queue, {1, 99, ALL, 1});
         request(queue, {1, 103, ALL, 1});
         request(queue, {1, 101, 256, 1});
@@ -216,5 +216,30 @@ TEST(debug_service, verb_5_answers_every_counter_by_name)
                   "connections_refused 6\nmessages_received 7\nmessages_malformed 8\nmessages_lost 9\n"
                   "remote_calls 10\nremote_calls_failed 11\nscp_sent 12\nscp_failed 13\nroute_cache_flushes 14\n"
                   "history_records 15\ninterface_reads_torn 16\n");
+    });
+}
+
+TEST(debug_service, verb_6_of_a_process_without_routes_is_answered_with_the_end)
+{
+    on_fresh_card([] {
+        const int queue = start();
+        const int peer = peer_socket(card_file("mts/1024"));
+        request(queue, {6, 0, 3, 0}, 1024);
+        EXPECT_EQ(peer_receive(peer), "MTS1" + be32(1531) + be32(0) + be32(514) + "end\n");
+    });
+}
+
+TEST(debug_service, verb_7_answers_the_gates_of_each_category)
+{
+    on_fresh_card([] {
+        const int queue = start();
+        const int peer = peer_socket(card_file("mts/1024"));
+        request(queue, {1, 0, ALL, 0});
+        request(queue, {2, 101, 0, 1});
+        request(queue, {1, 100, ALL, 1});
+        request(queue, {1, 102, 7, 1});
+        request(queue, {1, 102, 255, 1});
+        request(queue, {7, 0, 0, 0}, 1024);
+        EXPECT_EQ(peer_receive(peer).substr(16), "100 0 256\n101 1 0\n102 0 2\n");
     });
 }
