@@ -2,15 +2,11 @@
 //
 // After the start a picture of every allocated block, of the tables and of the pools is kept; restoring copies it back
 // and gives back what was allocated since. A block of the start that was freed is only set aside until then.
-// The one poll(2) of the program is here, so that a peer's answer is made in the moment the process waits for it: one
-// thread is enough, and every run of an input is the same.
+// Elsewhere: the services that the process calls, and the time (fuzz_peer.cpp).
 #include "fuzz_card.h"
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,7 +16,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -44,11 +39,8 @@
 #include "route_mts.h"
 #include "route_rpc_client.h"
 #include "route_rpc_serv.h"
-#include "rpc_record.h"
 #include "scp.h"
 #include "sdwrap.h"
-
-fuzz_peer_script fuzz_peer;
 
 namespace
 {
@@ -82,7 +74,6 @@ unsigned type_count = 0;
 unsigned fail_countdown = 0;
 bool changed = false; // since the last audit
 bool drifted = false; // since the last restore
-int peer_listener = -1, peer_connection = -1;
 
 void touch() { changed = drifted = true; }
 
@@ -124,21 +115,12 @@ void remove_directory()
     std::filesystem::remove_all(directory(), ignored);
 }
 
-sockaddr_un address_of(const std::string &path)
+sockaddr_un address_of(const char *name)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
-
-int bound(int type, const char *name)
-{
-    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const sockaddr_un address = address_of(fuzz_card_file(name));
-    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    sockaddr_un address;
+    if (card_dir_address(name, &address) != 0)
         fuzz_fail(name);
-    return fd;
+    return address;
 }
 
 // Eight interfaces, 1 to 8: the last down, the one before without an address, the one before that not routed.
@@ -188,16 +170,6 @@ void open_services()
     (void)sdwrap_hist_set_event_subtype(ROUTE_HIST_EVENT, 0, 1); // every category, so that all lines are formatted
 }
 
-void open_peer()
-{
-    peer_listener = bound(SOCK_SEQPACKET, "rpc/20");
-    if (listen(peer_listener, 8) != 0)
-        fuzz_fail("peer");
-    for (const char *name : {"tn_arp_add_entry", "encap_valid_mac", FUZZ_PEER_PROCEDURE})
-        if (symlink("../20", (fuzz_card_file("rpc/names/") + name).c_str()) != 0)
-            fuzz_fail(name);
-}
-
 void start_tables()
 {
     if (mtrie_pool_init() != 0 || norvik_init_ixp_fib() != 0)
@@ -225,53 +197,6 @@ void take_picture()
     gates_at_start = sdwrap_gates;
 }
 
-void put_reply(std::vector<std::uint8_t> &reply, const std::uint8_t *call, std::size_t length)
-{
-    fuzz_put32(reply, TNRPC_REPLY_MAGIC);
-    fuzz_put32(reply, tnrpc_get(call + 4, 4));
-    fuzz_put32(reply, fuzz_peer.answer == fuzz_answer::failing ? 1 : 0);
-    fuzz_put32(reply, fuzz_peer.answer == fuzz_answer::failing ? 0 : fuzz_peer.result);
-    // encap_valid_mac asks for one value of two bytes; its argument stands behind the name.
-    constexpr std::size_t MAC_CALL = TNRPC_CALL_HEAD + 15 + 10 + 10;
-    if (length == MAC_CALL && fuzz_peer.answer == fuzz_answer::well) {
-        const std::uint8_t value[] = {0, 8, 0, 0, 0, 0, 0, 2, 0, static_cast<std::uint8_t>(fuzz_peer.result & 1)};
-        reply.insert(reply.end(), std::begin(value), std::end(value));
-    }
-}
-
-// The peer's turn: takes a call that waits, and answers it by the script.
-void peer_turn()
-{
-    const int fresh = accept4(peer_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fresh >= 0) {
-        if (peer_connection >= 0)
-            close(peer_connection);
-        peer_connection = fresh;
-    }
-    std::uint8_t call[4096];
-    const ssize_t got = peer_connection < 0 ? -1 : recv(peer_connection, call, sizeof call, MSG_DONTWAIT);
-    if (got < static_cast<ssize_t>(TNRPC_CALL_HEAD) || fuzz_peer.answer == fuzz_answer::nothing)
-        return;
-    std::vector<std::uint8_t> reply = fuzz_peer.raw;
-    if (fuzz_peer.answer != fuzz_answer::raw) {
-        reply.clear();
-        put_reply(reply, call, static_cast<std::size_t>(got));
-    } else if (fuzz_peer.own_transaction && reply.size() >= 8) {
-        std::copy(call + 4, call + 8, reply.begin() + 4);
-    }
-    if (fuzz_peer.answer != fuzz_answer::ending)
-        (void)send(peer_connection, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (fuzz_peer.answer == fuzz_answer::ending || reply.empty()) {
-        close(peer_connection);
-        peer_connection = -1;
-    }
-}
-
-int real_poll(pollfd *set, nfds_t count, int timeout)
-{
-    return static_cast<int>(syscall(SYS_poll, set, count, timeout));
-}
-
 void check_context(std::uint32_t ctx)
 {
     if (rib_check(ctx) != 0)
@@ -283,18 +208,9 @@ void check_context(std::uint32_t ctx)
 bool waits()
 {
     pollfd set[2] = {{route_mts_q, POLLIN, 0}, {rpcfd, POLLIN, 0}};
-    return real_poll(set, 2, 0) > 0;
+    return poll(set, 2, 0) > 0;
 }
 } // namespace
-
-extern "C" int poll(pollfd *set, nfds_t count, int timeout)
-{
-    if (count == 2) // the event loop's: it never waits here
-        return real_poll(set, count, 0);
-    if (peer_listener >= 0)
-        peer_turn();
-    return real_poll(set, count, timeout);
-}
 
 std::string fuzz_card_file(const char *name) { return directory() + "/" + name; }
 
@@ -304,7 +220,7 @@ void fuzz_card_boot()
         return;
     make_directory();
     open_services();
-    open_peer();
+    fuzz_peer_open();
     start_tables();
     fuzz_card_check_all();
     take_picture();
@@ -373,20 +289,29 @@ void fuzz_card_serve()
         norvik_route_handler_pass(set);
 }
 
+int fuzz_bound(int type, const char *name)
+{
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const sockaddr_un address = address_of(name);
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        fuzz_fail(name);
+    return fd;
+}
+
 int fuzz_connect()
 {
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of(fuzz_card_file("rpc/9"));
+    const sockaddr_un address = address_of("rpc/9");
     if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         fuzz_fail("connect");
     return fd;
 }
 
-int fuzz_queue() { return bound(SOCK_DGRAM, ("mts/" + std::to_string(OWN_SAP)).c_str()); }
+int fuzz_queue() { return fuzz_bound(SOCK_DGRAM, ("mts/" + std::to_string(OWN_SAP)).c_str()); }
 
 void fuzz_send_message(int queue, const std::uint8_t *bytes, std::size_t length)
 {
-    const sockaddr_un address = address_of(fuzz_card_file("mts/514"));
+    const sockaddr_un address = address_of("mts/514");
     (void)sendto(queue, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
                  sizeof address);
 }

@@ -34,6 +34,10 @@ struct fuzz_peer_script {
 extern fuzz_peer_script fuzz_peer;
 constexpr const char *FUZZ_PEER_PROCEDURE = "fuzz_peer_procedure"; // served by that peer, like the services' own
 
+void fuzz_peer_open(); // binds its endpoint and names; the boot does
+
+// A socket of `type`, not waiting, bound at `name` in the card directory (such as "rpc/20").
+int fuzz_bound(int type, const char *name);
 // A socket of a caller, connected to the process's endpoint; a queue of a sender, bound to access point 600.
 int fuzz_connect();
 int fuzz_queue();
