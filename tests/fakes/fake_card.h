@@ -114,8 +114,9 @@ struct fake_card {
     std::uint32_t wired_phys_base = 0x08000000;
     std::uint32_t wired_bytes = 0x104000; // of the wired region; smaller than a card's, to be quick
 
-    bool mts_bind_fails = false; // -1
-    int mts_recv_result = 0;     // negative: nothing is received, the message stays
+    bool mts_bind_fails = false;       // -1
+    int mts_recv_result = 0;           // negative: nothing is received, the message stays
+    std::uint32_t mts_recv_leaves = 0; // what a receive writes into the third word of its options
     int sdwrap_dbg_init_result = 0;
     int sdwrap_sys_init_result = 0;
     std::uint32_t scp_handle = 77; // 0: cannot be opened
@@ -168,7 +169,8 @@ struct fake_card {
 
     // Platform calls in order, such as "mts_bind 4 514 Route Manager [1 0 1024 0 0]", "tnrpc_unregister rib_add_route",
     // "tnrpc_call tn_arp_add_entry 1:5 2:0x0 2:0xa000001 2:0xa000001 0:2 0:1". The queue is written as q, the RPC
-    // descriptor as rpc. Left out: interface queries, memory tracking but for mtrack_init, stores, gates, log lines.
+    // descriptor as rpc, a handler that is installed as "signal 2". Left out: interface queries, memory tracking but
+    // for mtrack_init, stores, gates, log lines.
     std::vector<std::string> calls;
     std::vector<std::string> queries;                 // interface queries in order, such as "if_get_ip 5"
     bool log_in_calls = false;                        // history records in `calls` too: "log 100 <Ctx:0>text"

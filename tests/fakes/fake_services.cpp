@@ -5,6 +5,7 @@
 // the test's script first and never waits.
 // Always: a service that is told to fail does what the real one does when it fails: its result, and nothing else.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -124,6 +125,7 @@ int mts_recv(int queue, mts_message *message, const mts_recv_options *options)
 {
     fake_card &card = the_card();
     fake_called("mts_recv %s [%s]", queue_name(queue).c_str(), words_text(options->words, 6).c_str());
+    const_cast<mts_recv_options *>(options)->words[2] = card.mts_recv_leaves;
     if (card.mts_recv_result < 0)
         return card.mts_recv_result;
     std::uint64_t one = 0;
@@ -208,6 +210,16 @@ extern "C" int poll(pollfd *fds, nfds_t count, int timeout)
         for (nfds_t i = 0; i < count && i < 2; ++i)
             fds[i].revents = scripted.revents[i];
     return scripted.result;
+}
+
+extern "C" sighandler_t signal(int signo, sighandler_t handler) noexcept
+{
+    if (fake_card_lives())
+        fake_called("signal %d", signo);
+    struct sigaction wanted = {}, before = {};
+    wanted.sa_handler = handler;
+    wanted.sa_flags = SA_RESTART;
+    return sigaction(signo, &wanted, &before) == 0 ? before.sa_handler : SIG_ERR;
 }
 
 // --- Debug service, syslog, event history.

@@ -2,7 +2,9 @@
 #include "rib_static.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
+#include <new>
 #include <random>
 #include <utility>
 
@@ -13,6 +15,8 @@
 #include "rib_card.h"
 #include "rib_check.h"
 #include "rib_host.h"
+#include "rib_interface.h"
+#include "rib_nat.h"
 #include "route_ids.h"
 
 namespace
@@ -42,7 +46,26 @@ void fill_set(std::uint32_t prefix = NET, std::uint32_t mask = MASK16)
         ASSERT_EQ(add(GATEWAY + i, prefix, mask), 0u) << i;
 }
 
+// The process's own heap is short once, when so many static routes have their entries: of its users only the next hop
+// index takes memory then, for the last of them. 0: never.
+std::uint32_t heap_is_short_at_entries = 0;
+
 } // namespace
+
+// Not inlined: a compiler that sees malloc and free behind them takes the pair for mismatched.
+[[gnu::noinline]] void *operator new(std::size_t bytes)
+{
+    const bool is_short =
+        heap_is_short_at_entries != 0 && the_card().blocks(MTRACK_ROUTE_ENTRY_3) == heap_is_short_at_entries;
+    if (is_short)
+        heap_is_short_at_entries = 0;
+    void *const at = is_short ? nullptr : std::malloc(bytes);
+    if (at == nullptr)
+        throw std::bad_alloc();
+    return at;
+}
+[[gnu::noinline]] void operator delete(void *at) noexcept { std::free(at); }
+[[gnu::noinline]] void operator delete(void *at, std::size_t) noexcept { std::free(at); }
 
 TEST(rib_static, a_route_waits_while_its_gateway_is_unknown_and_asks_for_it)
 {
@@ -204,6 +227,25 @@ TEST(rib_static, a_route_without_memory_is_refused)
     EXPECT_EQ(card.calls, text_list{});
 }
 
+TEST(rib_static, a_route_without_memory_for_its_place_in_the_next_hop_index_is_refused_and_its_entry_freed)
+{
+    rib_card card;
+    ASSERT_EQ(add(GATEWAY), 0u);
+    for (const std::uint32_t prefix : {NET, IP(10, 10, 0, 0)}) { // a further path, and a new prefix
+        card.forget();
+        heap_is_short_at_entries = 2;
+        EXPECT_EQ(add(GATEWAY + 1, prefix), 1u);
+        EXPECT_EQ(heap_is_short_at_entries, 0u) << "the index asked for memory";
+        EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
+        EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 1u);
+        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(entries_of(CTX), 1u);
+        EXPECT_EQ(gateways(CTX, NET, 16), std::vector<std::uint32_t>{GATEWAY});
+        EXPECT_EQ(rib_check(CTX), 0);
+    }
+    EXPECT_EQ(add(GATEWAY + 1), 0u);
+}
+
 TEST(rib_static, a_new_prefix_that_cannot_be_programmed_leaves_no_trace_and_withdraws_its_request)
 {
     rib_card card;
@@ -282,6 +324,53 @@ TEST(rib_static, removing_a_route_that_is_not_there_is_an_error_with_the_prefix_
     EXPECT_EQ(remove(GATEWAY + 1, NET + 5), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>could not find static route for ip=a090005/16"}));
     EXPECT_EQ(card.calls, text_list{}) << "nothing to flush or to withdraw";
+}
+
+// An entry is known by its next hop alone, and every entry but a host's and a static route's has next hop 0.
+TEST(rib_static, next_hop_0_takes_a_nat_pools_an_interfaces_and_a_drop_entry_and_leaves_them_in_the_tables)
+{
+    rib_card card;
+    constexpr std::uint32_t POOL = IP(10, 8, 0, 16), MASK28 = 0xFFFFFFF0, MULTICAST = 0xE0000000;
+    ASSERT_EQ(norvik_add_interface(IF_ADDR, MASK16, IFID, CTX, 0), 0u);
+    ASSERT_EQ(rib_add_nat_pool(CTX, IFID, POOL, 16, ENCAP), 0u);
+    ASSERT_NE(route_add_rib_and_mtrie_entry(RIB_F_MCAST_DROP, 0x8001, RIB_OBJ_MCAST_DROP, MULTICAST, 3, 0, CTX),
+              nullptr);
+    const struct {
+        std::uint32_t prefix, mask;
+        mtrack_type type;
+    } taken[] = {{POOL, MASK28, MTRACK_ROUTE_ENTRY_2},
+                 {IF_ADDR, 0xFFFFFFFF, MTRACK_ROUTE_ENTRY_1},
+                 {IP(10, 1, 0, 0), MASK16, MTRACK_ROUTE_ENTRY_1}, // the subnet
+                 {MULTICAST, MULTICAST, MTRACK_ROUTE_ENTRY_1}};
+    for (const auto &[prefix, mask, type] : taken) {
+        card.forget();
+        card.journal_on = true;
+        const std::uint32_t before = card.blocks(type);
+        EXPECT_EQ(remove(0, prefix, mask), 0u) << std::hex << prefix;
+        EXPECT_EQ(on_chain(CTX, prefix, count_mask_bit(mask)), nullptr) << std::hex << prefix;
+        EXPECT_EQ(card.blocks(type), before - 1) << std::hex << prefix;
+        EXPECT_TRUE(card.journal.empty()) << std::hex << prefix;
+        EXPECT_NE(mtrie_lookup_exact(mtrie_get_root_node(CTX), prefix, mask), nullptr) << std::hex << prefix;
+        EXPECT_EQ(card.calls_of("tnrpc_call").size(), 1u) << "the request for next hop 0 is withdrawn";
+        EXPECT_EQ(remove(0, prefix, mask), 1u) << std::hex << prefix;
+    }
+    EXPECT_EQ(mtrie_check(mtrie_get_root_node(CTX), nullptr), 0);
+}
+
+TEST(rib_static, the_address_of_its_interface_takes_a_host_and_leaves_it_in_the_tables)
+{
+    rib_card card;
+    ASSERT_EQ(add_host(), 0u);
+    ASSERT_EQ(add(GATEWAY), 0u);
+    card.forget();
+    EXPECT_EQ(remove(IF_ADDR, GATEWAY, 0xFFFFFFFF), 0u);
+    EXPECT_EQ(on_chain(CTX, GATEWAY, 32), nullptr);
+    EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
+    EXPECT_NE(mtrie_lookup_exact(mtrie_get_root_node(CTX), GATEWAY, 0xFFFFFFFF), nullptr);
+    EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE) << "routes through it stay as they are";
+    EXPECT_EQ(card.calls_of("tnrpc_call"),
+              (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010001 2:0xa010001 0:2 0:0"}));
+    EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
 }
 
 TEST(rib_static, only_prefix_0_finds_the_default_route)

@@ -67,6 +67,18 @@ TEST(route_handler, a_ready_call_is_served_before_one_ready_message)
     EXPECT_EQ(card.queue.size(), 1u) << "one message a pass";
 }
 
+TEST(route_handler, the_third_word_of_the_receive_options_is_cleared_before_each_receive)
+{
+    fake_card card;
+    loop l;
+    card.mts_recv_leaves = 7;
+    for (int pass = 0; pass < 3; ++pass) {
+        card.post(MTS_OPC_DEBUG_REQUEST);
+        l.pass();
+    }
+    EXPECT_EQ(card.calls_of("mts_recv"), strings(3, "mts_recv q [1 0 0 0 0 0]"));
+}
+
 TEST(route_handler, one_call_is_served_a_pass)
 {
     fake_card card;

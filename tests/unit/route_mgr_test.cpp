@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "norvik_mtrie.h"
 #include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
+#include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "rib_table.h"
 #include "route_log.h"
@@ -210,7 +212,8 @@ TEST(route_mgr, start_up_makes_its_calls_in_one_fixed_order)
           "rib_add_nat_pool 5: 1 1 2 2 1", "rib_remove_nat_pool 5: 1 1 2 2 1", "mtrie_hw_dump_api 4: 1 2 2 9",
           "norvik_send_route_advert 6: 2 2 2 2 1 1"})
         expected.push_back(std::string("tnrpc_register ") + entry);
-    expected.insert(expected.end(), {"tnrpc_clnt_init 9", "mts_bind 4 514 Route Manager [1 0 1024 0 0]"});
+    expected.insert(expected.end(), {"tnrpc_clnt_init 9", "signal 2", "signal 1", "signal 3",
+                                     "mts_bind 4 514 Route Manager [1 0 1024 0 0]"});
     for (const char *opcode : {"4063", "4064", "4065", "4066", "4089", "4069", "4070", "1530"}) {
         expected.push_back(std::string("mts_options_get q ") + opcode);
         expected.push_back(std::string("mts_options_set q ") + opcode + " 0x10");
@@ -418,6 +421,28 @@ TEST(route_mgr, the_facility_is_route_mgr_1984_with_both_levels_2)
                           std::exit(STOPPED);
                       }}});
     EXPECT_NE(std::find(child.calls.begin(), child.calls.end(), "facility ROUTE Mgr 1984 2 2"), child.calls.end());
+}
+
+TEST(route_mgr, the_message_of_a_failed_start_is_init_failed_of_that_facility_with_severity_3)
+{
+    EXPECT_STREQ(syslog_msg_INIT_FAILED.name, "INIT_FAILED");
+    EXPECT_EQ(syslog_msg_INIT_FAILED.facility, &syslog_fac_LOG_ROUTE_MGR);
+    EXPECT_STREQ(syslog_msg_INIT_FAILED.format, "<<%%%s-%d-INIT_FAILED>> Initialization failed. Component %s");
+    EXPECT_EQ(syslog_msg_INIT_FAILED.severity, 3);
+}
+
+TEST(route_mgr, the_default_leaves_are_cleared_before_the_first_call)
+{
+    fake_card card;
+    const fake_child_result child =
+        run_process({{"tnrpc_serv_init",
+                      [] {
+                          for (const card_ptr<mtrie_leaf> &leaf : norvik_leaf_default)
+                              EXPECT_FALSE(leaf);
+                          std::exit(testing::Test::HasFailure() ? 1 : STOPPED);
+                      }}},
+                    [] { std::memset(static_cast<void *>(norvik_leaf_default), 0xEE, sizeof norvik_leaf_default); });
+    EXPECT_TRUE(exited_with(child.status, STOPPED)) << child.status;
 }
 
 TEST(route_mgr, results_that_do_not_matter_do_not_stop_a_start)

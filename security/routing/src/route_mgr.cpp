@@ -36,8 +36,6 @@ namespace
 constexpr char FACILITY_NAME[] = "ROUTE Mgr";
 constexpr char INIT_FAILED_FORMAT[] = "<<%%%s-%d-INIT_FAILED>> Initialization failed. Component %s";
 constexpr std::uint32_t FACILITY_CODE = 1984;
-syslog_facility syslog_fac_LOG_ROUTE_MGR = {FACILITY_NAME, FACILITY_CODE, 2, 2};
-const syslog_message syslog_msg_INIT_FAILED = {"INIT_FAILED", &syslog_fac_LOG_ROUTE_MGR, INIT_FAILED_FORMAT, 3};
 
 constexpr const char *DBG_NAMES[ROUTE_DBG_COUNT] = {
     "route manager errors",
@@ -61,6 +59,13 @@ constexpr const char *MTRACK_NAMES[MTRACK_ROUTE_ENTRY_MAX + 1] = {
     "MTRACK_ROUTE_ENTRY_MAX", // closes the table, not counted
 };
 
+} // namespace
+
+syslog_facility syslog_fac_LOG_ROUTE_MGR = {FACILITY_NAME, FACILITY_CODE, 2, 2};
+const syslog_message syslog_msg_INIT_FAILED = {"INIT_FAILED", &syslog_fac_LOG_ROUTE_MGR, INIT_FAILED_FORMAT, 3};
+
+namespace
+{
 // The multicast drop entry, 224.0.0.0/3.
 constexpr std::uint32_t MCAST_PREFIX = 0xE0000000, MCAST_LEN = 3;
 constexpr std::uint16_t MCAST_ENCAP = 0x8001;
