@@ -353,6 +353,8 @@ void mtrack_free(void *at)
     blocks.erase(it);
 }
 
+void mtrack_freeze() {} // no target ends by a signal that the process handles
+
 unsigned mtrack_type_count() { return type_count; }
 
 mtrack_type_stats mtrack_stats(unsigned type) { return type_stats[type]; }

@@ -61,22 +61,6 @@ int fill_for_object(route_entry *entry, std::uint16_t obj, std::uint32_t ctx)
     return 0;
 }
 
-// The link to the chain entry of `prefix`, or null. Members of sets are not looked at.
-card_ptr<route_entry> *find_on_chain(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
-{
-    const std::uint32_t wanted = rib_key(prefix, len);
-    card_ptr<route_entry> *link = rib_bucket(ctx, prefix, len);
-    while (route_entry *const entry = link->get()) {
-        const std::uint32_t key = rib_key(entry->prefix, len);
-        if (key == wanted)
-            return link;
-        if (wanted < key)
-            return nullptr;
-        link = &entry->next;
-    }
-    return nullptr;
-}
-
 bool is_removable_as(const route_entry *entry, std::uint16_t obj)
 {
     switch (obj) {
@@ -177,7 +161,7 @@ route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::ui
         return nullptr;
     }
     const std::uint32_t prefix = addr & rib_mask_table[len];
-    card_ptr<route_entry> *const link = find_on_chain(ctx, prefix, len);
+    card_ptr<route_entry> *const link = rib_chain_link(ctx, prefix, len);
     if (link == nullptr) {
         route_log(ROUTE_DBG_INFO, ctx, "rib_remove_host_route: fail to find routeid %d ip 0x%x/%d obj %d \n", ctx,
                   prefix, len, obj);

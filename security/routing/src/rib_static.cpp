@@ -153,19 +153,12 @@ std::uint32_t rib_max_ecmp_route(std::uint16_t ctx, std::uint32_t route_id, std:
         return 1;
 
     const std::uint32_t masked = prefix & rib_mask_table[len];
-    const std::uint32_t wanted = rib_key(masked, len);
-    for (const route_entry *entry = *rib_bucket(route_id, masked, len); entry != nullptr; entry = entry->next) {
-        const std::uint32_t key = rib_key(entry->prefix, len);
-        if (wanted < key)
-            return 0;
-        if (key == wanted && entry->ecmp.get() != nullptr && entry->ecmp_count == RIB_MAX_ECMP) {
-            route_log(ROUTE_DBG_ERRORS, ctx,
-                      "rib_max_ecmp_route:  MAX ECMP exceeded for route_id (%d) ip/mask %08x/%d \n", route_id, masked,
-                      len);
-            return 1;
-        }
-    }
-    return 0;
+    const route_entry *const head = rib_chain_entry(route_id, masked, len);
+    if (head == nullptr || !head->ecmp || head->ecmp_count != RIB_MAX_ECMP)
+        return 0;
+    route_log(ROUTE_DBG_ERRORS, ctx, "rib_max_ecmp_route:  MAX ECMP exceeded for route_id (%d) ip/mask %08x/%d \n",
+              route_id, masked, len);
+    return 1;
 }
 
 int request_gwy_resolution(const std::uint32_t *gateway, std::uint16_t ctx, std::uint16_t ifid, std::uint8_t sense)

@@ -43,18 +43,20 @@ std::uint32_t bucket_of(std::uint32_t prefix, std::uint32_t len)
     return slowpath_route_hashing_ip_key(prefix, len) % RIB_BUCKETS;
 }
 
-// Walks the chain at result->prev to the entry of the wanted key, or to where it belongs. Returns the entry or null.
-route_entry *find_candidate(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len, rib_search_result *result)
+// Moves `link` along its chain to the entry of the prefix, or to where it belongs. Returns the entry, or null. `step`
+// sees each link on the way that has an entry.
+template <class Step>
+route_entry *walk_chain(card_ptr<route_entry> *&link, std::uint32_t prefix, std::uint32_t len, Step step)
 {
     const std::uint32_t wanted = rib_key(prefix, len);
-    while (route_entry *const entry = result->prev->get()) {
-        route_log(ROUTE_DBG_EVENTS, ctx, "lnk:%x *lnk:%x\n", card_addr_of(result->prev), result->prev->addr());
+    while (route_entry *const entry = link->get()) {
+        step(link);
         const std::uint32_t key = rib_key(entry->prefix, len);
         if (key == wanted)
             return entry;
         if (wanted < key)
             return nullptr;
-        result->prev = &entry->next;
+        link = &entry->next;
     }
     return nullptr;
 }
@@ -124,7 +126,9 @@ std::uint32_t rib_route_search(std::uint32_t ctx, std::uint32_t prefix, std::uin
     route_log(ROUTE_DBG_EVENTS, ctx, "---srch start:%x/%d----\n", prefix, len);
 
     result->prev = bucket;
-    route_entry *const candidate = find_candidate(ctx, prefix, len, result);
+    route_entry *const candidate = walk_chain(result->prev, prefix, len, [ctx](const card_ptr<route_entry> *link) {
+        route_log(ROUTE_DBG_EVENTS, ctx, "lnk:%x *lnk:%x\n", card_addr_of(link), link->addr());
+    });
     if (candidate != nullptr)
         choose_path(candidate, key, match, result);
 
@@ -157,19 +161,18 @@ void rib_chain_insert(std::uint32_t ctx, route_entry *entry, card_ptr<route_entr
     occupied.buckets[entry->len] |= 1u << bucket_of(entry->prefix, entry->len);
 }
 
-route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
+card_ptr<route_entry> *rib_chain_link(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
 {
     if ((occupancy_of(ctx).rows >> len & 1) == 0)
         return nullptr;
-    const std::uint32_t wanted = rib_key(prefix, len);
-    for (route_entry *entry = *rib_bucket(ctx, prefix, len); entry != nullptr; entry = entry->next) {
-        const std::uint32_t key = rib_key(entry->prefix, len);
-        if (key == wanted)
-            return entry;
-        if (wanted < key)
-            return nullptr;
-    }
-    return nullptr;
+    card_ptr<route_entry> *link = rib_bucket(ctx, prefix, len);
+    return walk_chain(link, prefix, len, [](const card_ptr<route_entry> *) {}) == nullptr ? nullptr : link;
+}
+
+route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
+{
+    const card_ptr<route_entry> *const link = rib_chain_link(ctx, prefix, len);
+    return link == nullptr ? nullptr : link->get();
 }
 
 card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, rib_place *place)

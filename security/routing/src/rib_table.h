@@ -37,8 +37,10 @@ route_entry *rib_set_at(const rib_search_result &search, std::uint32_t prefix, s
 card_ptr<route_entry> *rib_link(route_entry *entry, const rib_search_result &search, route_entry *head);
 // Puts a new entry into the chain of `ctx` at the link `prev`, where a search in that context stopped.
 void rib_chain_insert(std::uint32_t ctx, route_entry *entry, card_ptr<route_entry> *prev);
-// The chain entry of a masked prefix, without a line logged, or null.
+// The chain entry of a prefix (host bits do not matter), and the link that points at it; null when there is none.
+// Members of sets are not looked at, and no line is logged.
 route_entry *rib_chain_entry(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len);
+card_ptr<route_entry> *rib_chain_link(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len);
 // Whether the set of `head`, which may be null, can count no further path: adding one fails as for lack of memory.
 bool rib_set_is_full(const route_entry *head);
 // A zeroed entry charged to the memory type, or null when memory is short.

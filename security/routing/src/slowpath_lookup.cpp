@@ -41,18 +41,11 @@ std::uint32_t try_chain(const route_entry *entry, std::uint32_t *nexthop, const 
 
 std::uint32_t slowpath_no_default_route_lookup(std::uint16_t ctx, std::uint32_t addr, std::uint32_t *nexthop)
 {
-    for (std::uint32_t len = 32; len >= 1; --len) {
-        const std::uint32_t wanted = rib_key(addr, len);
-        for (const route_entry *entry = *rib_bucket(ctx, addr, len); entry != nullptr; entry = entry->next) {
-            const std::uint32_t key = rib_key(entry->prefix, len);
-            if (key == wanted)
-                return try_chain(entry, nexthop, [wanted, len](const route_entry *candidate) {
-                    return rib_key(candidate->prefix, len) == wanted;
-                });
-            if (key > wanted)
-                break;
-        }
-    }
+    for (std::uint32_t len = 32; len >= 1; --len)
+        if (const route_entry *const entry = rib_chain_entry(ctx, addr, len))
+            return try_chain(entry, nexthop, [addr, len](const route_entry *candidate) {
+                return rib_key(candidate->prefix, len) == rib_key(addr, len);
+            });
     return LOOKUP_NONE;
 }
 
