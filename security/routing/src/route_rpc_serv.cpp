@@ -6,8 +6,7 @@
 // route_advert.cpp).
 #include "route_rpc_serv.h"
 
-#include <iterator>
-#include <type_traits>
+#include <cstddef>
 #include <utility>
 
 #include "norvik_mtrie_dump.h"
@@ -27,52 +26,36 @@ namespace
 {
 constexpr std::uint32_t MAX_CONTEXT = ROUTE_CONTEXTS - 1;
 
-// A decoded argument as a procedure's parameter: its low bits, the word behind a reference, the block to fill.
-template <class T> T parameter(const tnrpc_arg &arg)
-{
-    if constexpr (std::is_same_v<T, std::uint32_t *>)
-        return arg.ref;
-    else if constexpr (std::is_same_v<T, tnrpc_block *>)
-        return arg.block;
-    else
-        return static_cast<T>(arg.value);
-}
-
-template <class... Params, std::size_t... Index>
-std::uint32_t call_with(std::uint32_t (*procedure)(Params...), const tnrpc_arg *args, std::index_sequence<Index...>)
-{
-    return procedure(parameter<Params>(args[Index])...);
-}
-
-template <class... Params> std::uint32_t call_with(std::uint32_t (*procedure)(Params...), const tnrpc_arg *args)
-{
-    return call_with(procedure, args, std::index_sequence_for<Params...>{});
-}
-
-template <auto Procedure> std::uint32_t dispatch(const tnrpc_arg *args) { return call_with(Procedure, args); }
-
-using list_procedure = std::uint32_t (*)(std::uint16_t, std::uint16_t *, std::uint16_t *, std::uint32_t *,
-                                         tnrpc_block *);
-
-void set_low_half(std::uint32_t *word, std::uint16_t half) { *word = (*word & 0xFFFF0000u) | half; }
-
-// A listing's list and bucket are 16 bits wide: the upper half of a longer value stays.
-template <list_procedure Procedure> std::uint32_t dispatch_list(const tnrpc_arg *args)
-{
-    auto list = static_cast<std::uint16_t>(*args[1].ref), bucket = static_cast<std::uint16_t>(*args[2].ref);
-    const std::uint32_t records =
-        Procedure(static_cast<std::uint16_t>(args[0].value), &list, &bucket, args[3].ref, args[4].block);
-    set_low_half(args[1].ref, list);
-    set_low_half(args[2].ref, bucket);
-    return records;
-}
-
-// A signed result travels as its 32 bits.
-std::uint32_t send_route_advert(std::uint32_t prefix, std::uint32_t mask, std::uint32_t ifid, std::uint32_t next_hop,
-                                std::uint16_t metric, std::uint16_t ctx)
-{
-    return static_cast<std::uint32_t>(norvik_send_route_advert(prefix, mask, ifid, next_hop, metric, ctx));
-}
+// What a procedure's parameter is to the RPC service, and how it is had from a decoded argument. A type that no
+// argument can have is not here, so that a procedure with such a parameter does not compile.
+template <class T> struct parameter;
+template <> struct parameter<std::uint16_t> {
+    static constexpr tnrpc_type TYPE = RPC_ARG_U16;
+    const tnrpc_arg &arg;
+    operator std::uint16_t() const { return static_cast<std::uint16_t>(arg.value); }
+};
+template <> struct parameter<std::uint32_t> {
+    static constexpr tnrpc_type TYPE = RPC_ARG_U32;
+    const tnrpc_arg &arg;
+    operator std::uint32_t() const { return arg.value; }
+};
+template <> struct parameter<std::uint32_t *> {
+    static constexpr tnrpc_type TYPE = RPC_ARG_REF;
+    const tnrpc_arg &arg;
+    operator std::uint32_t *() const { return arg.ref; }
+};
+template <> struct parameter<std::uint16_t *> { // the low half of the word; the upper half of a longer value stays
+    static constexpr tnrpc_type TYPE = RPC_ARG_REF;
+    const tnrpc_arg &arg;
+    std::uint16_t half = static_cast<std::uint16_t>(*arg.ref);
+    operator std::uint16_t *() { return &half; }
+    ~parameter() { *arg.ref = (*arg.ref & 0xFFFF0000u) | half; } // when the procedure has returned
+};
+template <> struct parameter<tnrpc_block *> {
+    static constexpr tnrpc_type TYPE = RPC_ARG_BLOCK;
+    const tnrpc_arg &arg;
+    operator tnrpc_block *() const { return arg.block; }
+};
 
 constexpr unsigned MAX_ARGS = 7;
 struct rpc_procedure {
@@ -83,42 +66,43 @@ struct rpc_procedure {
     unsigned contexts; // bit i: argument i is a context or a route id
 };
 
-constexpr unsigned U16 = RPC_ARG_U16, U32 = RPC_ARG_U32, REF = RPC_ARG_REF, BLOCK = RPC_ARG_BLOCK;
-constexpr rpc_procedure PROCEDURES[] = {
-    // in registration order
-    {"arp_prefix_mgr_add_route", dispatch<arp_prefix_mgr_add_route>, 6, {U16, U32, U32, U16, U16, U32}, 1u << 5},
-    {"arp_prefix_mgr_remove_route",
-     dispatch<arp_prefix_mgr_remove_route>,
-     7,
-     {U16, U32, U32, U32, U16, U16, U32},
-     1u << 6},
-    {"rib_max_ecmp_route", dispatch<rib_max_ecmp_route>, 4, {U16, U32, U32, U32}, 1u << 0 | 1u << 1},
-    {"rib_add_route", dispatch<rib_add_route>, 5, {U16, U32, U32, U32, U32}, 1u << 0 | 1u << 1},
-    {"rib_remove_route", dispatch<rib_remove_route>, 5, {U16, U32, U32, U32, U32}, 1u << 0 | 1u << 1},
-    {"slowpath_route_lookup", dispatch<slowpath_route_lookup>, 3, {U16, U32, REF}, 1u << 0},
-    {"show_rib_print", dispatch_list<show_rib_print>, 5, {U16, REF, REF, REF, BLOCK}, 1u << 0},
-    {"show_rib_summary", dispatch<show_rib_summary>, 2, {U16, BLOCK}, 1u << 0},
-    {"show_fib_print", dispatch_list<show_fib_print>, 5, {U16, REF, REF, REF, BLOCK}, 1u << 0},
-    {"show_fib_summary", dispatch<show_fib_summary>, 2, {U16, BLOCK}, 1u << 0},
-    {"mtrie_lookup_exact_stub", dispatch<mtrie_lookup_exact_stub>, 4, {U32, U32, U32, REF}, 1u << 0},
-    {"rib_add_nat_pool", dispatch<rib_add_nat_pool>, 5, {U16, U16, U32, U32, U16}, 1u << 0},
-    {"rib_remove_nat_pool", dispatch<rib_remove_nat_pool>, 5, {U16, U16, U32, U32, U16}, 1u << 0},
-    {"mtrie_hw_dump_api", dispatch<mtrie_hw_dump_api>, 4, {U16, U32, U32, BLOCK}, 1u << 1},
-    {"norvik_send_route_advert", dispatch<send_route_advert>, 6, {U32, U32, U32, U32, U16, U16}, 1u << 5},
-};
+// The row of a procedure. Its types are those of its parameters; a signed result travels as its 32 bits.
+template <auto Procedure, unsigned... Contexts, class Result, class... Params, std::size_t... Index>
+constexpr rpc_procedure row(const char *name, Result (*)(Params...), std::index_sequence<Index...>)
+{
+    constexpr tnrpc_type TYPES[] = {parameter<Params>::TYPE...};
+    static_assert(sizeof...(Params) <= MAX_ARGS && sizeof(Result) == 4);
+    static_assert(((TYPES[Contexts] == RPC_ARG_U16 || TYPES[Contexts] == RPC_ARG_U32) && ...), "a context is a value");
+    const tnrpc_function function = [](const tnrpc_arg *args) {
+        return static_cast<std::uint32_t>(Procedure(parameter<Params>{args[Index]}...));
+    };
+    return {name, function, sizeof...(Params), {parameter<Params>::TYPE...}, (0u | ... | (1u << Contexts))};
+}
+template <auto Procedure, unsigned... Contexts, class Result, class... Params>
+constexpr rpc_procedure row(const char *name, Result (*procedure)(Params...))
+{
+    return row<Procedure, Contexts...>(name, procedure, std::index_sequence_for<Params...>{});
+}
+#define ROW(procedure, ...) row<procedure, __VA_ARGS__>(#procedure, procedure)
 
-// Names that clean-up takes back. The last was never registered.
-constexpr const char *UNREGISTERED[] = {
-    "arp_prefix_mgr_add_route", "arp_prefix_mgr_remove_route",
-    "rib_max_ecmp_route",       "rib_add_route",
-    "rib_remove_route",         "slowpath_route_lookup",
-    "show_rib_print",           "show_rib_summary",
-    "show_fib_print",           "show_fib_summary",
-    "mtrie_lookup_exact_stub",  "rib_add_nat_pool",
-    "rib_remove_nat_pool",      "mtrie_hw_dump_api",
-    "norvik_send_route_advert", "route_print_debug",
+// In registration order: each procedure, and which of its arguments, from 0, are a context or a route id.
+constexpr rpc_procedure PROCEDURES[] = {
+    ROW(arp_prefix_mgr_add_route, 5),    // ctx
+    ROW(arp_prefix_mgr_remove_route, 6), // ctx
+    ROW(rib_max_ecmp_route, 0, 1),       // ctx, route id
+    ROW(rib_add_route, 0, 1),            // ctx, route id
+    ROW(rib_remove_route, 0, 1),         // ctx, route id
+    ROW(slowpath_route_lookup, 0),       // ctx
+    ROW(show_rib_print, 0),              // ctx
+    ROW(show_rib_summary, 0),            // ctx
+    ROW(show_fib_print, 0),              // ctx
+    ROW(show_fib_summary, 0),            // ctx
+    ROW(mtrie_lookup_exact_stub, 0),     // route id
+    ROW(rib_add_nat_pool, 0),            // ctx
+    ROW(rib_remove_nat_pool, 0),         // ctx
+    ROW(mtrie_hw_dump_api, 1),           // tree
+    ROW(norvik_send_route_advert, 5),    // ctx
 };
-static_assert(std::size(UNREGISTERED) == 16);
 } // namespace
 
 std::uint32_t norvik_route_tnrpc_serv()
@@ -137,6 +121,7 @@ std::uint32_t norvik_route_tnrpc_serv()
 
 void norvik_route_tnrpc_unregister()
 {
-    for (const char *name : UNREGISTERED)
-        (void)tnrpc_unregister(name); // nothing to do about a name that is gone
+    for (const rpc_procedure &p : PROCEDURES)
+        (void)tnrpc_unregister(p.name);          // nothing to do about a name that is gone
+    (void)tnrpc_unregister("route_print_debug"); // odd, and meant: it was never registered
 }
