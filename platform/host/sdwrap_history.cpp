@@ -2,6 +2,8 @@
 //
 // A reader loads `tail` and `head` and walks the records between them, at any moment and also when the writer died in
 // the middle of a record. So the writer first makes room (tail moves), then writes the record, and then moves head.
+// A signal may stop the process at any instruction of that; its handler writes records too and then ends the process.
+// They begin at head, which one store moves behind a record's last byte; one that was stopped before it is overwritten.
 // Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly. The
 // clock is the only system call for a record.
 // Elsewhere: the form of the file (history_file.h), which categories are kept (sdwrap.cpp), what a record of the
@@ -31,8 +33,8 @@ struct history {
     history_header *header = nullptr; // null until set up
     std::uint8_t *ring = nullptr;
     std::uint64_t capacity = 0;
-    std::uint64_t head = 0, tail = 0;       // as in the file, which others could change under us
-    std::uint64_t head_at = 0, tail_at = 0; // the same modulo capacity: no division on the way of a record
+    std::uint64_t head = 0, tail = 0; // as in the file, which others could change under us
+    std::uint64_t lap = 0;            // a multiple of capacity, less than two of it below head
     std::uint32_t component = 0;
 };
 history own;
@@ -43,18 +45,21 @@ void publish(std::uint64_t &word, std::uint64_t value)
     std::atomic_ref<std::uint64_t>(word).store(value, std::memory_order_release);
 }
 
-// at: an offset in the ring, below its capacity.
-void ring_write(const history &h, std::uint64_t at, const void *from, std::size_t bytes)
+// Where byte `at` of all that was ever written lies in the ring, for one from tail on that is less than two capacities
+// above lap. The division that this leaves out was a fifth of a record's time.
+std::uint64_t place_of(const history &h, std::uint64_t at)
 {
-    const std::size_t first = bytes < h.capacity - at ? bytes : h.capacity - at;
-    std::memcpy(h.ring + at, from, first);
-    if (first != bytes)
-        std::memcpy(h.ring, static_cast<const std::uint8_t *>(from) + first, bytes - first);
+    const std::uint64_t place = at < h.lap ? at + h.capacity - h.lap : at - h.lap;
+    return place < h.capacity ? place : place - h.capacity;
 }
 
-std::uint64_t advanced(const history &h, std::uint64_t at, std::uint64_t bytes)
+void ring_write(const history &h, std::uint64_t at, const void *from, std::size_t bytes)
 {
-    return at + bytes < h.capacity ? at + bytes : at + bytes - h.capacity;
+    const std::size_t place = place_of(h, at);
+    const std::size_t first = bytes < h.capacity - place ? bytes : h.capacity - place;
+    std::memcpy(h.ring + place, from, first);
+    if (first != bytes)
+        std::memcpy(h.ring, static_cast<const std::uint8_t *>(from) + first, bytes - first);
 }
 
 void ring_read(const history &h, std::uint64_t at, void *to, std::size_t bytes)
@@ -139,8 +144,7 @@ int open_history(std::uint32_t component, std::size_t bytes)
         start_empty(h);
     h.head = h.header->head;
     h.tail = h.header->tail;
-    h.head_at = h.head % h.capacity;
-    h.tail_at = h.tail % h.capacity;
+    h.lap = h.head - h.head % h.capacity;
     unmap_file(own);
     own = h;
     return 0;
@@ -149,36 +153,35 @@ int open_history(std::uint32_t component, std::size_t bytes)
 // Drops the oldest records until `bytes` fit.
 void make_room(history &h, std::uint64_t bytes)
 {
-    const std::uint64_t old_tail = h.tail;
-    while (h.head + bytes - h.tail > h.capacity) {
+    std::uint64_t tail = h.tail;
+    while (h.head + bytes - tail > h.capacity) {
         std::uint32_t size = 0; // never wraps: records start at multiples of 8
-        std::memcpy(&size, h.ring + h.tail_at, sizeof size);
+        std::memcpy(&size, h.ring + place_of(h, tail), sizeof size);
         // Another program damaged the ring: all of it goes, since where the next record starts is not known.
-        const bool damaged =
-            size < sizeof(history_record_header) || size % HISTORY_ALIGN != 0 || size > h.head - h.tail;
-        h.tail = damaged ? h.head : h.tail + size;
-        h.tail_at = damaged ? h.head_at : advanced(h, h.tail_at, size);
+        const bool damaged = size < sizeof(history_record_header) || size % HISTORY_ALIGN != 0 || size > h.head - tail;
+        tail = damaged ? h.head : tail + size;
     }
-    if (h.tail == old_tail)
-        return;
-    publish(h.header->tail, h.tail);
+    publish(h.tail, tail);
+    publish(h.header->tail, tail);                       // also where it stays: a signal may have come between the two
     std::atomic_thread_fence(std::memory_order_release); // the record's bytes come after the tail
 }
-// Writes a record at head_at: header, data, zeros up to its size.
+
+// Writes a record at the head: header, data, zeros up to its size.
 void write_record(const history &h, const history_record_header &header, const void *data, std::size_t bytes)
 {
     constexpr std::uint8_t ZEROS[HISTORY_ALIGN] = {};
     const std::size_t used = sizeof header + bytes;
-    if (h.head_at + header.size <= h.capacity) { // nearly always: nothing wraps
-        std::uint8_t *const at = h.ring + h.head_at;
+    const std::uint64_t place = place_of(h, h.head);
+    if (place + header.size <= h.capacity) { // nearly always: nothing wraps
+        std::uint8_t *const at = h.ring + place;
         std::memcpy(at + header.size - sizeof ZEROS, ZEROS, sizeof ZEROS); // the data covers what is not padding
         std::memcpy(at, &header, sizeof header);
         std::memcpy(at + sizeof header, data, bytes);
         return;
     }
-    ring_write(h, h.head_at, &header, sizeof header);
-    ring_write(h, advanced(h, h.head_at, sizeof header), data, bytes);
-    ring_write(h, advanced(h, h.head_at, used), ZEROS, header.size - used);
+    ring_write(h, h.head, &header, sizeof header);
+    ring_write(h, h.head + sizeof header, data, bytes);
+    ring_write(h, h.head + used, ZEROS, header.size - used);
 }
 } // namespace
 
@@ -225,10 +228,12 @@ int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *r
         static_cast<std::uint32_t>(size), event_type, {}, static_cast<std::uint32_t>(bytes)};
     std::memcpy(header.time_words, &ns, sizeof ns);
 
+    if (own.head - own.lap >=
+        own.capacity) // judged here, not where head moves: a signal may end the process in between
+        own.lap += own.capacity;
     make_room(own, size);
     write_record(own, header, record, bytes);
-    own.head += size;
-    own.head_at = advanced(own, own.head_at, size);
+    publish(own.head, own.head + size);
     publish(own.header->head, own.head);
     ++platform_counters.history_records;
     return 0;

@@ -1,4 +1,6 @@
 // host_history_test.cpp - the history file, read back by a parser of this test's own.
+#include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -59,6 +61,63 @@ parsed_history parse()
 }
 
 void log_text(const std::string &text) { EXPECT_EQ(sdwrap_hist_event(EVENT, text.size(), text.data()), 0); }
+
+// A record that a signal stops, and what stands in front of it.
+struct stopped_record {
+    const char *where;
+    std::size_t count, bytes; // records in front of it, and the data of each
+    std::size_t own_bytes;    // its own data
+};
+
+const std::string LAST_WORDS[] = {"the first of the clean-up", std::string(60, 's'), "the third"};
+constexpr int CLEANED_UP = 10;
+unsigned instructions_left;
+
+// Called in front of each instruction. At the last of them it does what the process's own handler of a signal does:
+// writes records and ends the process.
+void at_instruction(int)
+{
+    if (instructions_left-- != 0)
+        return;
+    for (const std::string &text : LAST_WORDS)
+        (void)sdwrap_hist_event(EVENT, text.size(), text.data());
+    _exit(CLEANED_UP);
+}
+
+// Makes the record in a child process, with the clean-up at that instruction of it. Returns CLEANED_UP, or 0 when the
+// record has fewer (none where the processor does not stop at each).
+int clean_up_at(unsigned instruction, const stopped_record &r)
+{
+    return in_child([&] {
+        EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+        for (std::size_t i = 0; i < r.count; ++i)
+            log_text(std::string(r.bytes, 'b'));
+        const std::string text(r.own_bytes, 'x');
+        instructions_left = instruction;
+        (void)std::signal(SIGTRAP, at_instruction);
+#if defined(__x86_64__)
+        constexpr std::uint64_t TRAP_FLAG = 0x100;
+        const std::uint64_t flags = __builtin_ia32_readeflags_u64();
+        __builtin_ia32_writeeflags_u64(flags | TRAP_FLAG);
+        (void)sdwrap_hist_event(EVENT, text.size(), text.data());
+        __builtin_ia32_writeeflags_u64(flags);
+#endif
+    });
+}
+
+// The clean-up's records are the newest, in front of them may be the stopped one, and else only what was there before.
+void expect_whole_history(const stopped_record &r)
+{
+    std::vector<parsed_record> records = parse().records;
+    ASSERT_GE(records.size(), std::size(LAST_WORDS));
+    for (std::size_t i = std::size(LAST_WORDS); i-- > 0; records.pop_back())
+        ASSERT_EQ(records.back().data, LAST_WORDS[i]);
+    if (!records.empty() && records.back().data == std::string(r.own_bytes, 'x'))
+        records.pop_back();
+    ASSERT_GE(records.size(), std::min<std::size_t>(r.count, 7)) << "no more is dropped than is needed";
+    for (const parsed_record &record : records)
+        ASSERT_EQ(record.data, std::string(r.bytes, 'b'));
+}
 } // namespace
 
 TEST(history, a_record_is_read_back_as_it_was_written)
@@ -139,6 +198,36 @@ TEST(history, a_restart_goes_on_in_the_file)
         EXPECT_EQ(h.records[0].data, "one");
         EXPECT_EQ(h.records[2].data, "three");
     });
+}
+
+TEST(history, a_signal_at_any_instruction_of_a_record_leaves_a_whole_history_with_the_clean_ups_records)
+{
+    // With sanitizers a record has far more instructions, and a try takes far longer: some of them then.
+    constexpr unsigned MOST = 600, OTHERWISE = 50;
+    for (const stopped_record &r : {stopped_record{"behind another", 1, 20, 40},
+                                    {"over older ones, its header over the end of the ring", 21, 28, 200},
+                                    {"over older ones, its data over the end of the ring", 30, 44, 200},
+                                    {"that ends where the ring ends", 31, 44, 44}}) {
+        on_fresh_card([&r] {
+            unsigned all = 0;
+            while (clean_up_at(all, r) == CLEANED_UP)
+                all += 100;
+            if (all == 0)
+                GTEST_SKIP() << "the processor does not stop at each instruction";
+            const unsigned stride = all > MOST ? all / OTHERWISE : 1;
+            for (unsigned instruction = 0; instruction < all; instruction += stride) {
+                SCOPED_TRACE("a record " + std::string(r.where) + ", at instruction " + std::to_string(instruction));
+                (void)unlink(card_file("history/115").c_str());
+                const int end = clean_up_at(instruction, r);
+                if (end == 0)
+                    break;
+                ASSERT_EQ(end, CLEANED_UP);
+                ASSERT_NO_FATAL_FAILURE(expect_whole_history(r));
+                EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0); // the next start
+                ASSERT_NO_FATAL_FAILURE(expect_whole_history(r));
+            }
+        });
+    }
 }
 
 TEST(history, any_other_file_is_made_anew)
