@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "counters.h"
+#include "doc_tables.h"
 #include "host_support.h"
 #include "mtrack.h"
 #include "sdwrap.h"
@@ -241,5 +242,19 @@ TEST(debug_service, verb_7_answers_the_gates_of_each_category)
         request(queue, {1, 102, 255, 1});
         request(queue, {7, 0, 0, 0}, 1024);
         EXPECT_EQ(peer_receive(peer).substr(16), "100 0 256\n101 1 0\n102 0 2\n");
+    });
+}
+
+TEST(debug_service, counters_are_those_of_the_document_in_its_order)
+{
+    on_fresh_card([] {
+        const int queue = start();
+        const int peer = peer_socket(card_file("mts/1024"));
+        platform_counters = {};
+        std::string expected;
+        for (const std::string &name : doc_read("card-interfaces.md").tables["Counters"].column("counter"))
+            expected += name.substr(1, name.size() - 2) + " 0\n";
+        request(queue, {5, 0, 0, 0}, 1024);
+        EXPECT_EQ(peer_receive(peer).substr(16), expected);
     });
 }
