@@ -18,5 +18,6 @@ constexpr const char *LOCK_SUFFIX = ".lock";
 
 // Folders; what is in them is named by a number in decimal, in rpc/names by a procedure.
 constexpr const char *MTS_FOLDER = "mts", *RPC_FOLDER = "rpc", *HISTORY_FOLDER = "history";
+constexpr const char *HISTORY_ERRORS_SUFFIX = ".errors";
 constexpr const char *RPC_NAMES_FOLDER = "rpc/names"; // links "../<endpoint>"
 constexpr const char *CARD_FOLDERS[] = {"mem", MTS_FOLDER, RPC_FOLDER, RPC_NAMES_FOLDER, HISTORY_FOLDER, "scp"};

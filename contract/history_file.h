@@ -1,5 +1,7 @@
 // history_file.h - history/<component>: a ring of records in a mapped file that outlives its writer.
 //
+// history/<component>.errors has the same form: the records of category HISTORY_ERRORS_CATEGORY a second time, so that
+// traces, which are far more, do not push errors out.
 // A header, then `capacity` bytes of ring. Integers are in the host's order. Records wrap at the ring's end; the oldest
 // begins at `tail` modulo capacity, the newest ends at `head` modulo capacity. The writer moves tail, writes the
 // record, then moves head.
@@ -12,6 +14,8 @@
 
 constexpr std::uint32_t HISTORY_MAGIC = 0x48495354, HISTORY_VERSION = 1; // "HIST"
 constexpr std::size_t HISTORY_ALIGN = 8;
+constexpr std::uint32_t HISTORY_ERRORS_CATEGORY = 100;
+constexpr std::size_t HISTORY_ERRORS_CAPACITY = 0x4000; // of the errors' ring
 
 struct history_header {
     std::uint32_t magic;

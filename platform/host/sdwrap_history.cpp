@@ -6,6 +6,7 @@
 // They begin at head, which one store moves behind a record's last byte; one that was stopped before it is overwritten.
 // Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly. The
 // clock is the only system call for a record.
+// Records of errors go to a second ring of the same form as well, which traces cannot push them out of.
 // Elsewhere: the form of the file (history_file.h), which categories are kept (sdwrap.cpp), what a record of the
 // process holds (route_log.cpp).
 #include "sdwrap.h"
@@ -37,7 +38,7 @@ struct history {
     std::uint64_t lap = 0;            // a multiple of capacity, less than two of it below head
     std::uint32_t component = 0;
 };
-history own;
+history own, errors; // the errors' ring is missing where it could not be had
 std::size_t default_bytes = 0x10000;
 
 void publish(std::uint64_t &word, std::uint64_t value)
@@ -121,13 +122,14 @@ void start_empty(history &h)
     std::atomic_ref<std::uint32_t>(h.header->magic).store(HISTORY_MAGIC, std::memory_order_release);
 }
 
-int open_history(std::uint32_t component, std::size_t bytes)
+// Opens history/<component><suffix> with a ring of `bytes`, in place of what `h` was. Returns 0 or -1.
+int open_history(std::uint32_t component, const char *suffix, std::size_t bytes, history &h)
 {
-    history h;
+    unmap_file(h);
     h.capacity = bytes;
     h.component = component;
     char name[32];
-    (void)std::snprintf(name, sizeof name, "%s/%u", HISTORY_FOLDER, component);
+    (void)std::snprintf(name, sizeof name, "%s/%u%s", HISTORY_FOLDER, component, suffix);
     bool made = false;
     if (!map_file(name, h, &made))
         return -1;
@@ -145,8 +147,6 @@ int open_history(std::uint32_t component, std::size_t bytes)
     h.head = h.header->head;
     h.tail = h.header->tail;
     h.lap = h.head - h.head % h.capacity;
-    unmap_file(own);
-    own = h;
     return 0;
 }
 
@@ -183,6 +183,25 @@ void write_record(const history &h, const history_record_header &header, const v
     ring_write(h, h.head + sizeof header, data, bytes);
     ring_write(h, h.head + used, ZEROS, header.size - used);
 }
+
+void append(history &h, const history_record_header &header, const void *data, std::size_t bytes)
+{
+    // Judged here, not where head moves: a signal may end the process in between.
+    if (h.head - h.lap >= h.capacity)
+        h.lap += h.capacity;
+    make_room(h, header.size);
+    write_record(h, header, data, bytes);
+    publish(h.head, h.head + header.size);
+    publish(h.header->head, h.head);
+}
+
+bool is_error(const void *record, std::size_t bytes)
+{
+    std::uint32_t category = 0;
+    if (bytes >= sizeof category)
+        std::memcpy(&category, record, sizeof category);
+    return category == HISTORY_ERRORS_CATEGORY;
+}
 } // namespace
 
 int sdwrap_hist_init(std::size_t bytes)
@@ -201,7 +220,10 @@ int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes)
         bytes = default_bytes;
     if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % HISTORY_ALIGN != 0)
         return -1;
-    return open_history(component, bytes);
+    if (open_history(component, "", bytes, own) != 0)
+        return -1;
+    (void)open_history(component, HISTORY_ERRORS_SUFFIX, HISTORY_ERRORS_CAPACITY, errors); // said on standard error
+    return 0;
 }
 
 int sdwrap_hist_set_event_subtype(std::uint32_t event_type, std::uint32_t subtype, unsigned on)
@@ -228,13 +250,9 @@ int sdwrap_hist_event(std::uint32_t event_type, std::size_t bytes, const void *r
         static_cast<std::uint32_t>(size), event_type, {}, static_cast<std::uint32_t>(bytes)};
     std::memcpy(header.time_words, &ns, sizeof ns);
 
-    if (own.head - own.lap >=
-        own.capacity) // judged here, not where head moves: a signal may end the process in between
-        own.lap += own.capacity;
-    make_room(own, size);
-    write_record(own, header, record, bytes);
-    publish(own.head, own.head + size);
-    publish(own.header->head, own.head);
+    append(own, header, record, bytes);
+    if (errors.header != nullptr && size <= errors.capacity && is_error(record, bytes))
+        append(errors, header, record, bytes);
     ++platform_counters.history_records;
     return 0;
 }

@@ -30,10 +30,10 @@ template <class T> T number_at(const std::string &bytes, std::size_t at)
     return value;
 }
 
-// Reads the file of component 115 as a program that knows only the format would.
-parsed_history parse()
+// Reads a history of component 115 as a program that knows only the format would.
+parsed_history parse(const std::string &name = "history/115")
 {
-    const std::string file = read_text(card_file("history/115"));
+    const std::string file = read_text(card_file(name));
     EXPECT_EQ(number_at<std::uint32_t>(file, 0), 0x48495354u);
     EXPECT_EQ(number_at<std::uint32_t>(file, 4), 1u);
     parsed_history h = {
@@ -271,5 +271,51 @@ TEST(history, a_size_that_is_no_ring_is_refused)
         for (const std::size_t bytes : {std::size_t{1}, std::size_t{1025}, std::size_t{1} << 40})
             EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, bytes), -1) << bytes;
         EXPECT_EQ(sdwrap_hist_set_event_subtype(EVENT, 100, 1), -1) << "no history, no gate";
+    });
+}
+
+TEST(history, errors_are_kept_in_a_ring_of_their_own_too)
+{
+    on_fresh_card([] {
+        ASSERT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0);
+        const auto record = [](std::uint32_t category, std::uint32_t number) {
+            std::string data(4 + 60, '\0');
+            std::memcpy(data.data(), &category, 4);
+            std::memcpy(data.data() + 4, &number, 4);
+            EXPECT_EQ(sdwrap_hist_event(EVENT, data.size(), data.data()), 0);
+            return data;
+        };
+        const std::string first = record(100, 1), second = record(100, 2);
+        for (std::uint32_t trace = 0; trace < 5000; ++trace)
+            (void)record(101, trace);
+        (void)sdwrap_hist_event(EVENT, 2, "ab"); // too short for a category
+        const parsed_history kept = parse("history/115.errors"), all = parse();
+        EXPECT_EQ(kept.capacity, 0x4000u);
+        ASSERT_EQ(kept.records.size(), 2u);
+        EXPECT_EQ(kept.records[0].data, first);
+        EXPECT_EQ(kept.records[1].data, second);
+        EXPECT_EQ(kept.records[1].event_type, EVENT);
+        EXPECT_TRUE(std::none_of(all.records.begin(), all.records.end(), [&first](const parsed_record &r) {
+            return r.data == first;
+        })) << "traces have pushed it out there";
+        EXPECT_EQ(platform_counters.history_records, 5003u) << "an error counts once";
+        const std::uint64_t at_most = 0x4000 / 88;
+        for (std::uint32_t i = 0; i < 500; ++i)
+            (void)record(100, i);
+        EXPECT_EQ(parse("history/115.errors").records.size(), at_most);
+        ASSERT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0);
+        EXPECT_EQ(parse("history/115.errors").records.size(), at_most) << "a restart keeps them";
+    });
+}
+
+TEST(history, is_kept_without_the_errors_ring_where_that_cannot_be_had)
+{
+    on_fresh_card([] {
+        std::filesystem::create_directories(card_file("history/115.errors/inside"));
+        const std::string said = stderr_of([] { EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0); });
+        EXPECT_NE(said.find("history/115.errors"), std::string::npos) << said;
+        const std::uint32_t error = 100;
+        EXPECT_EQ(sdwrap_hist_event(EVENT, 4, &error), 0);
+        EXPECT_EQ(parse().records.size(), 1u);
     });
 }
