@@ -68,8 +68,7 @@ void run_line(const std::string &line)
         return;
     complete(words);
     routectl_options options;
-    bool is_help = false;
-    if (!options_take(words, options, is_help).empty())
+    if (!options_take(words, options).empty())
         return;
     if (options.timeout_ms == 0 || options.timeout_ms > 3'600'000)
         fuzz_fail("a time-out out of its range was taken");

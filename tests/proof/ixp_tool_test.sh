@@ -40,6 +40,9 @@ expect 1 'miss' "$ixp" -t 7 lookup 10.1.2.3
 expect 0 '"interface":6' "$ixp" --json lookup 10.1.2.3
 expect 2 'not an address' "$ixp" lookup 10.1.2
 expect 2 'No such file' "$ixp" -m ixp2 lookup 10.1.2.3
+expect 2 'ixp: .*subcommand' "$ixp"
+expect 2 'ixp: --tree' "$ixp" -t 256 lookup 10.1.2.3
+expect 0 '^ixp [0-9.]+$' "$ixp" --version
 expect 2 'no such body' "$ixp" --body fast lookup 10.1.2.3
 for body in scalar batch auto; do
     expect 0 '"misses": 0,' "$ixp" --json --body "$body" run --addresses zipf --seconds 0.05

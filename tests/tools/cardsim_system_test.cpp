@@ -128,6 +128,16 @@ TEST(cardsim_system, the_examples_are_right_in_every_copy_and_no_call_of_the_rou
     EXPECT_EQ(counter_value(counters, "remote_calls_failed"), 0u);
 }
 
+TEST(cardsim_system, an_option_that_is_none_is_refused_and_the_version_is_told)
+{
+    const card_dir card;
+    cardsim_process version(card, {"--version"}), wrong(card, {"--nonsense"});
+    EXPECT_EQ(version.end(), 0);
+    EXPECT_EQ(version.text.rfind("cardsim ", 0), 0u) << version.text;
+    EXPECT_EQ(wrong.end(), 2);
+    EXPECT_EQ(wrong.text, "") << "the error stands on standard error";
+}
+
 TEST(cardsim_system, a_wrong_expectation_is_named_and_is_the_status)
 {
     const card_dir card;

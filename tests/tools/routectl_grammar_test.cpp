@@ -222,21 +222,46 @@ TEST(routectl_options, letters_stand_together_or_alone_wherever_they_like)
 {
     std::vector<std::string> words = {"route", "-jf", "show", "-b", "file", "-t100", "--direct"};
     routectl_options options;
-    bool is_help = false;
-    EXPECT_EQ(options_take(words, options, is_help), "");
+    EXPECT_EQ(options_take(words, options), "");
     EXPECT_EQ(words, (std::vector<std::string>{"route", "show", "--direct"}));
     EXPECT_TRUE(options.json && options.go_on);
     EXPECT_EQ(options.batch, "file");
     EXPECT_EQ(options.timeout_ms, 100u);
 }
 
+TEST(routectl_options, long_names_stand_before_the_command_and_behind_its_first_word_two_dashes_are_its_own)
+{
+    std::vector<std::string> words = {"--json", "--timeout", "7", "--card=/x", "hw", "export", "--dot", "-f", "--json"};
+    routectl_options options;
+    EXPECT_EQ(options_take(words, options), "");
+    EXPECT_EQ(words, (std::vector<std::string>{"hw", "export", "--dot", "--json"}));
+    EXPECT_TRUE(options.json && options.go_on);
+    EXPECT_EQ(options.timeout_ms, 7u);
+    EXPECT_EQ(options.card, "/x");
+}
+
+TEST(routectl_options, of_two_values_the_last_one_counts)
+{
+    std::vector<std::string> words = {"-t", "5", "-j", "-j", "memory", "-t", "6", "-t7"};
+    routectl_options options;
+    EXPECT_EQ(options_take(words, options), "");
+    EXPECT_EQ(options.timeout_ms, 7u);
+}
+
 TEST(routectl_options, what_is_none_is_said)
 {
-    for (const std::vector<std::string> &given :
-         std::vector<std::vector<std::string>>{{"-x"}, {"-b"}, {"-t", "0"}, {"-t", "soon"}, {"-j", "-o"}, {"-jx"}}) {
+    for (const std::vector<std::string> &given : std::vector<std::vector<std::string>>{{"-x"},
+                                                                                       {"-b"},
+                                                                                       {"-b", ""},
+                                                                                       {"-t", "0"},
+                                                                                       {"-t", "soon"},
+                                                                                       {"-t", "3600001"},
+                                                                                       {"-j", "-o"},
+                                                                                       {"-jx"},
+                                                                                       {"--x"},
+                                                                                       {"route", "-x"}}) {
         std::vector<std::string> words = given;
         routectl_options options;
-        bool is_help = false;
-        EXPECT_NE(options_take(words, options, is_help), "") << given[0];
+        EXPECT_NE(options_take(words, options), "") << given[0];
     }
 }

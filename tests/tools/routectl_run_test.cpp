@@ -206,6 +206,8 @@ TEST(routectl_run, bad_words_are_usage_errors_before_anyone_is_asked)
     (void)document_of(routectl_run(card, "-jo memory"), "-jo");
     EXPECT_EQ(routectl_run(card, "").status, 2) << "no command, and no terminal";
     EXPECT_EQ(routectl_run(card, "help").status, 0);
+    EXPECT_EQ(routectl_run(card, "help").out, routectl_run(card, "--help").out);
+    EXPECT_EQ(routectl_run(card, "--version").out.rfind("routectl ", 0), 0u);
     EXPECT_EQ(routectl_run(card, "route add -h").status, 0);
 }
 

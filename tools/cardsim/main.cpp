@@ -2,8 +2,7 @@
 //
 // One thread, one poll: what the route manager asks is answered within the pass, and nothing here ever waits for the
 // route manager, which may just then be waiting for us.
-//
-//   cardsim [--check] [--parse] [--quiet] [--routectl PROGRAM] [FILE...]     see cardsim(1)
+// Elsewhere: the options and the scenario's statements for a user (cardsim(1)).
 
 #include <algorithm>
 #include <chrono>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -23,6 +23,7 @@
 #include "big_endian.h"
 #include "card_dir.h"
 #include "card_model.h"
+#include "card_tool/tool_app.h"
 #include "if_db.h"
 #include "interface_events.h"
 #include "manager_link.h"
@@ -35,7 +36,7 @@
 
 namespace
 {
-constexpr int EXIT_DONE = 0, EXIT_WRONG = 1, EXIT_USAGE = 2, EXIT_NO_CARD = 3;
+constexpr int EXIT_DONE = 0, EXIT_WRONG = 1, EXIT_NO_CARD = 3;
 constexpr std::uint32_t CARDSIM_UUID = 341;
 
 struct options {
@@ -62,51 +63,29 @@ std::uint64_t now_ms()
     return static_cast<std::uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
-int usage(std::FILE *to, int status)
-{
-    std::fprintf(to, "usage: cardsim [--check] [--parse] [--quiet] [--routectl PROGRAM] [FILE...]\n"
-                     "  --check     play the scenario, judge its expectations and end: status 0 when all are right\n"
-                     "  --parse     only read the scenario and say what is wrong in it\n"
-                     "  --quiet     no line about what happens\n"
-                     "  --routectl  program that `show` lines run, in place of the one beside cardsim\n"
-                     "Without a file the card has no interface until one is made (routectl if create).\n");
-    return status;
-}
-
 // routectl beside this program, or the one that the path finds.
 std::string routectl_default()
 {
-    char self[PATH_MAX] = {};
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    const std::string path(self, length > 0 ? static_cast<std::size_t>(length) : 0);
-    const std::string beside = path.substr(0, path.rfind('/') + 1) + "routectl";
-    return access(beside.c_str(), X_OK) == 0 ? beside : "routectl";
+    std::error_code none; // then the path is empty
+    const auto beside = std::filesystem::read_symlink("/proc/self/exe", none).replace_filename("routectl");
+    return access(beside.c_str(), X_OK) == 0 ? beside.string() : "routectl";
 }
 
-// Returns -1 when the options are understood, or the exit status.
-int options_read(int argc, char **argv, options *opts)
+// Returns the exit status when the options leave nothing to do.
+std::optional<int> options_read(int argc, char **argv, options *opts)
 {
     opts->routectl = routectl_default();
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
-        if (word == "--check") {
-            opts->check = true;
-        } else if (word == "--parse") {
-            opts->parse = true;
-        } else if (word == "--quiet" || word == "-q") {
-            opts->quiet = true;
-        } else if (word == "--routectl" && i + 1 < argc) {
-            opts->routectl = argv[++i];
-        } else if (word == "--help" || word == "-h") {
-            return usage(stdout, EXIT_DONE);
-        } else if (word.size() > 1 && word[0] == '-') {
-            std::fprintf(stderr, "cardsim: %s: no such option, or its value is missing\n", word.c_str());
-            return usage(stderr, EXIT_USAGE);
-        } else {
-            opts->files.push_back(word);
-        }
-    }
-    return -1;
+    CLI::App app("The line card's other processes in one program. Without a file the card has no interface\n"
+                 "until one is made (routectl if create).",
+                 "cardsim");
+    app.add_flag("--check", opts->check,
+                 "play the scenario, judge its expectations and end: status 0 when all are right");
+    app.add_flag("--parse", opts->parse, "only read the scenario and say what is wrong in it");
+    app.add_flag("-q,--quiet", opts->quiet, "no line about what happens");
+    app.add_option("--routectl", opts->routectl, "program that `show` lines run, in place of the one beside cardsim")
+        ->type_name("PROGRAM");
+    app.add_option("file", opts->files, "scenario files, - for standard input")->type_name("");
+    return tool_app_parse(app, argc, argv);
 }
 
 void arrival(card &c)
@@ -230,13 +209,13 @@ int run(card &c)
 int main(int argc, char **argv)
 {
     static card c; // procedures and answers refer to it until the end
-    if (const int status = options_read(argc, argv, &c.opts); status >= 0)
-        return status;
+    if (const auto status = options_read(argc, argv, &c.opts))
+        return *status;
     for (const std::string &file : c.opts.files) {
         std::string error;
         if (scenario_read(file, &c.plan, &error) != 0) {
             std::fprintf(stderr, "cardsim: %s\n", error.c_str());
-            return EXIT_USAGE;
+            return TOOL_USAGE;
         }
     }
     if (c.opts.parse)

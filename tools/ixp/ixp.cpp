@@ -6,9 +6,8 @@
 #include <cstdlib>
 #include <exception>
 
-#include <CLI/CLI.hpp>
-
 #include "card_files.h"
+#include "card_tool/tool_app.h"
 #include "ixp_memory.h"
 #include "ixp_tool.h"
 #include "route_table.h"
@@ -36,12 +35,12 @@ int run(const ixp_options &options, mode chosen)
     const ixp_body body = ixp_chosen_body(options);
     if (body == IXP_BODIES) {
         std::fprintf(stderr, "ixp: %s: no such body on this machine\n", options.body.c_str());
-        return 2;
+        return TOOL_USAGE;
     }
     const ixp_memory memory(memory_path(options), base_of(options));
     if (!memory.error.empty()) {
         std::fprintf(stderr, "ixp: %s\n", memory.error.c_str());
-        return 2;
+        return TOOL_USAGE;
     }
     return chosen(options, memory.table, body);
 }
@@ -49,10 +48,15 @@ int run(const ixp_options &options, mode chosen)
 void shared_options(CLI::App &app, ixp_options &options)
 {
     app.add_option("-m,--memory", options.memory, "ixp1, ixp2 or wired of $CARD_DIR, or a file (with a slash)")
+        ->type_name("NAME")
         ->capture_default_str();
-    app.add_option("--base", options.base, "address of the table as its reader sees it (wired: 0x08000000)");
-    app.add_option("-t,--tree", options.tree, "route id")->check(CLI::Range(0, 255))->capture_default_str();
-    app.add_option("--body", options.body, "auto, scalar, batch or avx2")->capture_default_str();
+    app.add_option("--base", options.base, "address of the table as its reader sees it (wired: 0x08000000)")
+        ->type_name("ADDR");
+    app.add_option("-t,--tree", options.tree, "route id, 0 to 255")
+        ->type_name("ID")
+        ->check(CLI::Range(0, 255).description(""))
+        ->capture_default_str();
+    app.add_option("--body", options.body, "auto, scalar, batch or avx2")->type_name("NAME")->capture_default_str();
     app.add_flag("-j,--json", options.json, "JSON instead of text");
 }
 } // namespace
@@ -76,7 +80,7 @@ int parse_and_run(int argc, char **argv)
     ixp_options options;
     mode chosen = nullptr;
     CLI::App app{"An emulated network processor: looks destinations up in a card's route-table memory.", "ixp"};
-    app.require_subcommand(0, 1);
+    app.require_subcommand(1);
     app.fallthrough();
     shared_options(app, options);
     CLI::App *lookup = app.add_subcommand("lookup", "look addresses up once; status 1 when one is a miss");
@@ -92,15 +96,9 @@ int parse_and_run(int argc, char **argv)
     run_mode->add_option("--seconds", options.seconds, "how long (5)")->check(SECONDS);
     run_mode->add_option("--seed", options.seed, "of random and zipf")->capture_default_str();
     run_mode->callback([&] { chosen = ixp_mode_run; });
-    try {
-        app.parse(argc, argv);
-        if (chosen != nullptr)
-            return run(options, chosen);
-        std::fprintf(stderr, "ixp: one of lookup, follow and run is wanted; ixp --help explains them\n");
-        return 2;
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : 2;
-    }
+    if (const auto status = tool_app_parse(app, argc, argv))
+        return *status;
+    return run(options, chosen);
 }
 } // namespace
 
@@ -110,6 +108,6 @@ int main(int argc, char **argv)
         return parse_and_run(argc, argv);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "ixp: %s\n", error.what());
-        return 2;
+        return TOOL_USAGE;
     }
 }

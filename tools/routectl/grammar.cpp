@@ -15,6 +15,7 @@
 #include "card_view/history_view.h"
 #include "card_view/table_view.h"
 #include "interface_db.h"
+#include "options.h"
 
 namespace
 {
@@ -437,7 +438,7 @@ std::string help_asked(word_span words)
         return "";
     if (walk.is_command)
         return help_of(*walk.candidates[0]);
-    return walk.words == 0 ? grammar_overview() : help_list(walk.candidates);
+    return walk.words == 0 ? options_help() + "\nCommands:\n" + help_list(walk.candidates) : help_list(walk.candidates);
 }
 
 grammar_result parse_command(const routectl_command &command, word_span words)
@@ -560,5 +561,3 @@ bool grammar_split(const std::string &line, std::vector<std::string> &words)
     }
     return !in_quotes;
 }
-
-std::string grammar_overview() { return help_list(routectl_table()); }

@@ -34,6 +34,3 @@ std::vector<std::string> grammar_complete(std::span<const std::string> words, co
 
 // Cuts a line at blanks; "..." keeps them, # starts a comment. Returns false when a quote is not closed.
 bool grammar_split(const std::string &line, std::vector<std::string> &words);
-
-// Everything, for `help` alone.
-std::string grammar_overview();

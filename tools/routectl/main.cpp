@@ -12,6 +12,7 @@
 #include "batch.h"
 #include "card_dir.h"
 #include "card_files.h"
+#include "card_tool/tool_app.h"
 #include "execute.h"
 #include "grammar.h"
 #include "options.h"
@@ -44,17 +45,6 @@ std::string card_missing(const routectl_options &options)
     return card_dir_path().empty() ? path + ": the card directory is refused" : "";
 }
 
-int print_help(const std::vector<std::string> &words)
-{
-    std::vector<std::string> asked = words;
-    asked.insert(asked.begin(), "help");
-    const grammar_result help = grammar_parse(asked);
-    if (!help.error.empty())
-        return std::fprintf(stderr, "routectl: %s\n", help.error.c_str()), ROUTECTL_USAGE;
-    std::printf("%s%s", help.help.c_str(), words.empty() ? options_help() : "");
-    return ROUTECTL_DONE;
-}
-
 int end_with(const routectl_options &options, const std::string &command, const routectl_answer &answer)
 {
     output_answer(options, command, answer);
@@ -83,10 +73,13 @@ int main(int argc, char **argv)
     routectl_options options;
     const char *const no_colour = std::getenv("NO_COLOR");
     options.colour = isatty(STDOUT_FILENO) != 0 && (no_colour == nullptr || *no_colour == 0);
-    bool is_help = false;
-    std::string wrong = options_take(words, options, is_help);
-    if (wrong.empty() && is_help && !options.json)
-        return print_help(words);
+    std::string wrong = options_take(words, options);
+    if (wrong.empty() && options.is_version)
+        return std::puts(tool_version("routectl").c_str()), ROUTECTL_DONE;
+    if (wrong.empty() && options.is_help) {
+        options.batch.clear();
+        words.insert(words.begin(), "help");
+    }
     if (wrong.empty() && !options.batch.empty() && !words.empty())
         wrong = "a batch has its commands in its file, not on the command line";
     if (wrong.empty() && options.batch.empty() && words.empty() && (!is_terminal() || options.json))

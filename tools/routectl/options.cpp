@@ -1,87 +1,80 @@
-// options.cpp - single letters with a dash, together or alone, before, in or behind a command.
+// options.cpp - what the options are called, and how they are told from the words of a command.
+//
+// The words are read twice: up to the command's first one with all names, from there on with the letters alone.
 #include "options.h"
 
-#include "card_tool/address_text.h"
+#include <fmt/format.h>
+
 #include "card_tool/shown_text.h"
+#include "card_tool/tool_app.h"
 
 namespace
 {
-constexpr const char *WITH_VALUE = "bct";
+enum class option_names { all, letters };
 
-// Sets the option that has a value. Returns what is wrong with it.
-std::string value_set(char letter, const std::string &value, routectl_options &options)
+void options_define(CLI::App &app, routectl_options &options, option_names names)
 {
-    if (letter == 'b') {
-        options.batch = value;
-    } else if (letter == 'c') {
-        options.card = value;
-    } else {
-        const auto ms = number_parse(value, 3'600'000);
-        if (!ms || *ms == 0)
-            return "-t: \"" + shown_text(value) + "\" is no time in milliseconds, 1 to 3600000";
-        options.timeout_ms = *ms;
-    }
-    return value.empty() ? std::string("-") + letter + ": its value is empty" : "";
+    const auto name = [names](const char *letter, const char *word) {
+        return names == option_names::all ? fmt::format("-{},--{}", letter, word) : fmt::format("-{}", letter);
+    };
+    const CLI::Validator is_given([](const std::string &value) { return value.empty() ? "it is empty" : ""; }, "");
+    app.set_help_flag();
+    app.add_flag(name("j", "json"), options.json, "one JSON document");
+    app.add_flag(name("o", "oneline"), options.oneline, "a line for each record");
+    app.add_option(name("b", "batch"), options.batch, "commands of a file, - for standard input")
+        ->type_name("FILE")
+        ->check(is_given)
+        ->take_last();
+    app.add_flag(name("f", "go-on"), options.go_on, "go on after a line of a batch that failed");
+    app.add_option(name("c", "card"), options.card, "card directory, else $CARD_DIR, else /run/card")
+        ->type_name("DIR")
+        ->check(is_given)
+        ->take_last();
+    app.add_option(name("t", "timeout"), options.timeout_ms,
+                   "how long an answer is waited for, 1 to 3600000, else 5000")
+        ->type_name("MS")
+        ->check(CLI::Range(1, 3'600'000).description(""))
+        ->take_last();
+    app.add_flag(name("h", "help"), options.is_help,
+                 "this help, or that of a command; also: help, help WORDS, WORDS help");
+    app.add_flag(name("V", "version"), options.is_version, "the version");
 }
-
-bool flag_set(char letter, routectl_options &options, bool &is_help)
+// Takes the options of these names out of `words`: all that stand before the first other word, or letters anywhere.
+std::string names_take(std::vector<std::string> &words, routectl_options &options, option_names names)
 {
-    switch (letter) {
-    case 'j':
-        return options.json = true;
-    case 'o':
-        return options.oneline = true;
-    case 'f':
-        return options.go_on = true;
-    case 'h':
-        return is_help = true;
-    default:
-        return false;
+    CLI::App app;
+    options_define(app, options, names);
+    app.allow_extras();
+    app.prefix_command(names == option_names::all);
+    try {
+        app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+    } catch (const CLI::ParseError &error) {
+        options.json = options.json || app.count("-j") != 0; // then the error is a document
+        return error.what();
     }
-}
-
-// Takes the letters of words[at], which begins with a dash, and a value that follows it.
-std::string letters_take(const std::vector<std::string> &words, std::size_t &at, routectl_options &options,
-                         bool &is_help)
-{
-    const std::string &word = words[at];
-    for (std::size_t i = 1; i < word.size(); ++i) {
-        const char letter = word[i];
-        if (std::string(WITH_VALUE).find(letter) != std::string::npos) {
-            if (i + 1 < word.size())
-                return value_set(letter, word.substr(i + 1), options);
-            if (at + 1 == words.size())
-                return std::string("-") + letter + " wants a value";
-            return value_set(letter, words[++at], options);
-        }
-        if (!flag_set(letter, options, is_help))
-            return "-" + shown_text({letter}) + " is no option; there are -j -o -f -h, -b FILE, -c DIR and -t MS";
+    words = app.remaining();
+    for (const std::string &word : words) {
+        if (word.size() > 1 && word[0] == '-' && (names == option_names::all || word[1] != '-'))
+            return shown_text(word) + " is no option (routectl --help lists them)";
+        if (names == option_names::all)
+            break; // what stands behind the first word is read next
     }
     return "";
 }
 } // namespace
 
-std::string options_take(std::vector<std::string> &words, routectl_options &options, bool &is_help)
+std::string options_take(std::vector<std::string> &words, routectl_options &options)
 {
-    std::vector<std::string> others;
-    for (std::size_t at = 0; at < words.size(); ++at) {
-        const std::string &word = words[at];
-        if (word == "--help")
-            is_help = true;
-        else if (word.size() < 2 || word[0] != '-' || word[1] == '-')
-            others.push_back(word);
-        else if (std::string wrong = letters_take(words, at, options, is_help); !wrong.empty())
-            return wrong;
-    }
-    words = std::move(others);
-    return options.json && options.oneline ? "-j and -o exclude each other" : "";
+    std::string wrong = names_take(words, options, option_names::all);
+    if (wrong.empty())
+        wrong = names_take(words, options, option_names::letters);
+    return wrong.empty() && options.json && options.oneline ? "-j and -o exclude each other" : wrong;
 }
 
-const char *options_help()
+std::string options_help()
 {
-    return "  -j        one JSON document       -o        a line for each record\n"
-           "  -b FILE   commands of a file, - for standard input       -f   go on after an error\n"
-           "  -c DIR    card directory, else $CARD_DIR, else /run/card\n"
-           "  -t MS     how long an answer is waited for, else 5000\n"
-           "  -h        help; also: help, help WORDS, WORDS help\n";
+    routectl_options options;
+    CLI::App app;
+    options_define(app, options, option_names::all);
+    return "Usage: routectl [OPTIONS] [COMMAND]\n" + CLI::Formatter().make_groups(&app, CLI::AppFormatMode::Normal);
 }

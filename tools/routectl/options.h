@@ -1,4 +1,7 @@
-// options.h - the options of a run, among the words of its command.
+// options.h - the options of a run, before the words of its command and among them.
+//
+// Always: behind the first word of a command two dashes begin a word of that command (`hw export --json`), so the long
+// names stand before it; the letters may stand anywhere.
 #pragma once
 
 #include <string>
@@ -6,9 +9,8 @@
 
 #include "routectl_commands.h"
 
-// Takes the options out of `words`, wherever they stand; a word that begins with two dashes is the command's. is_help:
-// -h was among them. Returns what is wrong with them, or an empty text.
-std::string options_take(std::vector<std::string> &words, routectl_options &options, bool &is_help);
+// Takes the options out of `words`. Returns what is wrong with them, or an empty text.
+std::string options_take(std::vector<std::string> &words, routectl_options &options);
 
-// The lines of `help` about them.
-const char *options_help();
+// The part of `help` about them.
+std::string options_help();

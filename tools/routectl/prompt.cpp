@@ -107,17 +107,15 @@ int line_run(const routectl_options &options, routectl_session &session, const s
 {
     std::vector<std::string> words;
     routectl_options line_options = options;
-    bool is_help = false;
-    std::string wrong =
-        grammar_split(line, words) ? options_take(words, line_options, is_help) : "a quote is not closed";
-    if (wrong.empty() && (!line_options.batch.empty() || line_options.card != options.card))
-        wrong = "-b and -c are for the start of routectl";
+    std::string wrong = grammar_split(line, words) ? options_take(words, line_options) : "a quote is not closed";
+    if (wrong.empty() && (!line_options.batch.empty() || line_options.card != options.card || line_options.is_version))
+        wrong = "-b, -c and -V are for the start of routectl";
     if (!wrong.empty()) {
         output_answer(line_options, "", routectl_error(ROUTECTL_USAGE, wrong));
         return ROUTECTL_USAGE;
     }
-    if (is_help)
-        words.emplace_back("help");
+    if (line_options.is_help)
+        words.insert(words.begin(), "help");
     is_over = words.size() == 1 && (words[0] == "exit" || words[0] == "quit");
     if (words.empty() || is_over)
         return ROUTECTL_DONE;

@@ -29,6 +29,8 @@ struct routectl_options {
     bool oneline = false;       // -o
     bool colour = false;        // standard output is a terminal and NO_COLOR is not set
     bool go_on = false;         // -f
+    bool is_help = false;       // -h
+    bool is_version = false;    // -V
     unsigned timeout_ms = 5000; // longer than the route manager waits for others itself
     std::string batch;          // -b; empty: none
     std::string card;           // -c; empty: as $CARD_DIR says
