@@ -7,6 +7,7 @@
 // Elsewhere: how words are stored there (hw_store.cpp), what they mean (security/routing).
 #include "platform_mem.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -70,7 +71,8 @@ void unmap_wired_route(int, card_addr addr) { card_space_unmap(addr, HW_WIRED_BY
 
 card_addr map_pci_xram_to_uspace(std::uint32_t, std::uint32_t bytes, std::uint32_t processor)
 {
-    if (processor >= platform_get_num_ixp() || bytes == 0 || bytes > HW_TABLE_BYTES)
+    // The first memory is made and mapped on a card without processors too.
+    if (processor >= std::max(platform_get_num_ixp(), 1u) || bytes == 0 || bytes > HW_TABLE_BYTES)
         return 0;
     return map_memory(IXP_FILES[processor], HW_TABLE_BYTES, bytes);
 }

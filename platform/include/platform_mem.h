@@ -18,7 +18,8 @@ int norvik_get_wired_info(int descriptor, wired_info *info); // 0 or -1
 [[nodiscard]] card_addr map_wired_route(int descriptor);     // the region's card address, 0 on failure
 void unmap_wired_route(int descriptor, card_addr addr);      // addr 0, or one that is not mapped: nothing
 
-// Maps the table memory of `processor` (0 or 1). Returns its card address; 0 or all ones on failure.
+// Maps the table memory of `processor` (0, also on a card without one, or 1). Returns its card address; 0 or all ones
+// on failure.
 [[nodiscard]] card_addr map_pci_xram_to_uspace(std::uint32_t pci_address, std::uint32_t bytes, std::uint32_t processor);
 void unmap_pci_xram_to_uspace(card_addr addr, std::uint32_t bytes); // as unmap_wired_route
 

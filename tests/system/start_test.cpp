@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <signal.h>
@@ -106,6 +107,23 @@ TEST(daemon_start, with_one_processor_leaves_the_second_table_memory_alone)
     ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
     EXPECT_FALSE(path_exists(card.at("mem/ixp2")));
     EXPECT_EQ(table_difference(memory_words(card, "mem/ixp1"), table_at_start(TABLE_IXP).words), "");
+}
+
+TEST(daemon_start, without_processors_fails_at_the_first_route_since_no_tree_has_a_root)
+{
+    const card_dir card;
+    file_write(card.at("card.conf"), "num_ixp = 0\n");
+    daemon_process daemon(card);
+    EXPECT_EQ(daemon_exit_status(daemon), 255);
+    const history h = history_read(card);
+    EXPECT_TRUE(history_has(h, 100, "<Ctx:0>couldn't add entry for multicast pkt drop\n"));
+    EXPECT_FALSE(history_has(h, 100, "<Ctx:0>main: mtrie_pool_init failed\n"));
+    for (const char *copy : {"mem/wired", "mem/ixp1"}) {
+        const std::vector<std::uint32_t> words = memory_words(card, copy);
+        EXPECT_EQ(std::count(words.begin(), words.end(), 0u), static_cast<std::ptrdiff_t>(words.size())) << copy;
+    }
+    EXPECT_EQ(memory_words(card, "mem/ixp1").size(), TABLE_WORDS);
+    EXPECT_FALSE(path_exists(card.at("mem/ixp2")));
 }
 
 TEST(daemon_start, follows_the_wired_base_of_the_card_settings_in_the_wired_copy_only)

@@ -263,6 +263,17 @@ TEST(platform_mem, with_one_processor_the_second_table_is_left_alone)
     });
 }
 
+TEST(platform_mem, without_processors_the_first_table_is_mapped_all_the_same)
+{
+    on_fresh_card([] {
+        put_conf("num_ixp = 0\n");
+        EXPECT_EQ(platform_get_num_ixp(), 0u);
+        EXPECT_NE(map_pci_xram_to_uspace(0x48202000, 0x103400, 0), 0u);
+        EXPECT_EQ(map_pci_xram_to_uspace(0x50202000, 0x103400, 1), 0u);
+        EXPECT_FALSE(std::filesystem::exists(card_file("mem/ixp2")));
+    });
+}
+
 TEST(platform_mem, the_wired_region_has_the_address_that_is_set)
 {
     on_fresh_card([] {
