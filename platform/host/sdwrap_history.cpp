@@ -16,8 +16,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "card_dir.h"
@@ -122,14 +125,27 @@ void start_empty(history &h)
     std::atomic_ref<std::uint32_t>(h.header->magic).store(HISTORY_MAGIC, std::memory_order_release);
 }
 
-// Opens history/<component><suffix> with a ring of `bytes`, in place of what `h` was. Returns 0 or -1.
+// Takes away what stands in a history's place and is no file that this process can write, without opening it. A folder
+// stays, and then there is no history.
+void remove_other_than_file(const char *path)
+{
+    struct stat st = {};
+    if (lstat(path, &st) == 0 && (!S_ISREG(st.st_mode) || faccessat(AT_FDCWD, path, R_OK | W_OK, AT_EACCESS) != 0))
+        (void)unlink(path);
+}
+
+// Opens history/<component><suffix> with a ring of `bytes`, in place of what `h` was. Returns 0, or -1 (reported).
 int open_history(std::uint32_t component, const char *suffix, std::size_t bytes, history &h)
 {
     unmap_file(h);
+    if (card_dir_path().empty())
+        return -1;
     h.capacity = bytes;
     h.component = component;
     char name[32];
     (void)std::snprintf(name, sizeof name, "%s/%u%s", HISTORY_FOLDER, component, suffix);
+    const std::string path = card_dir_path() + "/" + name;
+    remove_other_than_file(path.c_str());
     bool made = false;
     if (!map_file(name, h, &made))
         return -1;
@@ -138,7 +154,7 @@ int open_history(std::uint32_t component, const char *suffix, std::size_t bytes,
         unmap_file(h);
         h.capacity = bytes;
         h.component = component;
-        (void)unlink((card_dir_path() + "/" + name).c_str());
+        (void)unlink(path.c_str());
         if (!map_file(name, h, &made))
             return -1;
     }
@@ -214,15 +230,14 @@ int sdwrap_hist_init(std::size_t bytes)
 
 int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes)
 {
-    // From here on errors go to the history. Also when it failed: what it said of itself stands on standard error.
-    sdwrap_close_early_gate();
     if (bytes == 0)
         bytes = default_bytes;
     if (bytes < MIN_CAPACITY || bytes > MAX_CAPACITY || bytes % HISTORY_ALIGN != 0)
         return -1;
     if (open_history(component, "", bytes, own) != 0)
         return -1;
-    (void)open_history(component, HISTORY_ERRORS_SUFFIX, HISTORY_ERRORS_CAPACITY, errors); // said on standard error
+    sdwrap_close_early_gate(); // errors go to the history now; without one they stay on standard error
+    (void)open_history(component, HISTORY_ERRORS_SUFFIX, HISTORY_ERRORS_CAPACITY, errors); // reported
     return 0;
 }
 

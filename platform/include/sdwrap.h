@@ -51,7 +51,8 @@ void sdwrap_sys_clean(int queue);
 // Sends one syslog message: severity 0 to 7, then a printf format with its arguments.
 [[gnu::format(printf, 2, 3)]] void zumo_syslog(unsigned severity, const char *format, ...);
 
-// Creates the history of the process (default size), and of a component with `bytes` of ring. Return 0 or -1.
+// The history's default size, and the history of a component with `bytes` of ring (0: the default). The second closes
+// the debug gate of the first category once there is a history. Return 0 or -1.
 int sdwrap_hist_init(std::size_t bytes);
 int sdwrap_hist_init_for_uuid(std::uint32_t component, std::size_t bytes);
 

@@ -131,6 +131,9 @@ TEST(access, nothing_is_opened_through_a_link_that_stands_where_a_file_should)
             daemon_signal(daemon, SIGINT);
         EXPECT_EQ(daemon_exit_status(daemon), planted.starts ? 1 : 255) << file_text(daemon.err);
         EXPECT_EQ(file_text(victim), "slot = 9\n");
+        if (std::string_view(planted.path) == "history/115") {
+            EXPECT_TRUE(history_read(card).valid) << "a history took the link's place";
+        }
     }
 }
 

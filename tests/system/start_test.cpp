@@ -148,6 +148,26 @@ TEST(daemon_start, reports_a_bad_setting_with_its_line_and_serves_without_it)
     EXPECT_TRUE(path_exists(card.at("mem/ixp2")));
 }
 
+TEST(daemon_start, without_a_history_says_so_and_goes_on_writing_errors_to_standard_error)
+{
+    const card_dir card;
+    make_folder(card.at("history"));
+    make_folder(card.at("history/115"));
+    const daemon_process daemon(card);
+    ASSERT_EQ(daemon_notification(daemon), "READY=1");
+    EXPECT_NE(file_text(daemon.err).find("history/115: Is a directory"), std::string::npos) << file_text(daemon.err);
+    const rpc_client client(card);
+    ASSERT_EQ(
+        rpc_call(client.fd, "rib_remove_route", {arg16(9), arg32(9), arg32(0x0B000000), arg32(0xFF000000), arg32(1)})
+            .result,
+        1u);
+    EXPECT_NE(file_text(daemon.err).find(" ROUTE Mgr ctx 9: could not find static route for ip=b000000/8"),
+              std::string::npos)
+        << file_text(daemon.err);
+    const mts_queue queue(card, 1024);
+    EXPECT_EQ(counter_value(debug_answer(queue, 5), "history_records"), 0u);
+}
+
 TEST(daemon_start, opens_the_null_device_for_standard_descriptors_that_are_closed)
 {
     const card_dir card;

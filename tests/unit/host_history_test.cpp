@@ -1,9 +1,14 @@
 // host_history_test.cpp - the history file, read back by a parser of this test's own.
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
+
+#include <sys/inotify.h>
+#include <sys/stat.h>
 
 #include "counters.h"
 #include "host_support.h"
@@ -265,11 +270,54 @@ TEST(history, any_other_file_is_made_anew)
     });
 }
 
+TEST(history, what_is_no_file_is_replaced_without_being_followed_or_opened)
+{
+    const std::pair<const char *, std::function<void(const char *)>> others[] = {
+        {"link", [](const char *path) { std::filesystem::create_symlink("../victim", path); }},
+        {"link that leads nowhere", [](const char *path) { std::filesystem::create_symlink("nowhere", path); }},
+        {"pipe", [](const char *path) { EXPECT_EQ(mkfifo(path, 0600), 0); }},
+        {"socket", [](const char *path) { close(peer_socket(path)); }},
+    };
+    for (const auto &[what, put] : others) {
+        SCOPED_TRACE(what);
+        on_fresh_card([&put = put] {
+            std::filesystem::create_directory(card_file("history"));
+            write_text(card_file("victim"), "mine");
+            const std::string path = card_file("history/115");
+            put(path.c_str());
+            const int watched = inotify_init1(IN_NONBLOCK);
+            EXPECT_GE(inotify_add_watch(watched, path.c_str(), IN_OPEN | IN_DONT_FOLLOW), 0);
+            EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
+            char event[sizeof(inotify_event) + NAME_MAX + 1];
+            ssize_t got = 0;
+            while ((got = read(watched, event, sizeof event)) > 0)
+                EXPECT_EQ(reinterpret_cast<const inotify_event *>(event)->mask & IN_OPEN, 0u) << "opened";
+            ASSERT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
+            log_text("new");
+            EXPECT_EQ(parse().records.size(), 1u);
+            EXPECT_EQ(read_text(card_file("victim")), "mine");
+        });
+    }
+}
+
+TEST(history, without_one_the_debug_gate_of_errors_stays_open_and_the_history_gate_closed)
+{
+    on_fresh_card([] {
+        std::filesystem::create_directories(card_file("history/115"));
+        const std::string said = stderr_of([] { EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), -1); });
+        EXPECT_NE(said.find("history/115: Is a directory"), std::string::npos) << said;
+        EXPECT_EQ(sdwrap_hist_set_event_subtype(EVENT, 100, 1), -1);
+        EXPECT_NE(sdwrap_chk_int_vcid(100, 0, 0, 1, 0), 0);
+        EXPECT_NE(sdwrap_hist_event_subtype_check(EVENT, 100), 0);
+    });
+}
+
 TEST(history, a_size_that_is_no_ring_is_refused)
 {
     on_fresh_card([] {
         for (const std::size_t bytes : {std::size_t{1}, std::size_t{1025}, std::size_t{1} << 40})
             EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, bytes), -1) << bytes;
+        EXPECT_NE(sdwrap_chk_int_vcid(100, 0, 0, 1, 0), 0) << "errors still go to standard error";
         EXPECT_EQ(sdwrap_hist_set_event_subtype(EVENT, 100, 1), -1) << "no history, no gate";
     });
 }
