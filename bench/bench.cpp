@@ -5,6 +5,7 @@
 // with each table: figures of a run with a wide one are not worth comparing with another run's, though the ratios in
 // it may be.
 #include "bench.h"
+#include "bench_table.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -70,63 +71,23 @@ std::string machine()
     return text;
 }
 
-double ratio_of(const bench_row &row)
+nlohmann::json object_of(const bench_row &row)
 {
-    if (!row.theirs || row.own <= 0 || *row.theirs <= 0)
-        return 0;
-    return row.unit == "/s" ? row.own / *row.theirs : *row.theirs / row.own;
-}
-
-std::string number(double value)
-{
-    char text[64];
-    (void)std::snprintf(text, sizeof text,
-                        value >= 1e6   ? "%.4g"
-                        : value >= 100 ? "%.0f"
-                        : value >= 10  ? "%.1f"
-                                       : "%.2f",
-                        value);
-    return text;
-}
-
-std::string wanted_of(const bench_row &row)
-{
-    if (row.wanted == 0)
-        return "";
-    const bool at_least = row.wanted_is_ratio || row.unit == "/s";
-    return (at_least ? ">= " : "<= ") + number(row.wanted) + (row.wanted_is_ratio ? " x" : "");
-}
-
-// Whether a row reaches what is wanted of it; empty when nothing is, or the peer is missing.
-std::string verdict_of(const bench_row &row)
-{
-    if (row.wanted == 0 || (row.wanted_is_ratio && !row.theirs))
-        return "";
-    const double value = row.wanted_is_ratio ? ratio_of(row) : row.own;
-    const bool at_least = row.wanted_is_ratio || row.unit == "/s";
-    return (at_least ? value >= row.wanted : value <= row.wanted) ? "yes" : "no";
-}
-
-void print_json(const std::string &subject, const std::vector<bench_row> &rows)
-{
-    nlohmann::json out = {{"subject", subject}, {"machine", machine()}, {"canary_spread", canary_spread()}};
-    for (const bench_row &row : rows) {
-        nlohmann::json one = {{"what", row.what}, {"unit", row.unit}, {"own", row.own}};
-        if (!row.peer.empty())
-            one["peer"] = row.peer;
-        if (row.theirs) {
-            one["theirs"] = *row.theirs;
-            one["ratio"] = ratio_of(row);
-        }
-        if (!row.missing.empty())
-            one["missing"] = row.missing;
-        if (row.wanted != 0)
-            one[row.wanted_is_ratio ? "wanted_ratio" : "wanted"] = row.wanted;
-        if (!row.remark.empty())
-            one["remark"] = row.remark;
-        out["rows"].push_back(one);
+    nlohmann::json one = {{"what", row.what}, {"unit", row.unit}, {"own", row.own}};
+    if (!row.peer.empty())
+        one["peer"] = row.peer;
+    if (row.theirs) {
+        one["theirs"] = *row.theirs;
+        if (row.own > 0 && *row.theirs > 0)
+            one["ratio"] = row.unit == "/s" ? row.own / *row.theirs : *row.theirs / row.own;
     }
-    std::fprintf(bench_report, "%s\n", out.dump().c_str());
+    if (!row.missing.empty())
+        one["missing"] = row.missing;
+    if (row.wanted != 0)
+        one[row.wanted_is_ratio ? "wanted_ratio" : "wanted"] = row.wanted;
+    if (!row.remark.empty())
+        one["remark"] = row.remark;
+    return one;
 }
 } // namespace
 
@@ -195,22 +156,15 @@ std::vector<double> bench_rounds(const bench_options &options, unsigned rounds,
 
 void bench_print(const bench_options &options, const std::string &subject, const std::vector<bench_row> &rows)
 {
+    nlohmann::json object = {{"subject", subject}, {"machine", machine()}, {"canary_spread", canary_spread()}};
+    if (options.brief)
+        object["brief"] = true;
+    for (const bench_row &row : rows)
+        object["rows"].push_back(object_of(row));
     if (options.json)
-        return print_json(subject, rows);
-    std::fprintf(bench_report, "\n### %s\n\n", subject.c_str());
-    std::fprintf(bench_report, "%s; canary spread %.0f %%%s\n\n", machine().c_str(), 100 * canary_spread(),
-                 options.brief ? "; BRIEF, not to be read as a measurement" : "");
-    std::fprintf(
-        bench_report,
-        "| measured | this | peer | | ratio | wanted | reached | remark |\n|---|---|---|---|---|---|---|---|\n");
-    for (const bench_row &row : rows) {
-        const double ratio = ratio_of(row);
-        const std::string theirs = row.theirs ? number(*row.theirs) + " " + row.unit : row.missing;
-        std::fprintf(bench_report, "| %s | %s %s | %s | %s | %s | %s | %s | %s |\n", row.what.c_str(),
-                     number(row.own).c_str(), row.unit.c_str(), theirs.c_str(), row.peer.c_str(),
-                     ratio == 0 ? "" : number(ratio).c_str(), wanted_of(row).c_str(), verdict_of(row).c_str(),
-                     row.remark.c_str());
-    }
+        std::fprintf(bench_report, "%s\n", object.dump().c_str());
+    else
+        std::fprintf(bench_report, "\n### %s\n\n%s", subject.c_str(), bench_table(object).c_str());
     std::fflush(bench_report);
 }
 
