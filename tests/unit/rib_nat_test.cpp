@@ -562,6 +562,50 @@ TEST(rib_nat, a_pool_removal_passes_over_what_is_missing_and_still_answers_0)
     EXPECT_EQ(entries_of(CTX), 0u);
 }
 
+// No pool has such routes: they tell apart what is asked of the context and what of the route id.
+TEST(rib_nat, a_route_stands_in_the_table_and_tree_of_its_route_id_and_belongs_to_its_context)
+{
+    rib_card card;
+    constexpr std::uint32_t OTHER = CTX + 1, NET = IP(10, 40, 0, 0), MASK16 = 0xFFFF0000;
+    const std::int32_t held = mtrie_pools[MTRIE_POOL_LEAF].tree_count[CTX];
+    card.forget();
+    ASSERT_EQ(rib_add_nat_route(CTX, OTHER, IFID, NET, MASK16, ENCAP), 0u);
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "nat added"),
+              text_list{"<Ctx:3>nat added route_id:4 0a280000/16 encap 4660 \n"});
+    EXPECT_EQ(nat_entries(OTHER), (block_list{{NET, 16}})) << "where a visit meets it";
+    EXPECT_EQ(nat_entries(CTX), block_list{});
+    EXPECT_EQ(on_chain(OTHER, NET, 16)->ctx, CTX);
+    EXPECT_EQ(on_chain(OTHER, NET, 16)->route_id, OTHER);
+    EXPECT_NE(mtrie_lookup_exact(mtrie_get_root_node(OTHER), NET, MASK16), nullptr);
+    EXPECT_EQ(mtrie_lookup_exact(mtrie_get_root_node(CTX), NET, MASK16), nullptr);
+    EXPECT_EQ(mtrie_pools[MTRIE_POOL_LEAF].tree_count[CTX], held + 1);
+
+    EXPECT_EQ(rib_remove_nat_route(CTX, CTX, NET, MASK16, ENCAP), 1u);
+    EXPECT_EQ(rib_remove_nat_route(OTHER, OTHER, NET, MASK16, ENCAP), 0u) << "the context is only what lines say";
+    EXPECT_EQ(nat_entries(OTHER), block_list{});
+    EXPECT_EQ(mtrie_pools[MTRIE_POOL_LEAF].tree_count[CTX], held);
+}
+
+TEST(rib_nat, learned_hosts_are_looked_for_in_the_context_and_duplicates_in_the_table_of_the_route_id)
+{
+    rib_card card;
+    constexpr std::uint16_t OTHER = CTX + 1;
+    constexpr std::uint32_t HOSTS = IP(10, 40, 0, 0), STATICS = IP(10, 41, 0, 0), MASK16 = 0xFFFF0000;
+    ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, HOSTS + 9, 32, ENCAP, IFID, CTX), 0u);
+    ASSERT_EQ(rib_add_route(CTX, CTX, STATICS, MASK16, GATEWAY), 0u);
+    card.forget();
+    EXPECT_EQ(rib_add_nat_route(CTX, OTHER, IFID, HOSTS, MASK16, ENCAP), 1u);
+    EXPECT_EQ(rib_add_nat_route(OTHER, CTX, IFID, STATICS, MASK16, ENCAP), 1u);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              (text_list{"<Ctx:3>nat range includes learned entry0a280000/16 encap 4660\n",
+                         "<Ctx:4>nat DUPLICATE 0a290000/16 encap 4660 \n"}));
+
+    EXPECT_EQ(rib_add_nat_route(OTHER, CTX, IFID, HOSTS, MASK16, ENCAP), 0u);
+    EXPECT_EQ(rib_add_nat_route(CTX, OTHER, IFID, STATICS, MASK16, ENCAP), 0u);
+    EXPECT_EQ(rib_remove_nat_route(OTHER, CTX, HOSTS, MASK16, ENCAP), 0u);
+    EXPECT_EQ(rib_remove_nat_route(CTX, OTHER, STATICS, MASK16, ENCAP), 0u);
+}
+
 TEST(rib_nat, host_bits_of_an_address_do_not_count)
 {
     rib_card card;

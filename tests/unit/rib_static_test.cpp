@@ -112,6 +112,43 @@ TEST(rib_static, a_host_that_arp_did_not_install_is_no_gateway)
     EXPECT_EQ(host_lookup_by_nexthop(CTX, GATEWAY), nullptr);
 }
 
+TEST(rib_static, a_route_of_another_route_id_goes_through_that_contexts_hosts_into_that_contexts_tree)
+{
+    rib_card card;
+    constexpr std::uint32_t OTHER = CTX + 1;
+    ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, GATEWAY, 32, ENCAP, IFID, OTHER), 0u);
+    ASSERT_EQ(rib_add_route(CTX, OTHER, NET, MASK16, GATEWAY), 0u);
+    const route_entry *const entry = on_chain(CTX, NET, 16);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(on_chain(OTHER, NET, 16), nullptr);
+    EXPECT_EQ(entry->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE);
+    EXPECT_EQ(entry->encap_id, ENCAP);
+    EXPECT_NE(mtrie_lookup_exact(mtrie_get_root_node(OTHER), NET, MASK16), nullptr);
+    EXPECT_EQ(mtrie_lookup_exact(mtrie_get_root_node(CTX), NET, MASK16), nullptr);
+
+    // The host that goes looks for its routes in its own context, where this one is not.
+    ASSERT_EQ(arp_prefix_mgr_remove_route(RIB_OBJ_ARP_HOST, GATEWAY, 32, 0, ENCAP, IFID, OTHER), 0u);
+    EXPECT_EQ(entry->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE);
+    EXPECT_EQ(remove(GATEWAY), 0u);
+    EXPECT_EQ(mtrie_lookup_exact(mtrie_get_root_node(OTHER), NET, MASK16), nullptr);
+}
+
+TEST(rib_static, a_waiting_route_of_another_route_id_is_completed_by_a_host_of_its_own_context)
+{
+    rib_card card;
+    constexpr std::uint32_t OTHER = CTX + 1;
+    ASSERT_EQ(rib_add_route(CTX, OTHER, NET, MASK16, GATEWAY), 0u);
+    ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, GATEWAY, 32, 0x77, IFID, OTHER), 0u);
+    EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY) << "not through the host by which it would have been added";
+    ASSERT_EQ(add_host(), 0u);
+    EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE);
+    const mtrie_leaf *const leaf = mtrie_lookup_exact(mtrie_get_root_node(OTHER), NET, MASK16);
+    ASSERT_NE(leaf, nullptr);
+    EXPECT_EQ(adj_encap(leaf->adjacency), ENCAP);
+    EXPECT_EQ(route_lookup_by_nexthop(CTX, GATEWAY), on_chain(CTX, NET, 16));
+    EXPECT_EQ(route_lookup_by_nexthop(OTHER, GATEWAY), nullptr);
+}
+
 TEST(rib_static, a_failed_resolution_call_is_only_logged)
 {
     rib_card card;
