@@ -79,17 +79,17 @@ struct changed_word {
 // What the add of a prefix changes in all copies.
 std::vector<changed_word> changed_by(const route_entry &entry)
 {
-    const card_addr bases[] = {va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base};
-    copy_words before[3];
-    for (unsigned copy = 0; copy < 3; ++copy)
-        before[copy] = words_of(bases[copy]);
+    copy_words before[MTRIE_HW_COPIES];
+    for (unsigned copy = 0; copy < MTRIE_HW_COPIES; ++copy)
+        before[copy] = words_of(mtrie_hw_copies[copy].base);
     add(entry);
     std::vector<changed_word> changed;
-    for (unsigned copy = 0; copy < 3; ++copy) {
-        const copy_words after = words_of(bases[copy]);
+    for (unsigned copy = 0; copy < MTRIE_HW_COPIES; ++copy) {
+        const card_addr base = mtrie_hw_copies[copy].base;
+        const copy_words after = words_of(base);
         for (std::size_t i = 0; i < after.size(); ++i)
             if (after[i] != before[copy][i])
-                changed.push_back({card_at<std::uint32_t>(bases[copy]) + i, before[copy][i], after[i]});
+                changed.push_back({card_at<std::uint32_t>(base) + i, before[copy][i], after[i]});
     }
     remove(entry);
     return changed;

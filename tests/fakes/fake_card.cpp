@@ -80,7 +80,8 @@ void reset_process()
     std::memset(static_cast<void *>(norvik_leaf_default), 0, sizeof norvik_leaf_default);
     wired_table_mgr = nullptr;
     rib_nexthop_index_routes.clear();
-    va_wired_base = va_ixp1_dram_base = va_ixp2_dram_base = 0;
+    for (const mtrie_hw_copy &copy : mtrie_hw_copies)
+        copy.base = 0;
     wired_route_phys_base = 0;
     mtrie_hw_ops = {};
     route_mts_q = -1;

@@ -17,7 +17,7 @@ namespace
 {
 constexpr std::chrono::microseconds DAWDLE{20};
 
-fault_order orders[3]; // wired region, then the processors
+fault_order orders[MTRIE_HW_COPIES]; // wired region, then the processors
 
 store_fault chosen_fault()
 {
@@ -43,21 +43,21 @@ void dawdle()
 void store(std::uint32_t *word, std::uint32_t value)
 {
     static const store_fault fault = chosen_fault();
-    const card_addr starts[3] = {va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base};
-    for (unsigned copy = 0; copy < 3; ++copy) {
-        const faulty_word asked{card_addr_of(word) - starts[copy], value};
-        if (starts[copy] == 0 || asked.offset >= HW_TABLE_BYTES)
+    for (unsigned copy = 0; copy < MTRIE_HW_COPIES; ++copy) {
+        const auto &[base, form] = mtrie_hw_copies[copy];
+        const faulty_word asked{card_addr_of(word) - base, value};
+        if (base == 0 || asked.offset >= HW_TABLE_BYTES)
             continue;
         fault_order &order = orders[copy];
         order.fault = fault;
-        order.base = copy == 0 ? wired_route_phys_base : HW_IXP_BASE;
+        order.base = form;
         if (fault_keeps(order, asked))
             return order.kept.push_back(asked);
         really_store(word, value);
         if (fault_frees(order, asked) && !order.kept.empty()) {
             dawdle();
             for (const faulty_word &owed : order.kept)
-                really_store(card_at<std::uint32_t>(starts[copy] + owed.offset), owed.value);
+                really_store(card_at<std::uint32_t>(base + owed.offset), owed.value);
             order.kept.clear();
         }
         return;

@@ -18,7 +18,8 @@ int norvik_init_ixp_fib()
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region - %d tree done. \n", static_cast<int>(ROUTE_CONTEXTS));
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_wired_base 0x%x, wired_route_phys_base 0x%x\n",
               va_wired_base, wired_route_phys_base);
-    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp1_dram_base 0x%x\n", va_ixp1_dram_base);
-    route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp2_dram_base 0x%x\n", va_ixp2_dram_base);
+    for (unsigned copy = MTRIE_HW_IXP1; copy < MTRIE_HW_COPIES; ++copy)
+        route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_ixp%u_dram_base 0x%x\n", copy,
+                  mtrie_hw_copies[copy].base);
     return 0;
 }

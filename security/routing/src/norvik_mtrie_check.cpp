@@ -113,16 +113,17 @@ const std::uint32_t *table_at(card_addr base, std::uint32_t offset)
     return card_at<const std::uint32_t>(base + offset);
 }
 
-std::uint32_t in_ixp_form(std::uint32_t word) { return word == 0 ? 0 : word - wired_route_phys_base + HW_IXP_BASE; }
-
 // The words of a processor's copy that are not those of the wired copy.
-int copy_differences(card_addr base)
+int copy_differences(const mtrie_hw_copy &copy)
 {
+    const auto in_its_form = [&copy](std::uint32_t word) {
+        return word == 0 ? 0 : word - wired_route_phys_base + copy.form;
+    };
     int differ = 0;
     for (std::uint32_t at = 0; at < HW_TABLE_BYTES; at += 4) {
         const bool leaf_address = at >= HW_LEAVES && at < HW_ECMPS && (at - HW_LEAVES) % HW_LEAF_BYTES == 4;
         const std::uint32_t wired = *table_at(va_wired_base, at);
-        differ += *table_at(base, at) != (at < HW_LEAVES || leaf_address ? in_ixp_form(wired) : wired);
+        differ += *table_at(copy.base, at) != (at < HW_LEAVES || leaf_address ? in_its_form(wired) : wired);
     }
     return differ;
 }
@@ -166,9 +167,10 @@ int node_differences(const mtrie_node *node)
 
 int mtrie_hw_check()
 {
-    int differ = copy_differences(va_ixp1_dram_base);
-    if (va_ixp2_dram_base != 0)
-        differ += copy_differences(va_ixp2_dram_base);
+    int differ = 0;
+    for (unsigned copy = MTRIE_HW_IXP1; copy < MTRIE_HW_COPIES; ++copy)
+        if (mtrie_hw_copies[copy].base != 0)
+            differ += copy_differences(mtrie_hw_copies[copy]);
     for (std::uint32_t tree = 0; tree < HW_ROOT_COUNT; ++tree)
         if (const mtrie_node *root = mtrie_get_root_node(tree))
             differ += node_differences(root);

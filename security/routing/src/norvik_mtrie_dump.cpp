@@ -23,21 +23,8 @@ struct fib_display {
 static_assert(sizeof(fib_display) == 5120);
 card_ptr<fib_display> fib_display_entry; // the last one made; the caller's reply owns it
 
-// One copy of the table: where it is mapped, 0 when the card has none, and the address of its first byte in its words.
-struct hw_copy {
-    card_addr base;
-    std::uint32_t form;
-};
-
-hw_copy choose(std::uint16_t copy)
-{
-    if (copy == 0)
-        return {va_wired_base, wired_route_phys_base};
-    return {copy == 1 ? va_ixp1_dram_base : va_ixp2_dram_base, HW_IXP_BASE};
-}
-
 // Mapped address of a table address with `bytes` behind it; 0 when it is null or not this copy's.
-card_addr mapped(const hw_copy &copy, std::uint32_t addr, std::uint32_t bytes)
+card_addr mapped(const mtrie_hw_copy &copy, std::uint32_t addr, std::uint32_t bytes)
 {
     if (copy.base == 0 || addr == 0 || addr < copy.form || addr - copy.form > HW_TABLE_BYTES - bytes)
         return 0;
@@ -63,7 +50,7 @@ struct line_list {
     list.count += 1;
 }
 
-void dump_block(line_list &list, const hw_copy &copy, std::uint16_t selector, std::uint32_t pointer)
+void dump_block(line_list &list, const mtrie_hw_copy &copy, std::uint16_t selector, std::uint32_t pointer)
 {
     const card_addr block = mapped(copy, pointer, HW_ECMP_BYTES);
     add_line(list, "\n ixp %d  ecmp node 0x%x found.\n", static_cast<int>(selector), block);
@@ -77,7 +64,7 @@ void dump_block(line_list &list, const hw_copy &copy, std::uint16_t selector, st
     }
 }
 
-void dump_leaf(line_list &list, const hw_copy &copy, std::uint16_t selector, card_addr leaf)
+void dump_leaf(line_list &list, const mtrie_hw_copy &copy, std::uint16_t selector, card_addr leaf)
 {
     const std::uint32_t word = word_of(leaf, 0);
     add_line(list, "\nip resolve flag %x, ecmp flag %x, nat flag %x\n", word >> 31, word >> 30 & 1, word >> 29 & 1);
@@ -89,7 +76,8 @@ void dump_leaf(line_list &list, const hw_copy &copy, std::uint16_t selector, car
         dump_block(list, copy, selector, word_of(leaf, 1));
 }
 
-void dump_walk(line_list &list, const hw_copy &copy, std::uint16_t selector, std::uint32_t tree, std::uint32_t address)
+void dump_walk(line_list &list, const mtrie_hw_copy &copy, std::uint16_t selector, std::uint32_t tree,
+               std::uint32_t address)
 {
     std::uint32_t word = word_of(copy.base, tree);
     for (unsigned level = 0; level < 4 && (word & HW_NODE_TAG) != 0; ++level) {
@@ -114,7 +102,7 @@ std::uint32_t mtrie_hw_dump_api(std::uint16_t copy, std::uint32_t tree, std::uin
     if (!fib_display_entry)
         return 0;
     line_list list = {fib_display_entry, 0};
-    dump_walk(list, choose(copy), copy, tree, address);
+    dump_walk(list, mtrie_hw_copies[copy < MTRIE_HW_COPIES ? copy : MTRIE_HW_COPIES - 1], copy, tree, address);
     reply->length = static_cast<std::uint32_t>(list.count * HW_DUMP_LINE_BYTES);
     reply->data = reinterpret_cast<std::byte *>(list.display);
     return 0;

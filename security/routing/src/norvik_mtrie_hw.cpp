@@ -1,14 +1,15 @@
 // norvik_mtrie_hw.cpp - the hardware tables: mapping, writers, the trie's hooks, debug walks.
 //
 // Every control-plane record owns the hardware slot of its pool index, in the wired region and in each processor's
-// table memory. A change is written in two forms: physical addresses into the wired copy, the processor's own
-// addresses into its copy. All stores are whole words (hw_store.h); children are filled before the slot that names
-// them, an ECMP header after its entries.
+// table memory. An address is written in each copy's own form: physical into the wired copy, the processors' into
+// theirs. All stores are whole words (hw_store.h); children are filled before the slot that names them, an ECMP header
+// after its entries.
 // Elsewhere: the slot of a record (norvik_mtrie_slot.cpp), which records exist (norvik_mtrie_pool.cpp), when a slot
 // changes (norvik_mtrie.cpp).
 #include "norvik_mtrie_hw.h"
 
 #include <cstdio>
+#include <iterator>
 
 #include "hw_store.h"
 #include "norvik_mtrie_slot.h"
@@ -20,16 +21,21 @@ card_addr va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base;
 std::uint32_t wired_route_phys_base;
 mtrie_hw_writers mtrie_hw_ops;
 
+constexpr std::uint32_t ixp_form = HW_IXP_BASE;
+constexpr mtrie_hw_copy mtrie_hw_copies[MTRIE_HW_COPIES] = {
+    {va_wired_base, wired_route_phys_base},
+    {va_ixp1_dram_base, ixp_form},
+    {va_ixp2_dram_base, ixp_form},
+};
+
 static_assert(HW_NODE_COUNT * HW_NODE_BYTES == 0x100000 && HW_NODE_BYTES == MTRIE_SLOTS * 4);
 
 namespace
 {
 std::uint32_t *word_at(card_addr addr) { return card_at<std::uint32_t>(addr); }
 
-// Address forms of a byte offset in the table; each conversion stands here and nowhere else.
-std::uint32_t physical_form(std::uint32_t offset) { return wired_route_phys_base + offset; }
-std::uint32_t ixp_form(std::uint32_t offset) { return HW_IXP_BASE + offset; }
-card_addr in_ixp_copy(card_addr wired, card_addr ixp_base) { return wired - va_wired_base + ixp_base; }
+// Where an address in the wired copy is in the copy of a processor, counted from 1.
+card_addr in_ixp(unsigned ixp, card_addr wired) { return wired - va_wired_base + mtrie_hw_copies[ixp].base; }
 
 void fill_pairs(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
 {
@@ -53,9 +59,8 @@ void fill_words_wired(card_addr to, std::uint32_t word, std::uint32_t words)
 
 template <unsigned Ixps> void copy_run(card_addr to, const std::uint32_t *from, std::uint32_t words)
 {
-    platform_copy32(word_at(in_ixp_copy(to, va_ixp1_dram_base)), from, words);
-    if constexpr (Ixps == 2)
-        platform_copy32(word_at(in_ixp_copy(to, va_ixp2_dram_base)), from, words);
+    for (unsigned ixp = 1; ixp <= Ixps; ++ixp)
+        platform_copy32(word_at(in_ixp(ixp, to)), from, words);
     platform_copy32(word_at(to), from, words);
 }
 
@@ -73,16 +78,14 @@ template <unsigned Ixps> void copy_words(card_addr to, const std::uint32_t *from
 
 template <unsigned Ixps> void fill_pairs_ixp(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
 {
-    fill_pairs(in_ixp_copy(to, va_ixp1_dram_base), a, b, pairs);
-    if constexpr (Ixps == 2)
-        fill_pairs(in_ixp_copy(to, va_ixp2_dram_base), a, b, pairs);
+    for (unsigned ixp = 1; ixp <= Ixps; ++ixp)
+        fill_pairs(in_ixp(ixp, to), a, b, pairs);
 }
 
 template <unsigned Ixps> void fill_words_ixp(card_addr to, std::uint32_t word, std::uint32_t words)
 {
-    platform_fill32(word_at(in_ixp_copy(to, va_ixp1_dram_base)), word, words);
-    if constexpr (Ixps == 2)
-        platform_fill32(word_at(in_ixp_copy(to, va_ixp2_dram_base)), word, words);
+    for (unsigned ixp = 1; ixp <= Ixps; ++ixp)
+        platform_fill32(word_at(in_ixp(ixp, to)), word, words);
 }
 
 template <unsigned Ixps> constexpr mtrie_hw_writers WRITERS = {
@@ -91,33 +94,46 @@ template <unsigned Ixps> constexpr mtrie_hw_writers WRITERS = {
 // Without processors there are no writers, and nothing is written: no tree gets a root, no route is ever installed.
 bool has_writers() { return mtrie_hw_ops.fill_words_wired != nullptr; }
 
-// Writes `count` words from byte `at` of the table on, in the two forms of one address.
-void fill_forms(std::uint32_t at, std::uint32_t physical, std::uint32_t ixp, std::uint32_t count)
+// Writes `count` words from byte `at` of the table on: the address of what is at `offset`, with `tag`, in each copy's
+// form; null words for offset 0, where the roots are, which nothing names.
+void fill_address(std::uint32_t at, std::uint32_t offset, std::uint32_t tag, std::uint32_t count)
 {
     if (!has_writers())
         return;
-    mtrie_hw_ops.fill_words_wired(va_wired_base + at, physical, count);
-    mtrie_hw_ops.fill_words_ixp(va_wired_base + at, ixp, count);
+    const auto word = [offset, tag](const mtrie_hw_copy &copy) { return offset == 0 ? 0 : (copy.form + offset) | tag; };
+    const card_addr to = va_wired_base + at;
+    const std::uint32_t ixp_word = word(mtrie_hw_copies[MTRIE_HW_IXP1]); // the processors have one form
+    mtrie_hw_ops.fill_words_wired(to, word(mtrie_hw_copies[MTRIE_HW_WIRED]), count);
+    mtrie_hw_ops.fill_words_ixp(to, ixp_word, count);
 }
 
 bool is_mapped(card_addr addr) { return addr != 0 && addr != 0xFFFFFFFF; }
 
-// Maps the memory of one processor and clears it. Returns 0 or -2.
-int map_ixp(card_addr *base, std::uint32_t pci_address, std::uint32_t processor, int line)
+// The table memory of each processor, and the line number that is printed when it cannot be mapped.
+struct ixp_memory {
+    std::uint32_t pci_address;
+    int line;
+};
+constexpr ixp_memory IXP_MEMORIES[] = {{HW_IXP1_PCI, 174}, {HW_IXP2_PCI, 201}};
+static_assert(MTRIE_HW_IXP1 + std::size(IXP_MEMORIES) == MTRIE_HW_COPIES);
+
+// Maps the memory of a processor, counted from 0, and clears it. Returns 0 or -2.
+int map_ixp(unsigned processor)
 {
-    const card_addr addr = map_pci_xram_to_uspace(pci_address, HW_TABLE_BYTES, processor);
+    const ixp_memory &memory = IXP_MEMORIES[processor];
+    const card_addr addr = map_pci_xram_to_uspace(memory.pci_address, HW_TABLE_BYTES, processor);
     if (!is_mapped(addr)) {
-        std::printf("\n%s[%d] :: Error mapping IXP%u DRAM route table.\n", "mtrie_hw_map", line, processor + 1);
+        std::printf("\n%s[%d] :: Error mapping IXP%u DRAM route table.\n", "mtrie_hw_map", memory.line, processor + 1);
         return -2;
     }
-    *base = addr;
+    mtrie_hw_copies[MTRIE_HW_IXP1 + processor].base = addr;
     platform_fill32(word_at(addr), 0, HW_TABLE_BYTES / 4);
     return 0;
 }
 
 int mtrie_hw_map(unsigned num_ixp)
 {
-    // The descriptor is kept for the life of the process, and by no name: the mappings need it open.
+    // Never closed: the mappings need it open.
     const int fd = syscall_open();
     if (fd < 0) {
         std::printf("\n%s[%d] :: Error opening Norvik system library.\n", "mtrie_hw_map", 100);
@@ -136,10 +152,10 @@ int mtrie_hw_map(unsigned num_ixp)
     }
     wired_route_phys_base = info.phys_base;
     platform_fill32(word_at(va_wired_base), 0, info.size / 4);
-    if (map_ixp(&va_ixp1_dram_base, HW_IXP1_PCI, 0, 174) != 0)
-        return -2;
-    if (num_ixp >= 2 && map_ixp(&va_ixp2_dram_base, HW_IXP2_PCI, 1, 201) != 0)
-        return -2;
+    // The first processor's memory is mapped even when the card has none.
+    for (unsigned processor = 0; processor < std::size(IXP_MEMORIES); ++processor)
+        if ((processor == 0 || processor < num_ixp) && map_ixp(processor) != 0)
+            return -2;
     route_log(ROUTE_DBG_INFO, 0, "\nPhysical: wired 0x%x dram 0x%x", wired_route_phys_base, HW_IXP_BASE);
     route_log(ROUTE_DBG_INFO, 0, "\nVirtual: wired 0x%x dram1 0x%x dram2 0x%x\n", va_wired_base, va_ixp1_dram_base,
               va_ixp2_dram_base);
@@ -166,7 +182,7 @@ void mtrie_hw_clear_node(std::int32_t type, std::int32_t index)
         mtrie_hw_ops.fill_pairs_wired(to, 0, 0, pairs);
         mtrie_hw_ops.fill_pairs_ixp(to, 0, 0, pairs);
     } else if (type == MTRIE_POOL_LEAF) {
-        fill_forms(mtrie_slot_at(type, index), 0, 0, HW_LEAF_BYTES / 4);
+        fill_address(mtrie_slot_at(type, index), 0, 0, HW_LEAF_BYTES / 4);
     }
 }
 
@@ -189,20 +205,16 @@ void mtrie_hw_write_ecmp(const mtrie_ecmp *block, const std::uint32_t *source)
 
 void mtrie_hw_set_ecmp(const mtrie_leaf *leaf, const mtrie_ecmp *block)
 {
-    if (block == nullptr)
-        return;
-    const std::uint32_t offset = mtrie_slot_of(block);
-    fill_forms(mtrie_slot_of(leaf) + 4, physical_form(offset), ixp_form(offset), 1);
+    if (block != nullptr)
+        fill_address(mtrie_slot_of(leaf) + 4, mtrie_slot_of(block), 0, 1);
 }
 
-void mtrie_hw_reset_ecmp(const mtrie_leaf *leaf) { fill_forms(mtrie_slot_of(leaf) + 4, 0, 0, 1); }
+void mtrie_hw_reset_ecmp(const mtrie_leaf *leaf) { fill_address(mtrie_slot_of(leaf) + 4, 0, 0, 1); }
 
 void mtrie_hw_set_root(std::uint32_t tree, const mtrie_node *root)
 {
-    if (root == nullptr)
-        return;
-    const std::uint32_t offset = mtrie_slot_of(root);
-    fill_forms(4 * tree, physical_form(offset) | HW_NODE_TAG, ixp_form(offset) | HW_NODE_TAG, 1);
+    if (root != nullptr)
+        fill_address(4 * tree, mtrie_slot_of(root), HW_NODE_TAG, 1);
 }
 
 mtrie_node *mtrie_get_root_node(std::uint32_t tree)
@@ -218,19 +230,21 @@ mtrie_node *mtrie_get_root_node(std::uint32_t tree)
 
 int mtrie_hw_write_children(const mtrie_node *node, std::uint32_t word, std::uint32_t first, std::uint32_t last)
 {
-    std::uint32_t physical = 0, ixp = 0;
+    std::uint32_t offset = 0, tag = 0;
     if (word != 0) {
         const card_addr record = mtrie_is_child(word) ? card_addr_of(mtrie_child_of(word)) : word;
         const card_addr element = record - MTRIE_POOL_LINK;
         const std::int32_t type = mtrie_node_type(element);
-        if (type != MTRIE_POOL_LEAF && type != MTRIE_POOL_NODE)
+        if (type == MTRIE_POOL_LEAF) {
+            offset = mtrie_slot_at(MTRIE_POOL_LEAF, mtrie_node_offset(MTRIE_POOL_LEAF, element));
+        } else if (type == MTRIE_POOL_NODE) {
+            offset = mtrie_slot_at(MTRIE_POOL_NODE, mtrie_node_offset(MTRIE_POOL_NODE, element));
+            tag = HW_NODE_TAG;
+        } else {
             return 1;
-        const std::uint32_t offset = mtrie_slot_at(type, mtrie_node_offset(type, element));
-        const std::uint32_t tag = type == MTRIE_POOL_NODE ? HW_NODE_TAG : 0;
-        physical = physical_form(offset) | tag;
-        ixp = ixp_form(offset) | tag;
+        }
     }
-    fill_forms(mtrie_slot_of(node) + 4 * first, physical, ixp, last - first + 1);
+    fill_address(mtrie_slot_of(node) + 4 * first, offset, tag, last - first + 1);
     return 0;
 }
 
@@ -254,34 +268,25 @@ int reg_invoke_hw_add_child_block_to_mnode(const mtrie_node *node, std::uint32_t
 
 namespace
 {
-// Walks the copy mapped at `base`, whose addresses start at `form`, as a processor does.
-void walk_copy(card_addr base, std::uint32_t form, std::uint32_t tree, std::uint32_t address)
+// Walks a copy as a processor does.
+void walk_copy(const mtrie_hw_copy &copy, std::uint32_t tree, std::uint32_t address)
 {
-    std::uint32_t word = word_at(base)[tree];
+    std::uint32_t word = word_at(copy.base)[tree];
     for (unsigned level = 0; level < 4 && (word & HW_NODE_TAG) != 0; ++level) {
         const std::uint32_t index = address >> (24 - 8 * level) & 0xFF;
-        word = word_at(base + ((word & ~HW_NODE_TAG) - form))[index];
+        word = word_at(copy.base + ((word & ~HW_NODE_TAG) - copy.form))[index];
     }
     if ((word & HW_NODE_TAG) != 0) {
         std::printf("\nSearch terminating unsuccessfully. Null leaf.");
         return;
     }
-    const card_addr leaf = word == 0 ? 0 : base + (word - form);
+    const card_addr leaf = word == 0 ? 0 : copy.base + (word - copy.form);
     std::printf("\nSearch terminating successfully, Leaf 0x%x found.\n", leaf);
     if (leaf != 0)
         std::printf("\nencaps id %u if_id %u\n", adj_encap(*word_at(leaf)), adj_ifid(*word_at(leaf)));
 }
 } // namespace
 
-void mtrie_hw_lookup(std::uint32_t tree, std::uint32_t address)
-{
-    walk_copy(va_wired_base, wired_route_phys_base, tree, address);
-}
-void mtrie_hw_lookup_ixp_1(std::uint32_t tree, std::uint32_t address)
-{
-    walk_copy(va_ixp1_dram_base, HW_IXP_BASE, tree, address);
-}
-void mtrie_hw_lookup_ixp_2(std::uint32_t tree, std::uint32_t address)
-{
-    walk_copy(va_ixp2_dram_base, HW_IXP_BASE, tree, address);
-}
+void mtrie_hw_lookup(std::uint32_t tree, std::uint32_t address) { walk_copy(mtrie_hw_copies[0], tree, address); }
+void mtrie_hw_lookup_ixp_1(std::uint32_t tree, std::uint32_t address) { walk_copy(mtrie_hw_copies[1], tree, address); }
+void mtrie_hw_lookup_ixp_2(std::uint32_t tree, std::uint32_t address) { walk_copy(mtrie_hw_copies[2], tree, address); }

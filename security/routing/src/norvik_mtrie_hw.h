@@ -9,6 +9,14 @@
 extern card_addr va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base; // where the three copies are mapped
 extern std::uint32_t wired_route_phys_base;
 
+// A copy of the table: where it is mapped, 0 while it is not, and the address of its first byte in its own words.
+struct mtrie_hw_copy {
+    card_addr &base;
+    const std::uint32_t &form;
+};
+constexpr unsigned MTRIE_HW_WIRED = 0, MTRIE_HW_IXP1 = 1, MTRIE_HW_COPIES = 3; // the processors' one behind the other
+extern const mtrie_hw_copy mtrie_hw_copies[MTRIE_HW_COPIES];
+
 // Writers, each given a destination in the mapped wired region. Null for a card without processors.
 struct mtrie_hw_writers {
     void (*copy_pairs)(card_addr to, const std::uint32_t *from, std::uint32_t pairs);

@@ -185,10 +185,10 @@ void route_mgr_cleanup()
                                                RIB_FREE_ENTRY); // freed there
     // Odd, and meant: route_sysfd is never assigned, so these pass descriptor 0, and the last closes it.
     unmap_wired_route(route_sysfd, va_wired_base);
-    unmap_pci_xram_to_uspace(va_ixp1_dram_base, IXP_UNMAP_BYTES);
-    va_ixp1_dram_base = 0;
-    unmap_pci_xram_to_uspace(va_ixp2_dram_base, IXP_UNMAP_BYTES);
-    va_ixp2_dram_base = 0;
+    for (unsigned copy = MTRIE_HW_IXP1; copy < MTRIE_HW_COPIES; ++copy) {
+        unmap_pci_xram_to_uspace(mtrie_hw_copies[copy].base, IXP_UNMAP_BYTES);
+        mtrie_hw_copies[copy].base = 0;
+    }
     fb_adj_cleanup(route_sysfd);
     (void)syscall_close(route_sysfd);
 }
