@@ -154,6 +154,7 @@ TEST(card_interfaces, names_in_the_card_directory)
     expected.push_back(std::string(RPC_FOLDER) + "/<endpoint>");
     expected.push_back(std::string(RPC_NAMES_FOLDER) + "/<procedure>");
     expected.push_back(std::string(HISTORY_FOLDER) + "/<component>");
+    expected.push_back(std::string(HISTORY_FOLDER) + "/<component>" + HISTORY_ERRORS_SUFFIX);
     expected.push_back(SUPERVISOR_SOCKET);
     strings paths;
     for (const std::string &cell : table("Paths").column("path"))
@@ -326,6 +327,8 @@ TEST(card_interfaces, the_event_history)
                   {offsetof(record, size), offsetof(record, event_type), offsetof(record, time_words),
                    offsetof(record, data_bytes), sizeof(record)},
                   sizeof(record));
+    expect_text("with " + hex(HISTORY_ERRORS_CAPACITY) + " bytes of ring. A record of category " +
+                std::to_string(HISTORY_ERRORS_CATEGORY) + " goes into it too");
     expect_text("size of the whole record, a multiple of " + std::to_string(HISTORY_ALIGN));
     expect_record("Data of the route manager", {HISTORY_AT_CATEGORY, HISTORY_AT_TEXT}, HISTORY_AT_TEXT);
     expect_text("Event type " + hex(ROUTE_HIST_EVENT) + ", at most " +
