@@ -213,6 +213,26 @@ TEST_F(view_command, a_trie_is_exported_as_a_drawing_and_as_data)
     EXPECT_EQ(document(card, "hw export --dot 3 copy ixp1").at("copy"), "ixp1");
 }
 
+TEST_F(view_command, errors_that_traces_have_pushed_out_of_the_history_are_still_shown)
+{
+    const rpc_client client(card);
+    const std::vector<rpc_arg> absent = {arg16(CTX), arg32(CTX), arg32(ip(10, 99, 0, 0)), arg32(ip(255, 255, 0, 0)),
+                                         arg32(ip(10, 9, 9, 9))};
+    EXPECT_EQ(rpc_call(client.fd, "rib_remove_route", absent).result, 1u);
+    ASSERT_EQ(run(card, "keep info on").status, 0);
+    const std::string error = "could not find static route for ip=a630000/16";
+    for (unsigned calls = 0; run(card, "history").text.find(error) != std::string::npos; calls += 500) {
+        ASSERT_LT(calls, 20000u) << "the history still has the error";
+        for (unsigned i = 0; i < 500; ++i) // each leaves a trace
+            ASSERT_EQ(rpc_call(client.fd, "rib_max_ecmp_route",
+                               {arg16(CTX), arg32(CTX), arg32(ip(10, 99, 0, 0)), arg32(ip(255, 255, 0, 0))})
+                          .result,
+                      0u);
+    }
+    EXPECT_NE(run(card, "history category errors").text.find(error), std::string::npos);
+    EXPECT_NE(run(card, "watch --once").text.find(error), std::string::npos);
+}
+
 TEST_F(view_command, after_the_daemon_has_died_the_memories_and_the_history_are_read)
 {
     daemon_signal(daemon, SIGKILL);

@@ -8,9 +8,11 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fmt/chrono.h>
 
+#include "card_files.h"
 #include "history_file.h"
 #include "route_ids.h"
 
@@ -124,10 +126,12 @@ bool catch_tail(history_view &view, std::uint64_t tail)
 }
 } // namespace
 
-history_view history_open(const std::string &card, std::uint32_t component, std::string *why)
+namespace
+{
+history_view open_file(const std::string &path, std::string *why)
 {
     history_view view;
-    view.path = card + "/history/" + std::to_string(component);
+    view.path = path;
     view.file = mapped_file_open(view.path, HEADER_BYTES + WORD, why);
     if (!view.is_open())
         return view;
@@ -141,6 +145,23 @@ history_view history_open(const std::string &card, std::uint32_t component, std:
     }
     view.next = load_word(view, TAIL_WORD);
     return view;
+}
+
+std::string path_of(const std::string &card, std::uint32_t component)
+{
+    return fmt::format("{}/{}/{}", card, HISTORY_FOLDER, component);
+}
+} // namespace
+
+history_view history_open(const std::string &card, std::uint32_t component, std::string *why)
+{
+    return open_file(path_of(card, component), why);
+}
+
+history_view history_open_errors(const std::string &card, std::uint32_t component, std::string *why)
+{
+    history_view errors = open_file(path_of(card, component) + HISTORY_ERRORS_SUFFIX, why);
+    return errors.is_open() ? std::move(errors) : history_open(card, component, why);
 }
 
 history_end history_read(history_view &view, std::vector<history_entry> &records)

@@ -35,6 +35,9 @@ struct history_view {
 // one that is not with the reason in `why`.
 history_view history_open(const std::string &card, std::uint32_t component, std::string *why);
 
+// The same for its errors: the ring of errors alone, which traces do not push them out of, or else the whole history.
+history_view history_open_errors(const std::string &card, std::uint32_t component, std::string *why);
+
 // How a read went on.
 enum class history_end {
     caught_up, // all that stood there is read

@@ -142,7 +142,7 @@ void judge_refused_installs(const std::vector<history_entry> &errors, doctor_fin
 void judge_kept(const routectl_call &call, doctor_findings &findings)
 {
     std::string why;
-    history_view view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+    history_view view = history_open_errors(card_dir_path(), ROUTE_HIST_ID, &why);
     if (!view.is_open())
         return;
     view.next = history_head(view);
@@ -162,7 +162,7 @@ void doctor_judge_history(const routectl_call &call, const doctor_look &look, st
                           doctor_findings &findings)
 {
     std::string why;
-    history_view view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+    history_view view = history_open_errors(card_dir_path(), ROUTE_HIST_ID, &why);
     if (!view.is_open()) {
         add(findings, "history-missing", doctor_level::warning, DOCTOR_WHOLE_CARD, "",
             "there is no event history to be read", why, "restart the route manager; it makes the file when it starts");

@@ -80,6 +80,13 @@ std::string record_text(const routectl_options &options, const history_entry &en
     return output_lines(one);
 }
 
+// Errors alone are read where traces do not push them out.
+history_view open_for(const history_filter &filter, std::string *why)
+{
+    const bool errors_alone = filter.categories == std::vector<std::uint32_t>{ROUTE_DBG_ERRORS};
+    return (errors_alone ? history_open_errors : history_open)(card_dir_path(), ROUTE_HIST_ID, why);
+}
+
 // The newest `last` of those that pass.
 std::vector<history_entry> chosen(const std::vector<history_entry> &entries, const history_filter &filter,
                                   std::size_t last)
@@ -96,7 +103,7 @@ std::vector<history_entry> chosen(const std::vector<history_entry> &entries, con
 routectl_answer history_print(const routectl_call &call, const history_filter &filter, std::size_t last)
 {
     std::string why;
-    history_view view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+    history_view view = open_for(filter, &why);
     if (!view.is_open())
         return routectl_error(ROUTECTL_UNREACHABLE, why);
     std::vector<history_entry> entries;
@@ -128,12 +135,12 @@ bool write_text(const std::string &text)
 }
 
 // Reads what is new. Opens the history when it is there at last, or there anew.
-std::vector<history_entry> follow_step(follow_state &state)
+std::vector<history_entry> follow_step(follow_state &state, const history_filter &filter)
 {
     std::vector<history_entry> entries;
     std::string why;
     if (!state.view.is_open()) {
-        state.view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
+        state.view = open_for(filter, &why);
         if (!state.view.is_open()) {
             if (!state.absent_told)
                 std::fprintf(stderr, "routectl: %s; waiting for it\n", why.c_str());
@@ -161,7 +168,7 @@ routectl_answer history_follow(const routectl_call &call, const history_filter &
         const run_signals signals;
         bool is_over = false;
         while (!is_over) {
-            for (const history_entry &entry : chosen(follow_step(state), filter, last))
+            for (const history_entry &entry : chosen(follow_step(state, filter), filter, last))
                 is_over = is_over || !write_text(record_text(call.options, entry));
             last = SIZE_MAX; // of what stood there; what comes is wanted whole
             // A pipe whose reader has gone is an error that needs no events.

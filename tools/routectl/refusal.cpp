@@ -65,7 +65,7 @@ std::string line_of(const history_entry &record, const std::string &procedure)
 refusal_watch refusal_watch_start()
 {
     refusal_watch watch;
-    watch.view = history_open(card_dir_path(), ROUTE_HIST_ID, &watch.why);
+    watch.view = history_open_errors(card_dir_path(), ROUTE_HIST_ID, &watch.why);
     if (watch.view.is_open())
         watch.view.next = history_head(watch.view);
     return watch;

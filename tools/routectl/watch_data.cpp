@@ -86,9 +86,9 @@ void look_at_history(watch_data &data)
     std::string why;
     std::vector<history_entry> entries;
     if (!data.history.is_open())
-        data.history = history_open(data.card, ROUTE_HIST_ID, &why);
+        data.history = history_open_errors(data.card, ROUTE_HIST_ID, &why);
     if (data.history.is_open() && history_read(data.history, entries) == history_end::replaced)
-        data.history = history_open(data.card, ROUTE_HIST_ID, &why);
+        data.history = history_open_errors(data.card, ROUTE_HIST_ID, &why);
     for (const history_entry &entry : entries)
         if (entry.category == ROUTE_DBG_ERRORS)
             data.errors.push_back({entry.time_ns, entry.context, history_line(entry)});
