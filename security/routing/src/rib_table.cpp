@@ -79,27 +79,6 @@ void choose_path(route_entry *candidate, const void *key, rib_match match, rib_s
 
 template <class Key> const Key &key_as(const void *key) { return *static_cast<const Key *>(key); }
 
-constexpr unsigned FETCHED_CHAINS = 8; // of a large context, what fits a processor's second cache
-
-// Loads the chains from `bucket` to the end of its group side by side. A walk waits for each entry of a large context
-// in turn; here the host waits for as many at once as there are chains. Not done for the first group of a walk, which
-// mostly is the whole of it: a page that fills ends there.
-void fetch_chains(const prefix_tree *tree, unsigned row, unsigned bucket)
-{
-    const route_entry *at[FETCHED_CHAINS];
-    unsigned chains = 0;
-    for (unsigned b = bucket; b < RIB_BUCKETS && b / FETCHED_CHAINS == bucket / FETCHED_CHAINS; ++b)
-        if (const route_entry *const head = tree->table[row][b])
-            at[chains++] = head;
-    while (chains > 1)
-        for (unsigned i = 0; i < chains; ++i) {
-            __builtin_prefetch(&at[i]->flags);
-            at[i] = at[i]->next;
-            if (at[i] == nullptr)
-                at[i--] = at[--chains];
-        }
-}
-
 } // namespace
 
 // Lengths 0 and 32 are not shifted at all: the amount is taken modulo the word's width.
@@ -188,10 +167,7 @@ card_ptr<route_entry> *rib_next_bucket(std::uint32_t ctx, rib_place *place)
             const auto bucket = static_cast<unsigned>(std::countr_zero(left));
             card_ptr<route_entry> *const head = &tree->table[row][bucket];
             if (*head) {
-                const unsigned group = 1 + row * RIB_BUCKETS + bucket / FETCHED_CHAINS;
-                if (place->fetched != 0 && place->fetched != group)
-                    fetch_chains(tree, row, bucket);
-                *place = {row, bucket, group};
+                *place = {row, bucket};
                 return head;
             }
             bits &= ~(1u << bucket);

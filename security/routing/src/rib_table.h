@@ -68,8 +68,7 @@ extern rib_occupancy rib_occupied[ROUTE_CONTEXTS];
 // A place on the way through a context's buckets: row by row, in each bucket by bucket.
 struct rib_place {
     unsigned row = 0;
-    unsigned bucket = 0;  // 0 to 31
-    unsigned fetched = 0; // buckets whose chains were fetched together: what rib_next_bucket remembers of its way
+    unsigned bucket = 0; // 0 to 31
 };
 
 // The first bucket at or behind `place` that holds entries; `place` becomes its place. Returns null when there is none.
