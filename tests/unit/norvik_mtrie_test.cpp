@@ -392,6 +392,31 @@ TEST_F(trie, the_exact_lookup_walks_back_from_the_longest_match_of_the_address)
 
 // --- Deletion
 
+// The picture in the heading of norvik_mtrie.cpp.
+TEST_F(trie, three_nested_prefixes_stand_in_three_nodes_and_are_linked_one_to_the_next)
+{
+    mtrie_leaf *const a = insert(IP(10, 0, 0, 0), 8), *const b = insert(IP(10, 1, 0, 0), 16),
+                      *const c = insert(IP(10, 1, 2, 0), 24);
+    const mtrie_node *const second = mtrie_child_of(root->children[10]);
+    const mtrie_node *const third = mtrie_child_of(second->children[1]);
+    for (unsigned i = 0; i < MTRIE_SLOTS; ++i) {
+        EXPECT_TRUE(i == 10 || mtrie_leaf_of(root->children[i]) == standard) << i;
+        EXPECT_TRUE(i == 1 || mtrie_leaf_of(second->children[i]) == a) << i;
+        EXPECT_EQ(mtrie_leaf_of(third->children[i]), i == 2 ? c : b) << i;
+    }
+    EXPECT_TRUE(c->back == b && b->back == a && a->back == standard);
+    EXPECT_TRUE(standard->fwd == a && a->fwd == b && b->fwd == c);
+    EXPECT_EQ(a->refcount, 255 + 1 + 1);
+
+    const mtrie_leaf *const sibling = insert(IP(10, 9, 0, 0), 16);
+    EXPECT_TRUE(a->fwd == sibling && sibling->right == b && b->left == sibling);
+
+    const mtrie_leaf *const between = insert(IP(10, 0, 0, 0), 15);
+    EXPECT_EQ(mtrie_leaf_of(second->children[0]), between);
+    EXPECT_TRUE(between->back == a && b->back == between && c->back == b);
+    EXPECT_EQ(mtrie_leaf_of(third->children[0]), b);
+}
+
 TEST_F(trie, deleting_the_slash_16_folds_its_node_back_into_the_root_slot)
 {
     mtrie_leaf *eight = insert(IP(10, 0, 0, 0), 8), *sixteen = insert(IP(10, 1, 0, 0), 16);

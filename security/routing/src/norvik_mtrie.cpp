@@ -1,12 +1,38 @@
 // norvik_mtrie.cpp - the multibit trie of a tree: strides 8-8-8-8, one leaf a prefix.
 //
-// A prefix is one leaf, named by every slot that its range covers at the level where it ends. Leaves are counted by
-// the words that name them, and tied to each other: `back` is the less specific leaf that covers a leaf, `fwd` the
-// list of the leaves whose back it is. So a deleted prefix gives its slots back to what covered it.
+// A prefix is one leaf, named by every slot that its range covers at the level where it ends. `back` is the less
+// specific leaf that covers it, `fwd` the first of the leaves whose back it is; these are a list by `left` and `right`.
+// 10/8, 10.1/16 and 10.1.2/24 over a default leaf /0:
+//
+//   root, bits 31..24       A, bits 23..16         B, bits 15..8
+//     0..9    /0              0       10/8           0..1    10.1/16
+//     10      ----------->    1       ---------->    2       10.1.2/24
+//     11..255 /0              2..255  10/8           3..255  10.1/16
+//
+//   /0  <--back--  10/8  <--back--  10.1/16  <--back--  10.1.2/24
+//   /0  --fwd--->  10/8  --fwd--->  10.1/16  --fwd--->  10.1.2/24
+//
+// A leaf counts the words that name it: 10/8 has 255 slots, the fwd of /0 and the back of 10.1/16. The newest leaf is
+// the head of its list: after 10.9/16 has come, `fwd` of 10/8 is 10.9/16, its `right` 10.1/16, whose `left` is 10.9/16.
+//
+// An insert puts the nodes on its way below slots that hold a leaf, with that leaf in all their slots: A came so with
+// 10.1/16, B with 10.1.2/24. Then it visits each slot of the range, in the nodes below too. A slot that is empty takes
+// the leaf; one that is not is one of two cases:
+//   displace    The slot's leaf is less specific. 10.1/16 took slot 1 of A from 10/8, which became its back.
+//   slip under  The slot's leaf is more specific and stays. 10.0/15 displaces 10/8 in slot 0 of A and meets 10.1/16 and
+//               10.1.2/24 in B. The last leaf before it on the way back from either is 10.1/16, whose back it becomes.
+// Odd, and meant: a leaf that displaces none, such as a /24 over two /25s, has no back, so that the leaves under it
+// have none either when it goes.
+//
+// A removal visits the same slots. One that holds the leaf takes its back; one that holds a more specific leaf stays:
+//   relink past  10.1/16 goes, 10.1.2/24 keeps slot 2 of B: its back was 10.1/16 and becomes 10/8.
+// On the way up, a node that is empty or holds one leaf in all its slots is folded into the slot above: when 10.1.2/24
+// goes as well, B into slot 1 of A and A into slot 10 of the root.
+//
 // Every change of a slot is handed to the hardware hooks at once, before the reference that it replaces is released.
 // Always: mtrie_check answers 0, unless a broken list was reported.
-// Elsewhere: the records (norvik_mtrie_pool.cpp), their hardware slots (norvik_mtrie_hw.cpp), what a leaf forwards
-// to (norvik_mtrie_leaf.cpp).
+// Elsewhere: the records (norvik_mtrie_pool.cpp), their hardware slots (norvik_mtrie_hw.cpp), what a leaf forwards to
+// (norvik_mtrie_leaf.cpp).
 #include "norvik_mtrie.h"
 
 #include <bit>
