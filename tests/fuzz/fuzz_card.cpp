@@ -11,7 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <unordered_map>
+#include <numeric>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -20,14 +20,15 @@
 #include <unistd.h>
 
 #include "card_dir.h"
-#include "hw_store.h"
+#include "fuzz_memory.h"
 #include "mtrack.h"
 #include "norvik_init.h"
 #include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
-#include "platform_mem.h"
+#include "norvik_mtrie_slot.h"
+#include "prefix_mgr.h"
 #include "rib_check.h"
 #include "rib_host.h"
 #include "rib_nexthop_index.h"
@@ -44,64 +45,16 @@
 
 namespace
 {
-constexpr std::uint32_t WIRED_BYTES = 0x104000, PHYS_BASE = 0x08000000;
 constexpr unsigned OWN_SAP = 600;
+constexpr std::uint32_t MCAST = 0xE0000000, MCAST_LEN = 3; // the drop entry of every context
 
-struct block {
-    std::uint32_t type;
-    std::size_t bytes;
-    bool from_start = false;
-    bool set_aside = false; // freed, but of the start
-    std::vector<std::byte> picture;
-};
-struct table {
-    card_addr addr = 0;
-    std::size_t bytes = 0;
-    std::vector<std::byte> picture;
-    std::vector<bool> dirty; // pages stored to since the last restore
-};
-constexpr std::size_t PAGE = 4096;
-
-std::unordered_map<void *, block> blocks;
-std::array<table, 3> tables;
 std::array<mtrie_pool, 3> pools_at_start;
 std::array<card_ptr<mtrie_leaf>, ROUTE_CONTEXTS> defaults_at_start;
 std::array<rib_occupancy, ROUTE_CONTEXTS> occupied_at_start; // which chains hold routes
 sdwrap_gate_table gates_at_start;
 syslog_facility facility = {"ROUTE Mgr", 1984, 2, 2};
-std::array<mtrack_type_stats, MTRACK_MAX_TYPES> type_stats;
-unsigned type_count = 0;
-unsigned fail_countdown = 0;
-bool changed = false; // since the last audit
-bool drifted = false; // since the last restore
-
-void touch() { changed = drifted = true; }
-
-// The pages of a run of words that was stored.
-void touch_words(const std::uint32_t *words, std::size_t count)
-{
-    touch();
-    const card_addr from = card_addr_of(words), to = from + static_cast<card_addr>(4 * count) - 1;
-    for (table &t : tables)
-        if (count > 0 && from >= t.addr && from < t.addr + t.bytes)
-            for (std::size_t page = (from - t.addr) / PAGE; page <= (to - t.addr) / PAGE; ++page)
-                t.dirty[page] = true;
-}
-
-card_addr map_table(std::size_t index, std::size_t bytes)
-{
-    tables[index] = {card_space_map(-1, bytes), bytes, {}, std::vector<bool>((bytes + PAGE - 1) / PAGE)};
-    return tables[index].addr;
-}
-
-void restore_table(table &t)
-{
-    for (std::size_t page = 0; page < t.dirty.size(); ++page)
-        if (t.dirty[page])
-            std::memcpy(card_at<std::byte>(t.addr) + page * PAGE, t.picture.data() + page * PAGE,
-                        std::min(PAGE, t.bytes - page * PAGE));
-    t.dirty.assign(t.dirty.size(), false);
-}
+unsigned full_every = 256; // inputs: how often everything is audited and compared, not what was touched alone
+unsigned inputs = 0;
 
 std::string &directory()
 {
@@ -175,34 +128,81 @@ void start_tables()
     if (mtrie_pool_init() != 0 || norvik_init_ixp_fib() != 0)
         fuzz_fail("tables");
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        if (route_add_rib_and_mtrie_entry(RIB_F_MCAST_DROP, 0x8001, RIB_OBJ_MCAST_DROP, 0xE0000000, 3, 0, ctx) ==
+        if (route_add_rib_and_mtrie_entry(RIB_F_MCAST_DROP, 0x8001, RIB_OBJ_MCAST_DROP, MCAST, MCAST_LEN, 0, ctx) ==
             nullptr)
             fuzz_fail("drop entries");
 }
 
+const void *wired_at(std::uint32_t offset) { return card_at<const void>(va_wired_base + offset); }
+
+// What tells of a leaf of the start: its record, and its words in the wired copy.
+void leaf_belongs(std::uint32_t ctx, const mtrie_leaf *leaf)
+{
+    fuzz_memory_belongs(ctx, leaf, sizeof *leaf);
+    fuzz_memory_belongs(ctx, wired_at(mtrie_slot_of(leaf)), HW_LEAF_BYTES);
+}
+
+// Every change of a context's routes or of its tree shows in one of these: what else they hold hangs off them.
+void parts_belong(std::uint32_t ctx)
+{
+    const mtrie_node *const root = mtrie_get_root_node(ctx);
+    fuzz_memory_belongs(ctx, norvik_get_t(ctx), sizeof(prefix_tree));
+    fuzz_memory_belongs(ctx, rib_chain_entry(ctx, MCAST, MCAST_LEN), sizeof(route_entry));
+    fuzz_memory_belongs(ctx, root, sizeof *root);
+    fuzz_memory_belongs(ctx, wired_at(4 * ctx), 4);
+    fuzz_memory_belongs(ctx, wired_at(mtrie_slot_of(root)), HW_NODE_BYTES);
+    leaf_belongs(ctx, norvik_leaf_default[ctx]);
+    leaf_belongs(ctx, mtrie_leaf_of(root->children[MCAST >> 24]));
+}
+
 void take_picture()
 {
-    for (auto &[at, b] : blocks) {
-        b.from_start = true;
-        const auto *bytes = static_cast<const std::byte *>(at);
-        b.picture.assign(bytes, bytes + b.bytes);
-    }
-    for (table &t : tables) {
-        const auto *bytes = card_at<std::byte>(t.addr);
-        t.picture.assign(bytes, bytes + t.bytes);
-    }
+    fuzz_memory_take_picture();
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        parts_belong(ctx);
     std::copy(std::begin(mtrie_pools), std::end(mtrie_pools), pools_at_start.begin());
     std::copy(std::begin(rib_occupied), std::end(rib_occupied), occupied_at_start.begin());
     std::copy(std::begin(norvik_leaf_default), std::end(norvik_leaf_default), defaults_at_start.begin());
     gates_at_start = sdwrap_gates;
 }
 
-void check_context(std::uint32_t ctx)
+void check(bool is_in_order, const char *what)
 {
-    if (rib_check(ctx) != 0)
-        fuzz_fail("audit of the routes");
-    if (mtrie_check(mtrie_get_root_node(ctx), nullptr) != 0)
-        fuzz_fail("audit of the trees");
+    if (!is_in_order)
+        fuzz_fail(what);
+}
+
+void check_contexts(const std::vector<std::uint32_t> &contexts)
+{
+    for (const std::uint32_t ctx : contexts) {
+        check(rib_check(ctx) == 0, "audit of the routes");
+        check(mtrie_check(mtrie_get_root_node(ctx), nullptr) == 0, "audit of the trees");
+    }
+}
+
+// Everything, whatever was touched.
+void check_whole_card()
+{
+    static const std::vector<std::uint32_t> all = [] {
+        std::vector<std::uint32_t> contexts(ROUTE_CONTEXTS);
+        std::iota(contexts.begin(), contexts.end(), 0);
+        return contexts;
+    }();
+    check_contexts(all);
+    check(mtrie_pool_check() == 0, "audit of the pools");
+    check(mtrie_hw_check() == 0, "audit of the copies");
+}
+
+// The contexts that were touched and the table pages that were stored to.
+void check_what_was_touched()
+{
+    const std::vector<std::uint32_t> &contexts = fuzz_memory_changed_contexts();
+    check_contexts(contexts);
+    check(mtrie_pool_check() == 0, "audit of the pools");
+    for (const std::uint32_t ctx : contexts)
+        check(mtrie_hw_check_tree(ctx) == 0, "audit of the wired copy");
+    for (const std::uint32_t at : fuzz_memory_table_pages())
+        check(mtrie_hw_check_copies(at, at + FUZZ_PAGE_BYTES) == 0, "audit of the copies");
 }
 
 bool waits()
@@ -222,65 +222,40 @@ void fuzz_card_boot()
     open_services();
     fuzz_peer_open();
     start_tables();
-    fuzz_card_check_all();
+    check_whole_card();
     take_picture();
-    for (table &t : tables)
-        t.dirty.assign(t.dirty.size(), false);
-    drifted = false;
+    if (const char *const every = std::getenv("FUZZ_FULL_EVERY"))
+        full_every = static_cast<unsigned>(std::max(std::atoi(every), 1));
 }
 
 void fuzz_card_check()
 {
-    if (!changed)
-        return;
-    changed = false;
-    if (mtrie_pool_check() != 0)
-        fuzz_fail("audit of the pools");
-    for (const std::uint32_t ctx : {0u, 1u, 2u, 3u, ROUTE_CONTEXTS - 1})
-        check_context(ctx);
+    if (fuzz_memory_take_activity())
+        check_contexts(fuzz_memory_changed_contexts());
 }
 
 void fuzz_card_check_all()
 {
-    if (!drifted)
-        return;
-    if (mtrie_pool_check() != 0)
-        fuzz_fail("audit of the pools");
-    if (mtrie_hw_check() != 0)
-        fuzz_fail("audit of the copies");
-    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        check_context(ctx);
+    if (fuzz_memory_is_dirty())
+        check_what_was_touched();
+    if (++inputs % full_every == 0)
+        check_whole_card();
 }
 
 void fuzz_card_restore()
 {
-    fail_countdown = 0;
     sdwrap_gates = gates_at_start;
     facility.level = facility.default_level;
-    if (!drifted)
-        return;
-    for (auto it = blocks.begin(); it != blocks.end();) {
-        block &b = it->second;
-        if (b.from_start) {
-            b.set_aside = false;
-            if (b.type != MTRACK_ROUTE_TABLE) // those that nobody refers to
-                std::memcpy(it->first, b.picture.data(), b.bytes);
-            ++it;
-        } else {
-            card_heap_free(it->first, b.bytes);
-            it = blocks.erase(it);
-        }
+    if (fuzz_memory_is_dirty()) {
+        fuzz_memory_restore();
+        std::copy(pools_at_start.begin(), pools_at_start.end(), std::begin(mtrie_pools));
+        std::copy(defaults_at_start.begin(), defaults_at_start.end(), std::begin(norvik_leaf_default));
+        std::copy(occupied_at_start.begin(), occupied_at_start.end(), std::begin(rib_occupied));
+        rib_nexthop_index_routes.clear(); // there is no static route at the start
     }
-    for (table &t : tables)
-        restore_table(t);
-    std::copy(pools_at_start.begin(), pools_at_start.end(), std::begin(mtrie_pools));
-    std::copy(defaults_at_start.begin(), defaults_at_start.end(), std::begin(norvik_leaf_default));
-    std::copy(occupied_at_start.begin(), occupied_at_start.end(), std::begin(rib_occupied));
-    rib_nexthop_index_routes.clear(); // there is no static route at the start
-    changed = drifted = false;
+    if (inputs % full_every == 0)
+        check(!fuzz_memory_differs(), "what was put back is not the start");
 }
-
-void fuzz_card_fail_alloc(unsigned nth) { fail_countdown = nth; }
 
 void fuzz_card_serve()
 {
@@ -314,87 +289,4 @@ void fuzz_send_message(int queue, const std::uint8_t *bytes, std::size_t length)
     const sockaddr_un address = address_of("mts/514");
     (void)sendto(queue, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
                  sizeof address);
-}
-
-// --- Memory tracking, table memories and stores, in place of the host's.
-
-int mtrack_init(const char *, std::uint32_t, const char *const *type_names, unsigned count)
-{
-    for (unsigned i = 0; i < count; ++i)
-        type_stats[i].name = type_names[i];
-    type_count = count;
-    return 0;
-}
-
-void *mtrack_alloc(std::uint32_t, std::uint32_t type, std::size_t size)
-{
-    touch();
-    if (type >= MTRACK_MAX_TYPES || (fail_countdown > 0 && --fail_countdown == 0))
-        return nullptr;
-    void *const at = card_heap_alloc(size);
-    if (at != nullptr)
-        blocks[at] = {type, size, false, false, {}};
-    return at;
-}
-
-void mtrack_free(void *at)
-{
-    if (at == nullptr)
-        return;
-    touch();
-    const auto it = blocks.find(at);
-    if (it == blocks.end() || it->second.set_aside)
-        fuzz_fail("freed a block that is not allocated");
-    if (it->second.from_start) {
-        it->second.set_aside = true;
-        return;
-    }
-    card_heap_free(at, it->second.bytes);
-    blocks.erase(it);
-}
-
-void mtrack_freeze() {} // no target ends by a signal that the process handles
-
-unsigned mtrack_type_count() { return type_count; }
-
-mtrack_type_stats mtrack_stats(unsigned type) { return type_stats[type]; }
-
-int syscall_open() { return open("/dev/null", O_RDWR | O_CLOEXEC); }
-int syscall_close(int descriptor) { return close(descriptor); }
-
-int norvik_get_wired_info(int, wired_info *info)
-{
-    *info = {PHYS_BASE, WIRED_BYTES};
-    return 0;
-}
-
-card_addr map_wired_route(int) { return map_table(0, WIRED_BYTES); }
-
-void unmap_wired_route(int, card_addr) {}
-
-card_addr map_pci_xram_to_uspace(std::uint32_t, std::uint32_t bytes, std::uint32_t processor)
-{
-    return processor > 1 ? 0 : map_table(1 + processor, bytes);
-}
-
-void unmap_pci_xram_to_uspace(card_addr, std::uint32_t) {}
-unsigned platform_get_num_ixp() { return 2; }
-int tn_flush_rt_cache(int) { return 0; }
-
-void platform_store32(std::uint32_t *word, std::uint32_t value)
-{
-    touch_words(word, 1);
-    *word = value;
-}
-
-void platform_fill32(std::uint32_t *words, std::uint32_t value, std::size_t count)
-{
-    touch_words(words, count);
-    std::fill_n(words, count, value);
-}
-
-void platform_copy32(std::uint32_t *to, const std::uint32_t *from, std::size_t count)
-{
-    touch_words(to, count);
-    std::copy_n(from, count, to);
 }

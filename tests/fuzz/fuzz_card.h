@@ -19,7 +19,6 @@ void fuzz_card_boot(); // once a process: card directory, services, tables, drop
 void fuzz_card_check();
 void fuzz_card_check_all();
 void fuzz_card_restore();                     // tables, routes, gates and pools as after the start
-void fuzz_card_fail_alloc(unsigned nth);      // the n-th allocation from now on finds memory short; 0: none does
 void fuzz_card_serve();                       // passes of the event loop until neither a call nor a message waits
 std::string fuzz_card_file(const char *name); // path of `name` in the card directory
 

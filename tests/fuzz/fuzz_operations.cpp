@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "fuzz_card.h"
+#include "fuzz_memory.h"
 #include "mtrack.h"
 #include "mts.h"
 #include "norvik_mtrie_dump.h"
@@ -22,6 +23,7 @@
 #include "route_advert.h"
 #include "route_events.h"
 #include "route_ids.h"
+#include "sdwrap.h"
 #include "slowpath_lookup.h"
 
 namespace
@@ -132,10 +134,14 @@ void pool(const operation &o, bool add)
                                                          o.encap());
 }
 
+// Lines of the category are the most by far, so they are kept from where an input says so.
+void keep_info_lines(bool on) { (void)sdwrap_hist_set_event_subtype(ROUTE_HIST_EVENT, ROUTE_DBG_INFO, on ? 1 : 0); }
+
 void set_peer(const operation &o)
 {
     constexpr fuzz_answer ANSWERS[] = {fuzz_answer::well, fuzz_answer::failing, fuzz_answer::ending, fuzz_answer::well};
     fuzz_peer = {ANSWERS[o.thing & 3], o.rest, {}, false};
+    keep_info_lines((o.thing & 0x10) != 0);
 }
 
 void run(const operation &o)
@@ -193,6 +199,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     fuzz_card_boot();
     fuzz_peer = {};
+    keep_info_lines(false);
     fuzz_input input{{data, size}};
     bool repeated = false;
     for (std::size_t n = 0; n < MAX_OPERATIONS && !input.at_end(); ++n) {
@@ -201,9 +208,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         o.place = input.byte();
         o.thing = input.byte();
         o.rest = input.byte();
-        fuzz_card_fail_alloc((o.kind & 0x80) != 0 ? 1 + (o.kind >> 4 & 7) : 0);
-        // The same operation many times, once an input, is how a pool runs out.
-        const unsigned repeats = (o.kind & 0xF0) == 0x70 && (o.place & 0x30) == 0x30 && !repeated ? REPEATS : 1;
+        fuzz_memory_fail_alloc((o.kind & 0x80) != 0 ? 1 + (o.kind >> 4 & 7) : 0);
+        // The same operation many times, once an input, is how a pool runs out: one that may take a leaf each time.
+        const bool takes = (o.kind & 0xF) < 11;
+        const unsigned repeats =
+            (o.kind & 0xF0) == 0x70 && (o.place & 0x30) == 0x30 && takes && !repeated ? REPEATS : 1;
         repeated = repeated || repeats > 1;
         for (unsigned i = 0; i < repeats; ++i)
             run(o);

@@ -100,6 +100,8 @@ extern "C" ssize_t recv(int descriptor, void *to, std::size_t room, int flags)
 
 extern "C" int clock_gettime(clockid_t clock, timespec *now)
 {
+    if (clock == CLOCK_REALTIME) // without a system call, for every line asks for it
+        return timespec_get(now, TIME_UTC) == TIME_UTC ? 0 : -1;
     if (clock != CLOCK_MONOTONIC)
         return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
     clock_ns += STEP_NS;

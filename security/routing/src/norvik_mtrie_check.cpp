@@ -24,7 +24,7 @@ struct tree_audit {
 // The slots of `node` stand for the addresses from `base` on; a slot for 2^shift of them.
 void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool root, tree_audit &audit)
 {
-    std::int32_t used = 0;
+    std::int32_t used = 0, *references = nullptr; // those to the leaf of the slot before
     bool alike = !mtrie_is_child(node->children[0]);
     audit.census.nodes += 1;
     audit.broken += node->stride != MTRIE_STRIDE;
@@ -40,7 +40,9 @@ void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool
                 audit_node(mtrie_child_of(word), slot_base, shift - 8, false, audit);
         } else if (word != 0) {
             const mtrie_leaf *leaf = mtrie_leaf_of(word);
-            audit.references[leaf] += 1;
+            if (i == 0 || word != node->children[i - 1])
+                references = &audit.references[leaf];
+            *references += 1;
             const std::uint32_t slot_mask = 0xFFFFFFFFu << shift;
             audit.broken += leaf->mask > slot_mask || (slot_base & leaf->mask) != leaf->prefix;
         }
@@ -113,14 +115,14 @@ const std::uint32_t *table_at(card_addr base, std::uint32_t offset)
     return card_at<const std::uint32_t>(base + offset);
 }
 
-// The words of a processor's copy that are not those of the wired copy.
-int copy_differences(const mtrie_hw_copy &copy)
+// The words of a processor's copy from `at` to `end` that are not those of the wired copy.
+int copy_differences(const mtrie_hw_copy &copy, std::uint32_t at, std::uint32_t end)
 {
     const auto in_its_form = [&copy](std::uint32_t word) {
         return word == 0 ? 0 : word - wired_route_phys_base + copy.form;
     };
     int differ = 0;
-    for (std::uint32_t at = 0; at < HW_TABLE_BYTES; at += 4) {
+    for (; at < end && at < HW_TABLE_BYTES; at += 4) {
         const bool leaf_address = at >= HW_LEAVES && at < HW_ECMPS && (at - HW_LEAVES) % HW_LEAF_BYTES == 4;
         const std::uint32_t wired = *table_at(va_wired_base, at);
         differ += *table_at(copy.base, at) != (at < HW_LEAVES || leaf_address ? in_its_form(wired) : wired);
@@ -165,14 +167,25 @@ int node_differences(const mtrie_node *node)
 }
 } // namespace
 
-int mtrie_hw_check()
+int mtrie_hw_check_copies(std::uint32_t from, std::uint32_t to)
 {
     int differ = 0;
     for (unsigned copy = MTRIE_HW_IXP1; copy < MTRIE_HW_COPIES; ++copy)
         if (mtrie_hw_copies[copy].base != 0)
-            differ += copy_differences(mtrie_hw_copies[copy]);
+            differ += copy_differences(mtrie_hw_copies[copy], from, to);
+    return differ;
+}
+
+int mtrie_hw_check_tree(std::uint32_t tree)
+{
+    const mtrie_node *const root = mtrie_get_root_node(tree);
+    return root == nullptr ? 0 : node_differences(root);
+}
+
+int mtrie_hw_check()
+{
+    int differ = mtrie_hw_check_copies(0, HW_TABLE_BYTES);
     for (std::uint32_t tree = 0; tree < HW_ROOT_COUNT; ++tree)
-        if (const mtrie_node *root = mtrie_get_root_node(tree))
-            differ += node_differences(root);
+        differ += mtrie_hw_check_tree(tree);
     return differ;
 }

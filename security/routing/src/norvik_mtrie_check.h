@@ -18,3 +18,6 @@ struct mtrie_census {
 
 // Audit: every copy equals the control plane in its own form. Returns 0, or the number of words that differ.
 [[nodiscard]] int mtrie_hw_check();
+// Parts of it: the words of the processors' copies from one offset in the table to another; one tree's wired copy.
+[[nodiscard]] int mtrie_hw_check_copies(std::uint32_t from, std::uint32_t to);
+[[nodiscard]] int mtrie_hw_check_tree(std::uint32_t tree);
