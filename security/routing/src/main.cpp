@@ -7,8 +7,8 @@
 
 int main()
 {
-    // One thread, and a signal's clean-up that prints while it interrupts who prints: a lock on the stream, half taken
-    // by then, would keep it waiting for ever.
+    // There is one thread, and a signal's clean-up prints even when it has interrupted a print: were the stream locked,
+    // the clean-up would wait for ever for the lock that the interrupted print holds.
     (void)__fsetlocking(stdout, FSETLOCKING_BYCALLER);
     (void)__fsetlocking(stderr, FSETLOCKING_BYCALLER);
     return route_mgr_main();

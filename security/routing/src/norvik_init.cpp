@@ -14,7 +14,7 @@ int norvik_init_ixp_fib()
         route_log(ROUTE_DBG_ERRORS, 0, "norvik_init_ixp_fib: wired_region_init failed\n");
         return result;
     }
-    // The error category carries these progress lines, so that the history always shows where the region lies.
+    // The error category carries these progress lines, so that the history always shows where the region is mapped.
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region - %d tree done. \n", static_cast<int>(ROUTE_CONTEXTS));
     route_log(ROUTE_DBG_ERRORS, 0, "main: init wired region. va_wired_base 0x%x, wired_route_phys_base 0x%x\n",
               va_wired_base, wired_route_phys_base);

@@ -13,21 +13,24 @@
 //   /0  --fwd--->  10/8  --fwd--->  10.1/16  --fwd--->  10.1.2/24
 //
 // A leaf counts the words that name it: 10/8 has 255 slots, the fwd of /0 and the back of 10.1/16. The newest leaf is
-// the head of its list: after 10.9/16 has come, `fwd` of 10/8 is 10.9/16, its `right` 10.1/16, whose `left` is 10.9/16.
+// the head of its list: after an insert of 10.9/16, `fwd` of 10/8 is 10.9/16, the `right` of 10.9/16 is 10.1/16, and
+// the `left` of 10.1/16 is 10.9/16.
 //
-// An insert puts the nodes on its way below slots that hold a leaf, with that leaf in all their slots: A came so with
-// 10.1/16, B with 10.1.2/24. Then it visits each slot of the range, in the nodes below too. A slot that is empty takes
-// the leaf; one that is not is one of two cases:
-//   displace    The slot's leaf is less specific. 10.1/16 took slot 1 of A from 10/8, which became its back.
-//   slip under  The slot's leaf is more specific and stays. 10.0/15 displaces 10/8 in slot 0 of A and meets 10.1/16 and
-//               10.1.2/24 in B. The last leaf before it on the way back from either is 10.1/16, whose back it becomes.
-// Odd, and meant: a leaf that displaces none, such as a /24 over two /25s, has no back, so that the leaves under it
-// have none either when it goes.
+// Where a slot on the way of an insert holds a leaf, a new node goes below it, with that leaf in all its slots. So the
+// insert of 10.1/16 made A, and that of 10.1.2/24 made B. Then each slot of the range is visited, also in the nodes
+// below. An empty slot takes the new leaf. Any other slot is one of two cases:
+//   displace    The slot's leaf is less specific and is replaced: 10.1/16 replaced 10/8 in slot 1 of A, and 10/8 became
+//               its back.
+//   slip under  The slot's leaf is more specific and stays. An insert of 10.0/15 displaces 10/8 in slot 0 of A, and
+//               finds 10.1/16 and 10.1.2/24 in B. From either, `back` leads to 10.1/16 as the last leaf that is more
+//               specific than 10.0/15: the back of 10.1/16 becomes 10.0/15.
+// Odd, and meant: a leaf that displaces none, such as a /24 over two /25s, has no back, and its removal leaves the
+// leaves under it without one.
 //
-// A removal visits the same slots. One that holds the leaf takes its back; one that holds a more specific leaf stays:
-//   relink past  10.1/16 goes, 10.1.2/24 keeps slot 2 of B: its back was 10.1/16 and becomes 10/8.
-// On the way up, a node that is empty or holds one leaf in all its slots is folded into the slot above: when 10.1.2/24
-// goes as well, B into slot 1 of A and A into slot 10 of the root.
+// A removal visits the same slots. A slot that holds the leaf takes the leaf's back. A more specific leaf stays:
+//   relink past  A removal of 10.1/16 finds 10.1.2/24 in slot 2 of B: the back of 10.1.2/24 becomes 10/8.
+// Afterwards a node that is empty, or holds one leaf in all its slots, is folded into its slot above: a removal of
+// 10.1.2/24 too folds B into slot 1 of A, then A into slot 10 of the root.
 //
 // Every change of a slot is handed to the hardware hooks at once, before the reference that it replaces is released.
 // Always: mtrie_check answers 0, unless a broken list was reported.
@@ -187,8 +190,8 @@ card_ptr<mtrie_leaf> with_reference(card_ptr<mtrie_leaf> leaf)
     return leaf;
 }
 
-// The leaf's last reference may go here; its record keeps its contents until it is allocated again, so the steps that
-// follow still read true.
+// The leaf may lose its last reference here. Its record keeps its contents until it is allocated again, so the steps
+// that follow still read the right values.
 void mtrie_remove_from_fwd_list(std::uint32_t tree, mtrie_node *node, mtrie_leaf *leaf)
 {
     static const char *const NAME = "mtrie_remove_from_fwd_list";
@@ -257,7 +260,8 @@ void displace(std::uint32_t tree, mtrie_node *node, std::uint32_t index, mtrie_l
     mtrie_leaf_free(tree, node, old);
 }
 
-// `specific` stays in its slot; the last leaf before the new one on the way to less specific ones takes it as its back.
+// `specific` stays in its slot. From it, `back` leads to the last leaf that is more specific than the new one: that
+// leaf gets the new one as its back.
 void slip_under(std::uint32_t tree, mtrie_node *node, mtrie_leaf *leaf, mtrie_leaf *specific)
 {
     mtrie_leaf *c = specific;
@@ -316,7 +320,7 @@ mtrie_node *push_down(std::uint32_t tree, mtrie_node *parent, std::uint32_t inde
     return child;
 }
 
-// Returns 1, or 0 when a node was lacking; what was built so far stays and answers as before.
+// Returns 1, or 0 when there was no node left; the nodes built until then stay, and every lookup answers as before.
 int mtrie_insert_walk(std::uint32_t tree, mtrie_node *root, mtrie_leaf *leaf)
 {
     leaf->prefix &= leaf->mask;
@@ -337,7 +341,7 @@ int mtrie_insert_walk(std::uint32_t tree, mtrie_node *root, mtrie_leaf *leaf)
     return 1;
 }
 
-// The slot of a leaf that is being deleted takes what covered it.
+// The slot of a leaf that is being deleted takes the leaf's back.
 void mtrie_slot_release(std::uint32_t tree, mtrie_node *node, std::uint32_t index, mtrie_leaf *leaf)
 {
     const card_ptr<mtrie_leaf> back = with_reference(leaf->back);
@@ -347,7 +351,7 @@ void mtrie_slot_release(std::uint32_t tree, mtrie_node *node, std::uint32_t inde
     mtrie_leaf_free(tree, node, leaf);
 }
 
-// A leaf on the way from `from` to less specific ones whose back is the deleted leaf gets that leaf's back instead.
+// Of the leaves to which `back` leads from `from`, the one whose back is the deleted leaf gets that leaf's back.
 void relink_past(std::uint32_t tree, mtrie_node *node, mtrie_leaf *from, const mtrie_leaf *previous,
                  mtrie_leaf *deleted)
 {

@@ -1,4 +1,4 @@
-// norvik_mtrie_check.cpp - audits of the trie and of the hardware tables, for tests and for whoever doubts a table.
+// norvik_mtrie_check.cpp - audits of the trie and of the hardware tables.
 //
 // mtrie_check recomputes from the slots and links of one tree what the records claim. mtrie_hw_check compares the
 // control plane of all trees with the wired copy, and the wired copy with each processor's, word by word. Neither
@@ -14,9 +14,9 @@
 
 namespace
 {
-// What an audit of one tree has met so far.
+// What an audit of one tree has found so far.
 struct tree_audit {
-    std::map<const mtrie_leaf *, std::int32_t> references; // leaves met, with the words that name them
+    std::map<const mtrie_leaf *, std::int32_t> references; // leaves found, and how many words name each
     mtrie_census census{};
     int broken = 0;
 };
@@ -51,7 +51,7 @@ void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool
     audit.census.foldable += !root && alike;
 }
 
-// Adds every leaf that is linked to one already met, and the references that links are.
+// Adds every leaf that is linked to one already found, and counts each link as a reference.
 void audit_links(tree_audit &audit)
 {
     std::set<const mtrie_leaf *> pending, done;

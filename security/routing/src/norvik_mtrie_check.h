@@ -8,7 +8,7 @@
 // What an audit found in a tree.
 struct mtrie_census {
     std::uint32_t nodes;    // the root included
-    std::uint32_t leaves;   // in slots or linked to one that is
+    std::uint32_t leaves;   // in slots, or linked to such a leaf
     std::uint32_t foldable; // nodes below the root, empty or all slots one leaf: an insert ran out or filled a gap
 };
 

@@ -21,7 +21,7 @@ struct fib_display {
     char lines[MAX_LINES][HW_DUMP_LINE_BYTES];
 };
 static_assert(sizeof(fib_display) == 5120);
-card_ptr<fib_display> fib_display_entry; // the last one made; the caller's reply owns it
+card_ptr<fib_display> fib_display_entry; // the last one made; freed with the caller's reply
 
 // Mapped address of a table address with `bytes` behind it; 0 when it is null or not this copy's.
 card_addr mapped(const mtrie_hw_copy &copy, std::uint32_t addr, std::uint32_t bytes)

@@ -1,9 +1,8 @@
 // norvik_mtrie_hw.cpp - the hardware tables: mapping, writers, the trie's hooks, debug walks.
 //
 // Every control-plane record owns the hardware slot of its pool index, in the wired region and in each processor's
-// table memory. An address is written in each copy's own form: physical into the wired copy, the processors' into
-// theirs. All stores are whole words (hw_store.h); children are filled before the slot that names them, an ECMP header
-// after its entries.
+// table memory. Addresses are physical in the wired copy, and the processor's own in a processor's copy. All stores are
+// whole words (hw_store.h); children are filled before the slot that names them, an ECMP header after its entries.
 // Elsewhere: the slot of a record (norvik_mtrie_slot.cpp), which records exist (norvik_mtrie_pool.cpp), when a slot
 // changes (norvik_mtrie.cpp).
 #include "norvik_mtrie_hw.h"
@@ -34,7 +33,7 @@ namespace
 {
 std::uint32_t *word_at(card_addr addr) { return card_at<std::uint32_t>(addr); }
 
-// Where an address in the wired copy is in the copy of a processor, counted from 1.
+// The address in a processor's copy that corresponds to one in the wired copy. ixp: from 1.
 card_addr in_ixp(unsigned ixp, card_addr wired) { return wired - va_wired_base + mtrie_hw_copies[ixp].base; }
 
 void fill_pairs(card_addr to, std::uint32_t a, std::uint32_t b, std::uint32_t pairs)
@@ -91,18 +90,18 @@ template <unsigned Ixps> void fill_words_ixp(card_addr to, std::uint32_t word, s
 template <unsigned Ixps> constexpr mtrie_hw_writers WRITERS = {
     copy_pairs<Ixps>, copy_words<Ixps>, fill_pairs_wired, fill_words_wired, fill_pairs_ixp<Ixps>, fill_words_ixp<Ixps>};
 
-// Without processors there are no writers, and nothing is written: no tree gets a root, no route is ever installed.
+// A card without processors has no writers, and nothing is written: no tree gets a root, no route is ever installed.
 bool has_writers() { return mtrie_hw_ops.fill_words_wired != nullptr; }
 
-// Writes `count` words from byte `at` of the table on: the address of what is at `offset`, with `tag`, in each copy's
-// form; null words for offset 0, where the roots are, which nothing names.
+// Writes `count` words from byte `at` of the table on: the address of the slot at `offset`, in each copy's form, with
+// `tag`. Offset 0 is no slot (the roots are there) and gives null words.
 void fill_address(std::uint32_t at, std::uint32_t offset, std::uint32_t tag, std::uint32_t count)
 {
     if (!has_writers())
         return;
     const auto word = [offset, tag](const mtrie_hw_copy &copy) { return offset == 0 ? 0 : (copy.form + offset) | tag; };
     const card_addr to = va_wired_base + at;
-    const std::uint32_t ixp_word = word(mtrie_hw_copies[MTRIE_HW_IXP1]); // the processors have one form
+    const std::uint32_t ixp_word = word(mtrie_hw_copies[MTRIE_HW_IXP1]); // one form for all processors
     mtrie_hw_ops.fill_words_wired(to, word(mtrie_hw_copies[MTRIE_HW_WIRED]), count);
     mtrie_hw_ops.fill_words_ixp(to, ixp_word, count);
 }
@@ -248,8 +247,8 @@ int mtrie_hw_write_children(const mtrie_node *node, std::uint32_t word, std::uin
     return 0;
 }
 
-// The processors need no word of a record's birth and death: its slot is cleared when it is taken, and a freed one is
-// unreachable by then.
+// Nothing to do for the processors when a record is taken or freed: its slot is cleared when it is taken, and can not
+// be reached any more when it is freed.
 void reg_invoke_hw_mtrie_node_alloc(mtrie_node *, int *ok) { *ok = 1; }
 void reg_invoke_hw_mtrie_leaf_alloc(mtrie_leaf *, int *ok) { *ok = 1; }
 void reg_invoke_hw_mtrie_node_free(mtrie_node *) {}

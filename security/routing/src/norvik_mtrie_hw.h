@@ -9,12 +9,12 @@
 extern card_addr va_wired_base, va_ixp1_dram_base, va_ixp2_dram_base; // where the three copies are mapped
 extern std::uint32_t wired_route_phys_base;
 
-// A copy of the table: where it is mapped, 0 while it is not, and the address of its first byte in its own words.
+// A copy of the table.
 struct mtrie_hw_copy {
-    card_addr &base;
-    const std::uint32_t &form;
+    card_addr &base;           // where it is mapped; 0 while it is not
+    const std::uint32_t &form; // address of the table's first byte as the words of this copy have it
 };
-constexpr unsigned MTRIE_HW_WIRED = 0, MTRIE_HW_IXP1 = 1, MTRIE_HW_COPIES = 3; // the processors' one behind the other
+constexpr unsigned MTRIE_HW_WIRED = 0, MTRIE_HW_IXP1 = 1, MTRIE_HW_COPIES = 3; // IXP2 behind IXP1
 extern const mtrie_hw_copy mtrie_hw_copies[MTRIE_HW_COPIES];
 
 // Writers, each given a destination in the mapped wired region. Null for a card without processors.

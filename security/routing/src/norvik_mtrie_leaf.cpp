@@ -3,8 +3,7 @@
 // A leaf's own adjacency word is path 1 of its route; an ECMP block holds paths 2 onwards. Every change of a block
 // first takes its valid bit away in the hardware, then rewrites the entries, then the header.
 // Always: header count == npaths modulo 8 while the header is valid.
-// Elsewhere: where a leaf stands in the tree (norvik_mtrie.cpp), the words' way to the processors
-// (norvik_mtrie_hw.cpp).
+// Elsewhere: which slots name a leaf (norvik_mtrie.cpp), how words are written to the processors (norvik_mtrie_hw.cpp).
 #include "norvik_mtrie_leaf.h"
 
 #include "line_format.h"
@@ -72,7 +71,7 @@ unsigned find_entry(const mtrie_ecmp *block, std::uint32_t ifid, std::uint32_t e
     return 0;
 }
 
-// The leaf gives its block back: one path is left, its own.
+// Gives the leaf's block back to the pool: the one path left is in the adjacency word.
 void release_block(std::uint32_t tree, mtrie_leaf *leaf)
 {
     mtrie_ecmp *block = leaf->ecmp;
@@ -82,7 +81,7 @@ void release_block(std::uint32_t tree, mtrie_leaf *leaf)
     mtrie_ecmp_free(tree, block);
 }
 
-// A default leaf that is released for the last time is no tree's default leaf any more.
+// Called when a leaf is freed: if it is a tree's default leaf, the tree has none from then on.
 void forget_default_leaf(mtrie_leaf *leaf)
 {
     if (leaf->mask != 0)

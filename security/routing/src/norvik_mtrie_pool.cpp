@@ -3,8 +3,8 @@
 // A record's index in its pool is its slot in every hardware table, so taking a record also clears that slot. Freed
 // records join the tail: a slot is reused as late as possible, since a processor may still be walking it.
 // Always: count + free list length == nelem; the sum of tree_count == count (mtrie_pool_check proves both).
-// Elsewhere: from record to index to slot (norvik_mtrie_slot.cpp), what a slot's words mean (norvik_mtrie_hw.cpp), when
-// a record is given up (norvik_mtrie.cpp).
+// Elsewhere: the slot of a record (norvik_mtrie_slot.cpp), what a slot's words mean (norvik_mtrie_hw.cpp), when a
+// record is freed (norvik_mtrie.cpp).
 #include "norvik_mtrie_pool.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
-// prefix_mgr.cpp - the manager of the 256 trees: the only way by which routes reach the trie.
+// prefix_mgr.cpp - the manager of the 256 trees: it adds routes to the trie and removes them.
 //
 // A route's route id chooses the tree; its context is what the pools are charged to and what the lines carry. The
 // manager chooses between a new leaf, an extra path, the removal of a leaf and of a path.
 // Always: once made, trees live until the process ends.
-// Elsewhere: what a leaf and a path are (norvik_mtrie_leaf.cpp), who has which route (rib_*.cpp).
+// Elsewhere: what a leaf and a path are, and the default route's leaf (norvik_mtrie_leaf.cpp); the routes (rib_*.cpp).
 #include "prefix_mgr.h"
 
 #include <cstdio>
@@ -45,7 +45,7 @@ std::uint32_t mask_of(const route_entry *route) { return route->len == 0 ? 0 : 0
 
 prefix_tree *norvik_get_t(std::uint32_t context)
 {
-    // Before the manager exists nothing can be added: a start-up that fails early is cleaned up over an empty table.
+    // A start-up that fails before the manager exists is cleaned up too; no route can have been added by then.
     static prefix_tree empty{};
     if (!wired_table_mgr)
         return &empty;
@@ -96,7 +96,7 @@ int prefix_mgr_tree_create(card_ptr<prefix_tree> *slot, const char *name, std::u
     tree->print[0] = print_a;
     tree->print[1] = print_b;
     set_name(tree->name, name);
-    // Odd, and meant: the table that is made here is overwritten at once and never reached again.
+    // Odd, and meant: the table that is made here is overwritten at once and unused from then on.
     std::uint32_t table = 0;
     (void)norvik_rib_table_alloc(&table); // always 0
     tree->table[0][0] = card_ptr<route_entry>::at(table);

@@ -1,4 +1,4 @@
-// prefix_mgr.h - the manager of the 256 trees: the only way by which routes reach the trie.
+// prefix_mgr.h - the manager of the 256 trees: it adds routes to the trie and removes them.
 #pragma once
 
 #include <cstddef>

@@ -23,7 +23,8 @@ int check_entry(const route_entry *entry, std::uint32_t ctx, std::uint32_t len)
     return faults + broken(!has(RIB_F_NAT_IN_MTRIE) || has(RIB_F_NAT));
 }
 
-// The set of a chain entry: members alike in prefix, flagged, without members of their own, and counted by the head.
+// The set of a chain entry: its members have its prefix, the flag and no members of their own, and the head counts
+// them.
 int check_set(const route_entry *head, std::uint32_t ctx)
 {
     int faults = 0;
@@ -38,7 +39,7 @@ int check_set(const route_entry *head, std::uint32_t ctx)
     return faults + broken(head->ecmp_count == (members == 0 ? 0 : members + 1));
 }
 
-// One chain. An entry out of order ends the walk, so a ring of links cannot hold the audit.
+// One chain. An entry out of order ends the walk, so that a ring of links cannot keep the audit from ending.
 int check_chain(const card_ptr<route_entry> *bucket, std::uint32_t ctx, std::uint32_t len)
 {
     int faults = 0;

@@ -4,10 +4,10 @@
 // route waits until its next hop is a known ARP host: the host's arrival programs the routes through it, its departure
 // withdraws them and leaves them in the RIB. A host's entry holds the address of the interface that it was learned on,
 // by which it is found when that interface goes down.
-// Odd, and meant: a host entry's route id is its context; a removal takes the chain's entry with whatever hangs off it;
-// an ARP host seen again is refreshed where it stands; the combined pair logs under context 0, whatever the entry's,
-// and a /0 that goes through it is a prefix like any other.
-// Elsewhere: static routes (rib_static.cpp) and their way into the forwarding table (rib_mtrie.cpp).
+// Odd, and meant: a host entry's route id is its context; a removal takes the chain's entry with all members of its
+// set; an ARP host that is added again is refreshed in place; the combined pair logs under context 0, and takes a /0
+// for a prefix like any other.
+// Elsewhere: static routes (rib_static.cpp) and how they are programmed (rib_mtrie.cpp).
 #include "rib_host.h"
 
 #include <cstdio>
@@ -30,7 +30,7 @@ constexpr std::uint32_t MAX_LEN = 32, COMBINED_LOG_CTX = 0;
 
 // Address of the interface through which `ifid` routes: its own, or its bridge interface's. Returns 0, or 1 (logged)
 // when the interface has no routing mode. An interface without an address gives 0; so does one without a bridge
-// interface, whose "none" is asked for its address like any other id.
+// interface: the id that stands for none is looked up like any other.
 int interface_address(std::uint16_t ifid, std::uint32_t ctx, std::uint32_t *address)
 {
     std::uint32_t rmode = 0;
@@ -46,7 +46,7 @@ int interface_address(std::uint16_t ifid, std::uint32_t ctx, std::uint32_t *addr
     return 0;
 }
 
-// Fills what depends on the object. Returns 0, or 1 when an ARP host's interface cannot be asked.
+// Fills what depends on the object. Returns 0, or 1 when an ARP host's interface has no routing mode (logged).
 int fill_for_object(route_entry *entry, std::uint16_t obj, std::uint32_t ctx)
 {
     if (obj == RIB_OBJ_ARP_HOST) {
@@ -86,7 +86,7 @@ void host_added(route_entry *route, const route_entry *host)
     if (!is_member(route))
         route_log(ROUTE_DBG_INFO, route->ctx, "\nadd_host route =0x%x found, ifid %d, encapid %d\n", route->prefix,
                   route->ifid, route->encap_id);
-    (void)rib_add_mtrie_route(route); // logged there; the route goes on waiting
+    (void)rib_add_mtrie_route(route); // logged there; on failure the route keeps waiting
 }
 
 // A programmed one is taken out of the forwarding table. Its interface and encapsulation are cleared also when the
@@ -149,7 +149,7 @@ route_entry *rib_add_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint1
         mtrack_free(entry);
         return nullptr;
     }
-    (void)rib_link(entry, search, head); // a host route is never taken back by its link
+    (void)rib_link(entry, search, head); // the link is not needed any more
     return entry;
 }
 

@@ -11,7 +11,7 @@
                                                  std::uint32_t len); // unlinked, not freed; FIB untouched
 
 // Adds a host route to the RIB and to the forwarding table. Returns the entry (new or refreshed), or null with neither
-// table changed but for a refreshed entry, which goes.
+// table changed, except that a refreshed entry is removed.
 [[nodiscard]] route_entry *route_add_rib_and_mtrie_entry(std::uint16_t flag_bits, std::uint16_t encap_id,
                                                          std::uint16_t obj, std::uint32_t addr, std::uint32_t len,
                                                          std::uint16_t ifid, std::uint32_t ctx);

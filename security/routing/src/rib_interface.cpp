@@ -1,8 +1,8 @@
-// rib_interface.cpp - an interface's own routes, and what goes with it when it goes down.
+// rib_interface.cpp - an interface's own routes, and what is removed with them when it goes down.
 //
 // Four routes an interface: its address, its subnet, and the subnet's first and last address, added in this order and
 // taken back in reverse when one is refused. Each change is announced to the card.
-// Elsewhere: the routes themselves (rib_mtrie.cpp), the events that bring all this about (route_events.cpp).
+// Elsewhere: the routes themselves (rib_host.cpp), the events that call this file (route_events.cpp).
 #include "rib_interface.h"
 
 #include "big_endian.h"
@@ -37,7 +37,7 @@ std::uint32_t network_of(std::uint32_t addr, std::uint32_t len)
     return addr & (0xFFFFFFFFu << (32 - len) % 32);
 }
 
-// head: what the line begins with; the two operations differ in a blank.
+// head: start of the line; the two operations differ in a blank.
 void log_interface(const char *head, std::uint16_t ctx, std::uint16_t ifid, std::uint32_t addr, std::uint32_t len)
 {
     route_log(ROUTE_DBG_INFO, ctx, "%sifid =%d, ip=%d.%d.%d.%d  maskbits =%d\n", head, static_cast<int>(ifid),
@@ -59,10 +59,10 @@ void announce(std::uint32_t opcode, std::uint32_t ctx, std::uint32_t addr, std::
     put_be32(record + IFANN_AT_MASK, mask);
     put_be32(record + IFANN_AT_IFID, ifid);
     const mts_address everyone = {MTS_NODE_BROADCAST, 0};
-    (void)mts_send(route_mts_q, &everyone, opcode, record, sizeof record); // who missed it is counted
+    (void)mts_send(route_mts_q, &everyone, opcode, record, sizeof record); // a receiver that missed it is counted
 }
 
-// A host that was learned on the interface leaves the chain, the forwarding table and memory.
+// Unlinks a host that was learned on the interface, takes it out of the forwarding table and frees it.
 void drop_host(card_ptr<route_entry> *link)
 {
     route_entry *host = *link;

@@ -51,7 +51,7 @@ void rib_remove_mtrie_route(route_entry *entry)
     if ((entry->flags & RIB_F_IN_MTRIE) == 0)
         return;
     if (is_default_route(entry)) {
-        (void)change_default_leaf(entry, DEFAULT_LEAF_RESET); // not programmed any more, whatever the leaf said
+        (void)change_default_leaf(entry, DEFAULT_LEAF_RESET); // counts as not programmed even when refused
         clear_flags(entry, RIB_F_IN_MTRIE);
         return;
     }

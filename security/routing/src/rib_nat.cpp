@@ -1,9 +1,10 @@
 // rib_nat.cpp - NAT pools: one route entry a prefix, programmed while its interface is up.
 //
-// A pool is added whole or not at all; the roll-back of a failed add removes the whole range blindly.
-// Odd, and meant: a NAT entry goes in ahead of what it finds and out by its chain link alone, so a set that formed
-// around it goes with it.
-// Elsewhere: the prefixes (nat_range.cpp), the interface's coming and going (rib_interface.cpp).
+// A pool is added whole or not at all. The roll-back of a failed add removes every prefix of the range that has the
+// pool's encap id, also those that were there before.
+// Odd, and meant: a NAT entry is removed by its chain link alone, so that the members of a set that formed behind it
+// are unlinked with it.
+// Elsewhere: the prefixes (nat_range.cpp), an interface that comes up or goes down (rib_interface.cpp).
 #include "rib_nat.h"
 
 #include <cstdio>
@@ -74,7 +75,7 @@ std::uint32_t rib_add_nat_pool(std::uint16_t ctx, std::uint16_t ifid, std::uint3
             continue;
         route_log(ROUTE_DBG_ERRORS, ctx, "%s: add NAT failed, addr 0x%x/0x%x, ixp %d\n", "rib_add_nat_pool",
                   list[i].net, list[i].mask, static_cast<int>(ixp));
-        (void)rib_remove_nat_pool(ctx, ifid, nat_addr, range, ixp); // always 0; blind, also to what stood before
+        (void)rib_remove_nat_pool(ctx, ifid, nat_addr, range, ixp); // always 0
         return 1;
     }
     return 0;

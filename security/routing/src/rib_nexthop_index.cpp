@@ -1,15 +1,15 @@
 // rib_nexthop_index.cpp - the static routes of each context by next hop, beside the table.
 //
-// A host that comes or goes concerns the routes through it, which may be a handful among a hundred thousand. The table
-// is ordered by prefix and would have to be visited whole, so here the same entries stand by gateway. Within a gateway
-// they have the order of that visit, which is the order of a change's log lines.
-// Always: an entry is here exactly while a visit of its context meets it and it is a static route (rib_check proves
-// it). Keys hold what never changes in an entry.
+// A host that is added or removed changes only the routes through it, which may be a handful among a hundred thousand.
+// The table is ordered by prefix and would have to be visited whole, so this index has the same entries by gateway.
+// Within a gateway they have the order of that visit, which is the order of a change's log lines.
+// Always: an entry is in the index exactly while it is a static route that a visit of its context finds (rib_check
+// proves it). A key consists of what never changes in an entry.
 //
-// Odd, and meant: where a chain entry goes and takes its set with it, the members are out of the table without having
-// been freed; they leave here as well, so a host does not find them any more.
+// Odd, and meant: where a chain entry is unlinked and the members of its set with it, the members are not freed, but
+// they leave the index, so that a host no longer finds them.
 //
-// Elsewhere: the table itself (rib_table.cpp), who enters and takes out routes (rib_static.cpp).
+// Elsewhere: the table (rib_table.cpp), which routes are added and removed (rib_static.cpp).
 #include "rib_nexthop_index.h"
 
 #include <new>

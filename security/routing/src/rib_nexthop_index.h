@@ -7,7 +7,7 @@
 
 #include "route_entry.h"
 
-// Ordered as a visit of the whole context would meet the routes of a gateway: by row, bucket, and place on the chain.
+// Ordered as a visit of the whole context finds the routes of a gateway: by row, bucket, and place on the chain.
 // A set has one path a gateway at most, so its paths need no order among themselves.
 struct rib_nexthop_index_key {
     std::uint64_t gateway; // context in the upper word, address in the lower
@@ -25,7 +25,7 @@ rib_nexthop_index_key rib_nexthop_index_first(std::uint32_t ctx,
 void rib_nexthop_index_remove(const route_entry *route);            // no effect on an entry that was not entered
 // For the clean-up of a signal, which may have interrupted a change of the index: from here on nothing is taken out.
 void rib_nexthop_index_freeze();
-// Takes out whatever leaves the table together with a chain entry: the entry itself and the members of its set.
+// Takes out a chain entry and the members of its set, which leave the table together.
 void rib_nexthop_index_remove_set(const route_entry *head);
 
 // Visits the static routes of a context through a gateway, chain entries and members of sets, in the table's order.

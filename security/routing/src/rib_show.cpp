@@ -1,7 +1,7 @@
 // rib_show.cpp - the resumable walk over a context's routes, and the listings and summaries that it makes.
 //
-// The cursor lives with the caller; nothing is kept here between two pages, so routes may come and go between them. A
-// page never splits an ECMP set: one that does not fit whole starts the next page.
+// The caller keeps the cursor and nothing is kept here between two pages, so routes may be added and removed meanwhile.
+// A page never splits an ECMP set: one that does not fit whole starts the next page.
 // Elsewhere: the lists (rib_table.cpp); the walk's other users (rib_nat.cpp, rib_interface.cpp).
 #include "rib_show.h"
 
@@ -37,7 +37,7 @@ bool is_installed_nat(std::uint16_t flags)
 
 bool is_set_head(const route_entry *entry) { return (entry->flags & RIB_F_ECMP) != 0; }
 
-// The room of a whole set was judged by its head's count; a page is not written past whatever that says.
+// A set's room is checked by its head's count before; whatever that says, a page is not written past its end.
 void append(route_page *page, const route_entry *entry)
 {
     if (page->count >= page->capacity)
@@ -111,7 +111,7 @@ void walk_all(std::uint16_t ctx, route_filter filter, route_action action, void 
     route_traversal(ctx, &list, &bucket, &position, NEVER_STOP, filter, action, arg);
 }
 
-// A zeroed block of a caller's listing, or null with its line.
+// A zeroed block for a caller's listing, or null (logged).
 std::uint8_t *alloc_block(std::uint16_t ctx, const char *procedure, std::size_t bytes)
 {
     auto *data = static_cast<std::uint8_t *>(mtrack_alloc(ROUTE_MGR_UUID, MTRACK_CLI_ROUTE, bytes));
@@ -126,7 +126,7 @@ void hand_over(tnrpc_block *block, std::uint8_t *data, std::uint32_t bytes)
     block->data = reinterpret_cast<std::byte *>(data);
 }
 
-// First entry of the list at or above `position`; null, with its line, when there is none any more.
+// First entry of the list at or above `position`; null (logged) when there is none any more.
 route_entry *resume(std::uint16_t ctx, route_entry *entry, std::uint32_t position, unsigned list, unsigned bucket)
 {
     while (entry != nullptr && entry->prefix < position)

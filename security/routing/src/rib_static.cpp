@@ -4,8 +4,8 @@
 // and encapsulation. Until then it waits in the RIB, and the ARP service has been asked to find the gateway.
 // Odd, and meant: the gateway is looked for in the context that the route id names, and its resolution is asked for
 // under the entry's context and withdrawn under its route id. A removal does not mask its prefix.
-// Always: a set has RIB_MAX_ECMP paths at most when all of them came this way; a refused route leaves no trace.
-// Elsewhere: what completes a waiting route (rib_host.cpp), the forwarding table's half (rib_mtrie.cpp).
+// Always: a set of static routes alone has RIB_MAX_ECMP paths at most; a refused route leaves both tables as they were.
+// Elsewhere: the hosts for which a route waits (rib_host.cpp), how a route is programmed (rib_mtrie.cpp).
 #include "rib_static.h"
 
 #include "mtrack.h"
@@ -25,7 +25,7 @@ constexpr std::uint32_t ARP_ENTRY_KIND = 2; // fixed fifth argument of the ARP s
 
 bool has_all(const route_entry *entry, std::uint16_t bits) { return (entry->flags & bits) == bits; }
 
-// Says why a route that is there already is refused.
+// Logs why a route is refused that is there already.
 void log_refusal(std::uint16_t ctx, const route_entry *found, std::uint32_t prefix, std::uint32_t len,
                  std::uint32_t nexthop)
 {
@@ -59,7 +59,7 @@ struct static_route {
     std::uint32_t nexthop;
 };
 
-// An entry that is to be linked, known by its gateway; or null when memory is short.
+// A new entry, already in the next hop index and not linked yet; or null when memory is short.
 route_entry *static_entry(const static_route &route)
 {
     route_entry *const entry = rib_entry_alloc(MTRACK_ROUTE_ENTRY_3);

@@ -18,6 +18,6 @@ std::uint32_t rib_max_ecmp_route(std::uint16_t ctx, std::uint32_t route_id, std:
 int request_gwy_resolution(const std::uint32_t *gateway, std::uint16_t ctx, std::uint16_t ifid,
                            std::uint8_t sense); // 0, or -1 when the call failed
 route_entry *host_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop);
-void rib_static_discard(route_entry *entry); // the tail of a removal: FIB, resolution, memory
+void rib_static_discard(route_entry *entry); // the last steps of a removal: FIB, resolution, memory
 route_entry *int_lookup_by_addr(std::uint32_t ctx, std::uint32_t addr);
 route_entry *route_lookup_by_nexthop(std::uint32_t ctx, std::uint32_t nexthop);

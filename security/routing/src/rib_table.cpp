@@ -1,11 +1,12 @@
 // rib_table.cpp - a context's hash table of route entries.
 //
-// A row for each prefix length, 31 chains a row, each ascending by network address: a search meets one length only and
-// stops at the first larger address. A second route of the same prefix never stands on the chain; it hangs off the
-// first as a member of its ECMP set, in order of arrival, linked by the members' own `next`.
-// Always: what rib_check proves (rib_check.cpp). Nothing here allocates but rib_entry_alloc, and nothing here frees:
-// whoever unlinks an entry does. Elsewhere: which routes go in (rib_host.cpp, rib_static.cpp), what the processors
-// learn of them (rib_mtrie.cpp).
+// A row for each prefix length, 31 chains a row, each ascending by network address: a search looks at one length only
+// and stops at the first larger address. A second route of the same prefix is never on the chain: it is a member of the
+// ECMP set of the first, in order of arrival, linked by the members' own `next`.
+// Always: what rib_check proves (rib_check.cpp). Only rib_entry_alloc allocates, and nothing here frees: a caller that
+// unlinks an entry frees it.
+// Elsewhere: which routes are added (rib_static.cpp, rib_host.cpp, rib_nat.cpp), how they are programmed
+// (rib_mtrie.cpp).
 #include "rib_table.h"
 
 #include <bit>
@@ -35,7 +36,7 @@ rib_occupancy rib_occupied[ROUTE_CONTEXTS];
 namespace
 {
 
-// Of the context that norvik_get_t takes the number for.
+// Reduced as by norvik_get_t, so that both are of the same context.
 rib_occupancy &occupancy_of(std::uint32_t ctx) { return rib_occupied[ctx % ROUTE_CONTEXTS]; }
 
 std::uint32_t bucket_of(std::uint32_t prefix, std::uint32_t len)
@@ -43,8 +44,8 @@ std::uint32_t bucket_of(std::uint32_t prefix, std::uint32_t len)
     return slowpath_route_hashing_ip_key(prefix, len) % RIB_BUCKETS;
 }
 
-// Moves `link` along its chain to the entry of the prefix, or to where it belongs. Returns the entry, or null. `step`
-// sees each link on the way that has an entry.
+// Moves `link` along its chain to the entry of the prefix, or to where it would have to be. Returns the entry, or null.
+// `step` is called with each link on the way that has an entry.
 template <class Step>
 route_entry *walk_chain(card_ptr<route_entry> *&link, std::uint32_t prefix, std::uint32_t len, Step step)
 {

@@ -1,6 +1,6 @@
 // route_advert.cpp - routes advertised to the supervisor card: one message of 46 bytes each.
 //
-// The route tables are not touched; a send that fails is logged and answered, never repeated.
+// The route tables are not touched. A send that fails is logged, and the caller gets the failure; it is not repeated.
 #include "route_advert.h"
 
 #include <iterator>

@@ -1,7 +1,7 @@
 // route_events.cpp - the interface manager's events: decoded, checked and carried out.
 //
-// No event is answered. A payload that is too short, or a context that no tree has, changes nothing and is one line.
-// Elsewhere: what an interface's coming and going changes (rib_interface.cpp).
+// No event is answered. A payload that is too short, or a context out of range, is logged and changes nothing.
+// Elsewhere: what changes when an interface comes up or goes down (rib_interface.cpp).
 #include "route_events.h"
 
 #include "big_endian.h"
@@ -39,7 +39,7 @@ void interface_up(const if_event &event)
                   static_cast<int>(event.ctx), static_cast<int>(event.ifid), static_cast<int>(event.rmode));
         return;
     }
-    // Odd, and meant: a bad interface is only complained about, and added all the same.
+    // Odd, and meant: a bad interface is logged, and added all the same.
     if (event.addr == 0 || event.mask == 0)
         route_log(ROUTE_DBG_ERRORS, event.ctx, "IF_UP, Bad L3 interface, contextid=%d, ipaddr =%x, mask=%x",
                   static_cast<int>(event.ctx), event.addr, event.mask);

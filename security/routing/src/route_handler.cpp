@@ -31,7 +31,7 @@ void serve_rpc(const pollfd &rpc)
         route_log(ROUTE_DBG_ERRORS, 0, "poll error on RPC: \n");
     } else if ((rpc.revents & POLLIN) != 0) {
         route_log(ROUTE_DBG_INFO, 0, "Got TNRPC.\n");
-        (void)tnrpc_process(rpc.fd); // its failures are the service's to count
+        (void)tnrpc_process(rpc.fd); // the service counts its failures
     }
 }
 

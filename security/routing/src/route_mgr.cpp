@@ -1,7 +1,7 @@
 // route_mgr.cpp - start-up in its one fixed order, and the clean-up that undoes it.
 //
 // The clean-up is registered first and runs at exit whatever step start-up had reached; after a signal it runs twice,
-// and nothing in it minds. Every failing step logs one line and ends the process with status 255.
+// which does no harm. Every failing step logs one line and ends the process with status 255.
 // Elsewhere: the loop (route_handler.cpp), the pools and tables (norvik_*.cpp), the first routes (rib_host.cpp).
 #include "route_mgr.h"
 
@@ -69,7 +69,7 @@ namespace
 // The multicast drop entry, 224.0.0.0/3.
 constexpr std::uint32_t MCAST_PREFIX = 0xE0000000, MCAST_LEN = 3;
 constexpr std::uint16_t MCAST_ENCAP = 0x8001;
-constexpr std::uint32_t IXP_UNMAP_BYTES = 0x104000; // more than was mapped; the platform takes down what there is
+constexpr std::uint32_t IXP_UNMAP_BYTES = 0x104000; // more than was mapped; the platform unmaps what there is
 
 void syslog_init_failed(const char *component)
 {
@@ -100,7 +100,7 @@ int init_logging()
         syslog_init_failed("SYSLOG");
         return -1;
     }
-    // Without a history the process still routes.
+    // The process serves routes without a history, too.
     constexpr std::size_t HISTORY_BYTES = 0x10000;
     (void)sdwrap_hist_init(HISTORY_BYTES);
     (void)sdwrap_hist_init_for_uuid(ROUTE_HIST_ID, HISTORY_BYTES);
@@ -166,7 +166,7 @@ int route_mgr_main()
     route_mts_set_options();
     if (init_logging() != 0)
         return -1;
-    (void)mtrack_init("ROUTE Manager", ROUTE_MGR_UUID, MTRACK_NAMES, MTRACK_ROUTE_ENTRY_MAX); // names alone
+    (void)mtrack_init("ROUTE Manager", ROUTE_MGR_UUID, MTRACK_NAMES, MTRACK_ROUTE_ENTRY_MAX); // only names types
     if (init_tables() != 0 || init_peers() != 0)
         return -1;
     route_log(ROUTE_DBG_MAIN_LOOP, 0, "main: norvik_route_mgr process init DONE\n");

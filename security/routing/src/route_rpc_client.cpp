@@ -1,6 +1,6 @@
 // route_rpc_client.cpp - the calls that the process makes to the slow path.
 //
-// Each waits for its answer; the loop does not run meanwhile. Despite the word STOP in the lines nothing stops.
+// Each waits for its answer; the loop does not run meanwhile. After a line that ends with STOP the process goes on.
 #include "route_rpc_client.h"
 
 #include <cstring>

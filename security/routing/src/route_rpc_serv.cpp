@@ -26,8 +26,8 @@ namespace
 {
 constexpr std::uint32_t MAX_CONTEXT = ROUTE_CONTEXTS - 1;
 
-// What a procedure's parameter is to the RPC service, and how it is had from a decoded argument. A type that no
-// argument can have is not here, so that a procedure with such a parameter does not compile.
+// The type code of a procedure's parameter, and its value from a decoded argument. There is none for a type that no
+// argument can have, so that a row with such a parameter does not compile.
 template <class T> struct parameter;
 template <> struct parameter<std::uint16_t> {
     static constexpr tnrpc_type TYPE = RPC_ARG_U16;
@@ -122,6 +122,6 @@ std::uint32_t norvik_route_tnrpc_serv()
 void norvik_route_tnrpc_unregister()
 {
     for (const rpc_procedure &p : PROCEDURES)
-        (void)tnrpc_unregister(p.name);          // nothing to do about a name that is gone
+        (void)tnrpc_unregister(p.name);          // a name that is gone is no failure
     (void)tnrpc_unregister("route_print_debug"); // odd, and meant: it was never registered
 }

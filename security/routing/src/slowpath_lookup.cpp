@@ -1,7 +1,7 @@
 // slowpath_lookup.cpp - the next hop of a packet that the processors could not forward, from the RIB.
 //
-// The longest length whose bucket holds the address decides; a candidate's encapsulation is checked with the slow path
-// itself, a call each.
+// The longest prefix that covers the address is the candidate. Whether its encapsulation has a MAC address is asked of
+// the slow path, with a call.
 // Odd, and meant: a candidate whose check fails is still answered with its next hop; a longer match without an
 // encapsulation never falls back to a shorter one, only to the default.
 #include "slowpath_lookup.h"
