@@ -31,8 +31,13 @@ const std::string &card_dir_path();
 
 // Binds a socket of `type` (SOCK_DGRAM, or SOCK_SEQPACKET which also listens) at `name`, under its lock file, which
 // stays held for the life of the process. Non-blocking, close-on-exec, mode 0600; a stale socket is replaced.
-// Returns the descriptor, or -1 (directory refused, a live owner for 100 ms, the system's error in errno).
+// Returns the descriptor, or -1 with errno: EWOULDBLOCK when a live process held the lock for 100 ms, EISDIR when a
+// folder stands there.
 [[nodiscard]] int card_dir_bind(int type, const char *name);
+
+// Says on standard error, from errno, why the socket `name` could not be bound; nothing when the directory is refused,
+// which has been said.
+void card_dir_say_not_bound(const char *name);
 
 // Whether a live process holds the lock of `name`: another one, or this one.
 enum class card_owner { none, other, self };

@@ -249,6 +249,15 @@ int card_dir_bind(int type, const char *name)
     return fd;
 }
 
+void card_dir_say_not_bound(const char *name)
+{
+    if (card_dir_path().empty())
+        return;
+    const char *const why = errno == EWOULDBLOCK ? "a live process holds its lock" : std::strerror(errno);
+    (void)std::fprintf(stderr, "%s: %s/%s: %s; not bound\n", program_invocation_short_name, card_dir_path().c_str(),
+                       name, why);
+}
+
 card_owner card_dir_owner(const char *name)
 {
     for (const std::string &held : held_locks())

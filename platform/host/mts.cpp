@@ -167,11 +167,9 @@ int send_message(int queue, const mts_address &to, std::uint32_t opcode, const v
     ++platform_counters.messages_lost; // no other card is reached from a host
     return -1;
 }
-} // namespace
 
-bool mts_is_bound(int queue) { return find_queue(queue) != nullptr; }
-
-int mts_bind(std::uint32_t, std::uint32_t sap, const mts_bind_options *, const char *)
+// Binds the queue of `sap`, whose socket is `name`. Returns its descriptor, or -1 with errno.
+int bind_queue(std::uint32_t sap, const char *name)
 {
     bound_queue *free_entry = nullptr;
     for (bound_queue &q : queues)
@@ -181,8 +179,6 @@ int mts_bind(std::uint32_t, std::uint32_t sap, const mts_bind_options *, const c
         errno = free_entry == nullptr ? EMFILE : EINVAL;
         return -1;
     }
-    char name[SAP_NAME_BYTES];
-    sap_name(sap, name);
     const int fd = card_dir_bind(SOCK_DGRAM, name);
     if (fd < 0)
         return -1;
@@ -191,23 +187,35 @@ int mts_bind(std::uint32_t, std::uint32_t sap, const mts_bind_options *, const c
     free_entry->sap = sap;
     return fd;
 }
+} // namespace
 
-int mts_bind_free(std::uint32_t *sap, const char *name)
+bool mts_is_bound(int queue) { return find_queue(queue) != nullptr; }
+
+int mts_bind(std::uint32_t, std::uint32_t sap, const mts_bind_options *, const char *)
+{
+    char name[SAP_NAME_BYTES];
+    sap_name(sap, name);
+    const int queue = bind_queue(sap, name);
+    if (queue < 0)
+        card_dir_say_not_bound(name);
+    return queue;
+}
+
+int mts_bind_free(std::uint32_t *sap, const char *)
 {
     if (card_dir_path().empty())
         return -1;
-    const mts_bind_options options = {};
     for (std::uint32_t candidate = MTS_FIRST_TOOL_SAP; candidate <= LAST_TOOL_SAP; ++candidate) {
-        char socket_name[SAP_NAME_BYTES];
-        sap_name(candidate, socket_name);
-        if (card_dir_owner(socket_name) != card_owner::none)
+        char name[SAP_NAME_BYTES];
+        sap_name(candidate, name);
+        if (card_dir_owner(name) != card_owner::none)
             continue; // an owner that lives would cost the bind its whole wait
-        const int queue = mts_bind(0, candidate, &options, name);
+        const int queue = bind_queue(candidate, name);
         if (queue >= 0) {
             *sap = candidate;
             return queue;
         }
-        if (errno != EWOULDBLOCK)
+        if (errno != EWOULDBLOCK && errno != EISDIR) // taken meanwhile, or by a folder
             return -1;
     }
     return -1;

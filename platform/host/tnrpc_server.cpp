@@ -379,12 +379,9 @@ void server_close()
     }
 }
 
-// Opens the set, the timer and the listener. Returns 0, or -1 with some of them still open.
-int server_open(std::uint32_t endpoint)
+// Opens the set, the timer and the listener. Returns 0, or -1 with errno and some of them still open.
+int server_open(const char *name)
 {
-    char name[TNRPC_ENDPOINT_PATH_BYTES];
-    std::snprintf(name, sizeof name, "%s/%u", RPC_FOLDER, endpoint);
-    server.endpoint = endpoint;
     server.events = epoll_create1(EPOLL_CLOEXEC);
     server.timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (server.events < 0 || server.timer < 0)
@@ -404,7 +401,11 @@ int tnrpc_serv_init(std::uint32_t endpoint)
 {
     if (is_open() || card_dir_path().empty())
         return -1;
-    if (server_open(endpoint) != 0) {
+    char name[TNRPC_ENDPOINT_PATH_BYTES];
+    std::snprintf(name, sizeof name, "%s/%u", RPC_FOLDER, endpoint);
+    server.endpoint = endpoint;
+    if (server_open(name) != 0) {
+        card_dir_say_not_bound(name);
         server_close();
         return -1;
     }

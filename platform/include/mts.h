@@ -26,11 +26,11 @@ struct mts_message {
 };
 
 // Binds the queue of `sap`. Returns its descriptor, readable when a message waits, or -1 (another live process owns the
-// sap, or the card directory is refused).
+// sap, a folder stands in its place, the card directory is refused, ...), which standard error says.
 [[nodiscard]] int mts_bind(std::uint32_t mode, std::uint32_t sap, const mts_bind_options *options, const char *name);
 
 // Binds the first free sap from 1024 on, for programs that are no service of the card. Returns the queue's descriptor
-// and its sap, or -1.
+// and its sap, or -1 without a line.
 [[nodiscard]] int mts_bind_free(std::uint32_t *sap, const char *name);
 
 // The option word of an opcode on a queue: stored and read back; delivery does not depend on it.

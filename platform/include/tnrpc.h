@@ -29,7 +29,7 @@ struct tnrpc_arg {
 using tnrpc_function = std::uint32_t (*)(const tnrpc_arg *args);
 
 // Opens the server's endpoint. Returns a descriptor that polls readable when there is something for tnrpc_process,
-// or -1 (another live process owns the endpoint, or the card directory is refused).
+// or -1 (another live process owns the endpoint, the card directory is refused, ...), which standard error says.
 [[nodiscard]] int tnrpc_serv_init(std::uint32_t endpoint);
 
 // Registers a procedure: its argument count and that many type codes follow (unsigned each). Also kept, without

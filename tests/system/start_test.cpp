@@ -186,6 +186,28 @@ TEST(daemon_start, opens_the_null_device_for_standard_descriptors_that_are_close
         EXPECT_EQ(file_text(card.at(lock)), "") << lock;
 }
 
+TEST(daemon_start, says_why_a_folder_in_a_sockets_place_keeps_it_from_binding)
+{
+    {
+        const card_dir card;
+        make_folder(card.at("mts"));
+        make_folder(card.at("mts/514"));
+        daemon_process daemon(card);
+        EXPECT_EQ(daemon_exit_status(daemon), 255);
+        const std::string said = file_text(daemon.err);
+        const std::size_t why = said.find("/mts/514: Is a directory; not bound\n");
+        ASSERT_NE(why, std::string::npos) << said;
+        EXPECT_LT(why, said.find("Routemgr: couldn't bind to MTS, Routemgr might already be running.")) << said;
+    }
+    const card_dir card;
+    make_folder(card.at("rpc"));
+    make_folder(card.at("rpc/9"));
+    const daemon_process daemon(card);
+    ASSERT_EQ(daemon_notification(daemon), "READY=1") << "it goes on without callers";
+    EXPECT_NE(file_text(daemon.err).find("/rpc/9: Is a directory; not bound\n"), std::string::npos)
+        << file_text(daemon.err);
+}
+
 TEST(daemon_second_instance, ends_with_255_and_its_line_while_the_first_keeps_serving)
 {
     const card_dir card;
@@ -193,6 +215,10 @@ TEST(daemon_second_instance, ends_with_255_and_its_line_while_the_first_keeps_se
     ASSERT_EQ(daemon_notification(first), "READY=1");
     daemon_process second(card, "second");
     EXPECT_EQ(daemon_exit_status(second), 255);
+    for (const char *socket : {"/rpc/9", "/mts/514"})
+        EXPECT_NE(file_text(second.err).find(std::string(socket) + ": a live process holds its lock; not bound\n"),
+                  std::string::npos)
+            << file_text(second.err);
     EXPECT_NE(file_text(second.err).find("Routemgr: couldn't bind to MTS, Routemgr might already be running."),
               std::string::npos)
         << file_text(second.err);

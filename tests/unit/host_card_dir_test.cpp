@@ -1,14 +1,21 @@
 // host_card_dir_test.cpp - the card directory, its locks and files, and the settings of the card.
+#include <cerrno>
+#include <ctime>
 #include <set>
 
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "card_dir.h"
 #include "host_support.h"
+#include "mts.h"
+#include "tnrpc.h"
 
 namespace
 {
+constexpr mts_bind_options OPTIONS = {};
+
 unsigned mode_of(const std::string &path)
 {
     struct stat st = {};
@@ -132,6 +139,63 @@ TEST(card_dir, a_stale_socket_is_replaced_and_a_live_one_kept)
         EXPECT_EQ(inode, std::filesystem::hash_value(card_file("mts/600")));
         EXPECT_EQ(peer_send(card_file("mts/600"), "x"), 1) << "the first socket still receives";
         EXPECT_EQ(peer_receive(fd), "x");
+    });
+}
+
+TEST(card_dir, a_folder_in_a_sockets_place_is_not_replaced)
+{
+    on_fresh_card([] {
+        std::filesystem::create_directories(card_file("mts/602"));
+        EXPECT_EQ(card_dir_bind(SOCK_DGRAM, "mts/602"), -1);
+        EXPECT_EQ(errno, EISDIR);
+        EXPECT_TRUE(std::filesystem::is_directory(card_file("mts/602")));
+        EXPECT_EQ(card_dir_owner("mts/602"), card_owner::none) << "its lock is free again";
+    });
+}
+
+TEST(card_dir, a_bind_that_fails_says_why_on_one_line)
+{
+    on_fresh_card([] {
+        std::filesystem::create_directories(card_file("mts/514"));
+        std::filesystem::create_directories(card_file("rpc/9"));
+        const std::string card = std::string(program_invocation_short_name) + ": " + card_dir_path();
+        EXPECT_EQ(stderr_of([] { EXPECT_EQ(mts_bind(4, 514, &OPTIONS, "test"), -1); }),
+                  card + "/mts/514: Is a directory; not bound\n");
+        EXPECT_EQ(stderr_of([] { EXPECT_EQ(tnrpc_serv_init(9), -1); }), card + "/rpc/9: Is a directory; not bound\n");
+        EXPECT_GE(mts_bind(4, 515, &OPTIONS, "test"), 0);
+        EXPECT_EQ(stderr_of([] { EXPECT_EQ(mts_bind(4, 515, &OPTIONS, "test"), -1); }),
+                  card + "/mts/515: a live process holds its lock; not bound\n");
+        EXPECT_EQ(stderr_of([] { EXPECT_EQ(mts_bind(4, 0, &OPTIONS, "test"), -1); }),
+                  card + "/mts/0: Invalid argument; not bound\n");
+        const std::string said = stderr_of([] {
+            rlimit usual = {};
+            (void)getrlimit(RLIMIT_NOFILE, &usual);
+            const rlimit none = {0, usual.rlim_max};
+            (void)setrlimit(RLIMIT_NOFILE, &none);
+            EXPECT_EQ(mts_bind(4, 516, &OPTIONS, "test"), -1);
+            EXPECT_EQ(tnrpc_serv_init(10), -1);
+            (void)setrlimit(RLIMIT_NOFILE, &usual);
+        });
+        EXPECT_EQ(said, card + "/mts/516: Too many open files; not bound\n" + card +
+                            "/rpc/10: Too many open files; not bound\n");
+    });
+}
+
+TEST(card_dir, a_lock_that_is_freed_within_100_ms_is_waited_for)
+{
+    on_fresh_card([] {
+        (void)card_dir_path();
+        const int lock = open(card_file("rpc/9.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_EQ(flock(lock, LOCK_EX), 0);
+        const pid_t holder = fork(); // shares the lock, and ends with it
+        if (holder == 0) {
+            const timespec held = {0, 20 * 1000000L};
+            (void)nanosleep(&held, nullptr);
+            _exit(0);
+        }
+        close(lock);
+        EXPECT_GE(card_dir_bind(SOCK_SEQPACKET, "rpc/9"), 0);
+        waitpid(holder, nullptr, 0);
     });
 }
 

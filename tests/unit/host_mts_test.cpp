@@ -168,6 +168,16 @@ TEST(mts, a_tool_binds_the_first_free_sap_from_1024)
     });
 }
 
+TEST(mts, a_tool_passes_over_a_taken_sap_without_a_line)
+{
+    on_fresh_card([] {
+        std::filesystem::create_directories(card_file("mts/1024"));
+        std::uint32_t sap = 0;
+        EXPECT_EQ(stderr_of([&] { EXPECT_GE(mts_bind_free(&sap, "tool"), 0); }), "");
+        EXPECT_EQ(sap, 1025u);
+    });
+}
+
 TEST(mts, a_sap_is_bound_once_and_sap_0_never)
 {
     on_fresh_card([] {

@@ -168,12 +168,8 @@ int link_open(manager_link *link, unsigned timeout_ms)
 {
     constexpr mts_bind_options OPTIONS = {};
     link->queue = mts_bind(0, CARDSIM_SAP, &OPTIONS, "cardsim");
-    if (link->queue < 0) {
-        if (!card_dir_path().empty())
-            std::fprintf(stderr, "cardsim: %s: message queue %u: %s; another one serves this card\n",
-                         card_dir_path().c_str(), CARDSIM_SAP, std::strerror(errno));
+    if (link->queue < 0)
         return -1;
-    }
     link->watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (link->watch < 0 ||
         inotify_add_watch(link->watch, (card_dir_path() + "/mts").c_str(), IN_CREATE | IN_CLOSE_WRITE) < 0) {

@@ -5,7 +5,6 @@
 
 #include "procedures.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -123,10 +122,8 @@ int procedures_open(card_model *m, supervisor *s)
     if (mtrack_init("cardsim", CARDSIM_UUID, MEMORY, 1) != 0)
         return -1;
     const int server = tnrpc_serv_init(CARDSIM_ENDPOINT);
-    if (server < 0) {
-        std::fprintf(stderr, "cardsim: rpc/%u: %s\n", CARDSIM_ENDPOINT, std::strerror(errno));
+    if (server < 0)
         return -1;
-    }
     for (const served &p : SERVED) {
         const unsigned *const t = p.types;
         if (tnrpc_register(p.name, p.function, p.arg_count, t[0], t[1], t[2], t[3], t[4], t[5]) != 0) {

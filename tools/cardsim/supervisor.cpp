@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -46,7 +44,7 @@ int sup_open(supervisor *sup)
 {
     sup->socket = card_dir_bind(SOCK_DGRAM, SUPERVISOR_SOCKET);
     if (sup->socket < 0)
-        std::fprintf(stderr, "cardsim: scp/supervisor: %s\n", std::strerror(errno));
+        card_dir_say_not_bound(SUPERVISOR_SOCKET);
     return sup->socket < 0 ? -1 : 0;
 }
 
