@@ -222,8 +222,7 @@ int card_dir_address(const char *name, sockaddr_un *address)
     const std::string &dir = card_dir_path();
     if (dir.empty() || dir.size() + 1 + std::strlen(name) >= sizeof address->sun_path)
         return -1;
-    const std::string path = dir + "/" + name;
-    std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+    (void)std::snprintf(address->sun_path, sizeof address->sun_path, "%s/%s", dir.c_str(), name); // allocates nothing
     return 0;
 }
 

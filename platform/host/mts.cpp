@@ -2,8 +2,10 @@
 //
 // A queue holds some ten messages and the sender of a notification never waits, so a message may be lost; the sender
 // counts it, since the receiver can not. Messages are sent from one socket that is bound to no name: the sender's
-// access point is a field of the message.
-// Always: a received payload lies in one static buffer, so one message is held at a time (as the event loop does).
+// access point is a field of the message. That socket and the folder that a broadcast lists are opened with the first
+// queue, so that a process out of descriptors still answers and notifies.
+// Always: a received payload lies in one static buffer, so one message is held at a time (as the event loop does);
+// nothing here allocates once a queue is bound.
 // Elsewhere: which sockets are in the card directory and who owns them (card_dir.cpp), the messages that the platform
 // takes for itself (debug_service.cpp).
 #include "mts.h"
@@ -42,6 +44,8 @@ struct bound_queue {
 };
 
 std::array<bound_queue, 8> queues;
+int sending_socket = -1;
+int sap_folder = -1; // MTS_FOLDER
 std::uint8_t received[MTS_HEADER_BYTES + MTS_MAX_PAYLOAD];
 
 struct opcode_name {
@@ -77,12 +81,12 @@ void sap_name(std::uint32_t sap, char (&name)[SAP_NAME_BYTES])
 
 // Sends one datagram to `sap`. wait: MSG_DONTWAIT or 0. A message that is not taken is counted as lost. Returns 0 or
 // -1.
-int send_one(int fd, std::uint32_t sap, const msghdr &message, int wait)
+int send_one(std::uint32_t sap, const msghdr &message, int wait)
 {
     char name[SAP_NAME_BYTES];
     sap_name(sap, name);
     sockaddr_un address;
-    if (fd < 0 || card_dir_address(name, &address) != 0) {
+    if (card_dir_address(name, &address) != 0) {
         ++platform_counters.messages_lost;
         return -1;
     }
@@ -91,7 +95,7 @@ int send_one(int fd, std::uint32_t sap, const msghdr &message, int wait)
     addressed.msg_namelen = sizeof address;
     ssize_t sent = 0;
     do {
-        sent = sendmsg(fd, &addressed, MSG_NOSIGNAL | wait);
+        sent = sendmsg(sending_socket, &addressed, MSG_NOSIGNAL | wait);
     } while (sent < 0 && errno == EINTR);
     if (sent >= 0)
         return 0;
@@ -115,31 +119,36 @@ std::uint32_t sap_of_name(const char *name)
     return static_cast<std::uint32_t>(sap);
 }
 
-int send_to_all(int fd, std::uint32_t own_sap, const msghdr &message)
+// Opens what messages are sent with, unless it is open. Returns 0, or -1 with errno.
+int open_sending()
 {
-    const std::string &dir = card_dir_path();
-    DIR *const folder = dir.empty() ? nullptr : opendir((dir + "/" + MTS_FOLDER).c_str());
-    if (folder == nullptr) {
-        ++platform_counters.messages_lost;
-        return -1;
-    }
-    int result = 0;
-    while (const dirent *const entry = readdir(folder)) {
-        const std::uint32_t sap = sap_of_name(entry->d_name);
-        if (sap != 0 && sap != own_sap && send_one(fd, sap, message, MSG_DONTWAIT) != 0)
-            result = -1;
-    }
-    (void)closedir(folder);
-    return result;
+    if (sending_socket < 0)
+        sending_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (sap_folder < 0 && !card_dir_path().empty())
+        sap_folder = open((card_dir_path() + "/" + MTS_FOLDER).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return sending_socket < 0 || sap_folder < 0 ? -1 : 0;
 }
 
-// The socket that messages leave through; -1 while the host has no descriptor for it.
-int sending_socket()
+// Lists the folder from its start. A broadcast in a signal's handler may do so in the middle of this one, which then
+// never goes on: the handler ends the process.
+int send_to_all(std::uint32_t own_sap, const msghdr &message)
 {
-    static int fd = -1;
-    if (fd < 0)
-        fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    return fd;
+    alignas(dirent64) char entries[4096];
+    int result = 0;
+    ssize_t bytes = lseek(sap_folder, 0, SEEK_SET);
+    while (bytes >= 0 && (bytes = getdents64(sap_folder, entries, sizeof entries)) > 0) {
+        for (ssize_t at = 0; at < bytes;) {
+            const auto *const entry = reinterpret_cast<const dirent64 *>(entries + at);
+            at += entry->d_reclen;
+            const std::uint32_t sap = sap_of_name(entry->d_name);
+            if (sap != 0 && sap != own_sap && send_one(sap, message, MSG_DONTWAIT) != 0)
+                result = -1;
+        }
+    }
+    if (bytes == 0)
+        return result;
+    ++platform_counters.messages_lost;
+    return -1;
 }
 
 int send_message(int queue, const mts_address &to, std::uint32_t opcode, const void *payload, std::size_t bytes,
@@ -159,11 +168,11 @@ int send_message(int queue, const mts_address &to, std::uint32_t opcode, const v
     message.msg_iov = parts;
     message.msg_iovlen = 2;
 
-    const int fd = sending_socket();
-    if (to.node == MTS_NODE_BROADCAST && to.sap == 0)
-        return send_to_all(fd, own_sap, message);
-    if (to.node == MTS_NODE_LOCAL || to.node == MTS_NODE_BROADCAST)
-        return send_one(fd, to.sap, message, wait);
+    const bool is_open = open_sending() == 0; // already, but for a sender without a queue
+    if (is_open && to.node == MTS_NODE_BROADCAST && to.sap == 0)
+        return send_to_all(own_sap, message);
+    if (is_open && (to.node == MTS_NODE_LOCAL || to.node == MTS_NODE_BROADCAST))
+        return send_one(to.sap, message, wait);
     ++platform_counters.messages_lost; // no other card is reached from a host
     return -1;
 }
@@ -179,7 +188,7 @@ int bind_queue(std::uint32_t sap, const char *name)
         errno = free_entry == nullptr ? EMFILE : EINVAL;
         return -1;
     }
-    const int fd = card_dir_bind(SOCK_DGRAM, name);
+    const int fd = open_sending() == 0 ? card_dir_bind(SOCK_DGRAM, name) : -1;
     if (fd < 0)
         return -1;
     *free_entry = {};
@@ -289,7 +298,7 @@ int mts_send_wait(int queue, const mts_address *to, std::uint32_t opcode, const 
         return mts_send(queue, to, opcode, payload, bytes);
     // The kernel keeps the time: a sender woken by room that another takes goes on waiting with what is left.
     const timeval limit = {static_cast<time_t>(timeout_ms / 1000), static_cast<suseconds_t>(timeout_ms % 1000 * 1000)};
-    if (setsockopt(sending_socket(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+    if (open_sending() != 0 || setsockopt(sending_socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
         ++platform_counters.messages_lost;
         return -1;
     }

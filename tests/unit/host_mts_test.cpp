@@ -2,6 +2,7 @@
 #include <chrono>
 
 #include <poll.h>
+#include <sys/resource.h>
 
 #include "counters.h"
 #include "doc_tables.h"
@@ -124,6 +125,45 @@ TEST(mts, a_broadcast_reaches_every_sap_but_the_senders)
         mts_message m = {};
         EXPECT_EQ(mts_recv(other, &m, &RECV), 0);
         EXPECT_LT(mts_recv(queue, &m, &RECV), 0) << "not its own";
+    });
+}
+
+TEST(mts, each_broadcast_lists_the_card_afresh)
+{
+    on_fresh_card([] {
+        const int queue = bind_sap(514);
+        const mts_address all = {MTS_NODE_BROADCAST, 0};
+        const int first = peer_socket(card_file("mts/1024"));
+        EXPECT_EQ(mts_send(queue, &all, 1, "1", 1), 0);
+        const int second = peer_socket(card_file("mts/1025"));
+        EXPECT_EQ(mts_send(queue, &all, 1, "2", 1), 0);
+        EXPECT_EQ(peer_receive(first).back(), '1');
+        EXPECT_EQ(peer_receive(first).back(), '2');
+        EXPECT_EQ(peer_receive(second).back(), '2');
+        for (unsigned sap = 2000; sap < 2300; ++sap) // more names than one read of the folder brings
+            EXPECT_EQ(close(peer_socket(card_file("mts/" + std::to_string(sap)))), 0);
+        EXPECT_EQ(mts_send(queue, &all, 1, "3", 1), -1) << "300 without an owner";
+        EXPECT_EQ(platform_counters.messages_lost, 300u);
+        EXPECT_EQ(peer_receive(first).back(), '3');
+        EXPECT_EQ(peer_receive(second).back(), '3');
+    });
+}
+
+TEST(mts, sending_from_a_bound_queue_needs_no_further_descriptor)
+{
+    on_fresh_card([] {
+        const int queue = bind_sap(514), peer = peer_socket(card_file("mts/700"));
+        const mts_address to = {MTS_NODE_LOCAL, 700}, all = {MTS_NODE_BROADCAST, 0};
+        rlimit usual = {};
+        (void)getrlimit(RLIMIT_NOFILE, &usual);
+        const rlimit none = {0, usual.rlim_max};
+        (void)setrlimit(RLIMIT_NOFILE, &none);
+        const int sent = mts_send(queue, &to, 1, "one", 3), broadcast = mts_send(queue, &all, 1, "all", 3);
+        (void)setrlimit(RLIMIT_NOFILE, &usual);
+        EXPECT_EQ(sent, 0);
+        EXPECT_EQ(broadcast, 0);
+        EXPECT_EQ(peer_receive(peer).substr(16), "one");
+        EXPECT_EQ(peer_receive(peer).substr(16), "all");
     });
 }
 
