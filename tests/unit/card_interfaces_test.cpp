@@ -33,7 +33,7 @@ using strings = std::vector<std::string>;
 
 const doc_page &page()
 {
-    static const doc_page read = doc_read("card-interfaces.md");
+    static const doc_page read = doc_read(DOCS_DIR "/card-interfaces.md");
     return read;
 }
 

@@ -41,11 +41,11 @@ inline std::vector<std::string> doc_cells(const std::string &line)
     return cells;
 }
 
-inline doc_page doc_read(const std::string &name)
+inline doc_page doc_read(const std::string &path)
 {
     doc_page page;
-    std::ifstream file(DOCS_DIR "/" + name);
-    EXPECT_TRUE(file.is_open()) << name;
+    std::ifstream file(path);
+    EXPECT_TRUE(file.is_open()) << path;
     std::string heading;
     for (std::string line; std::getline(file, line); page.text += line + "\n") {
         if (line.rfind("#", 0) == 0)

@@ -252,7 +252,7 @@ TEST(debug_service, counters_are_those_of_the_document_in_its_order)
         const int peer = peer_socket(card_file("mts/1024"));
         platform_counters = {};
         std::string expected;
-        for (const std::string &name : doc_read("card-interfaces.md").tables["Counters"].column("counter"))
+        for (const std::string &name : doc_read(DOCS_DIR "/card-interfaces.md").tables["Counters"].column("counter"))
             expected += name.substr(1, name.size() - 2) + " 0\n";
         request(queue, {5, 0, 0, 0}, 1024);
         EXPECT_EQ(peer_receive(peer).substr(16), expected);

@@ -250,7 +250,7 @@ TEST(mts, opcodes_have_their_names_and_the_rest_a_number)
     EXPECT_STREQ(mts_opc_name_get(0x1006), "MTS_OPC_ROUTE_IF_REMOVED");
     EXPECT_STREQ(mts_opc_name_get(4071), "MTS_OPC_4071");
     EXPECT_STREQ(mts_opc_name_get(0xFFFFFFFF), "MTS_OPC_4294967295");
-    const doc_table documented = doc_read("card-interfaces.md").tables["Opcodes"];
+    const doc_table documented = doc_read(DOCS_DIR "/card-interfaces.md").tables["Opcodes"];
     for (const std::vector<std::string> &row : documented.rows)
         EXPECT_EQ(row[1], std::string("`") + mts_opc_name_get(static_cast<std::uint32_t>(doc_number(row[0]))) + "`");
 }
