@@ -72,6 +72,37 @@ TEST(sdwrap, categories_need_a_bound_queue_and_fit_the_table)
     });
 }
 
+TEST(sdwrap, syslog_gets_facility_daemon_the_severity_and_the_ident)
+{
+    if (!own_mounts_are_allowed())
+        GTEST_SKIP() << "the host does not let this user listen in the log's place";
+    on_fresh_card([] {
+        const int queue = start();
+        ASSERT_TRUE(have_own_mounts());
+        ASSERT_EQ(mount("none", "/dev", "tmpfs", 0, nullptr), 0);
+        const int log = peer_socket("/dev/log");
+        const auto logged = [log] { // without the time
+            const std::string line = peer_receive(log);
+            const std::size_t time = line.find('>') + 1, time_bytes = std::strlen("Jan 31 23:59:59");
+            return line.size() < time + time_bytes ? line : line.substr(0, time) + line.substr(time + time_bytes);
+        };
+        zumo_syslog(3, "early %d", 1);
+        EXPECT_EQ(logged(), "<27> ROUTE Mgr: early 1") << "before its syslog is set up";
+        EXPECT_EQ(sdwrap_sys_init_helper(queue, "ident", "t", 1984, 0, 0, 0), 0);
+        errno = ENOSPC;
+        zumo_syslog(0, "%s", "text");
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(logged(), "<24> ident: text");
+        zumo_syslog(7, "text");
+        EXPECT_EQ(logged(), "<31> ident: text");
+        zumo_syslog(8, "text");
+        EXPECT_EQ(logged(), "<31> ident: text") << "no severity is over 7";
+        sdwrap_sys_clean(queue);
+        zumo_syslog(6, "late");
+        EXPECT_EQ(logged(), "<30> ROUTE Mgr: late");
+    });
+}
+
 TEST(sdwrap, a_debug_line_is_time_module_context_and_text_on_one_line)
 {
     const std::string line = stderr_of([] {

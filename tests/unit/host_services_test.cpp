@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include "counters.h"
 #include "host_support.h"
@@ -292,6 +293,36 @@ TEST(platform_mem, a_flush_without_a_route_cache_succeeds_and_is_counted)
         EXPECT_EQ(tn_flush_rt_cache(0), 0);
         EXPECT_EQ(tn_flush_rt_cache(0), 0);
         EXPECT_EQ(platform_counters.route_cache_flushes, 2u);
+    });
+}
+
+TEST(platform_mem, a_flush_of_the_kernels_route_cache_writes_1_and_fails_with_the_systems_error)
+{
+    if (!own_mounts_are_allowed())
+        GTEST_SKIP() << "the host does not let this user put a file in the kernel's place";
+    const auto flush_into = [](const char *file) {
+        EXPECT_EQ(mount(file, "/proc/sys/net/ipv4/route/flush", nullptr, MS_BIND, nullptr), 0);
+        return tn_flush_rt_cache(0);
+    };
+    on_fresh_card([&] {
+        ASSERT_TRUE(have_own_mounts());
+        put_conf("route_cache = kernel\n");
+        write_text(card_file("flush"), "");
+        EXPECT_EQ(flush_into(card_file("flush").c_str()), 0);
+        EXPECT_EQ(read_text(card_file("flush")), "1");
+        EXPECT_EQ(platform_counters.route_cache_flushes, 1u);
+        EXPECT_EQ(flush_into("/dev/full"), -ENOSPC);
+        rlimit usual = {};
+        (void)getrlimit(RLIMIT_NOFILE, &usual);
+        const rlimit none = {0, usual.rlim_max};
+        (void)setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(tn_flush_rt_cache(0), -EMFILE);
+        (void)setrlimit(RLIMIT_NOFILE, &usual);
+        EXPECT_EQ(platform_counters.route_cache_flushes, 1u) << "what failed is not counted";
+    });
+    on_fresh_card([&] {
+        ASSERT_TRUE(have_own_mounts());
+        EXPECT_EQ(flush_into("/dev/full"), 0) << "the host has no route cache by default";
     });
 }
 

@@ -14,6 +14,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -90,6 +92,17 @@ inline std::string stderr_of(const std::function<void()> &body)
         text.push_back(static_cast<char>(c));
     std::fclose(caught);
     return text;
+}
+
+// Gives this process mounts of its own, which no other process sees. Returns whether the host lets it.
+inline bool have_own_mounts()
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+// Whether a child process may have them.
+inline bool own_mounts_are_allowed()
+{
+    return in_child([] { _exit(have_own_mounts() ? 0 : 1); }) == 0;
 }
 
 // A datagram socket bound at `path`, as a peer in another language would bind it.
