@@ -4,6 +4,7 @@
 // wishes: a change that makes one of them fail changes what callers and operators have learned to expect.
 #include <gtest/gtest.h>
 
+#include "big_endian.h"
 #include "mtrack.h"
 #include "mtrie_records.h"
 #include "norvik_mtrie_pool.h"
@@ -11,6 +12,7 @@
 #include "rib_card.h"
 #include "route_events.h"
 #include "route_ids.h"
+#include "route_listing.h"
 #include "route_rpc_serv.h"
 
 namespace
@@ -203,6 +205,26 @@ TEST(known_behaviour, a_route_of_another_context_in_the_same_tree_spoils_a_set_w
     EXPECT_EQ(np_find(card, 1, CTX, NET).ecmp[0], 0u) << "the block is not valid: one path is used";
     EXPECT_EQ(add_route(card, NET, MASK16, THIRD), 1u);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "ecmp exists but invalid").size(), 1u);
+}
+
+TEST(known_behaviour, a_block_charged_to_one_context_and_given_back_by_another_leaves_a_count_below_0)
+{
+    served_card card;
+    constexpr std::uint32_t OTHER_CTX = CTX + 1, SECOND = GATEWAY + 1, THIRD = GATEWAY + 2;
+    const auto blocks_of = [&card](std::uint32_t ctx) {
+        return get_be32(&card.call("show_fib_summary", {ctx, 0}).blocks.at(0).at(FIB_SUMMARY_AT_BLOCKS));
+    };
+    for (const std::uint32_t gateway : {GATEWAY, SECOND, THIRD})
+        ASSERT_EQ(learn(card, gateway), 0u);
+    ASSERT_EQ(add_route(card, NET, MASK16, GATEWAY), 0u);
+    ASSERT_EQ(card.call("rib_add_route", {OTHER_CTX, CTX, NET, MASK16, SECOND}).result, 0u);
+    ASSERT_EQ(card.call("rib_add_route", {OTHER_CTX, CTX, NET, MASK16, THIRD}).result, 0u) << "a path of the leaf";
+    EXPECT_EQ(blocks_of(OTHER_CTX), 1u);
+    ASSERT_EQ(remove_route(card, NET, MASK16, GATEWAY), 0u);
+    EXPECT_EQ(blocks_of(OTHER_CTX), 1u);
+    EXPECT_EQ(blocks_of(CTX), 0xFFFFFFFFu);
+    EXPECT_EQ(mtrie_pools[MTRIE_POOL_ECMP].count, 0);
+    EXPECT_EQ(mtrie_pool_check(), 0);
 }
 
 TEST(known_behaviour, a_host_that_shares_its_address_with_a_static_route_leaves_its_old_encap_id_in_the_tables)

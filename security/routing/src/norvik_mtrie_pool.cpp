@@ -2,9 +2,10 @@
 //
 // A record's index in its pool is its slot in every hardware table, so taking a record also clears that slot. Freed
 // records join the tail: a slot is reused as late as possible, since a processor may still be walking it.
-// Always: count + free list length == nelem; the sum of tree_count == count (mtrie_pool_check proves both).
-// Elsewhere: the slot of a record (norvik_mtrie_slot.cpp), what a slot's words mean (norvik_mtrie_hw.cpp), when a
-// record is freed (norvik_mtrie.cpp).
+// Always: count + free list length == nelem; the sum of tree_count == count (mtrie_pool_check proves both). The count
+// of one tree may be below 0: a record is charged to the context that asks for it, and given back by the one that does
+// not need it any more, which is another one where two contexts use one tree. Elsewhere: the slot of a record
+// (norvik_mtrie_slot.cpp), what a slot's words mean (norvik_mtrie_hw.cpp), when a record is freed (norvik_mtrie.cpp).
 #include "norvik_mtrie_pool.h"
 
 #include <cerrno>
@@ -158,10 +159,8 @@ int mtrie_pool_check()
             broken += e < pool.start || e > pool.end || (e - pool.start) % pool.elem_size != 0;
             last = e;
         }
-        for (const std::int32_t held : pool.tree_count) {
-            broken += held < 0;
+        for (const std::int32_t held : pool.tree_count)
             charged += held;
-        }
         broken += pool.count < 0 || pool.count > pool.nelem;
         broken += free_count != pool.nelem - pool.count;
         broken += last != pool.free_tail;

@@ -36,7 +36,7 @@ struct mtrie_pool {
     card_addr free_tail;                     // 0 when the pool is exhausted
     std::int32_t count;                      // elements in use, 0 to nelem
     std::int32_t nelem;                      // capacity
-    std::int32_t tree_count[ROUTE_CONTEXTS]; // elements that each tree holds
+    std::int32_t tree_count[ROUTE_CONTEXTS]; // elements charged to each tree and not given back in its name
 };
 extern mtrie_pool mtrie_pools[3]; // by type
 
