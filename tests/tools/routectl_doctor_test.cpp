@@ -295,6 +295,17 @@ TEST(routectl_doctor, a_set_that_another_contexts_route_spoiled_has_an_invalid_b
     EXPECT_EQ(card.findings(), (words{"block-invalid 3 20.0.0.0/16", "leaves-lost 4"}));
 }
 
+TEST(routectl_doctor, a_block_that_another_context_gave_back_is_counted_below_0_and_no_loss)
+{
+    const sick_card card;
+    card.play(std::string(HOST) + SECOND_HOST + THIRD_HOST + "route add 20.0/16 via 10.1.0.9 ctx 3\n" +
+              "route add 20.0/16 via 10.1.0.10 ctx 4 id 3\nroute add 20.0/16 via 10.1.0.11 ctx 4 id 3\n" +
+              "route del 20.0/16 via 10.1.0.9 ctx 3\n");
+    const json summary = json::parse(card.run("-j route summary ctx 3").out);
+    EXPECT_EQ(summary.at("contexts").at(0).at("ecmp"), -1) << summary.dump(1);
+    EXPECT_EQ(card.findings(), (words{"leaves-lost 4", "paths-differ 4 20.0.0.0/16"})) << "no blocks-lost";
+}
+
 TEST(routectl_doctor, an_old_encap_id_that_forwards_with_no_route_behind_it_is_a_stray_leaf)
 {
     const sick_card card;

@@ -94,6 +94,9 @@ TEST(view_summary, blocks_are_decoded_and_other_lengths_refused)
     EXPECT_TRUE(
         context_summary_fib({0, 0, 0, 5, 0, 0, 0, 6, 0, 0, 0, 7, 0, 0, 2, 0, 4, 0, 0, 8, 0, 32, 0, 0}, summary));
     EXPECT_EQ(summary, (context_summary{4, 256, 512, 5, 6, 7}));
+    EXPECT_TRUE(context_summary_fib({0, 0, 0, 5, 0, 0, 0, 6, 255, 255, 255, 255, 0, 0, 2, 0, 4, 0, 0, 8, 0, 32, 0, 0},
+                                    summary));
+    EXPECT_EQ(summary.blocks, -1);
     EXPECT_FALSE(context_summary_rib({}, summary));
     EXPECT_FALSE(context_summary_fib(std::vector<std::uint8_t>(25), summary));
 }

@@ -36,9 +36,9 @@ bool context_summary_fib(const std::vector<std::uint8_t> &block, context_summary
 {
     if (block.size() != FIB_SUMMARY_BYTES)
         return false;
-    to.nodes = get_be32(&block[FIB_SUMMARY_AT_NODES]);
-    to.leaves = get_be32(&block[FIB_SUMMARY_AT_LEAVES]);
-    to.blocks = get_be32(&block[FIB_SUMMARY_AT_BLOCKS]);
+    to.nodes = static_cast<std::int32_t>(get_be32(&block[FIB_SUMMARY_AT_NODES]));
+    to.leaves = static_cast<std::int32_t>(get_be32(&block[FIB_SUMMARY_AT_LEAVES]));
+    to.blocks = static_cast<std::int32_t>(get_be32(&block[FIB_SUMMARY_AT_BLOCKS]));
     to.in_fib = get_be32(&block[FIB_SUMMARY_AT_ROUTES]);
     return true;
 }

@@ -14,10 +14,10 @@
 #include "route_ids.h"
 
 struct context_summary {
-    std::uint32_t connected_nat; // connected subnets and installed NAT prefixes
-    std::uint32_t statics;       // installed static routes, paths of ECMP sets counted each
-    std::uint32_t in_fib;        // routes that are programmed, of every kind; one is the multicast drop entry
-    std::uint32_t nodes, leaves, blocks;
+    std::uint32_t connected_nat;        // connected subnets and installed NAT prefixes
+    std::uint32_t statics;              // installed static routes, paths of ECMP sets counted each
+    std::uint32_t in_fib;               // routes that are programmed, of every kind; one is the multicast drop entry
+    std::int32_t nodes, leaves, blocks; // charged to it and not given back; below 0 when another one was charged
     bool operator==(const context_summary &) const = default;
 };
 

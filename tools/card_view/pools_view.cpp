@@ -8,12 +8,14 @@ pools_view pools_of(unsigned nodes, unsigned leaves, unsigned blocks, std::strin
     return {{{{"nodes", nodes, HW_NODE_COUNT}, {"leaves", leaves, HW_LEAF_COUNT}, {"ecmp", blocks, HW_ECMP_COUNT}}},
             std::move(source)};
 }
+
+unsigned in_use(std::int32_t total) { return static_cast<unsigned>(total); } // of all contexts: never below 0
 } // namespace
 
 pools_view pools_from_summary(const card_summary &summary)
 {
     const context_summary total = card_summary_total(summary);
-    return pools_of(total.nodes, total.leaves, total.blocks, "route manager");
+    return pools_of(in_use(total.nodes), in_use(total.leaves), in_use(total.blocks), "route manager");
 }
 
 pools_view pools_from_table(const table_view &view)

@@ -40,14 +40,14 @@ context_summary reached(const tree_view &tree)
     return {0,
             0,
             0,
-            static_cast<std::uint32_t>(tree.nodes.size()),
-            static_cast<std::uint32_t>(tree.leaves.size()),
-            static_cast<std::uint32_t>(blocks.size())};
+            static_cast<std::int32_t>(tree.nodes.size()),
+            static_cast<std::int32_t>(tree.leaves.size()),
+            static_cast<std::int32_t>(blocks.size())};
 }
 
 // One kind of record: where its counts stand, and what it is called.
 struct record_kind {
-    std::uint32_t context_summary::*count;
+    std::int32_t context_summary::*count;
     const char *kind, *name;
 };
 constexpr record_kind KINDS[] = {{&context_summary::nodes, "nodes-lost", "node"},
@@ -68,8 +68,8 @@ context_counts unaccounted(const doctor_look &look, const std::vector<doctor_hid
 {
     context_counts left{};
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        left[ctx] = static_cast<std::int64_t>(look.counts->contexts[ctx].*kind.count) -
-                    static_cast<std::int64_t>(reached(look.copies[0]->trees[ctx]).*kind.count);
+        left[ctx] = std::int64_t{look.counts->contexts[ctx].*kind.count} -
+                    std::int64_t{reached(look.copies[0]->trees[ctx]).*kind.count};
     for (const doctor_hidden &route : hidden) {
         if (kind.count == &context_summary::leaves)
             left[static_cast<std::size_t>(route.route.ctx)] -= 1;
@@ -91,7 +91,7 @@ void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidde
             continue;
         const std::uint64_t lost = static_cast<std::uint64_t>(std::min(left[ctx], sum));
         sum -= left[ctx];
-        const std::uint64_t held = look.counts->contexts[ctx].*kind.count;
+        const auto held = static_cast<std::uint64_t>(look.counts->contexts[ctx].*kind.count); // more than reached
         add(findings, kind.kind, doctor_level::fault, static_cast<int>(ctx), "",
             counted(lost, kind.name) + " of the context " + (lost == 1 ? "is" : "are") + " used up and in no slot",
             "the route manager counts " + counted(held, kind.name) + ", of which slots and listed routes explain " +
