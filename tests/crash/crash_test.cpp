@@ -19,6 +19,8 @@
 #include "daemon.h"
 #include "tables.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t DEFAULT_KILLS = 8, DEFAULT_SEED = 20261121;
@@ -62,7 +64,7 @@ void keep_busy(crash_run &run)
         for (; sent < CALLS && sent < got + 64; ++sent)
             rpc_send(connection, random_call(run.random, sent));
         if (run.below(8) == 0)
-            mts_send(run.manager, 4065 + run.below(2), interface_event());
+            mts_send(run.manager, EVENT_UP + run.below(2), state_payload());
         ASSERT_GT(::recv(connection, reply.data(), reply.size(), 0), 0) << "a reply is missing";
         ++got;
     }

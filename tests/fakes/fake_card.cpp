@@ -33,6 +33,8 @@
 #include "route_rpc_serv.h"
 #include "sdwrap.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -257,9 +259,9 @@ void fake_card::forget()
     journal.clear();
 }
 
-bool fake_card_lives() { return current_card != nullptr; }
+bool harness::fake_card_lives() { return current_card != nullptr; }
 
-fake_card &the_card()
+fake_card &harness::the_card()
 {
     if (current_card == nullptr) {
         std::fputs("a platform service was called outside any test\n", stderr);
@@ -268,7 +270,7 @@ fake_card &the_card()
     return *current_card;
 }
 
-fake_child_result run_in_child(const std::function<void()> &body)
+fake_child_result harness::run_in_child(const std::function<void()> &body)
 {
     fake_child_result result{-1, {}};
     int ends[2];

@@ -17,16 +17,16 @@
 #include <utility>
 #include <vector>
 
+#include "card_bytes.h"
 #include "card_space.h"
 #include "mtrack.h"
+#include "mtrie_records.h"
 #include "mts.h"
+#include "tables.h"
 #include "tnrpc.h"
 
-constexpr std::uint32_t IP(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d)
+namespace harness
 {
-    return a << 24 | b << 16 | c << 8 | d;
-}
-
 // An interface as the interface manager knows it. A default one is up, routes by itself and lacks the rest.
 struct fake_interface {
     bool up = true;
@@ -63,6 +63,7 @@ struct fake_syslog {
 struct fake_store {
     card_addr address;
     std::uint32_t value;
+    bool operator==(const fake_store &) const = default;
 };
 
 // A message that waits in the process's queue, or was sent by it.
@@ -148,6 +149,7 @@ struct fake_card {
     // Makes a call of a served procedure at once. By-reference arguments start with the value given; a block's value
     // is ignored. Blocks are freed after they were copied.
     fake_reply call(const std::string &procedure, const std::vector<std::uint32_t> &args);
+    fake_reply call(const remote_call &made) { return call(made.name, made.numbers()); }
 
     // --- Gates. At first every history gate is open and every debug gate closed.
 
@@ -204,6 +206,7 @@ struct fake_card {
     card_addr memory(unsigned copy) const;
     // One word of a copy, loaded as a processor does it. offset: bytes from the table's start.
     std::uint32_t word(unsigned copy, std::uint32_t offset) const;
+    np_table table(unsigned copy) const; // as its processor searches it
 
     // Forgets lines, calls, queries, printed text, sent messages and the journal.
     void forget();
@@ -240,3 +243,15 @@ struct fake_child_result {
     std::vector<std::string> calls;
 };
 fake_child_result run_in_child(const std::function<void()> &body);
+
+constexpr unsigned NP_COPIES = 3; // wired region, then the two processors
+np_answer np_find(const fake_card &card, unsigned copy, std::uint32_t tree, std::uint32_t address);
+
+// Where a record's words stand in every copy: offset in bytes from the table's start, NP_MISS for none.
+std::uint32_t hw_leaf(const mtrie_leaf *leaf);
+std::uint32_t hw_block(const mtrie_ecmp *block);
+
+// What the history shows for a line of context `ctx`; a record as %p shows it: its card address.
+std::string in_ctx(unsigned ctx, const std::string &message);
+void *shown(const void *record);
+} // namespace harness

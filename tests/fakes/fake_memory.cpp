@@ -11,9 +11,12 @@
 
 #include "fake_card.h"
 #include "hw_store.h"
+#include "norvik_mtrie_pool.h"
 #include "platform_mem.h"
 
 #include "fake_call.h"
+
+using namespace harness;
 
 namespace
 {
@@ -96,6 +99,37 @@ std::uint32_t fake_card::word(unsigned copy, std::uint32_t offset) const
         return 0;
     }
     return std::atomic_ref<std::uint32_t>(*card_at<std::uint32_t>(base + offset)).load(std::memory_order_acquire);
+}
+
+np_table fake_card::table(unsigned copy) const
+{
+    return {card_at<std::uint32_t>(memory(copy)), copy == 0 ? wired_phys_base : TABLE_IXP};
+}
+
+np_answer harness::np_find(const fake_card &card, unsigned copy, std::uint32_t tree, std::uint32_t address)
+{
+    return np_find(card.table(copy), tree, address);
+}
+
+std::uint32_t harness::hw_leaf(const mtrie_leaf *leaf)
+{
+    constexpr card_addr LINK = 4, RECORD = 40;
+    return leaf == nullptr ? NP_MISS
+                           : leaf_at((card_addr_of(leaf) - LINK - mtrie_pools[MTRIE_POOL_LEAF].start) / RECORD);
+}
+
+std::uint32_t harness::hw_block(const mtrie_ecmp *block)
+{
+    constexpr card_addr LINK = 4, RECORD = 48;
+    return block == nullptr ? NP_MISS
+                            : ecmp_at((card_addr_of(block) - LINK - mtrie_pools[MTRIE_POOL_ECMP].start) / RECORD);
+}
+
+std::string harness::in_ctx(unsigned ctx, const std::string &message) { return text("<Ctx:%u>", ctx) + message; }
+
+void *harness::shown(const void *record)
+{
+    return reinterpret_cast<void *>(static_cast<std::uintptr_t>(card_addr_of(record)));
 }
 
 int mtrack_init(const char *process_name, std::uint32_t module, const char *const *type_names, unsigned count)

@@ -14,6 +14,8 @@
 #include "fake_call.h"
 #include "fake_card.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -23,6 +23,8 @@
 #include "sdwrap.h"
 #include "sysmgr.h"
 
+using namespace harness;
+
 sdwrap_gate_table sdwrap_gates;
 const char *sdwrap_dbg_modname = "";
 syslog_facility *sdwrap_sys_facility = nullptr;
@@ -50,29 +52,18 @@ std::string words_text(const std::uint32_t *words, unsigned count)
 
 } // namespace
 
-std::string fake_format(const char *format, std::va_list arguments)
-{
-    std::va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
-}
-
-void fake_called(const char *format, ...)
+void harness::fake_called(const char *format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string entry = fake_format(format, arguments);
+    const std::string entry = vtext(format, arguments);
     va_end(arguments);
     the_card().calls.push_back(entry);
     if (the_card().on_call)
         the_card().on_call(entry);
 }
 
-std::string fake_descriptor_name(int descriptor)
+std::string harness::fake_descriptor_name(int descriptor)
 {
     if (descriptor >= 0 && descriptor == the_card().queue_fd)
         return "q";
@@ -81,7 +72,7 @@ std::string fake_descriptor_name(int descriptor)
     return std::to_string(descriptor);
 }
 
-const char *fake_copy_name(card_addr addr)
+const char *harness::fake_copy_name(card_addr addr)
 {
     static const char *const names[] = {"wired", "ixp1", "ixp2"};
     if (addr == 0)
@@ -255,7 +246,7 @@ void zumo_syslog(unsigned severity, const char *format, ...)
 {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string text = fake_format(format, arguments);
+    const std::string text = vtext(format, arguments);
     va_end(arguments);
     the_card().syslogs.push_back({severity, text});
     fake_called("zumo_syslog %u %s", severity, text.c_str());
@@ -296,7 +287,7 @@ void buginf_vcid(std::int32_t context, unsigned, const char *module, unsigned, c
 {
     std::va_list arguments;
     va_start(arguments, format);
-    the_card().debug.push_back({context, module, fake_format(format, arguments)});
+    the_card().debug.push_back({context, module, vtext(format, arguments)});
     va_end(arguments);
 }
 

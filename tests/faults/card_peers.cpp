@@ -12,16 +12,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace harness
+{
 namespace
 {
-constexpr std::uint32_t IF_EVENT_UP = 4065, IF_EVENT_DOWN = 4066;
-
 byte_string reply_to(const byte_string &call, arp_manner manner)
 {
-    byte_string reply;
     const std::uint32_t transaction = get32(call, 4) - (manner == arp_manner::old_transaction ? 1 : 0);
-    for (const std::uint32_t word : {0x544E5250u, transaction, 0u, 0u})
-        put32(reply, word);
+    byte_string reply = rpc_reply_record(transaction, 0, 0);
     if (manner == arp_manner::garbage)
         reply.assign(40, 0xA5);
     if (manner == arp_manner::cut)
@@ -65,13 +63,6 @@ bool answer_one(int connection, arp_service::shared_state &shared)
             set.push_back({::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), POLLIN, 0});
     }
 }
-
-std::string refused(const char *what, const rpc_reply &reply)
-{
-    return std::string(what) +
-           (reply.arrived ? ": status " + std::to_string(reply.status) + ", result " + std::to_string(reply.result)
-                          : ": no reply");
-}
 } // namespace
 
 arp_service::arp_service(const card_dir &card) : server(card, 10, "tn_arp_add_entry")
@@ -104,52 +95,30 @@ void arp_service::answer(arp_manner manner) { shared->manner = static_cast<std::
 
 void interface_database(const card_dir &card)
 {
-    interfaces_write(
-        card, {{PEER_IFID, IF_EXISTS | IF_UP | IF_ADDRESS | IF_CONTEXT, 1, 0, PEER_ADDRESS, PEER_MASK, PEER_CTX, 0}});
-}
-
-byte_string interface_event(std::uint32_t ifid, std::uint32_t address)
-{
-    byte_string payload;
-    put16(payload, ifid);
-    put16(payload, PEER_CTX);
-    put32(payload, address);
-    payload.resize(21);
-    put32(payload, PEER_MASK);
-    payload.resize(44);
-    put32(payload, 1);
-    return payload;
+    interfaces_write(card, {{IFID, IF_USUAL, 1, 0, IF_ADDR, MASK24, CTX, 0}});
 }
 
 std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const arp_service &arp)
 {
+    constexpr std::uint32_t PREFIX = IP(22, 0, 0, 0); // of no other call here
     const rpc_client client(card);
-    const std::uint32_t gateway = PEER_ADDRESS + 8, before = arp.served();
-    mts_send(manager, IF_EVENT_UP, interface_event());
+    const std::uint32_t before = arp.served();
+    mts_send(manager, EVENT_UP, state_payload());
     if (counters_of(manager).find("calls_served") == std::string::npos)
         return "no counters";
-    const std::vector<rpc_arg> route = {arg16(PEER_CTX), arg32(PEER_CTX), arg32(0x14000000), arg32(0xFF000000),
-                                        arg32(gateway)};
-    rpc_reply reply = rpc_call(client.fd, "rib_add_route", route);
-    if (!reply.arrived || reply.result != 0)
-        return refused("rib_add_route", reply);
-    if (arp.served() == before)
-        return "the ARP service was not asked";
-    reply = rpc_call(client.fd, "arp_prefix_mgr_add_route",
-                     {arg16(1), arg32(gateway), arg32(32), arg16(7), arg16(PEER_IFID), arg32(PEER_CTX)});
-    if (!reply.arrived || reply.result != 0)
-        return refused("arp_prefix_mgr_add_route", reply);
-    reply = rpc_call(client.fd, "mtrie_lookup_exact_stub",
-                     {arg32(PEER_CTX), arg32(0x14000000), arg32(0xFF000000), arg_ref(0)});
-    if (!reply.arrived || reply.result != 0 || get32(reply.record, 24) != PEER_IFID)
-        return refused("mtrie_lookup_exact_stub", reply);
-    reply = rpc_call(client.fd, "rib_remove_route", route);
-    if (!reply.arrived || reply.result != 0)
-        return refused("rib_remove_route", reply);
-    reply = rpc_call(client.fd, "arp_prefix_mgr_remove_route",
-                     {arg16(1), arg32(gateway), arg32(32), arg32(0), arg16(7), arg16(PEER_IFID), arg32(PEER_CTX)});
-    mts_send(manager, IF_EVENT_DOWN, interface_event());
-    return reply.arrived && reply.result == 0 ? "" : refused("arp_prefix_mgr_remove_route", reply);
+    const remote_call look = {"mtrie_lookup_exact_stub", {arg32(CTX), arg32(PREFIX), arg32(MASK8), arg_ref(0)}};
+    for (const remote_call &call : {call_route_add(PREFIX, MASK8, GATEWAY), call_host_add(GATEWAY), look,
+                                    call_route_remove(PREFIX, MASK8, GATEWAY), call_host_remove(GATEWAY)}) {
+        const rpc_reply reply = rpc_call(client.fd, call);
+        if (!reply.arrived)
+            return call.name + ": no reply";
+        if (reply.status != 0 || reply.result != 0 || (call.name == look.name && get32(reply.record, 24) != IFID))
+            return call.name + ": status " + std::to_string(reply.status) + ", result " + std::to_string(reply.result);
+        if (arp.served() == before)
+            return "the ARP service was not asked";
+    }
+    mts_send(manager, EVENT_DOWN, state_payload());
+    return "";
 }
 
 // Broadcasts come into the same queue, and an answer that finds it full is lost: then it is asked for again.
@@ -162,8 +131,8 @@ std::string counters_of(const mts_queue &manager)
         }
         debug_request(manager, 5, 0, 0, 0);
         for (pollfd waited = {manager.fd, POLLIN, 0}; ::poll(&waited, 1, ANSWER_MS) == 1;) {
-            const mts_message message = mts_receive(manager);
-            if (message.opcode == 1531)
+            const received_message message = mts_receive(manager);
+            if (message.opcode == DEBUG_ANSWER)
                 return message.payload;
         }
     }
@@ -173,29 +142,15 @@ std::string counters_of(const mts_queue &manager)
 byte_string random_call(std::mt19937 &random, std::uint32_t transaction)
 {
     const auto below = [&random](std::uint32_t n) { return static_cast<std::uint32_t>(random() % n); };
-    const std::uint32_t ctx = below(4), host = PEER_ADDRESS + below(12), encap = below(9);
+    const std::uint32_t ctx = below(4), host = IF_ADDR + below(12), encap = below(9);
     const std::uint32_t len = 8 * (1 + below(4)), mask = ~std::uint32_t{0} << (32 - len);
     const std::uint32_t prefix = (0x14000000 + (below(5) << 20)) & mask;
-    switch (below(8)) {
-    case 0:
-    case 1:
-        return rpc_record(transaction, "rib_add_route",
-                          {arg16(ctx), arg32(ctx), arg32(prefix), arg32(mask), arg32(host)});
-    case 2:
-        return rpc_record(transaction, "rib_remove_route",
-                          {arg16(ctx), arg32(ctx), arg32(prefix), arg32(mask), arg32(host)});
-    case 3:
-    case 4:
-        return rpc_record(transaction, "arp_prefix_mgr_add_route",
-                          {arg16(1), arg32(host), arg32(32), arg16(encap), arg16(PEER_IFID), arg32(ctx)});
-    case 5:
-        return rpc_record(transaction, "arp_prefix_mgr_remove_route",
-                          {arg16(1), arg32(host), arg32(32), arg32(0), arg16(encap), arg16(PEER_IFID), arg32(ctx)});
-    case 6:
-        return rpc_record(transaction, "rib_add_nat_pool",
-                          {arg16(ctx), arg16(PEER_IFID), arg32(0x1E000000 + below(64)), arg32(below(40)), arg16(9)});
-    default:
-        return rpc_record(transaction, "rib_remove_nat_pool",
-                          {arg16(ctx), arg16(PEER_IFID), arg32(0x1E000000 + below(64)), arg32(below(40)), arg16(9)});
-    }
+    const std::uint32_t pool = 0x1E000000 + below(64), count = below(40), kind = below(8);
+    const remote_call calls[] = {
+        call_route_add(prefix, mask, host, ctx),    call_route_add(prefix, mask, host, ctx),
+        call_route_remove(prefix, mask, host, ctx), call_host_add(host, encap, IFID, ctx),
+        call_host_add(host, encap, IFID, ctx),      call_host_remove(host, encap, IFID, ctx),
+        call_pool_add(pool, count, 9, IFID, ctx),   call_pool_remove(pool, count, 9, IFID, ctx)};
+    return rpc_record(transaction, calls[kind]);
 }
+} // namespace harness

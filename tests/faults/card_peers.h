@@ -8,8 +8,8 @@
 
 #include "daemon.h"
 
-constexpr std::uint32_t PEER_CTX = 3, PEER_IFID = 5, PEER_ADDRESS = 0x0A010101, PEER_MASK = 0xFFFFFF00;
-
+namespace harness
+{
 // How the ARP service answers a call.
 enum class arp_manner : std::uint32_t {
     well,            // result 0
@@ -38,9 +38,7 @@ struct arp_service {
     pid_t pid = -1;
 };
 
-void interface_database(const card_dir &card); // PEER_IFID is up, routed, with its address in PEER_CTX
-// The interface event `opcode` (4065 up, 4066 down) for PEER_IFID.
-byte_string interface_event(std::uint32_t ifid = PEER_IFID, std::uint32_t address = PEER_ADDRESS);
+void interface_database(const card_dir &card); // IFID is up, routed, with IF_ADDR in CTX
 
 // Whether the daemon serves all that it should: a message taken from `manager`, a route whose gateway the ARP service
 // is asked for, a host, a listing. Leaves no route behind. Empty, or what does not work.
@@ -50,3 +48,4 @@ std::string counters_of(const mts_queue &manager); // of the daemon; what waited
 
 // One call with random arguments, most of them sensible.
 byte_string random_call(std::mt19937 &random, std::uint32_t transaction);
+} // namespace harness

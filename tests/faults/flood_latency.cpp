@@ -18,6 +18,8 @@
 
 #include "daemon.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr unsigned WINDOW = 128;

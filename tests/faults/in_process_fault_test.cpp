@@ -26,11 +26,12 @@
 #include "route_advert.h"
 #include "slowpath_lookup.h"
 
+using namespace harness;
+
 namespace
 {
-constexpr std::uint16_t CTX = 3, IFID = 5, DOWN_IFID = 6, ENCAP = 7;
-constexpr std::uint32_t IF_ADDR = IP(10, 1, 0, 1), GATEWAY = IP(10, 1, 0, 9), MASK24 = 0xFFFFFF00;
-constexpr std::uint32_t ROUTE = IP(20, 0, 0, 0), MASK8 = 0xFF000000, POOL = IP(30, 0, 0, 3), POOL_SIZE = 77;
+constexpr std::uint16_t DOWN_IFID = 6;
+constexpr std::uint32_t ROUTE = IP(20, 0, 0, 0), POOL = IP(30, 0, 0, 3), POOL_SIZE = 77;
 constexpr std::uint32_t OTHER_TREE = 200; // whom the records of a drained pool are charged to
 
 int audit()

@@ -19,6 +19,8 @@
 #include "daemon.h"
 #include "tables.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr unsigned long WIRED_BYTES = 0x1400000, IXP_BYTES = 0x103400, HISTORY_BYTES = 0x10000 + 64;
@@ -37,7 +39,7 @@ outcome try_start(const card_dir &card, const daemon_limits &limits, std::string
     const history after = history_read(card);
     said = file_text(daemon.err);
     if (after.valid && after.head > before.head && !after.records.empty())
-        said += after.records.back().text;
+        said += after.records.back().text();
     if (serves)
         return status == 1 ? outcome::served : outcome::wrong;
     return status == 255 && !said.empty() ? outcome::refused : outcome::wrong;

@@ -4,16 +4,16 @@
 // What holds in all: every other caller is served meanwhile, and once the peer behaves again, so does everything.
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "card_peers.h"
 #include "daemon.h"
+
+using namespace harness;
 
 namespace
 {
@@ -35,16 +35,14 @@ struct peers : testing::Test {
     void SetUp() override
     {
         ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
-        mts_send(manager, 4065, interface_event());
+        mts_send(manager, EVENT_UP, state_payload());
         ASSERT_NE(counters_of(manager), "");
     }
     // A static route of its own by a gateway on the interface: the daemon asks the ARP service.
     rpc_reply add_route(std::uint32_t number) const
     {
         const rpc_client client(card);
-        return rpc_call(client.fd, "rib_add_route",
-                        {arg16(PEER_CTX), arg32(PEER_CTX), arg32(0x15000000 + (number << 16)), arg32(0xFFFF0000),
-                         arg32(PEER_ADDRESS + 8)});
+        return rpc_call(client.fd, call_route_add(0x15000000 + (number << 16), MASK16, GATEWAY));
     }
     std::uint64_t counter(const char *name) const { return counter_value(counters_of(manager), name); }
 };
@@ -106,7 +104,7 @@ TEST_F(peers, a_service_that_leads_to_the_daemon_itself_costs_one_time_out_a_cal
 TEST_F(peers, a_caller_that_never_reads_loses_its_connection_and_nobody_else_notices)
 {
     const int deaf = rpc_connect(card, "rpc/9");
-    const byte_string call = rpc_record(1, "show_rib_summary", {arg16(PEER_CTX), {9, {}}});
+    const byte_string call = rpc_record(1, "show_rib_summary", {arg16(CTX), arg_block()});
     const std::uint64_t dropped = counter("replies_dropped");
     unsigned sent = 0;
     while (sent < 100000 && (::send(deaf, call.data(), call.size(), MSG_NOSIGNAL) > 0))
@@ -144,10 +142,7 @@ TEST_F(peers, callers_that_vanish_in_hundreds_leave_no_descriptor_behind)
 TEST_F(peers, a_message_in_the_daemons_own_name_is_answered_to_itself_and_does_no_harm)
 {
     const std::uint64_t received = counter("messages_received");
-    byte_string request;
-    for (const std::uint32_t word : {0x4D545331u, 1530u, 0u, 514u, 5u, 0u, 0u, 0u})
-        put32(request, word);
-    mts_send_raw(manager, request);
+    mts_send_raw(manager, message_bytes(DEBUG_REQUEST, ROUTE_MANAGER_SAP, word_bytes({5, 0, 0, 0})));
     EXPECT_GE(counter("messages_received"), received + 2); // the request, and one that asks for the counters
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
 }
@@ -155,25 +150,15 @@ TEST_F(peers, a_message_in_the_daemons_own_name_is_answered_to_itself_and_does_n
 TEST_F(peers, a_burst_of_events_larger_than_the_queue_is_served_to_its_end)
 {
     const std::uint64_t received = counter("messages_received");
-    sockaddr_un to = {};
-    to.sun_family = AF_UNIX;
-    manager.manager.copy(to.sun_path, sizeof to.sun_path - 1);
     unsigned taken = 0, lost = 0;
     for (unsigned i = 0; i < 3000; ++i) {
-        byte_string datagram;
-        for (const std::uint32_t word : {0x4D545331u, 4065u + i % 2, 0u, 600u})
-            put32(datagram, word);
-        const byte_string payload = interface_event(PEER_IFID + i % 5, PEER_ADDRESS + 256 * (i % 5));
-        datagram.insert(datagram.end(), payload.begin(), payload.end());
-        const ssize_t sent = ::sendto(manager.fd, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                      reinterpret_cast<const sockaddr *>(&to), sizeof to);
-        ASSERT_TRUE(sent > 0 || errno == EAGAIN);
-        ++(sent > 0 ? taken : lost);
+        const byte_string payload = state_payload({.ifid = IFID + i % 5, .addr = IF_ADDR + 256 * (i % 5)});
+        ++(mts_offer(manager, message_bytes(EVENT_UP + i % 2, manager.sap, payload)) ? taken : lost);
     }
     EXPECT_GT(lost, 0u) << "the burst was not larger than the queue";
     // What the queue took is received, and so is at least one request for the counters.
     EXPECT_GE(counter("messages_received"), received + taken + 1);
     for (std::uint32_t i = 0; i < 5; ++i)
-        mts_send(manager, 4066, interface_event(PEER_IFID + i, PEER_ADDRESS + 256 * i));
+        mts_send(manager, EVENT_DOWN, state_payload({.ifid = IFID + i, .addr = IF_ADDR + 256 * i}));
     EXPECT_EQ(daemon_trouble(card, manager, arp), "");
 }

@@ -26,6 +26,8 @@
 #include "daemon.h"
 #include "tables.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr int SIGNALS[] = {SIGINT, SIGHUP, SIGQUIT};
@@ -156,7 +158,7 @@ void work_for(const card_dir &card, const mts_queue &manager, std::mt19937 &rand
     for (std::uint32_t i = 0; i < 120; ++i)
         rpc_send(connection, random_call(random, i));
     for (unsigned i = 0; i < 3; ++i)
-        mts_send(manager, 4065 + i % 2, interface_event());
+        mts_send(manager, EVENT_UP + i % 2, state_payload());
     pollfd nothing = {-1, 0, 0};
     const timespec moment = {0, static_cast<long>(us) * 1000};
     (void)::ppoll(&nothing, 0, &moment, nullptr); // the moment is random: there is nothing to wait for
@@ -203,7 +205,7 @@ TEST(signals, in_the_middle_of_work_end_the_daemon_with_status_1)
     for (unsigned run = 0; run < runs; ++run) {
         daemon_process daemon(card);
         ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
-        mts_send(manager, 4065, interface_event());
+        mts_send(manager, EVENT_UP, state_payload());
         work_for(card, manager, random, static_cast<unsigned>(random() % 3000));
         const int signo = SIGNALS[run % 3];
         daemon_signal(daemon, signo);

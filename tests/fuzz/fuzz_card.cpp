@@ -19,6 +19,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "card_bytes.h"
 #include "card_dir.h"
 #include "fuzz_memory.h"
 #include "mtrack.h"
@@ -42,6 +43,8 @@
 #include "route_rpc_serv.h"
 #include "scp.h"
 #include "sdwrap.h"
+
+using namespace harness;
 
 namespace
 {
@@ -79,17 +82,13 @@ sockaddr_un address_of(const char *name)
 // Eight interfaces, 1 to 8: the last down, the one before without an address, the one before that not routed.
 void write_interfaces()
 {
-    std::vector<std::uint32_t> words(16 + 8192 * 8);
-    const std::uint32_t header[] = {0x49464442, 1, 32, 8192};
-    std::copy(std::begin(header), std::end(header), words.begin());
+    std::vector<harness::interface_record> all;
     for (std::uint32_t i = 1; i <= 8; ++i) {
-        const std::uint32_t flags = (i == 8 ? 0x01u : 0x03u) | (i == 7 ? 0u : 0x04u) | 0x18u;
-        const std::uint32_t record[] = {2,          flags, i == 6 ? 2u : 1u, 5, 0x0A000001u | i << 16,
-                                        0xFFFFFF00, i % 4, i + 100};
-        std::copy(std::begin(record), std::end(record), words.begin() + 16 + 8 * i);
+        const std::uint32_t lacks = i == 8 ? harness::IF_UP : i == 7 ? harness::IF_ADDRESS : 0;
+        all.push_back({i, (harness::IF_USUAL | harness::IF_VLAN) & ~lacks, i == 6 ? 2u : 1u, 5, 0x0A000001u | i << 16,
+                       0xFFFFFF00, i % 4, i + 100});
     }
-    std::ofstream(fuzz_card_file("interfaces"), std::ios::binary)
-        .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
+    std::ofstream(fuzz_card_file("interfaces"), std::ios::binary) << harness::interfaces_image(all);
 }
 
 void make_directory()

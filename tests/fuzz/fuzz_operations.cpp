@@ -9,6 +9,7 @@
 
 #include <sys/socket.h>
 
+#include "card_bytes.h"
 #include "fuzz_card.h"
 #include "fuzz_memory.h"
 #include "mtrack.h"
@@ -26,38 +27,36 @@
 #include "sdwrap.h"
 #include "slowpath_lookup.h"
 
+using namespace harness;
+
 namespace
 {
-constexpr std::uint32_t address(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d)
-{
-    return a << 24 | b << 16 | c << 8 | d;
-}
 struct prefix {
     std::uint32_t addr, len;
 };
 constexpr prefix PREFIXES[] = {
     {0, 0},
     {0, 1},
-    {address(128, 0, 0, 0), 1},
-    {address(10, 0, 0, 0), 8},
-    {address(10, 0, 0, 0), 9},
-    {address(10, 128, 0, 0), 9},
-    {address(10, 1, 0, 0), 16},
-    {address(10, 1, 0, 0), 24},
-    {address(10, 1, 0, 0), 25},
-    {address(10, 1, 0, 128), 25},
-    {address(10, 1, 0, 192), 26},
-    {address(10, 2, 0, 0), 15},
-    {address(10, 2, 0, 0), 24},
-    {address(10, 1, 0, 7), 32},
-    {address(224, 0, 0, 0), 3},
-    {address(255, 255, 255, 255), 32},
+    {IP(128, 0, 0, 0), 1},
+    {IP(10, 0, 0, 0), 8},
+    {IP(10, 0, 0, 0), 9},
+    {IP(10, 128, 0, 0), 9},
+    {IP(10, 1, 0, 0), 16},
+    {IP(10, 1, 0, 0), 24},
+    {IP(10, 1, 0, 0), 25},
+    {IP(10, 1, 0, 128), 25},
+    {IP(10, 1, 0, 192), 26},
+    {IP(10, 2, 0, 0), 15},
+    {IP(10, 2, 0, 0), 24},
+    {IP(10, 1, 0, 7), 32},
+    {IP(224, 0, 0, 0), 3},
+    {IP(255, 255, 255, 255), 32},
 };
 constexpr std::uint32_t HOSTS[] = {
-    address(10, 1, 0, 1),   address(10, 1, 0, 2),    address(10, 1, 0, 3),        address(10, 1, 0, 4),
-    address(10, 1, 0, 7),   address(10, 1, 0, 8),    address(10, 1, 0, 9),        address(10, 1, 0, 130),
-    address(10, 2, 0, 1),   address(10, 2, 0, 2),    address(10, 3, 0, 1),        address(10, 3, 0, 0),
-    address(10, 1, 0, 255), address(192, 168, 0, 1), address(255, 255, 255, 255), 0,
+    IP(10, 1, 0, 1),   IP(10, 1, 0, 2),    IP(10, 1, 0, 3),        IP(10, 1, 0, 4),
+    IP(10, 1, 0, 7),   IP(10, 1, 0, 8),    IP(10, 1, 0, 9),        IP(10, 1, 0, 130),
+    IP(10, 2, 0, 1),   IP(10, 2, 0, 2),    IP(10, 3, 0, 1),        IP(10, 3, 0, 0),
+    IP(10, 1, 0, 255), IP(192, 168, 0, 1), IP(255, 255, 255, 255), 0,
 };
 constexpr std::size_t MAX_OPERATIONS = 96;
 constexpr unsigned REPEATS = 530; // a leaf each, and half of the 1024 are taken at the start
@@ -77,24 +76,12 @@ std::uint32_t mask_of(std::uint32_t len) { return rib_mask_table[len]; }
 
 void send_event(std::uint32_t opcode, const operation &o)
 {
-    std::array<std::uint8_t, 48> payload = {};
-    const auto put = [&payload](std::size_t at, std::uint32_t value, unsigned bytes) {
-        for (unsigned i = 0; i < bytes; ++i)
-            payload[at + i] = static_cast<std::uint8_t>(value >> 8 * (bytes - 1 - i));
-    };
     const std::uint32_t mask = mask_of((o.thing & 0xF) == 0 ? 24 : 16 + (o.thing & 0xF));
-    if (opcode == MTS_OPC_NORVIK_IF_CHANGED) {
-        put(0, o.ifid(), 4);
-        put(4, 0x80000000, 4);
-        put(8, o.host(), 4);
-        put(12, mask, 4);
-    } else {
-        put(0, o.ifid(), 2);
-        put(2, o.ctx(), 2);
-        put(4, o.host(), 4);
-        put(21, mask, 4);
-        put(44, (o.thing & 0x80) != 0 ? 0 : 1, 4);
-    }
+    const std::uint32_t rmode = (o.thing & 0x80) != 0 ? 0 : 1;
+    const byte_string payload =
+        opcode == MTS_OPC_NORVIK_IF_CHANGED
+            ? change_payload({.old_addr = o.host(), .ifid = o.ifid(), .old_mask = mask})
+            : state_payload({.ifid = o.ifid(), .ctx = o.ctx(), .addr = o.host(), .mask = mask, .rmode = rmode});
     const mts_message message = {opcode, {0, 600}, static_cast<std::uint32_t>(payload.size()), payload.data()};
     (void)route_msg_process(&message);
 }

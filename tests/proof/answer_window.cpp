@@ -1,6 +1,8 @@
 // answer_window.cpp - writing down what is right, and judging by it.
 #include "answer_window.h"
 
+namespace harness
+{
 namespace
 {
 constexpr auto ACQUIRE = std::memory_order_acquire;
@@ -97,3 +99,4 @@ void window_change_begins(window_board &board, std::uint64_t change, const windo
 }
 
 void window_change_ends(window_board &board, std::uint64_t change) { board.completed.store(change, RELEASE); }
+} // namespace harness

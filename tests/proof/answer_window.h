@@ -12,6 +12,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace harness
+{
 constexpr unsigned WINDOW_ADDRESSES = 256; // of all trees together
 constexpr unsigned WINDOW_RECORDS = 1024;  // kept for an address; a power of 2
 
@@ -80,3 +82,4 @@ void window_write(window_board &board, unsigned index, std::uint64_t change, std
                   std::uint32_t behind);
 void window_change_begins(window_board &board, std::uint64_t change, const window_taken &taken);
 void window_change_ends(window_board &board, std::uint64_t change);
+} // namespace harness

@@ -11,6 +11,8 @@
 #include "norvik_mtrie_pool.h"
 #include "proof_card.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t TREES[] = {0, 4, 255};

@@ -12,6 +12,8 @@
 #include "route_ids.h"
 #include "side_changes.h"
 
+namespace harness
+{
 namespace
 {
 constexpr std::uint32_t WIRED_BASE = 0x08000000, CONTEXTS = 256, DEBUG_MEMORY = 3;
@@ -134,7 +136,7 @@ std::string compare_tree(card_compared &compared, const table_view &view, std::u
         for (const std::uint32_t address : {range->first, next == tree.ranges.end() ? ~0u : next->first - 1}) {
             ++compared.addresses;
             if (!same_answer(table_find(view, ctx, address), range->second))
-                drift += plain_text("%s: context %u, address %08x\n", TABLE_COPY_NAMES[view.copy], ctx, address);
+                drift += text("%s: context %u, address %08x\n", TABLE_COPY_NAMES[view.copy], ctx, address);
         }
     }
     return drift;
@@ -152,7 +154,7 @@ std::string compare_copies(card_compared &compared, const table_view &wired, con
 {
     for (std::uint32_t at = 0; at < HW_TABLE_BYTES; at += 4, ++compared.words)
         if (word_from_0(wired, at) != word_from_0(other, at))
-            return plain_text("%s: the word at %x is not that of the wired copy\n", TABLE_COPY_NAMES[other.copy], at);
+            return text("%s: the word at %x is not that of the wired copy\n", TABLE_COPY_NAMES[other.copy], at);
     return "";
 }
 
@@ -191,3 +193,4 @@ card_look card_look_at(const card_dir &card, pid_t pid, int connection, const mt
     look.figures.descriptors = descriptors_of(pid);
     return look;
 }
+} // namespace harness

@@ -11,6 +11,8 @@
 #include "daemon.h"
 #include "plain_model.h"
 
+namespace harness
+{
 struct card_figures {
     std::uint64_t resident = 0, own = 0; // bytes: all that is mapped and present, and of it what nobody else has
     unsigned descriptors = 0;
@@ -34,3 +36,4 @@ struct card_look {
 // Asks on `connection` and `queue`. Throws when the daemon does not answer.
 card_look card_look_at(const card_dir &card, pid_t pid, int connection, const mts_queue &queue,
                        const plain_model &model);
+} // namespace harness

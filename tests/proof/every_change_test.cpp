@@ -9,6 +9,8 @@
 #include "norvik_mtrie_pool.h"
 #include "proof_card.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t TREE = 4;

@@ -1,6 +1,8 @@
 // explorer.cpp - closing a set of reader states under the loads that a table allows.
 #include "explorer.h"
 
+namespace harness
+{
 namespace
 {
 // Adds states and everything that follows from them while nothing is stored.
@@ -38,3 +40,4 @@ void explore_store(explorer &all, const table_copy &copy, std::uint32_t index)
         walk_step(all.key, copy.base, at, copy.words[index], next);
     close_over(all, copy, std::move(next));
 }
+} // namespace harness

@@ -12,6 +12,8 @@
 
 #include "walk_machine.h"
 
+namespace harness
+{
 struct explorer {
     walk_key key;
     std::set<walker> states;                              // that a reader can be in
@@ -23,3 +25,4 @@ struct explorer {
 explorer explore_begin(const table_copy &copy, const walk_key &key);
 // The word `index` of the copy has just been stored.
 void explore_store(explorer &all, const table_copy &copy, std::uint32_t index);
+} // namespace harness

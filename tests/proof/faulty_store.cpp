@@ -13,6 +13,8 @@
 #include "norvik_mtrie_hw.h"
 #include "seeded_faults.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::chrono::microseconds DAWDLE{20};

@@ -10,6 +10,8 @@
 #include "norvik_mtrie_leaf.h"
 #include "prefix_mgr.h"
 
+namespace harness
+{
 namespace
 {
 constexpr std::uint32_t HASHES[] = {0, 1, 2, 3, 4, 5, 6, 7, 839}; // every path of every count
@@ -229,3 +231,4 @@ std::uint32_t proof_default_reset(std::uint32_t tree, proof_path path)
 {
     return mtrie_set_default_leaf_stub(tree, 0, 0, path.encap, path.ifid, 0, 0);
 }
+} // namespace harness

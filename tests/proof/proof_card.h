@@ -17,6 +17,8 @@
 #include "fake_card.h"
 #include "route_entry.h"
 
+namespace harness
+{
 constexpr unsigned PROOF_COPIES = 3; // wired region, then the two processors
 
 // One store into one copy.
@@ -67,3 +69,4 @@ std::uint32_t proof_add(std::uint32_t tree, std::uint32_t prefix, std::uint32_t 
 std::uint32_t proof_remove(std::uint32_t tree, std::uint32_t prefix, std::uint32_t len, proof_path path);
 std::uint32_t proof_default(std::uint32_t tree, proof_path path, unsigned flags);
 std::uint32_t proof_default_reset(std::uint32_t tree, proof_path path);
+} // namespace harness

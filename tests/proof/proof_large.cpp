@@ -32,6 +32,8 @@
 #include "side_changes.h"
 #include "window_reader.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr unsigned READERS = 2;
@@ -111,34 +113,6 @@ struct reader_process {
     }
 };
 
-std::uint32_t change_by_rpc(int connection, const random_change &change)
-{
-    const std::uint32_t mask = plain_mask(change.len);
-    std::vector<rpc_arg> args;
-    const char *procedure = "";
-    switch (change.kind) {
-    case CHANGE_HOST_ADD:
-        procedure = "arp_prefix_mgr_add_route";
-        args = {arg16(1),           arg32(change.prefix), arg32(change.len), arg16(change.encap),
-                arg16(change.ifid), arg32(change.ctx)};
-        break;
-    case CHANGE_HOST_REMOVE:
-        procedure = "arp_prefix_mgr_remove_route";
-        args = {arg16(1),           arg32(change.prefix), arg32(change.len), arg32(0), arg16(change.encap),
-                arg16(change.ifid), arg32(change.ctx)};
-        break;
-    case CHANGE_ROUTE_ADD:
-    case CHANGE_ROUTE_REMOVE:
-        procedure = change.kind == CHANGE_ROUTE_ADD ? "rib_add_route" : "rib_remove_route";
-        args = {arg16(change.ctx), arg32(change.ctx), arg32(change.prefix), arg32(mask), arg32(change.nexthop)};
-        break;
-    }
-    const rpc_reply reply = rpc_call(connection, procedure, args);
-    if (!reply.arrived || reply.status != 0)
-        throw std::runtime_error(std::string(procedure) + ": no answer");
-    return reply.result;
-}
-
 // Every so many changes one is made beside the readers: an event, a NAT pool, a route of that interface.
 constexpr std::uint64_t SIDE_EVERY = 16;
 
@@ -159,9 +133,9 @@ struct proof_run {
 void write_interfaces(const card_dir &card)
 {
     std::vector<interface_record> interfaces;
-    const std::uint32_t up = IF_EXISTS | IF_UP | IF_ADDRESS | IF_CONTEXT;
     for (unsigned n = 0; n < CHANGE_INTERFACES; ++n)
-        interfaces.push_back({CHANGE_FIRST_IFID + n, up, 1, 0, change_interface_address(n), plain_mask(24), 0, 0});
+        interfaces.push_back(
+            {CHANGE_FIRST_IFID + n, IF_USUAL, 1, 0, change_interface_address(n), plain_mask(24), 0, 0});
     interfaces.push_back(side_interface());
     interfaces_write(card, interfaces);
 }
@@ -351,7 +325,7 @@ int prove(const proof_options &options)
     const rpc_client client(card);
     const mts_queue queue(card, TOOL_SAP);
     random_changes all(shared.board, options.seed,
-                       [&client](const random_change &change) { return change_by_rpc(client.fd, change); });
+                       [&client](const remote_call &call) { return change_by_call(client.fd, call); });
     side_changes side{all, client.fd, queue, card.at("interfaces"), std::mt19937(options.seed)};
     reader_process first(shared, card, 0), second(shared, card, 1);
     wait_for_readers(shared);

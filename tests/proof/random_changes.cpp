@@ -6,31 +6,28 @@
 #include <iterator>
 #include <numeric>
 
+namespace harness
+{
 namespace
 {
-constexpr std::uint32_t ip(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d)
-{
-    return a << 24 | b << 16 | c << 8 | d;
-}
-
 constexpr unsigned CONTEXTS = 2;
-constexpr std::uint32_t HOSTS[] = {ip(10, 1, 2, 1),   ip(10, 1, 2, 2),    ip(10, 1, 2, 65), ip(10, 1, 2, 66),
-                                   ip(10, 1, 4, 9),   ip(10, 9, 9, 9),    ip(10, 9, 9, 10), ip(192, 168, 4, 1),
-                                   ip(172, 16, 0, 1), ip(172, 16, 200, 2)};
+constexpr std::uint32_t HOSTS[] = {IP(10, 1, 2, 1),   IP(10, 1, 2, 2),    IP(10, 1, 2, 65), IP(10, 1, 2, 66),
+                                   IP(10, 1, 4, 9),   IP(10, 9, 9, 9),    IP(10, 9, 9, 10), IP(192, 168, 4, 1),
+                                   IP(172, 16, 0, 1), IP(172, 16, 200, 2)};
 // No prefix here is wholly covered by longer ones: each is then found by its own answer.
 constexpr model_key ROUTES[] = {{0, 0},
-                                {2, ip(128, 0, 0, 0)},
-                                {8, ip(10, 0, 0, 0)},
-                                {12, ip(10, 0, 0, 0)},
-                                {16, ip(10, 1, 0, 0)},
-                                {17, ip(10, 1, 128, 0)},
-                                {22, ip(192, 168, 4, 0)},
-                                {23, ip(10, 1, 2, 0)},
-                                {24, ip(10, 1, 2, 0)},
-                                {24, ip(10, 1, 4, 0)},
-                                {26, ip(10, 1, 2, 64)},
-                                {30, ip(10, 9, 9, 8)}};
-constexpr model_key DROP{3, ip(224, 0, 0, 0)};
+                                {2, IP(128, 0, 0, 0)},
+                                {8, IP(10, 0, 0, 0)},
+                                {12, IP(10, 0, 0, 0)},
+                                {16, IP(10, 1, 0, 0)},
+                                {17, IP(10, 1, 128, 0)},
+                                {22, IP(192, 168, 4, 0)},
+                                {23, IP(10, 1, 2, 0)},
+                                {24, IP(10, 1, 2, 0)},
+                                {24, IP(10, 1, 4, 0)},
+                                {26, IP(10, 1, 2, 64)},
+                                {30, IP(10, 9, 9, 8)}};
+constexpr model_key DROP{3, IP(224, 0, 0, 0)};
 constexpr std::uint32_t DROP_WORD = 0x8001, FIRST_ENCAP = 0x1001;
 constexpr std::uint32_t BIT_NOTHING = 1, BIT_DROP = 2;
 
@@ -134,44 +131,27 @@ void count_taken(random_changes &all, std::uint32_t ctx, const leaf_table &befor
     }
 }
 
-random_change choose(random_changes &all)
+struct chosen_change {
+    std::uint32_t ctx;
+    remote_call call;
+};
+chosen_change choose(random_changes &all)
 {
     const auto below = [&all](std::size_t n) { return static_cast<std::size_t>(all.random() % n); };
     const std::uint32_t ctx = static_cast<std::uint32_t>(below(CONTEXTS));
     const std::size_t host = below(std::size(HOSTS));
     const bool known = all.model.rib[ctx].contains({32, HOSTS[host]});
-    if (below(8) == 0 || !known)
-        return {
-            known ? CHANGE_HOST_REMOVE : CHANGE_HOST_ADD, ctx, HOSTS[host], 32, 0, host_encap(host), host_ifid(host)};
+    if (below(8) == 0 || !known) {
+        const auto call = known ? call_host_remove : call_host_add;
+        return {ctx, call(HOSTS[host], host_encap(host), host_ifid(host), ctx)};
+    }
     const auto &[len, prefix] = ROUTES[below(std::size(ROUTES))];
     const auto set = all.model.rib[ctx].find({len, prefix});
     const bool there = set != all.model.rib[ctx].end() &&
                        std::any_of(set->second.begin(), set->second.end(),
                                    [host](const model_path &path) { return path.nexthop == HOSTS[host]; });
-    return {there ? CHANGE_ROUTE_REMOVE : CHANGE_ROUTE_ADD, ctx, prefix, len, HOSTS[host], 0, 0};
-}
-
-std::uint32_t make_in_model(plain_model &model, const random_change &change)
-{
-    constexpr std::uint32_t NO_WORD = 0;
-    const std::uint32_t ctx = change.ctx, mask = plain_mask(change.len);
-    model.forget();
-    switch (change.kind) {
-    case CHANGE_HOST_ADD:
-        return model
-            .call("arp_prefix_mgr_add_route",
-                  {MODEL_OBJ_HOST, change.prefix, change.len, change.encap, change.ifid, ctx})
-            .result;
-    case CHANGE_HOST_REMOVE:
-        return model
-            .call("arp_prefix_mgr_remove_route",
-                  {MODEL_OBJ_HOST, change.prefix, change.len, NO_WORD, change.encap, change.ifid, ctx})
-            .result;
-    case CHANGE_ROUTE_ADD:
-        return model.call("rib_add_route", {ctx, ctx, change.prefix, mask, change.nexthop}).result;
-    default:
-        return model.call("rib_remove_route", {ctx, ctx, change.prefix, mask, change.nexthop}).result;
-    }
+    const auto call = there ? call_route_remove : call_route_add;
+    return {ctx, call(prefix, plain_mask(len), HOSTS[host], ctx)};
 }
 
 bool has_lost_leaves(const plain_model &model)
@@ -198,7 +178,7 @@ std::vector<std::uint32_t> all_contexts()
 }
 } // namespace
 
-std::uint32_t change_interface_address(unsigned n) { return ip(10, 250, n, 1); }
+std::uint32_t change_interface_address(unsigned n) { return IP(10, 250, n, 1); }
 
 std::uint32_t change_path_bit(std::uint32_t ifid, std::uint32_t encap)
 {
@@ -228,19 +208,19 @@ random_changes::random_changes(window_board &shared, std::uint32_t seed, change_
 
 bool random_changes::next()
 {
-    const random_change change = choose(*this);
-    const leaf_table before = leaves_of(model, change.ctx);
-    const std::uint32_t expected = make_in_model(model, change);
-    count_taken(*this, change.ctx, before);
-    write_answers(*this, change.ctx, changes + 1);
-    const std::uint32_t answer = make_in_window(*this, [&] { return make(change); });
+    const auto [ctx, call] = choose(*this);
+    const leaf_table before = leaves_of(model, ctx);
+    model.forget();
+    const std::uint32_t expected = model.call(call.name, call.numbers()).result;
+    count_taken(*this, ctx, before);
+    write_answers(*this, ctx, changes + 1);
+    const std::uint32_t answer = make_in_window(*this, [this, &made = call] { return make(made); });
     if (answer == expected && !has_lost_leaves(model))
         return true;
-    char text[160];
-    std::snprintf(text, sizeof text, "change %llu of kind %u, context %u, %08x/%u by %08x: answered %u, not %u",
-                  static_cast<unsigned long long>(changes), change.kind, change.ctx, change.prefix, change.len,
-                  change.nexthop, answer, expected);
-    error = text;
+    error = text("change %llu, %s", static_cast<unsigned long long>(changes), call.name.c_str());
+    for (const std::uint32_t number : call.numbers())
+        error += text(" %x", number);
+    error += text(": answered %u, not %u", answer, expected);
     return false;
 }
 
@@ -260,3 +240,4 @@ bool random_changes_beside(random_changes &all, const std::function<std::uint32_
         all.error += "; " + line;
     return false;
 }
+} // namespace harness

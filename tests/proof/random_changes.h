@@ -15,15 +15,9 @@
 #include "answer_window.h"
 #include "plain_model.h"
 
-enum change_kind : unsigned { CHANGE_HOST_ADD, CHANGE_HOST_REMOVE, CHANGE_ROUTE_ADD, CHANGE_ROUTE_REMOVE };
-
-struct random_change {
-    change_kind kind;
-    std::uint32_t ctx;
-    std::uint32_t prefix, len, nexthop; // nexthop: of a route
-    std::uint32_t encap, ifid;          // of a host
-};
-using change_maker = std::function<std::uint32_t(const random_change &)>; // gives the process's answer
+namespace harness
+{
+using change_maker = std::function<std::uint32_t(const remote_call &)>; // gives the process's answer
 
 constexpr unsigned CHANGE_INTERFACES = 3, CHANGE_FIRST_IFID = 5;
 // Contexts 0 and 1 are looked into. This one is for changes beside them, of at most so many prefixes at a time.
@@ -51,3 +45,4 @@ bool random_changes_beside(random_changes &all, const std::function<std::uint32_
 
 // The bit of a word that stands for a path: 0 when there is no such path.
 std::uint32_t change_path_bit(std::uint32_t ifid, std::uint32_t encap);
+} // namespace harness

@@ -8,38 +8,25 @@
 
 #include "fake_card.h"
 #include "random_changes.h"
-#include "rib_host.h"
-#include "rib_static.h"
+#include "route_rpc_serv.h"
 #include "route_table.h"
 #include "window_reader.h"
+
+using namespace harness;
 
 namespace
 {
 constexpr unsigned CHANGES = 3000;
 
-std::uint32_t make_here(const random_change &change)
-{
-    const auto ctx = static_cast<std::uint16_t>(change.ctx);
-    const auto encap = static_cast<std::uint16_t>(change.encap), ifid = static_cast<std::uint16_t>(change.ifid);
-    switch (change.kind) {
-    case CHANGE_HOST_ADD:
-        return arp_prefix_mgr_add_route(1, change.prefix, change.len, encap, ifid, ctx);
-    case CHANGE_HOST_REMOVE:
-        return arp_prefix_mgr_remove_route(1, change.prefix, change.len, 0, encap, ifid, ctx);
-    case CHANGE_ROUTE_ADD:
-        return rib_add_route(ctx, ctx, change.prefix, plain_mask(change.len), change.nexthop);
-    default:
-        return rib_remove_route(ctx, ctx, change.prefix, plain_mask(change.len), change.nexthop);
-    }
-}
-
 struct readers : testing::Test {
     fake_card card;
+    const change_maker make_here = [this](const remote_call &call) { return card.call(call).result; };
     std::unique_ptr<window_board> board = std::make_unique<window_board>();
 
     void SetUp() override
     {
         ASSERT_EQ(card.start(), 0);
+        ASSERT_EQ(norvik_route_tnrpc_serv(), 0u);
         card.open_all_history(false);
         for (unsigned n = 0; n < CHANGE_INTERFACES; ++n)
             card.add_interface(CHANGE_FIRST_IFID + n, change_interface_address(n));

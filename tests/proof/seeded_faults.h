@@ -9,6 +9,8 @@
 
 #include "route_table.h"
 
+namespace harness
+{
 enum store_fault : unsigned {
     FAULT_NONE,
     FAULT_HEADER_FIRST,      // a set's header before its entries
@@ -69,3 +71,4 @@ inline bool fault_frees(fault_order &order, const faulty_word &store)
     }
     return order.fault == FAULT_WORD_AFTER_SLOT && !order.kept.empty() && order.kept.back().offset == named;
 }
+} // namespace harness

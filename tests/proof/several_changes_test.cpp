@@ -11,6 +11,8 @@
 
 #include "proof_card.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t TREE = 4, NET = IP(10, 0, 0, 0), HOST = IP(10, 1, 2, 3);

@@ -15,6 +15,8 @@
 #include "daemon.h"
 #include "random_changes.h"
 
+namespace harness
+{
 enum side_kind : unsigned {
     SIDE_EVENT,  // interface up or down
     SIDE_POOL,   // NAT pool added or removed
@@ -37,6 +39,9 @@ struct side_changes {
 // Makes one more of them. False with all.error set.
 bool side_next(side_changes &side);
 
+// Makes a call and gives its result. Throws when it is not answered, or refused.
+std::uint32_t change_by_call(int connection, const remote_call &call);
+
 // The interface, as the database has it at the start: down.
 interface_record side_interface();
 
@@ -44,3 +49,4 @@ interface_record side_interface();
 std::string side_message(const mts_queue &queue, std::uint32_t opcode);
 // The answer of the debug service, whatever else waits in the queue.
 std::string side_debug_answer(const mts_queue &queue, std::uint32_t verb);
+} // namespace harness

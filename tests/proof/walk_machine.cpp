@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+namespace harness
+{
 namespace
 {
 constexpr std::uint32_t LAST_INDEX = HW_TABLE_BYTES / 4 - 1;
@@ -175,3 +177,4 @@ void walk_add_leaf(const table_copy &copy, std::uint32_t leaf, walk_answers &ans
     for (std::uint8_t path = 1; (header & ECMP_VALID) != 0 && path <= ecmp_count(header); ++path)
         answers.insert(walk_answer_of(done(copy.words[block + path], path)));
 }
+} // namespace harness

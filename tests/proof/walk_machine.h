@@ -16,6 +16,8 @@
 #include "mtrie_records.h"
 #include "route_table.h"
 
+namespace harness
+{
 // One copy of the table as a reader has it, and the address form of its words.
 struct table_copy {
     std::uint32_t base = 0;
@@ -76,3 +78,4 @@ walk_answers walk_at_rest(const table_copy &copy, const walk_key &key);
 std::uint32_t walk_leaf_at_rest(const table_copy &copy, const walk_key &key);
 // The words of one leaf and of the set that it names, whether its word sends a reader there or not.
 void walk_add_leaf(const table_copy &copy, std::uint32_t leaf, walk_answers &answers);
+} // namespace harness

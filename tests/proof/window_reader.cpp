@@ -6,6 +6,8 @@
 
 #include "random_changes.h"
 
+namespace harness
+{
 namespace
 {
 constexpr unsigned BATCH = 32; // addresses that the batch and vector bodies take at a time
@@ -67,3 +69,4 @@ void window_read(const window_board &board, const ixp_table &table, std::uint32_
                 window_read_pass(board, table, static_cast<ixp_body>(body), static_cast<std::uint32_t>(random()),
                                  tally);
 }
+} // namespace harness

@@ -8,6 +8,8 @@
 #include "answer_window.h"
 #include "ixp_lookup.h"
 
+namespace harness
+{
 // What a reader has seen so far; other processes read it while it runs.
 struct window_tally {
     std::atomic<std::uint64_t> lookups, checked;
@@ -23,3 +25,4 @@ void window_read(const window_board &board, const ixp_table &table, std::uint32_
 // One pass over all addresses with one body, answers judged one by one or a batch at a time.
 void window_read_pass(const window_board &board, const ixp_table &table, ixp_body body, std::uint32_t hash,
                       window_tally &tally);
+} // namespace harness

@@ -25,6 +25,8 @@
 #include "random_run.h"
 #include "random_trie.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -56,9 +58,9 @@ void tell_progress(soak &s)
     if (now() - s.told < PROGRESS_SECONDS)
         return;
     s.told = now();
-    tell(s, plain_text("%llu of %llu operations, %llu episodes, %.0f s", static_cast<unsigned long long>(s.done),
-                       static_cast<unsigned long long>(s.operations), static_cast<unsigned long long>(s.episodes),
-                       s.told - s.started));
+    tell(s, text("%llu of %llu operations, %llu episodes, %.0f s", static_cast<unsigned long long>(s.done),
+                 static_cast<unsigned long long>(s.operations), static_cast<unsigned long long>(s.episodes),
+                 s.told - s.started));
 }
 
 // Everything that is held against the model at longer intervals. Empty when there is no difference.
@@ -67,7 +69,7 @@ std::string look_closely(soak &s, random_run &run)
     ++s.looks;
     const int broken = random_run_audit();
     if (broken != 0)
-        return plain_text("after step %u: %d rules broken", run.steps, broken);
+        return text("after step %u: %d rules broken", run.steps, broken);
     return random_run_compare(run);
 }
 
@@ -117,7 +119,7 @@ std::string episode(soak &s, std::uint32_t number)
     const bool last = s.done == s.operations || !difference.empty();
     if (last)
         tell(s, "memory tracking of the last card:\n" + memory_report(run));
-    return difference.empty() ? difference : plain_text("episode %u (seed %u): ", number, seed) + difference;
+    return difference.empty() ? difference : text("episode %u (seed %u): ", number, seed) + difference;
 }
 
 // A decimal number up to `most`. Ends the program when it is none.
@@ -147,7 +149,7 @@ int main(int argc, char **argv)
     }
     s.out = dup(STDOUT_FILENO);
     s.started = s.told = now();
-    tell(s, plain_text("%llu operations from seed %u", static_cast<unsigned long long>(s.operations), s.seed));
+    tell(s, text("%llu operations from seed %u", static_cast<unsigned long long>(s.operations), s.seed));
 
     std::string difference;
     for (std::uint32_t number = 0; difference.empty() && s.done < s.operations; ++number) {
@@ -155,17 +157,17 @@ int main(int argc, char **argv)
         if (difference.empty())
             difference = episode(s, number);
     }
-    tell(s, plain_text("%llu operations, %llu of them on trees alone, the others in %llu episodes, %.0f s; looked at "
-                       "closely %llu times; %llu episodes ran out of leaves, %llu out of nodes",
-                       static_cast<unsigned long long>(s.done), static_cast<unsigned long long>(s.trie_steps),
-                       static_cast<unsigned long long>(s.episodes), now() - s.started,
-                       static_cast<unsigned long long>(s.looks), static_cast<unsigned long long>(s.leaves_gone),
-                       static_cast<unsigned long long>(s.nodes_gone)));
+    tell(s,
+         text("%llu operations, %llu of them on trees alone, the others in %llu episodes, %.0f s; looked at "
+              "closely %llu times; %llu episodes ran out of leaves, %llu out of nodes",
+              static_cast<unsigned long long>(s.done), static_cast<unsigned long long>(s.trie_steps),
+              static_cast<unsigned long long>(s.episodes), now() - s.started, static_cast<unsigned long long>(s.looks),
+              static_cast<unsigned long long>(s.leaves_gone), static_cast<unsigned long long>(s.nodes_gone)));
     if (difference.empty()) {
-        tell(s, plain_text("seed %u: no difference; %llu route entries were held at the ends of episodes, as predicted",
-                           s.seed, static_cast<unsigned long long>(s.entries_at_ends)));
+        tell(s, text("seed %u: no difference; %llu route entries were held at the ends of episodes, as predicted",
+                     s.seed, static_cast<unsigned long long>(s.entries_at_ends)));
         return 0;
     }
-    tell(s, plain_text("seed %u: DIFFERENT: ", s.seed) + difference);
+    tell(s, text("seed %u: DIFFERENT: ", s.seed) + difference);
     return 1;
 }

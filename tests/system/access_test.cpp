@@ -18,6 +18,8 @@
 
 #include "daemon.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr uid_t NOBODY = 65534;

@@ -9,6 +9,8 @@
 #include "daemon.h"
 #include "live_card.h"
 
+using namespace harness;
+
 namespace
 {
 class daemon_debug_service : public testing::Test
@@ -152,26 +154,24 @@ TEST(debug_service_routes, are_what_an_operator_gave_in_the_tables_order_with_th
 {
     const live_card card;
     ASSERT_TRUE(card.ready);
-    EXPECT_EQ(routes_from(card, LIVE_CTX, 0), "end\n") << "an interface's own routes are not an operator's";
-    EXPECT_EQ(card.host_add(LIVE_HOST, LIVE_ENCAP), 0u);
-    EXPECT_EQ(card.route_add(address(20, 1, 0, 0), 0xFFFF0000, LIVE_HOST), 0u);
-    EXPECT_EQ(card.route_add(address(20, 1, 0, 0), 0xFFFF0000, address(10, 1, 0, 77)), 0u);
-    EXPECT_EQ(card.route_add(address(20, 0, 0, 0), 0xFF000000, address(10, 9, 9, 9)), 0u);
-    EXPECT_EQ(card.route_add(0, 0, LIVE_HOST), 0u);
-    EXPECT_EQ(card.pool_add(address(30, 0, 0, 4), 4, 9), 0u);
-    EXPECT_EQ(
-        card.result("rib_add_nat_pool", {arg16(LIVE_CTX), arg16(77), arg32(address(31, 0, 0, 1)), arg32(1), arg16(8)}),
-        0u);
-    EXPECT_EQ(routes_from(card, LIVE_CTX, 0), "0.0.0.0/0 10.1.0.9 3 installed\n"
-                                              "20.0.0.0/8 10.9.9.9 3 waiting\n"
-                                              "20.1.0.0/16 10.1.0.9 3 installed\n"
-                                              "20.1.0.0/16 10.1.0.77 3 waiting\n"
-                                              "30.0.0.4/30 nat 5 9 installed\n"
-                                              "31.0.0.1/32 nat 77 8 waiting\n"
-                                              "end\n");
-    EXPECT_EQ(routes_from(card, LIVE_CTX, 4), "30.0.0.4/30 nat 5 9 installed\n31.0.0.1/32 nat 77 8 waiting\nend\n");
-    EXPECT_EQ(routes_from(card, LIVE_CTX, 6), "end\n");
-    EXPECT_EQ(routes_from(card, LIVE_CTX + 1, 0), "end\n");
+    EXPECT_EQ(routes_from(card, CTX, 0), "end\n") << "an interface's own routes are not an operator's";
+    EXPECT_EQ(card.result(call_host_add(GATEWAY, ENCAP)), 0u);
+    EXPECT_EQ(card.result(call_route_add(IP(20, 1, 0, 0), MASK16, GATEWAY)), 0u);
+    EXPECT_EQ(card.result(call_route_add(IP(20, 1, 0, 0), MASK16, IP(10, 1, 0, 77))), 0u);
+    EXPECT_EQ(card.result(call_route_add(IP(20, 0, 0, 0), MASK8, IP(10, 9, 9, 9))), 0u);
+    EXPECT_EQ(card.result(call_route_add(0, 0, GATEWAY)), 0u);
+    EXPECT_EQ(card.result(call_pool_add(IP(30, 0, 0, 4), 4, 9)), 0u);
+    EXPECT_EQ(card.result(call_pool_add(IP(31, 0, 0, 1), 1, 8, 77)), 0u);
+    EXPECT_EQ(routes_from(card, CTX, 0), "0.0.0.0/0 10.1.0.9 3 installed\n"
+                                         "20.0.0.0/8 10.9.9.9 3 waiting\n"
+                                         "20.1.0.0/16 10.1.0.9 3 installed\n"
+                                         "20.1.0.0/16 10.1.0.77 3 waiting\n"
+                                         "30.0.0.4/30 nat 5 9 installed\n"
+                                         "31.0.0.1/32 nat 77 8 waiting\n"
+                                         "end\n");
+    EXPECT_EQ(routes_from(card, CTX, 4), "30.0.0.4/30 nat 5 9 installed\n31.0.0.1/32 nat 77 8 waiting\nend\n");
+    EXPECT_EQ(routes_from(card, CTX, 6), "end\n");
+    EXPECT_EQ(routes_from(card, CTX + 1, 0), "end\n");
     EXPECT_EQ(routes_from(card, 256, 0), "end\n");
     EXPECT_EQ(routes_from(card, 0xFFFFFFFF, 0), "end\n");
 }
@@ -182,10 +182,10 @@ TEST(debug_service_routes, that_one_answer_cannot_hold_go_on_at_the_number_it_na
     ASSERT_TRUE(card.ready);
     constexpr std::uint32_t ROUTES = 100;
     for (std::uint32_t i = 0; i < ROUTES; ++i)
-        ASSERT_EQ(card.route_add(address(100, 100, 100 + i, 0), 0xFFFFFF00, address(100, 100, 1, 100 + i)), 0u);
+        ASSERT_EQ(card.result(call_route_add(IP(100, 100, 100 + i, 0), MASK24, IP(100, 100, 1, 100 + i))), 0u);
     std::uint32_t next = 0, lines = 0, answers = 0;
     for (bool is_end = false; !is_end; ++answers) {
-        const std::string text = routes_from(card, LIVE_CTX, next);
+        const std::string text = routes_from(card, CTX, next);
         ASSERT_LE(text.size(), 1024u);
         const auto newlines = static_cast<std::uint32_t>(std::count(text.begin(), text.end(), '\n'));
         ASSERT_GT(newlines, 1u) << text;

@@ -3,6 +3,8 @@
 
 #include <map>
 
+namespace harness
+{
 namespace
 {
 bool prepare(const card_dir &card, unsigned processors, const std::string &settings)
@@ -27,23 +29,13 @@ bool is_of_the_loop(const std::string &text)
             return true;
     return false;
 }
-
-// Follows one copy as its processor does: root word, then a slot for each byte of the address, until a leaf.
-std::uint32_t search(const std::vector<std::uint32_t> &table, std::uint32_t base, std::uint32_t tree,
-                     std::uint32_t addr)
-{
-    std::uint32_t word = table[root_at(tree) / 4];
-    for (unsigned level = 0; level < 4 && (word & 1) != 0; ++level)
-        word = table[(word - 1 - base) / 4 + (addr >> (24 - 8 * level) & 0xFF)];
-    return (word & 1) != 0 || word == 0 ? 0 : table[(word - base) / 4];
-}
 } // namespace
 
 std::vector<interface_record> live_interfaces()
 {
-    const std::uint32_t up = IF_EXISTS | IF_UP | IF_ADDRESS | IF_CONTEXT;
-    return {{LIVE_IF, up | IF_VLAN, 1, 0, LIVE_ADDR, LIVE_MASK, LIVE_CTX, 0x123},
-            {LIVE_IF_2, up, 1, 0, LIVE_ADDR_2, LIVE_MASK, LIVE_CTX, 0}};
+    return {{IFID, IF_USUAL | IF_VLAN, 1, 0, IF_ADDR, MASK24, CTX, 0x123},
+            {OTHER_IFID, IF_USUAL, 1, 0, OTHER_ADDR, MASK24, CTX, 0},
+            {DOWN_IFID, IF_USUAL & ~IF_UP, 1, 0, IP(10, 3, 0, 1), MASK24, CTX, 0}};
 }
 
 live_card::live_card(unsigned processors, const std::string &settings)
@@ -55,17 +47,17 @@ live_card::live_card(unsigned processors, const std::string &settings)
     forget();
 }
 
-std::uint32_t live_card::result(const char *name, const std::vector<rpc_arg> &args) const
+std::uint32_t live_card::result(const remote_call &call) const
 {
-    const rpc_reply reply = rpc_call(caller.fd, name, args);
-    EXPECT_TRUE(reply.arrived && reply.status == 0) << name << ": status " << reply.status;
+    const rpc_reply reply = rpc_call(caller.fd, call);
+    EXPECT_TRUE(reply.arrived && reply.status == 0) << call.name << ": status " << reply.status;
     return reply.result;
 }
 
-byte_string live_card::answer(const char *name, const std::vector<rpc_arg> &args) const
+byte_string live_card::answer(const remote_call &call) const
 {
-    const rpc_reply reply = rpc_call(caller.fd, name, args);
-    EXPECT_TRUE(reply.arrived && reply.status == 0) << name << ": status " << reply.status;
+    const rpc_reply reply = rpc_call(caller.fd, call);
+    EXPECT_TRUE(reply.arrived && reply.status == 0) << call.name << ": status " << reply.status;
     return reply.record.size() < 12 ? byte_string{} : byte_string(reply.record.begin() + 12, reply.record.end());
 }
 
@@ -77,8 +69,8 @@ text_lines live_card::lines(const std::string &part) const
 {
     text_lines found;
     for (const history_record &record : history_read(card).records)
-        if (record.end > mark && !is_of_the_loop(record.text) && record.text.find(part) != std::string::npos)
-            found.push_back(std::to_string(record.category) + " " + record.text);
+        if (record.end > mark && !is_of_the_loop(record.text()) && record.text().find(part) != std::string::npos)
+            found.push_back(std::to_string(record.category()) + " " + record.text());
     return found;
 }
 
@@ -94,7 +86,7 @@ std::uint32_t live_card::found(std::uint32_t tree, std::uint32_t addr) const
 {
     std::uint32_t common = 0;
     for (const auto &[name, base] : copies()) {
-        const std::uint32_t here = search(memory_words(card, name), base, tree, addr);
+        const std::uint32_t here = np_find({memory_words(card, name).data(), base}, tree, addr).adjacency;
         if (name == copies().front().first)
             common = here;
         else if (here != common)
@@ -102,70 +94,4 @@ std::uint32_t live_card::found(std::uint32_t tree, std::uint32_t addr) const
     }
     return common;
 }
-
-std::uint32_t live_card::host_add(std::uint32_t host, std::uint32_t encap, std::uint32_t ifid) const
-{
-    return result("arp_prefix_mgr_add_route",
-                  {arg16(1), arg32(host), arg32(32), arg16(encap), arg16(ifid), arg32(LIVE_CTX)});
-}
-
-std::uint32_t live_card::host_remove(std::uint32_t host, std::uint32_t encap, std::uint32_t ifid) const
-{
-    return result("arp_prefix_mgr_remove_route",
-                  {arg16(1), arg32(host), arg32(32), arg32(0), arg16(encap), arg16(ifid), arg32(LIVE_CTX)});
-}
-
-std::uint32_t live_card::route_add(std::uint32_t prefix, std::uint32_t mask, std::uint32_t hop) const
-{
-    return result("rib_add_route", {arg16(LIVE_CTX), arg32(LIVE_CTX), arg32(prefix), arg32(mask), arg32(hop)});
-}
-
-std::uint32_t live_card::route_remove(std::uint32_t prefix, std::uint32_t mask, std::uint32_t hop) const
-{
-    return result("rib_remove_route", {arg16(LIVE_CTX), arg32(LIVE_CTX), arg32(prefix), arg32(mask), arg32(hop)});
-}
-
-std::uint32_t live_card::pool_add(std::uint32_t first, std::uint32_t count, std::uint32_t encap) const
-{
-    return result("rib_add_nat_pool", {arg16(LIVE_CTX), arg16(LIVE_IF), arg32(first), arg32(count), arg16(encap)});
-}
-
-std::uint32_t live_card::pool_remove(std::uint32_t first, std::uint32_t count, std::uint32_t encap) const
-{
-    return result("rib_remove_nat_pool", {arg16(LIVE_CTX), arg16(LIVE_IF), arg32(first), arg32(count), arg16(encap)});
-}
-
-byte_string state_payload(std::uint32_t addr, std::uint32_t rmode, std::uint32_t ifid, std::uint32_t ctx,
-                          std::uint32_t mask)
-{
-    byte_string payload;
-    put16(payload, ifid);
-    put16(payload, ctx);
-    put32(payload, addr);
-    payload.resize(21, 0xEE); // bytes that no one reads
-    put32(payload, mask);
-    payload.resize(44, 0xEE);
-    put32(payload, rmode);
-    return payload;
-}
-
-byte_string change_payload(std::uint32_t old_addr, std::uint32_t word, std::uint32_t ifid)
-{
-    return words({ifid, word, old_addr, LIVE_MASK});
-}
-
-byte_string words(const std::vector<std::uint32_t> &numbers)
-{
-    byte_string bytes;
-    for (const std::uint32_t number : numbers)
-        put32(bytes, number);
-    return bytes;
-}
-
-byte_string joined(const std::vector<byte_string> &parts)
-{
-    byte_string all;
-    for (const byte_string &part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
+} // namespace harness

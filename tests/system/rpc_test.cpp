@@ -6,6 +6,8 @@
 
 #include "daemon.h"
 
+using namespace harness;
+
 namespace
 {
 class daemon_rpc : public testing::Test

@@ -10,6 +10,8 @@
 #include "daemon.h"
 #include "tables.h"
 
+using namespace harness;
+
 namespace
 {
 const char *const SERVED[] = {"arp_prefix_mgr_add_route", "arp_prefix_mgr_remove_route",
@@ -73,7 +75,7 @@ TEST(daemon_start, writes_its_progress_to_the_history)
     ASSERT_FALSE(h.records.empty());
     for (const history_record &record : h.records) {
         EXPECT_EQ(record.type, 0x730000u);
-        EXPECT_TRUE(record.category == 100 || record.category == 101) << record.category << record.text;
+        EXPECT_TRUE(record.category() == 100 || record.category() == 101) << record.category() << record.text();
     }
 }
 
@@ -303,9 +305,9 @@ TEST(daemon_restart, keeps_the_last_line_before_the_crash)
                       .result,
                   1u);
         last_line = "<Ctx:9>could not find static route for ip=b000000/8";
-        ASSERT_EQ(history_read(card).records.back().text, last_line);
+        ASSERT_EQ(history_read(card).records.back().text(), last_line);
         daemon_signal(crashed, SIGKILL);
         ASSERT_EQ(daemon_exit_status(crashed), 1000 + SIGKILL);
     }
-    EXPECT_EQ(history_read(card).records.back().text, last_line);
+    EXPECT_EQ(history_read(card).records.back().text(), last_line);
 }

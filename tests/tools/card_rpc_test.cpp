@@ -10,6 +10,8 @@
 
 #include "daemon.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr unsigned LONG_MS = 60000, SHORT_MS = 20;

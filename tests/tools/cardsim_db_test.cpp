@@ -12,6 +12,8 @@
 #include "if_db.h"
 #include "if_mgr.h"
 
+using namespace harness;
+
 TEST(cardsim_db, a_reader_never_sees_half_a_change)
 {
     on_fresh_card([] {

@@ -6,6 +6,8 @@
 #include "manager_link.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t EVENT = MTS_OPC_NORVIK_IF_UP;

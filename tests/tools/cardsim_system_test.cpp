@@ -10,7 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "../system/daemon.h"
+#include "daemon.h"
+
+using namespace harness;
 
 namespace
 {

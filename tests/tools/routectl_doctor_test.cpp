@@ -17,13 +17,13 @@
 #include "route_table.h"
 #include "tool_run.h"
 
+using namespace harness;
+
 namespace
 {
 using json = nlohmann::json;
 using words = std::multiset<std::string>;
-constexpr std::uint32_t EVENT_UP = 4065, EVENT_DOWN = 4066, VERB_COUNTERS = 5;
-constexpr std::uint32_t UP_IN_CONTEXT = IF_EXISTS | IF_UP | IF_ADDRESS | IF_CONTEXT;
-constexpr std::uint32_t CTX = 3, IFID = 5, OWN_ADDRESS = 0x0A010001, MASK16 = 0xFFFF0000;
+constexpr std::uint32_t VERB_COUNTERS = 5, OWN_ADDRESS = IF_ADDR;
 
 // A route manager with interface 5 up in context 3, and the hosts that a test reports.
 struct sick_card : card_dir {
@@ -44,20 +44,12 @@ struct sick_card : card_dir {
     }
     static const card_dir &with_interface(const card_dir &card, std::uint32_t mask)
     {
-        interfaces_write(card, {{IFID, UP_IN_CONTEXT, 1, 0, OWN_ADDRESS, mask, CTX, 0}});
+        interfaces_write(card, {{IFID, IF_USUAL, 1, 0, OWN_ADDRESS, mask, CTX, 0}});
         return card;
     }
     void event(std::uint32_t opcode, std::uint32_t address, std::uint32_t mask) const
     {
-        byte_string payload(48, 0);
-        payload[1] = IFID;
-        payload[3] = CTX;
-        for (unsigned i = 0; i < 4; ++i) {
-            payload[4 + i] = static_cast<std::uint8_t>(address >> (24 - 8 * i));
-            payload[21 + i] = static_cast<std::uint8_t>(mask >> (24 - 8 * i));
-        }
-        payload[47] = 1; // routes by itself
-        mts_send(queue, opcode, payload);
+        mts_send(queue, opcode, state_payload({.addr = address, .mask = mask}));
         EXPECT_NE(debug_answer(queue, VERB_COUNTERS), "") << "the event was before it";
     }
     tool_result run(const std::string &line, const std::string &input = "") const

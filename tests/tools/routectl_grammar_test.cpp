@@ -10,6 +10,8 @@
 #include "options.h"
 #include "routectl_samples.h"
 
+using namespace harness;
+
 namespace
 {
 std::vector<std::string> split(const std::string &line)

@@ -9,6 +9,8 @@
 #include "routectl_samples.h"
 #include "tool_run.h"
 
+using namespace harness;
+
 namespace
 {
 using json = nlohmann::json;

@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace harness
+{
 namespace
 {
 std::vector<std::string> cut(const std::string &line)
@@ -101,3 +103,4 @@ std::string routectl_prompt(const card_dir &card, const std::string &input, int 
     ::close(terminal);
     return shown;
 }
+} // namespace harness

@@ -6,6 +6,8 @@
 
 #include "daemon.h"
 
+namespace harness
+{
 struct tool_result {
     int status = -1; // exit status; 1000 + signal; -1 when the limit of a wait passed
     std::string out, err;
@@ -17,3 +19,4 @@ tool_result routectl_run(const card_dir &card, const std::string &words, const s
 // Runs the prompt on a terminal of its own, types `input` and returns all that the terminal showed. status: its exit
 // status.
 std::string routectl_prompt(const card_dir &card, const std::string &input, int &status);
+} // namespace harness

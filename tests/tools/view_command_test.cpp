@@ -20,10 +20,11 @@
 
 #include <nlohmann/json.hpp>
 
+using namespace harness;
+
 namespace
 {
 using json = nlohmann::json;
-constexpr std::uint32_t CTX = 3;
 
 struct run_result {
     int status;

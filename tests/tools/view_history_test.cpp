@@ -11,6 +11,8 @@
 
 #include "card_view/history_view.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t ROUTE_MANAGER = 115;

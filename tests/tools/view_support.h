@@ -8,8 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "daemon.h"
 #include "tables.h"
 
+namespace harness
+{
 // The copies of a card, standing where their readers see them.
 struct card_tables {
     table_image wired = table_at_start(TABLE_WIRED), ixp1 = table_at_start(TABLE_IXP), ixp2 = table_at_start(TABLE_IXP);
@@ -124,3 +127,4 @@ struct history_image {
         file_write(card.at("history/115"), bytes());
     }
 };
+} // namespace harness

@@ -10,6 +10,8 @@
 #include "card_view/table_tree.h"
 #include "card_view/table_view.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr table_copy COPIES[] = {COPY_WIRED, COPY_IXP1, COPY_IXP2};

@@ -26,6 +26,8 @@
 #include "rpc_record.h"
 #include "supervisor_advert.h"
 
+using namespace harness;
+
 namespace
 {
 using numbers = std::vector<std::uint64_t>;

@@ -12,6 +12,8 @@
 #include "mts.h"
 #include "tnrpc.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr mts_bind_options OPTIONS = {};

@@ -8,6 +8,8 @@
 #include "sdwrap.h"
 #include "tnrpc.h"
 
+using namespace harness;
+
 namespace
 {
 bool counting = false;

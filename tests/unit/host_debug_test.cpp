@@ -8,6 +8,8 @@
 #include "mtrack.h"
 #include "sdwrap.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr mts_bind_options BIND = {{1, 0, 1024, 0, 0}};

@@ -14,6 +14,8 @@
 #include "host_support.h"
 #include "sdwrap.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr std::uint32_t EVENT = 0x730000;

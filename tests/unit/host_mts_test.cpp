@@ -9,6 +9,8 @@
 #include "host_support.h"
 #include "mts.h"
 
+using namespace harness;
+
 namespace
 {
 constexpr mts_bind_options BIND = {{1, 0, 1024, 0, 0}};

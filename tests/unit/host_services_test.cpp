@@ -16,6 +16,8 @@
 #include "sdwrap.h"
 #include "sysmgr.h"
 
+using namespace harness;
+
 namespace
 {
 using if_words = std::array<std::uint32_t, 8>;

@@ -18,6 +18,8 @@
 #include "rib_static.h"
 #include "route_mgr.h"
 
+using namespace harness;
+
 #ifdef __x86_64__
 namespace
 {

@@ -12,6 +12,8 @@
 #include "host_support.h"
 #include "mtrack.h"
 
+using namespace harness;
+
 namespace
 {
 std::size_t lines_of_map_at(card_addr addr, std::size_t bytes, const char *mode)

@@ -21,6 +21,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace harness
+{
 // Runs `body` in a child process and waits for it. Returns its exit status: 1 when an expectation failed there, 0 when
 // none did, -1 when a signal ended it.
 inline int in_child(const std::function<void()> &body)
@@ -146,3 +148,4 @@ inline std::string be32(std::uint32_t value)
         bytes.push_back(static_cast<char>(value >> shift & 0xFF));
     return bytes;
 }
+} // namespace harness

@@ -16,6 +16,8 @@
 
 #include "host_tnrpc_support.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -30,6 +30,8 @@
 #include "mtrack.h"
 #include "tnrpc.h"
 
+namespace harness
+{
 constexpr int TIMEOUT_MS = 400; // rpc_timeout_ms of the test's card
 constexpr std::uint32_t ENDPOINT = 9, RESTARTING_ENDPOINT = 20;
 
@@ -256,3 +258,4 @@ struct card_environment : testing::Environment {
         std::filesystem::remove_all(directory);
     }
 };
+} // namespace harness

@@ -12,6 +12,8 @@
 
 #include "host_tnrpc_support.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -8,16 +8,17 @@
 #include "mtrack.h"
 #include "mtrie_records.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
 #include "rib_card.h"
 #include "route_events.h"
 #include "route_ids.h"
 #include "route_listing.h"
 #include "route_rpc_serv.h"
 
+using namespace harness;
+
 namespace
 {
-constexpr std::uint32_t MASK8 = 0xFF000000, MASK9 = 0xFF800000, MASK16 = 0xFFFF0000, MASK32 = 0xFFFFFFFF;
+constexpr std::uint32_t MASK9 = 0xFF800000;
 constexpr std::uint32_t NET = IP(20, 0, 0, 0), OTHER_HALF = IP(20, 128, 0, 0), ANY_GATEWAY = IP(10, 1, 0, 10);
 
 // A card that serves, with interface 5 and a processor's tables.
@@ -27,32 +28,32 @@ struct served_card : rib_card {
 
 std::uint32_t learn(fake_card &card, std::uint32_t address, std::uint32_t encap = ENCAP)
 {
-    return card.call("arp_prefix_mgr_add_route", {RIB_OBJ_ARP_HOST, address, 32, encap, IFID, CTX}).result;
+    return card.call(call_host_add(address, encap)).result;
 }
 
 std::uint32_t forget_host(fake_card &card, std::uint32_t address)
 {
-    return card.call("arp_prefix_mgr_remove_route", {RIB_OBJ_ARP_HOST, address, 32, 0, ENCAP, IFID, CTX}).result;
+    return card.call(call_host_remove(address)).result;
 }
 
 std::uint32_t add_route(fake_card &card, std::uint32_t prefix, std::uint32_t mask, std::uint32_t gateway)
 {
-    return card.call("rib_add_route", {CTX, CTX, prefix, mask, gateway}).result;
+    return card.call(call_route_add(prefix, mask, gateway)).result;
 }
 
 std::uint32_t remove_route(fake_card &card, std::uint32_t prefix, std::uint32_t mask, std::uint32_t gateway)
 {
-    return card.call("rib_remove_route", {CTX, CTX, prefix, mask, gateway}).result;
+    return card.call(call_route_remove(prefix, mask, gateway)).result;
 }
 
 std::uint32_t add_pool(fake_card &card, std::uint32_t first, std::uint32_t count, std::uint32_t encap = ENCAP)
 {
-    return card.call("rib_add_nat_pool", {CTX, IFID, first, count, encap}).result;
+    return card.call(call_pool_add(first, count, encap)).result;
 }
 
 std::uint32_t remove_pool(fake_card &card, std::uint32_t first, std::uint32_t count, std::uint32_t encap = ENCAP)
 {
-    return card.call("rib_remove_nat_pool", {CTX, IFID, first, count, encap}).result;
+    return card.call(call_pool_remove(first, count, encap)).result;
 }
 
 std::uint32_t adjacency(const fake_card &card, std::uint32_t address)
@@ -60,26 +61,6 @@ std::uint32_t adjacency(const fake_card &card, std::uint32_t address)
     return np_find(card, 1, CTX, address).adjacency;
 }
 bool misses(const fake_card &card, std::uint32_t address) { return np_find(card, 1, CTX, address).leaf == NP_MISS; }
-
-std::vector<std::uint8_t> interface_event(std::uint32_t address, std::uint32_t mask)
-{
-    std::vector<std::uint8_t> payload(48, 0);
-    payload[1] = IFID;
-    payload[3] = CTX;
-    for (unsigned i = 0; i < 4; ++i) {
-        payload[4 + i] = static_cast<std::uint8_t>(address >> (24 - 8 * i));
-        payload[21 + i] = static_cast<std::uint8_t>(mask >> (24 - 8 * i));
-    }
-    payload[47] = 1; // routes by itself
-    return payload;
-}
-
-void deliver(std::uint32_t opcode, std::uint32_t address, std::uint32_t mask)
-{
-    const std::vector<std::uint8_t> payload = interface_event(address, mask);
-    const mts_message message = {opcode, {0, 600}, 48, payload.data()};
-    EXPECT_EQ(route_msg_process(&message), 0);
-}
 
 std::uint32_t free_leaves()
 {
@@ -147,8 +128,8 @@ TEST(known_behaviour, an_interface_with_mask_0_takes_the_default_leaf_with_it_an
 {
     served_card card;
     ASSERT_EQ(learn(card, GATEWAY), 0u);
-    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, 0);
-    deliver(MTS_OPC_NORVIK_IF_DOWN, IF_ADDR, 0);
+    EXPECT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state_payload({.mask = 0})), 0);
+    EXPECT_EQ(deliver(MTS_OPC_NORVIK_IF_DOWN, state_payload({.mask = 0})), 0);
     EXPECT_TRUE(misses(card, NET));
     ASSERT_EQ(learn(card, GATEWAY), 0u); // it went with its interface
     EXPECT_EQ(add_route(card, 0, 0, GATEWAY), 1u);
@@ -182,7 +163,7 @@ TEST(known_behaviour, static_routes_to_a_hosts_own_address_are_lost_with_it)
 TEST(known_behaviour, a_host_at_the_address_of_an_interface_cannot_be_removed)
 {
     served_card card;
-    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, MASK16);
+    EXPECT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state_payload({.mask = MASK16})), 0);
     ASSERT_EQ(learn(card, IF_ADDR), 0u);
     EXPECT_EQ(forget_host(card, IF_ADDR), 1u);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rib_remove_host_route, wrong entry").size(), 1u);
@@ -242,7 +223,7 @@ TEST(known_behaviour, a_host_that_shares_its_address_with_a_static_route_leaves_
 TEST(known_behaviour, an_interface_whose_subnet_has_no_first_and_last_address_of_its_own_is_refused)
 {
     served_card card;
-    deliver(MTS_OPC_NORVIK_IF_UP, IF_ADDR, 0xFFFFFFFE);
+    EXPECT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state_payload({.mask = 0xFFFFFFFE})), 0);
     EXPECT_EQ(entries_of(CTX), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rib_add_host_route:rejecting duplicate entry").size(), 1u);
     EXPECT_TRUE(card.sent.empty());

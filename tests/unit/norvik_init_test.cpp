@@ -13,6 +13,8 @@
 #include "prefix_mgr.h"
 #include "route_log.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -12,22 +12,24 @@
 #include "rib_static.h"
 #include "route_table.h"
 
+using namespace harness;
+
 namespace
 {
 
 constexpr unsigned LINE = 128;
-constexpr std::uint32_t MASK8 = 0xFF000000, NET8 = IP(20, 0, 0, 0);
+constexpr std::uint32_t NET8 = IP(20, 0, 0, 0);
 const std::string FOUND = "\nSearch terminating successfully, Leaf found.\n";
 const std::string NULL_LEAF = "\nSearch terminating unsuccessfully. Null leaf.\n";
 
-text_list dump(const fake_card &card, std::uint16_t copy, std::uint32_t address, std::uint32_t tree = CTX)
+text_lines dump(const fake_card &card, std::uint16_t copy, std::uint32_t address, std::uint32_t tree = CTX)
 {
     const std::uint32_t before = card.blocks(MTRACK_FIB_DISPLAY);
     tnrpc_block reply{0, nullptr};
     EXPECT_EQ(mtrie_hw_dump_api(copy, tree, address, &reply), 0u);
     EXPECT_EQ(card.blocks(MTRACK_FIB_DISPLAY), before + 1);
     EXPECT_EQ(reply.length % LINE, 0u);
-    text_list lines;
+    text_lines lines;
     const auto *text = reinterpret_cast<const char *>(reply.data.get());
     for (std::uint32_t at = 0; at < reply.length; at += LINE) {
         EXPECT_LT(strnlen(text + at, LINE), LINE) << "a line has its NUL";
@@ -68,25 +70,25 @@ TEST(mtrie_dump, a_route_of_8_bits_is_one_level_and_the_leaf_in_every_copy)
     ASSERT_EQ(rib_add_route(CTX, CTX, NET8, MASK8, GATEWAY), 0u);
     for (const unsigned copy : {0u, 1u, 2u, 0xFFFFu})
         EXPECT_EQ(dump(card, static_cast<std::uint16_t>(copy), IP(20, 7, 8, 9)),
-                  (text_list{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
-                             "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n"}))
+                  (text_lines{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
+                              "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n"}))
             << "copy " << copy;
 }
 
 TEST(mtrie_dump, a_host_is_four_levels_and_the_leaf)
 {
     dump_card card;
-    EXPECT_EQ(dump(card, 1, GATEWAY), (text_list{level(0, 10), level(1, 1), level(2, 0), level(3, 9), FOUND,
-                                                 "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
-                                                 "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n"}));
+    EXPECT_EQ(dump(card, 1, GATEWAY), (text_lines{level(0, 10), level(1, 1), level(2, 0), level(3, 9), FOUND,
+                                                  "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
+                                                  "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n"}));
 }
 
 TEST(mtrie_dump, a_destination_without_a_route_gets_the_trees_default_leaf)
 {
     dump_card card;
     EXPECT_EQ(dump(card, 0, IP(30, 0, 0, 1)),
-              (text_list{level(0, 30), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
-                         "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n"}));
+              (text_lines{level(0, 30), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
+                          "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n"}));
 }
 
 TEST(mtrie_dump, an_empty_slot_is_found_without_a_leaf)
@@ -94,7 +96,7 @@ TEST(mtrie_dump, an_empty_slot_is_found_without_a_leaf)
     dump_card card;
     const std::uint32_t root = card.word(1, 4 * CTX) - HW_NODE_TAG - HW_IXP_BASE;
     platform_store32(card_at<std::uint32_t>(card.memory(1) + root + 4 * 30), 0);
-    EXPECT_EQ(dump(card, 1, IP(30, 0, 0, 1)), (text_list{level(0, 30), FOUND}));
+    EXPECT_EQ(dump(card, 1, IP(30, 0, 0, 1)), (text_lines{level(0, 30), FOUND}));
 }
 
 TEST(mtrie_dump, an_ecmp_leaf_with_two_extra_paths_lists_seven_of_which_five_are_empty)
@@ -112,10 +114,10 @@ TEST(mtrie_dump, an_ecmp_leaf_with_two_extra_paths_lists_seven_of_which_five_are
         std::snprintf(node, sizeof node, "\n ixp %d  ecmp node 0x%x found.\n", static_cast<int>(copy),
                       card.memory(copy) + block);
         EXPECT_EQ(dump(card, copy, IP(20, 0, 0, 1)),
-                  (text_list{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 1, nat flag 0\n",
-                             "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n", node, "\n valid 1, count 2, seq 2, \n",
-                             path(2, 4661, "5"), path(3, 4662, "5"), path(4, 0, "0"), path(5, 0, "0"), path(6, 0, "0"),
-                             path(7, 0, "0"), path(8, 0, "0")}))
+                  (text_lines{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 1, nat flag 0\n",
+                              "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n", node,
+                              "\n valid 1, count 2, seq 2, \n", path(2, 4661, "5"), path(3, 4662, "5"), path(4, 0, "0"),
+                              path(5, 0, "0"), path(6, 0, "0"), path(7, 0, "0"), path(8, 0, "0")}))
             << "copy " << copy;
     }
 }
@@ -124,7 +126,7 @@ TEST(mtrie_dump, a_nat_leaf_shows_its_value_in_place_of_a_path)
 {
     dump_card card;
     ASSERT_EQ(rib_add_nat_pool(CTX, IFID, IP(20, 0, 0, 1), 1, 60000), 0u);
-    const text_list lines = dump(card, 0, IP(20, 0, 0, 1));
+    const text_lines lines = dump(card, 0, IP(20, 0, 0, 1));
     ASSERT_EQ(lines.size(), 7u);
     EXPECT_EQ(lines[4], FOUND);
     EXPECT_EQ(lines[5].substr(lines[5].find(", nat")), ", nat flag 1\n");
@@ -138,8 +140,8 @@ TEST(mtrie_dump, the_words_of_the_copy_are_shown_even_where_they_disagree_with_t
     const std::uint32_t root = card.word(1, 4 * CTX) - HW_NODE_TAG - HW_IXP_BASE;
     const std::uint32_t leaf = card.word(1, root + 4 * 20) - HW_IXP_BASE;
     platform_store32(card_at<std::uint32_t>(card.memory(1) + leaf), 0x9FFFABCD);
-    EXPECT_EQ(dump(card, 1, NET8), (text_list{level(0, 20), FOUND, "\nip resolve flag 1, ecmp flag 0, nat flag 0\n",
-                                              "\nRoute/ECMP result #1 encaps id 43981 if_id 1fff \n"}));
+    EXPECT_EQ(dump(card, 1, NET8), (text_lines{level(0, 20), FOUND, "\nip resolve flag 1, ecmp flag 0, nat flag 0\n",
+                                               "\nRoute/ECMP result #1 encaps id 43981 if_id 1fff \n"}));
     EXPECT_EQ(dump(card, 2, NET8).back(), "\nRoute/ECMP result #1 encaps id 4660 if_id 5 \n");
 }
 
@@ -150,7 +152,7 @@ TEST(mtrie_dump, a_fourth_slot_that_names_a_node_ends_without_a_leaf)
     for (const std::uint32_t index : {10u, 1u, 0u})
         node = card.word(1, node + 4 * index) - HW_NODE_TAG - HW_IXP_BASE;
     platform_store32(card_at<std::uint32_t>(card.memory(1) + node + 4 * 9), card.word(1, 4 * CTX));
-    EXPECT_EQ(dump(card, 1, GATEWAY), (text_list{level(0, 10), level(1, 1), level(2, 0), level(3, 9), NULL_LEAF}));
+    EXPECT_EQ(dump(card, 1, GATEWAY), (text_lines{level(0, 10), level(1, 1), level(2, 0), level(3, 9), NULL_LEAF}));
 }
 
 TEST(mtrie_dump, an_address_below_the_table_reads_as_a_null_leaf_or_block)
@@ -161,19 +163,19 @@ TEST(mtrie_dump, an_address_below_the_table_reads_as_a_null_leaf_or_block)
     const std::uint32_t leaf = card.word(1, root + 4 * 20) - HW_IXP_BASE;
     platform_store32(card_at<std::uint32_t>(card.memory(1) + leaf), ADJ_ECMP);
     platform_store32(card_at<std::uint32_t>(card.memory(1) + leaf + 4), HW_IXP_BASE - 32);
-    const text_list lines = dump(card, 1, NET8);
+    const text_lines lines = dump(card, 1, NET8);
     ASSERT_EQ(lines.size(), 13u);
     EXPECT_EQ(lines[4], "\n ixp 1  ecmp node 0x0 found.\n");
     EXPECT_EQ(lines[5], "\n valid 0, count 0, seq 0, \n");
     platform_store32(card_at<std::uint32_t>(card.memory(1) + root + 4 * 20), HW_IXP_BASE - 8);
-    EXPECT_EQ(dump(card, 1, NET8), (text_list{level(0, 20), FOUND}));
+    EXPECT_EQ(dump(card, 1, NET8), (text_lines{level(0, 20), FOUND}));
 }
 
 TEST(mtrie_dump, a_processor_that_the_card_does_not_have_has_no_root)
 {
     fake_card card(1);
     ASSERT_EQ(card.start(), 0);
-    EXPECT_EQ(dump(card, 2, IP(224, 0, 0, 1)), text_list{FOUND});
+    EXPECT_EQ(dump(card, 2, IP(224, 0, 0, 1)), text_lines{FOUND});
     EXPECT_GT(dump(card, 1, IP(224, 0, 0, 1)).size(), 2u);
 }
 
@@ -208,14 +210,14 @@ TEST(mtrie_dump, every_bit_of_a_leaf_and_of_its_block_has_its_place_in_the_lines
         store(block + 4 * i, i << 18 | (60000 + i));
     store(block + 4, 0xFFFCFFFF); // 14 bits of interface id, two bits that no one shows, 16 bits of encap id
     EXPECT_EQ(dump(card, 2, NET8),
-              (text_list{level(0, 20), FOUND, "\nip resolve flag 1, ecmp flag 1, nat flag 1\n",
-                         "\nNAT result,  IXP value 4660\n", node, "\n valid 1, count 7, seq 5, \n",
-                         path(2, 65535, "3fff"), path(3, 60002, "2"), path(4, 60003, "3"), path(5, 60004, "4"),
-                         path(6, 60005, "5"), path(7, 60006, "6"), path(8, 60007, "7")}));
+              (text_lines{level(0, 20), FOUND, "\nip resolve flag 1, ecmp flag 1, nat flag 1\n",
+                          "\nNAT result,  IXP value 4660\n", node, "\n valid 1, count 7, seq 5, \n",
+                          path(2, 65535, "3fff"), path(3, 60002, "2"), path(4, 60003, "3"), path(5, 60004, "4"),
+                          path(6, 60005, "5"), path(7, 60006, "6"), path(8, 60007, "7")}));
 
     store(leaf, 0x40000000);  // an ECMP leaf whose block is being rewritten
     store(block, 0x3C000000); // not valid, count 3, sequence 6
-    const text_list lines = dump(card, 2, NET8);
+    const text_lines lines = dump(card, 2, NET8);
     ASSERT_EQ(lines.size(), 13u) << "seven paths whatever the header says";
     EXPECT_EQ(lines[2], "\nip resolve flag 0, ecmp flag 1, nat flag 0\n");
     EXPECT_EQ(lines[3], "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n");
@@ -223,8 +225,8 @@ TEST(mtrie_dump, every_bit_of_a_leaf_and_of_its_block_has_its_place_in_the_lines
     EXPECT_EQ(lines[6], path(2, 65535, "3fff"));
 
     store(leaf, 0x20000000); // NAT alone
-    EXPECT_EQ(dump(card, 2, NET8), (text_list{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 1\n",
-                                              "\nNAT result,  IXP value 0\n"}));
+    EXPECT_EQ(dump(card, 2, NET8), (text_lines{level(0, 20), FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 1\n",
+                                               "\nNAT result,  IXP value 0\n"}));
 }
 
 TEST(mtrie_dump, a_root_word_that_names_a_leaf_is_answered_without_a_level)
@@ -233,8 +235,8 @@ TEST(mtrie_dump, a_root_word_that_names_a_leaf_is_answered_without_a_level)
     const std::uint32_t root = card.word(0, 4 * CTX);
     const std::uint32_t leaf = card.word(0, root - HW_NODE_TAG - card.wired_phys_base + 4 * 224);
     platform_store32(card_at<std::uint32_t>(card.memory(0) + 4 * CTX), leaf);
-    EXPECT_EQ(dump(card, 0, NET8), (text_list{FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
-                                              "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n"}));
+    EXPECT_EQ(dump(card, 0, NET8), (text_lines{FOUND, "\nip resolve flag 0, ecmp flag 0, nat flag 0\n",
+                                               "\nRoute/ECMP result #1 encaps id 0 if_id 0 \n"}));
     platform_store32(card_at<std::uint32_t>(card.memory(0) + 4 * CTX), root);
 }
 
@@ -244,9 +246,9 @@ TEST(mtrie_dump, the_wired_copys_addresses_begin_at_its_physical_base)
     ASSERT_EQ(rib_add_route(CTX, CTX, NET8, MASK8, GATEWAY), 0u);
     const std::uint32_t root = card.word(0, 4 * CTX) - HW_NODE_TAG - card.wired_phys_base;
     platform_store32(card_at<std::uint32_t>(card.memory(0) + root + 4 * 20), card.wired_phys_base - 8);
-    EXPECT_EQ(dump(card, 0, NET8), (text_list{level(0, 20), FOUND}));
+    EXPECT_EQ(dump(card, 0, NET8), (text_lines{level(0, 20), FOUND}));
     platform_store32(card_at<std::uint32_t>(card.memory(0) + root + 4 * 20), card.word(1, 4 * CTX));
-    EXPECT_EQ(dump(card, 0, NET8), (text_list{level(0, 20), level(1, 0), FOUND})) << "a processor's address of a node";
+    EXPECT_EQ(dump(card, 0, NET8), (text_lines{level(0, 20), level(1, 0), FOUND})) << "a processor's address of a node";
 }
 
 TEST(mtrie_dump, a_null_word_is_null_in_every_copy_also_where_the_wired_regions_addresses_begin_at_0)
@@ -259,11 +261,11 @@ TEST(mtrie_dump, a_null_word_is_null_in_every_copy_also_where_the_wired_regions_
         const std::uint32_t root = card.word(copy, 4 * CTX) - HW_NODE_TAG - form;
         const std::uint32_t leaf = card.word(copy, root + 4 * 224) - form;
         platform_store32(card_at<std::uint32_t>(card.memory(copy) + leaf), ADJ_ECMP); // it names no block
-        const text_list lines = dump(card, copy, IP(224, 0, 0, 1));
+        const text_lines lines = dump(card, copy, IP(224, 0, 0, 1));
         ASSERT_EQ(lines.size(), 13u) << "copy " << copy;
         EXPECT_EQ(lines[4], "\n ixp " + std::to_string(copy) + "  ecmp node 0x0 found.\n");
         platform_store32(card_at<std::uint32_t>(card.memory(copy) + root + 4 * 30), 0);
-        EXPECT_EQ(dump(card, copy, IP(30, 0, 0, 1)), (text_list{level(0, 30), FOUND})) << "copy " << copy;
+        EXPECT_EQ(dump(card, copy, IP(30, 0, 0, 1)), (text_lines{level(0, 30), FOUND})) << "copy " << copy;
     }
 }
 

@@ -13,12 +13,10 @@
 #include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
 #include "route_ids.h"
 #include "route_table.h"
 
-bool operator==(const fake_store &a, const fake_store &b); // found by gtest's comparisons of journals
-bool operator==(const fake_store &a, const fake_store &b) { return a.address == b.address && a.value == b.value; }
+using namespace harness;
 
 namespace
 {
@@ -41,7 +39,7 @@ struct tables : testing::Test {
     // The store of a pointer to table offset `to`, in the copy's own form, with `tag` set.
     fake_store link(unsigned copy, std::uint32_t offset, std::uint32_t to, std::uint32_t tag = 0) const
     {
-        return store(copy, offset, np_pointer(card, copy, to) | tag);
+        return store(copy, offset, (card.table(copy).base + to) | tag);
     }
     mtrie_node *node()
     {
@@ -69,13 +67,9 @@ struct tables : testing::Test {
     void expect_every_pointer(std::uint32_t offset, std::uint32_t to, std::uint32_t tag = 0) const
     {
         for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-            EXPECT_EQ(card.word(copy, offset), np_pointer(card, copy, to) | tag) << "copy " << copy;
+            EXPECT_EQ(card.word(copy, offset), (card.table(copy).base + to) | tag) << "copy " << copy;
     }
 };
-
-constexpr std::uint32_t node_at(std::uint32_t index, std::uint32_t slot = 0) { return 0x400 + index * 1024 + slot * 4; }
-constexpr std::uint32_t leaf_at(std::uint32_t index) { return 0x100400 + index * 8; }
-constexpr std::uint32_t block_at(std::uint32_t index) { return 0x102400 + index * 32; }
 
 std::string found_text(const fake_card &card, unsigned copy, std::uint32_t index, unsigned encap, unsigned ifid)
 {
@@ -289,19 +283,19 @@ TEST_F(tables, clearing_a_leaf_or_a_block_clears_its_2_or_8_words_in_every_copy_
               std::vector<fake_store>(expected.begin(), expected.begin() + 2));
 
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-        for (std::uint32_t i = block_at(127) - 4; i < HW_TABLE_BYTES; i += 4)
+        for (std::uint32_t i = ecmp_at(127) - 4; i < HW_TABLE_BYTES; i += 4)
             *card_at<std::uint32_t>(card.memory(copy) + i) = 5;
     card.journal.clear();
     mtrie_hw_clear_node(MTRIE_POOL_ECMP, 127);
     EXPECT_EQ(card.journal.size(), 24u);
-    expect_every_copy(block_at(127) - 4, 5);
-    for (std::uint32_t i = block_at(127); i < HW_TABLE_BYTES; i += 4)
+    expect_every_copy(ecmp_at(127) - 4, 5);
+    for (std::uint32_t i = ecmp_at(127); i < HW_TABLE_BYTES; i += 4)
         expect_every_copy(i, 0);
 }
 
 TEST_F(tables, a_node_a_leaf_and_a_block_are_cleared_copy_by_copy_the_wired_one_first_from_the_first_word_on)
 {
-    const std::uint32_t first[3] = {node_at(3), leaf_at(4), block_at(5)}, words[3] = {256, 2, 8};
+    const std::uint32_t first[3] = {slot_at(3), leaf_at(4), ecmp_at(5)}, words[3] = {256, 2, 8};
     for (std::int32_t type = MTRIE_POOL_NODE; type <= MTRIE_POOL_ECMP; ++type) {
         card.journal.clear();
         mtrie_hw_clear_node(type, 3 + type);
@@ -340,7 +334,7 @@ TEST_F(tables, an_ecmp_block_gets_its_entries_first_and_its_header_last_in_every
     std::vector<fake_store> expected;
     for (const std::uint32_t i : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 0u})
         for (const unsigned copy : {IXP1, IXP2, WIRED})
-            expected.push_back(store(copy, block_at(1) + 4 * i, source[i]));
+            expected.push_back(store(copy, ecmp_at(1) + 4 * i, source[i]));
     EXPECT_EQ(card.journal, expected);
 }
 
@@ -350,9 +344,9 @@ TEST_F(tables, a_leaf_points_to_its_block_in_each_copys_own_form)
     mtrie_ecmp *second = block();
     mtrie_leaf *first = leaf();
     mtrie_hw_set_ecmp(first, second);
-    EXPECT_EQ(card.journal, (std::vector<fake_store>{link(WIRED, leaf_at(0) + 4, block_at(1)),
-                                                     link(IXP1, leaf_at(0) + 4, block_at(1)),
-                                                     link(IXP2, leaf_at(0) + 4, block_at(1))}));
+    EXPECT_EQ(card.journal,
+              (std::vector<fake_store>{link(WIRED, leaf_at(0) + 4, ecmp_at(1)), link(IXP1, leaf_at(0) + 4, ecmp_at(1)),
+                                       link(IXP2, leaf_at(0) + 4, ecmp_at(1))}));
     mtrie_hw_reset_ecmp(first);
     expect_every_copy(leaf_at(0) + 4, 0);
     EXPECT_EQ(card.journal.size(), 6u);
@@ -371,8 +365,8 @@ TEST_F(tables, the_root_of_tree_7_stands_in_root_word_7_in_each_copys_own_form_a
     node();
     mtrie_node *root = node();
     mtrie_hw_set_root(7, root);
-    EXPECT_EQ(card.journal, (std::vector<fake_store>{link(WIRED, 28, node_at(1), 1), link(IXP1, 28, node_at(1), 1),
-                                                     link(IXP2, 28, node_at(1), 1)}));
+    EXPECT_EQ(card.journal, (std::vector<fake_store>{link(WIRED, 28, slot_at(1), 1), link(IXP1, 28, slot_at(1), 1),
+                                                     link(IXP2, 28, slot_at(1), 1)}));
     EXPECT_EQ(card.word(WIRED, 28), 0x08000000u + 0x800 + 1);
     EXPECT_EQ(card.word(IXP2, 28), 0x202000u + 0x800 + 1);
     EXPECT_EQ(mtrie_get_root_node(7), root);
@@ -389,7 +383,7 @@ TEST_F(tables, the_root_is_read_from_the_wired_copy_each_time)
 {
     mtrie_node *first = node(), *second = node();
     mtrie_hw_set_root(255, first);
-    *card_at<std::uint32_t>(card.memory(WIRED) + 255 * 4) = np_pointer(card, WIRED, node_at(1)) | 1;
+    *card_at<std::uint32_t>(card.memory(WIRED) + 255 * 4) = (card.table(WIRED).base + slot_at(1)) | 1;
     EXPECT_EQ(mtrie_get_root_node(255), second);
     *card_at<std::uint32_t>(card.memory(WIRED) + 255 * 4) = 0;
     EXPECT_EQ(mtrie_get_root_node(255), nullptr);
@@ -412,9 +406,9 @@ TEST_F(tables, a_child_node_in_a_slot_is_tagged_and_an_empty_slot_is_0_in_every_
 {
     mtrie_node *root = node(), *child = node();
     EXPECT_EQ(reg_invoke_hw_add_child_to_mnode(root, mtrie_child_word(child), 255), 0);
-    expect_every_pointer(node_at(0, 255), node_at(1), 1);
+    expect_every_pointer(slot_at(0, 255), slot_at(1), 1);
     EXPECT_EQ(reg_invoke_hw_add_child_to_mnode(root, 0, 255), 0);
-    expect_every_copy(node_at(0, 255), 0);
+    expect_every_copy(slot_at(0, 255), 0);
 }
 
 TEST_F(tables, a_block_of_slots_is_written_from_the_first_to_the_last_and_not_beyond)
@@ -426,12 +420,12 @@ TEST_F(tables, a_block_of_slots_is_written_from_the_first_to_the_last_and_not_be
     std::vector<fake_store> expected;
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
         for (std::uint32_t slot = 16; slot < 24; ++slot)
-            expected.push_back(link(copy, node_at(1, slot), leaf_at(0)));
+            expected.push_back(link(copy, slot_at(1, slot), leaf_at(0)));
     ASSERT_EQ(card.journal.size(), expected.size());
     EXPECT_EQ(std::vector<fake_store>(card.journal.begin(), card.journal.begin() + 8),
               std::vector<fake_store>(expected.begin(), expected.begin() + 8)); // the wired copy comes first
     for (std::uint32_t slot = 16; slot < 24; ++slot)
-        expect_every_pointer(node_at(1, slot), leaf_at(0));
+        expect_every_pointer(slot_at(1, slot), leaf_at(0));
 }
 
 TEST_F(tables, a_slot_word_that_names_neither_a_node_nor_a_leaf_is_not_written)
@@ -522,7 +516,7 @@ TEST(tables_audit, the_audit_sees_a_single_wrong_word_in_any_copy)
     ASSERT_EQ(card.start_tables(), 0);
     ASSERT_EQ(mtrie_hw_check(), 0);
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-        for (const std::uint32_t offset : {28u, node_at(5, 9), leaf_at(6)}) {
+        for (const std::uint32_t offset : {28u, slot_at(5, 9), leaf_at(6)}) {
             std::uint32_t *word = card_at<std::uint32_t>(card.memory(copy) + offset);
             const std::uint32_t kept = *word;
             *word = kept ^ 0x40;

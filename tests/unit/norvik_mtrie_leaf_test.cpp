@@ -14,23 +14,15 @@
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
 #include "route_ids.h"
+
+using namespace harness;
 
 namespace
 {
 constexpr std::uint32_t TREE = 5;
 constexpr std::uint32_t NET = IP(10, 1, 0, 0), MASK = 0xFFFF0000;
 using texts = std::vector<std::string>;
-
-std::uint32_t hw_leaf(const mtrie_leaf *leaf)
-{
-    return HW_LEAVES + (card_addr_of(leaf) - 4 - mtrie_pools[MTRIE_POOL_LEAF].start) / 40 * HW_LEAF_BYTES;
-}
-std::uint32_t hw_block(const mtrie_ecmp *block)
-{
-    return HW_ECMPS + (card_addr_of(block) - 4 - mtrie_pools[MTRIE_POOL_ECMP].start) / 48 * HW_ECMP_BYTES;
-}
 
 struct leaves : testing::Test {
     fake_card card{2};
@@ -63,7 +55,7 @@ struct leaves : testing::Test {
     {
         for (unsigned copy = 0; copy < NP_COPIES; ++copy) {
             EXPECT_EQ(card.word(copy, hw_leaf(leaf)), leaf->adjacency) << "copy " << copy;
-            const std::uint32_t block = leaf->ecmp ? np_pointer(card, copy, hw_block(leaf->ecmp)) : 0;
+            const std::uint32_t block = leaf->ecmp ? (card.table(copy).base + hw_block(leaf->ecmp)) : 0;
             EXPECT_EQ(card.word(copy, hw_leaf(leaf) + 4), block) << "copy " << copy;
             for (unsigned i = 0; leaf->ecmp && i < ECMP_WORDS; ++i)
                 EXPECT_EQ(card.word(copy, hw_block(leaf->ecmp) + 4 * i), leaf->ecmp->hw[i]) << copy << " word " << i;
@@ -80,7 +72,7 @@ struct leaves : testing::Test {
         for (const fake_store &store : card.journal) {
             const std::uint32_t in_leaf = store.address - card.memory(copy) - hw_leaf(leaf);
             const std::uint32_t in_block = store.address - card.memory(copy) - block;
-            const bool is_address = store.value == np_pointer(card, copy, block);
+            const bool is_address = store.value == (card.table(copy).base + block);
             const std::string value = is_address ? "block" : text("%x", store.value);
             if (in_leaf < HW_LEAF_BYTES)
                 all += text("L%u=", in_leaf / 4) + value + " ";
@@ -118,7 +110,7 @@ TEST_F(leaves, a_new_leaf_is_printed_and_its_adjacency_word_stands_in_hardware_b
         for (std::size_t i = 0; i < card.journal.size(); ++i) {
             if (card.journal[i].address == card.memory(copy) + hw_leaf(leaf) && card.journal[i].value != 0)
                 adjacency_at = i;
-            if (slot_at == 0 && card.journal[i].value == np_pointer(card, copy, hw_leaf(leaf)))
+            if (slot_at == 0 && card.journal[i].value == (card.table(copy).base + hw_leaf(leaf)))
                 slot_at = i;
         }
         EXPECT_GT(adjacency_at, 0u) << "copy " << copy;
@@ -359,7 +351,7 @@ TEST_F(leaves, removing_the_only_extra_path_frees_the_block_and_unmarks_the_leaf
     for (unsigned copy = 0; copy < NP_COPIES; ++copy) {
         EXPECT_EQ(card.word(copy, hw_leaf(leaf)), 0x00010001u);
         EXPECT_EQ(card.word(copy, hw_leaf(leaf) + 4), 0u);
-        EXPECT_EQ(card.word(copy, HW_ECMPS) & ECMP_VALID, 0u) << "the freed block is not valid in hardware";
+        EXPECT_EQ(card.word(copy, ecmp_at(0)) & ECMP_VALID, 0u) << "the freed block is not valid in hardware";
     }
 }
 

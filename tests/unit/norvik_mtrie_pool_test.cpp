@@ -10,9 +10,10 @@
 
 #include "fake_card.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
 #include "route_ids.h"
 #include "route_table.h"
+
+using namespace harness;
 
 namespace
 {

@@ -8,8 +8,9 @@
 
 #include "fake_card.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
 #include "route_ids.h"
+
+using namespace harness;
 
 namespace
 {

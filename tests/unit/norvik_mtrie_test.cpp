@@ -14,7 +14,8 @@
 #include "norvik_mtrie_check.h"
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_pool.h"
-#include "processor_walk.h"
+
+using namespace harness;
 
 namespace
 {
@@ -63,11 +64,9 @@ struct trie : testing::Test {
     void expect_answer(std::uint32_t address, const mtrie_leaf *expected)
     {
         EXPECT_EQ(mtrie_longest_match(root, address), expected);
-        std::uint32_t offset = NP_MISS;
-        if (expected != nullptr)
-            offset = HW_LEAVES + (card_addr_of(expected) - 4 - mtrie_pools[MTRIE_POOL_LEAF].start) / 40 * 8;
         for (unsigned copy = 0; copy < NP_COPIES; ++copy)
-            EXPECT_EQ(np_find(card, copy, TREE, address).leaf, offset) << "copy " << copy << " address " << address;
+            EXPECT_EQ(np_find(card, copy, TREE, address).leaf, hw_leaf(expected))
+                << "copy " << copy << " address " << address;
     }
     // Where the hardware node stands in the table, and what was stored to a copy, by its place in the table.
     static std::uint32_t node_at(const mtrie_node *node)

@@ -3,6 +3,8 @@
 
 #include "plain_model.h"
 
+namespace harness
+{
 namespace
 {
 
@@ -57,8 +59,8 @@ std::uint32_t set_is_full(plain_model &m, const argument_list &a)
     if (set == nullptr || set->size() != 8)
         return 0;
     model_error(m, low(a[0]),
-                plain_text("rib_max_ecmp_route:  MAX ECMP exceeded for route_id (%u) ip/mask %08x/%u \n", a[1],
-                           key.second, key.first));
+                text("rib_max_ecmp_route:  MAX ECMP exceeded for route_id (%u) ip/mask %08x/%u \n", a[1], key.second,
+                     key.first));
     return 1;
 }
 
@@ -68,7 +70,7 @@ void lookup_exact(plain_model &m, const argument_list &a, model_reply &reply)
     reply.result = leaf == nullptr ? 1 : 0;
     reply.refs = {leaf == nullptr ? a[3] : leaf->adjacency >> 16 & 0x1FFF};
     if (leaf == nullptr) // the root's address, which the model does not know, is written as 0
-        model_error(m, a[0], plain_text("\nRequested route %x/%x not found at root 0x0 in table.\n", a[1], a[2]));
+        model_error(m, a[0], text("\nRequested route %x/%x not found at root 0x0 in table.\n", a[1], a[2]));
 }
 
 const std::map<std::string, model_procedure> &procedures()
@@ -159,3 +161,4 @@ model_reply plain_model::call(const std::string &name, const std::vector<std::ui
     served.run(*this, args, reply);
     return reply;
 }
+} // namespace harness

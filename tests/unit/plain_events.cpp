@@ -3,13 +3,15 @@
 
 #include "plain_model.h"
 
+namespace harness
+{
 namespace
 {
 
 constexpr std::uint32_t CREATED = 4063, UP = 4065, DOWN = 4066, CHANGED = 4089;
 constexpr std::uint32_t ANNOUNCE_ADDED = 0x1005, ANNOUNCE_REMOVED = 0x1006;
 
-std::uint32_t word_at(const byte_list &bytes, std::size_t at, unsigned width = 4)
+std::uint32_t word_at(const byte_string &bytes, std::size_t at, unsigned width = 4)
 {
     std::uint32_t value = 0;
     for (unsigned i = 0; i < width; ++i)
@@ -39,11 +41,11 @@ std::vector<model_host> routes_of(const model_address &a)
 
 void announce(plain_model &m, std::uint32_t opcode, std::uint32_t ctx, const model_address &a)
 {
-    byte_list record;
+    byte_string record;
     for (const std::uint32_t value : {ctx, a.addr, a.mask, std::uint32_t{a.ifid}})
         for (unsigned shift = 32; shift > 0; shift -= 8)
             record.push_back(static_cast<std::uint8_t>(value >> (shift - 8)));
-    m.calls.push_back(plain_text("mts_send q 0xfe000000:0 0x%x 16", opcode));
+    m.calls.push_back(text("mts_send q 0xfe000000:0 0x%x 16", opcode));
     m.sent.emplace_back(opcode, record);
 }
 
@@ -54,7 +56,7 @@ void change_nat(plain_model &m, std::uint32_t ctx, std::uint16_t ifid, bool up)
         model_path &head = m.rib[ctx].at(key).front();
         if ((head.flags & RIB_F_NAT) == 0 || head.ifid != ifid)
             continue;
-        const std::string where = plain_text("%x/%u ifid:%u", key.second, key.first, unsigned{ifid});
+        const std::string where = text("%x/%u ifid:%u", key.second, key.first, unsigned{ifid});
         const bool programmed = (head.flags & RIB_F_NAT_IN_MTRIE) != 0;
         if (programmed == up) {
             model_error(m, ctx, (up ? "NAT entry up for down intf " : "NAT entry down for up intf ") + where + "\n");
@@ -96,9 +98,9 @@ void remove_hosts(plain_model &m, const model_address &a)
         model_lose_members(m, a.ctx, key);
         if ((head.flags & RIB_F_ARP_INSTALLED) != 0 && !model_fib_remove(m, a.ctx, key, head))
             model_error(m, a.ctx,
-                        plain_text("norvik_remove_host_ifdown: (1) Unable to remove routeid (%u) %08x/%u nexthop %08x "
-                                   "encapid %04x\n",
-                                   a.ctx, key.second, key.first, head.nexthop, head.encap));
+                        text("norvik_remove_host_ifdown: (1) Unable to remove routeid (%u) %08x/%u nexthop %08x "
+                             "encapid %04x\n",
+                             a.ctx, key.second, key.first, head.nexthop, head.encap));
     }
 }
 
@@ -129,19 +131,19 @@ bool context_fits(plain_model &m, const char *event, std::int32_t ctx)
 {
     if (ctx <= 255)
         return true;
-    model_error(m, 0, plain_text("Ignoring event MTS_OPC_NORVIK_%s: context %d out of range\n", event, ctx));
+    model_error(m, 0, text("Ignoring event MTS_OPC_NORVIK_%s: context %d out of range\n", event, ctx));
     return false;
 }
 
-bool payload_fits(plain_model &m, const char *event, const byte_list &payload, std::size_t least)
+bool payload_fits(plain_model &m, const char *event, const byte_string &payload, std::size_t least)
 {
     if (payload.size() >= least)
         return true;
-    model_error(m, 0, plain_text("Ignoring event MTS_OPC_NORVIK_%s: %zu byte payload\n", event, payload.size()));
+    model_error(m, 0, text("Ignoring event MTS_OPC_NORVIK_%s: %zu byte payload\n", event, payload.size()));
     return false;
 }
 
-void state_event(plain_model &m, std::uint32_t opcode, const byte_list &payload)
+void state_event(plain_model &m, std::uint32_t opcode, const byte_string &payload)
 {
     static const char *const names[] = {"IF_CREATED", "IF_DELETED", "IF_UP", "IF_DOWN"};
     const char *const name = names[opcode - CREATED];
@@ -159,18 +161,18 @@ void state_event(plain_model &m, std::uint32_t opcode, const byte_list &payload)
     }
     if (a.addr == 0 || a.mask == 0) // odd: complained about, and added all the same
         model_error(m, a.ctx,
-                    plain_text("IF_UP, Bad L3 interface, contextid=%u, ipaddr =%x, mask=%x", a.ctx, a.addr, a.mask));
+                    text("IF_UP, Bad L3 interface, contextid=%u, ipaddr =%x, mask=%x", a.ctx, a.addr, a.mask));
     add_interface(m, a, true);
 }
 
-void change_event(plain_model &m, const byte_list &payload)
+void change_event(plain_model &m, const byte_string &payload)
 {
     if (!payload_fits(m, "IF_CHANGED", payload, 16) || word_at(payload, 4) >> 31 == 0)
         return;
     const std::uint32_t id = word_at(payload, 0);
     const auto of = m.interfaces.find(id);
     const auto fails = [&m, id](const char *what) {
-        model_error(m, 0, plain_text("ifid to %s mapping failed for %d", what, static_cast<int>(id)));
+        model_error(m, 0, text("ifid to %s mapping failed for %d", what, static_cast<int>(id)));
     };
     if (of == m.interfaces.end() || !of->second.has_rmode)
         return fails("rmode");
@@ -226,7 +228,7 @@ bool covers_learned_host(plain_model &m, std::uint32_t ctx, const nat_block &blo
 bool add_block(plain_model &m, std::uint32_t ctx, std::uint16_t ifid, const nat_block &block, std::uint16_t encap)
 {
     const model_key key(block.len, block.net);
-    const std::string what = plain_text("%08x/%u encap %u", block.net, block.len, unsigned{encap});
+    const std::string what = text("%08x/%u encap %u", block.net, block.len, unsigned{encap});
     if (covers_learned_host(m, ctx, block)) {
         model_error(m, ctx, "nat range includes learned entry" + what + "\n");
         return false;
@@ -242,9 +244,9 @@ bool add_block(plain_model &m, std::uint32_t ctx, std::uint16_t ifid, const nat_
     model_path path = {MODEL_NAT, 0, ifid, encap, RIB_F_NAT};
     if (model_is_up(m, ifid)) {
         if (!model_fib_add(m, ctx, key, path)) {
-            model_error(m, ctx,
-                        plain_text("mtrie add nat fail: rte_id:%u %08x/%u encap %04x\n", ctx, block.net, block.len,
-                                   unsigned{encap}));
+            model_error(
+                m, ctx,
+                text("mtrie add nat fail: rte_id:%u %08x/%u encap %04x\n", ctx, block.net, block.len, unsigned{encap}));
             return false;
         }
         path.flags |= RIB_F_NAT_IN_MTRIE;
@@ -260,14 +262,14 @@ bool remove_block(plain_model &m, std::uint32_t ctx, const nat_block &block, std
     // A NAT route is always the head: it refuses to join what is there. Odd: its members are lost with it.
     if (set == nullptr || (set->front().flags & RIB_F_NAT) == 0 || set->front().encap != encap) {
         model_error(m, ctx,
-                    plain_text("nat entry not found in rib 0x%x/%u encap %u\n", block.net, block.len, unsigned{encap}));
+                    text("nat entry not found in rib 0x%x/%u encap %u\n", block.net, block.len, unsigned{encap}));
         return false;
     }
     const model_path path = set->front();
     if ((path.flags & RIB_F_NAT_IN_MTRIE) != 0 && !model_fib_remove(m, ctx, key, path))
         model_error(m, ctx,
-                    plain_text("NAT remove from mtrie failed rte_id:%u %08x/%u encapid %04x\n", ctx, block.net,
-                               block.len, path.encap));
+                    text("NAT remove from mtrie failed rte_id:%u %08x/%u encapid %04x\n", ctx, block.net, block.len,
+                         path.encap));
     model_lose_members(m, ctx, key);
     return true;
 }
@@ -280,9 +282,9 @@ std::uint32_t model_nat_add(plain_model &m, std::uint32_t ctx, std::uint16_t ifi
     for (const nat_block &block : blocks_of(addr, range)) {
         if (add_block(m, ctx, ifid, block, encap))
             continue;
-        model_error(m, ctx,
-                    plain_text("rib_add_nat_pool: add NAT failed, addr 0x%x/0x%x, ixp %u\n", block.net, block.mask,
-                               unsigned{encap}));
+        model_error(
+            m, ctx,
+            text("rib_add_nat_pool: add NAT failed, addr 0x%x/0x%x, ixp %u\n", block.net, block.mask, unsigned{encap}));
         (void)model_nat_remove(m, ctx, addr, range, encap); // odd: the whole range, also what stood there before
         return 1;
     }
@@ -295,15 +297,16 @@ std::uint32_t model_nat_remove(plain_model &m, std::uint32_t ctx, std::uint32_t 
     for (const nat_block &block : blocks_of(addr, range))
         if (!remove_block(m, ctx, block, encap))
             model_error(m, ctx,
-                        plain_text("rib_remove_nat_pool: delete NAT failed, addr 0x%x/0x%x, ixp %u\n", block.net,
-                                   block.mask, unsigned{encap}));
+                        text("rib_remove_nat_pool: delete NAT failed, addr 0x%x/0x%x, ixp %u\n", block.net, block.mask,
+                             unsigned{encap}));
     return 0;
 }
 
-void plain_model::event(std::uint32_t opcode, const byte_list &payload)
+void plain_model::event(std::uint32_t opcode, const byte_string &payload)
 {
     if (opcode >= CREATED && opcode <= DOWN)
         state_event(*this, opcode, payload);
     else if (opcode == CHANGED)
         change_event(*this, payload);
 }
+} // namespace harness

@@ -5,6 +5,8 @@
 #include <bit>
 #include <tuple>
 
+namespace harness
+{
 namespace
 {
 
@@ -44,7 +46,7 @@ bool waits_for(const model_path &path, std::uint32_t host)
 // What both lines about an entry and the forwarding table say of it.
 std::string route_text(std::uint32_t ctx, model_key key)
 {
-    return plain_text("(%u) %s%08x/%u", ctx, "", key.second, key.first);
+    return text("(%u) %s%08x/%u", ctx, "", key.second, key.first);
 }
 
 bool program(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
@@ -55,9 +57,9 @@ bool program(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
         path.flags |= RIB_F_IN_MTRIE;
     else
         model_error(m, ctx,
-                    plain_text("rib_add_mtrie_route: Failed to add mtrie for route_id (%u) route/mask %08x/%u->nexthop "
-                               "%08x encap %04x\n",
-                               ctx, key.second, key.first, path.nexthop, path.encap));
+                    text("rib_add_mtrie_route: Failed to add mtrie for route_id (%u) route/mask %08x/%u->nexthop "
+                         "%08x encap %04x\n",
+                         ctx, key.second, key.first, path.nexthop, path.encap));
     return done;
 }
 
@@ -112,7 +114,7 @@ bool learn_interface(plain_model &m, const model_host &host, model_path &path)
 {
     const auto of = m.interfaces.find(host.ifid);
     if (of == m.interfaces.end() || !of->second.has_rmode) {
-        model_error(m, host.ctx, plain_text("Failed to get route mode for ifId %u", unsigned{host.ifid}));
+        model_error(m, host.ctx, text("Failed to get route mode for ifId %u", unsigned{host.ifid}));
         return false;
     }
     const auto routed = of->second.rmode == 1 ? of : m.interfaces.find(static_cast<std::uint32_t>(of->second.bvi));
@@ -125,14 +127,14 @@ model_path *host_add(plain_model &m, const model_host &h)
 {
     if (h.len > 32) {
         model_error(m, h.ctx,
-                    plain_text("rib_add_host_route, wrong mask, host addr 0x%x/%d add Fails, encapid 0x%x\n", h.addr,
-                               static_cast<int>(h.len), unsigned{h.encap}));
+                    text("rib_add_host_route, wrong mask, host addr 0x%x/%d add Fails, encapid 0x%x\n", h.addr,
+                         static_cast<int>(h.len), unsigned{h.encap}));
         return nullptr;
     }
     if (h.object == MODEL_OBJ_HOST && !model_is_up(m, h.ifid)) {
         model_error(m, h.ctx,
-                    plain_text("rib_add_host_route, if %u DOWN, obj %u addr 0x%x/%u add Fails, encapid 0x%x\n",
-                               unsigned{h.ifid}, unsigned{h.object}, h.addr, h.len, unsigned{h.encap}));
+                    text("rib_add_host_route, if %u DOWN, obj %u addr 0x%x/%u add Fails, encapid 0x%x\n",
+                         unsigned{h.ifid}, unsigned{h.object}, h.addr, h.len, unsigned{h.encap}));
         return nullptr;
     }
     const model_key key(h.len, h.addr & plain_mask(h.len));
@@ -140,9 +142,8 @@ model_path *host_add(plain_model &m, const model_host &h)
         for (model_path &path : *set)
             if (is_of_object(path, h.object, true)) {
                 if (h.object != MODEL_OBJ_HOST) {
-                    model_error(
-                        m, h.ctx,
-                        plain_text("rib_add_host_route:rejecting duplicate entry:%x/%u\n", key.second, key.first));
+                    model_error(m, h.ctx,
+                                text("rib_add_host_route:rejecting duplicate entry:%x/%u\n", key.second, key.first));
                     return nullptr;
                 }
                 path.encap = h.encap;
@@ -165,8 +166,8 @@ bool host_remove(plain_model &m, const model_host &h, model_path &taken)
 {
     if (h.len > 32) {
         model_error(m, h.ctx,
-                    plain_text("rib_remove_host_route, wrong mask, host addr 0x%x/%d remove Fails\n", h.addr,
-                               static_cast<int>(h.len)));
+                    text("rib_remove_host_route, wrong mask, host addr 0x%x/%d remove Fails\n", h.addr,
+                         static_cast<int>(h.len)));
         return false;
     }
     const model_key key(h.len, h.addr & plain_mask(h.len));
@@ -175,10 +176,10 @@ bool host_remove(plain_model &m, const model_host &h, model_path &taken)
         return false;
     if (!is_of_object(set->front(), h.object, false)) {
         model_error(m, h.ctx,
-                    plain_text("rib_remove_host_route, wrong entry 0x%x/%u flags %x, host addr 0x%x/%u remove obj %u "
-                               "Fails\n",
-                               key.second, key.first, unsigned{set->front().flags}, key.second, key.first,
-                               unsigned{h.object}));
+                    text("rib_remove_host_route, wrong entry 0x%x/%u flags %x, host addr 0x%x/%u remove obj %u "
+                         "Fails\n",
+                         key.second, key.first, unsigned{set->front().flags}, key.second, key.first,
+                         unsigned{h.object}));
         return false;
     }
     taken = set->front();
@@ -190,8 +191,8 @@ bool host_remove(plain_model &m, const model_host &h, model_path &taken)
 
 void request(plain_model &m, std::uint32_t gateway, std::uint32_t ctx, std::uint32_t ifid, unsigned sense)
 {
-    m.calls.push_back(plain_text("tnrpc_call tn_arp_add_entry 1:%u 2:0x%x 2:0x%x 2:0x%x 0:2 0:%u", ctx, ifid, gateway,
-                                 gateway, sense));
+    m.calls.push_back(
+        text("tnrpc_call tn_arp_add_entry 1:%u 2:0x%x 2:0x%x 2:0x%x 0:2 0:%u", ctx, ifid, gateway, gateway, sense));
     if (m.peers.arp_result == 0xFFFFFFFF)
         model_error(m, ctx, "request_gwy_resolution:TN RPC call tn_arp_add_entry() return err code -1\n");
 }
@@ -215,19 +216,19 @@ bool is_refused(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t 
         if ((path.flags & RIB_F_INTERFACE) == 0 && path.nexthop != nexthop)
             continue;
         if ((path.flags & RIB_F_INTERFACE) != 0)
-            model_error(m, ctx, plain_text("rib_add_route: Collide with interface %08x/%u \n", key.second, key.first));
+            model_error(m, ctx, text("rib_add_route: Collide with interface %08x/%u \n", key.second, key.first));
         else
             model_error(m, ctx,
-                        plain_text("rib_add_route: DUPLICATE route/maskbits %08x/%u-> nexthop %08x \n", key.second,
-                                   key.first, nexthop));
+                        text("rib_add_route: DUPLICATE route/maskbits %08x/%u-> nexthop %08x \n", key.second, key.first,
+                             nexthop));
         return true;
     }
     // Odd: exactly eight is full; hosts join without a limit, and nine or more are not refused.
     if (set->size() != 8)
         return false;
     model_error(m, ctx,
-                plain_text("rib_add_route: MAX ECMP exceed route/maskbits %08x/%u-> nexthop %08x \n", key.second,
-                           key.first, nexthop));
+                text("rib_add_route: MAX ECMP exceed route/maskbits %08x/%u-> nexthop %08x \n", key.second, key.first,
+                     nexthop));
     return true;
 }
 
@@ -291,9 +292,9 @@ void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path
             path.flags &= static_cast<std::uint16_t>(~RIB_F_IN_MTRIE);
         else
             model_error(m, ctx,
-                        plain_text("rib_remove_mtrie_route: (1) Unable to remove routeid %s nexthop %08x encapid "
-                                   "%04x\n",
-                                   route_text(ctx, key).c_str(), path.nexthop, path.encap));
+                        text("rib_remove_mtrie_route: (1) Unable to remove routeid %s nexthop %08x encapid "
+                             "%04x\n",
+                             route_text(ctx, key).c_str(), path.nexthop, path.encap));
     }
     path.ifid = 0; // also when the forwarding table refused
     path.encap = 0;
@@ -318,8 +319,8 @@ void model_flush(plain_model &m)
 
 std::string model_line(model_key key, unsigned place, const model_path &path, std::uint32_t count)
 {
-    return plain_text("%08x/%u #%u nexthop %08x ifid %u encap %x flags %04x count %u", key.second, key.first, place,
-                      path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
+    return text("%08x/%u #%u nexthop %08x ifid %u encap %x flags %04x count %u", key.second, key.first, place,
+                path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
 }
 
 model_path *model_combined_add(plain_model &m, const model_host &host)
@@ -327,15 +328,15 @@ model_path *model_combined_add(plain_model &m, const model_host &host)
     model_path *path = host_add(m, host);
     if (path == nullptr) {
         model_error(m, NO_CTX,
-                    plain_text("route_add_rib_and_mtrie_entry: rib add failed, addr 0x%x/%d, ifid 0x%x\n", host.addr,
-                               static_cast<int>(host.len), unsigned{host.ifid}));
+                    text("route_add_rib_and_mtrie_entry: rib add failed, addr 0x%x/%d, ifid 0x%x\n", host.addr,
+                         static_cast<int>(host.len), unsigned{host.ifid}));
         return nullptr;
     }
     path->flags |= host.flags;
     const model_key key(host.len, host.addr & plain_mask(host.len));
     if (model_fib_add(m, host.ctx, key, *path))
         return path;
-    model_error(m, NO_CTX, plain_text("adding Mtrie FAILURE 0x%x/%u->%04x\n", key.second, key.first, path->encap));
+    model_error(m, NO_CTX, text("adding Mtrie FAILURE 0x%x/%u->%04x\n", key.second, key.first, path->encap));
     model_path taken{}; // odd: what is undone is the head, whichever path failed, or nothing when it is another object
     (void)host_remove(m, host, taken);
     return nullptr;
@@ -346,14 +347,14 @@ bool model_combined_remove(plain_model &m, const model_host &host, model_path *t
     model_path path{};
     if (!host_remove(m, host, path)) {
         model_error(m, NO_CTX,
-                    plain_text("route_remove_rib_and_mtrie_entry: rib remove failed, addr 0x%x/%d\n", host.addr,
-                               static_cast<int>(host.len)));
+                    text("route_remove_rib_and_mtrie_entry: rib remove failed, addr 0x%x/%d\n", host.addr,
+                         static_cast<int>(host.len)));
         return false;
     }
     path.flags &= static_cast<std::uint16_t>(~host.flags);
     if (!model_fib_remove(m, host.ctx, {host.len, host.addr & plain_mask(host.len)}, path))
         model_error(m, NO_CTX,
-                    plain_text("route_remove_rib_and_mtrie_entry:remove Mtrie FAILURE 0x%x/%u\n", host.addr, host.len));
+                    text("route_remove_rib_and_mtrie_entry:remove Mtrie FAILURE 0x%x/%u\n", host.addr, host.len));
     if (taken != nullptr)
         *taken = path;
     return true;
@@ -363,9 +364,9 @@ std::uint32_t model_arp_add(plain_model &m, const model_host &host)
 {
     if (host.object != MODEL_OBJ_HOST) {
         model_error(m, host.ctx,
-                    plain_text("arp_prefix_mgr_add_route, Object NOT supported, addr 0x%x/%d, encapid 0x%x, ifid "
-                               "0x%x\n",
-                               host.addr, static_cast<int>(host.len), unsigned{host.encap}, unsigned{host.ifid}));
+                    text("arp_prefix_mgr_add_route, Object NOT supported, addr 0x%x/%d, encapid 0x%x, ifid "
+                         "0x%x\n",
+                         host.addr, static_cast<int>(host.len), unsigned{host.encap}, unsigned{host.ifid}));
         return 1;
     }
     const model_path *path = model_combined_add(m, host);
@@ -379,9 +380,9 @@ std::uint32_t model_arp_remove(plain_model &m, const model_host &host)
 {
     if (host.object != MODEL_OBJ_HOST) {
         model_error(m, host.ctx,
-                    plain_text("arp_prefix_mgr_remove_route, object NOT supported, addr 0x%x, encapid 0x%x, ifid "
-                               "0x%x\n",
-                               host.addr, unsigned{host.encap}, unsigned{host.ifid}));
+                    text("arp_prefix_mgr_remove_route, object NOT supported, addr 0x%x, encapid 0x%x, ifid "
+                         "0x%x\n",
+                         host.addr, unsigned{host.encap}, unsigned{host.ifid}));
         return 1;
     }
     if (!model_combined_remove(m, host, nullptr))
@@ -427,7 +428,7 @@ std::uint32_t model_static_remove(plain_model &m, std::uint32_t ctx, std::uint32
             model_flush(m);
             return 0;
         }
-    model_error(m, ctx, plain_text("could not find static route for ip=%x/%u", prefix, len));
+    model_error(m, ctx, text("could not find static route for ip=%x/%u", prefix, len));
     return 1;
 }
 
@@ -474,3 +475,4 @@ std::uint32_t plain_model::entries(model_kind kind) const
                 count += path.kind == kind ? 1u : 0u;
     return count;
 }
+} // namespace harness

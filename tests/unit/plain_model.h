@@ -18,9 +18,8 @@
 #include "plain_trie.h"
 #include "route_entry.h"
 
-using byte_list = std::vector<std::uint8_t>;
-using text_lines = std::vector<std::string>;
-
+namespace harness
+{
 // The kind is what memory the entry is charged to.
 enum model_kind : unsigned { MODEL_HOST, MODEL_NAT, MODEL_STATIC, MODEL_KINDS };
 
@@ -52,7 +51,7 @@ struct model_peers {
 struct model_reply {
     std::uint32_t status = 0, result = 0;
     std::vector<std::uint32_t> refs;
-    std::vector<byte_list> blocks;
+    std::vector<byte_string> blocks;
 };
 
 struct model_cursor {
@@ -71,15 +70,15 @@ struct plain_model {
     plain_pools pools; // and the error lines
     std::map<std::uint32_t, plain_tree> trees;
     std::map<std::uint32_t, model_table> rib;
-    std::uint32_t lost[MODEL_KINDS] = {};                  // entries that no table reaches any more and no one frees
-    text_lines calls;                                      // that go out, as the tests' card writes them
-    std::vector<std::pair<std::uint32_t, byte_list>> sent; // messages: opcode, payload
-    std::vector<std::string> adverts;                      // messages to the supervisor
+    std::uint32_t lost[MODEL_KINDS] = {};                    // entries that no table reaches any more and no one frees
+    text_lines calls;                                        // that go out, as the tests' card writes them
+    std::vector<std::pair<std::uint32_t, byte_string>> sent; // messages: opcode, payload
+    std::vector<std::string> adverts;                        // messages to the supervisor
 
     // A card with its drop entries; only the given contexts are touched afterwards.
     explicit plain_model(const std::vector<std::uint32_t> &contexts);
     model_reply call(const std::string &procedure, const std::vector<std::uint32_t> &args);
-    void event(std::uint32_t opcode, const byte_list &payload);
+    void event(std::uint32_t opcode, const byte_string &payload);
     void forget(); // lines, calls and messages
 
     text_lines rib_text(std::uint32_t ctx) const; // one line a path, in the order of the table
@@ -125,12 +124,13 @@ std::uint32_t model_nat_remove(plain_model &m, std::uint32_t ctx, std::uint32_t 
 // plain_show.cpp
 struct model_page {
     std::uint32_t count;
-    byte_list records;
+    byte_string records;
 };
 model_page model_list(const plain_model &m, std::uint32_t ctx, model_cursor &cursor, bool fib, std::uint32_t capacity);
-byte_list model_rib_summary(const plain_model &m, std::uint32_t ctx);
-byte_list model_fib_summary(const plain_model &m, std::uint32_t ctx);
+byte_string model_rib_summary(const plain_model &m, std::uint32_t ctx);
+byte_string model_fib_summary(const plain_model &m, std::uint32_t ctx);
 std::uint32_t model_lookup(plain_model &m, std::uint32_t ctx, std::uint32_t addr, std::uint32_t &nexthop);
 // Lines of 128 bytes; a block's address, which the model does not know, is written as 0.
-byte_list model_dump(const plain_model &m, std::uint32_t copy, std::uint32_t tree, std::uint32_t address);
+byte_string model_dump(const plain_model &m, std::uint32_t copy, std::uint32_t tree, std::uint32_t address);
 std::uint32_t model_advert(plain_model &m, const std::vector<std::uint32_t> &args);
+} // namespace harness

@@ -3,10 +3,12 @@
 
 #include "plain_model.h"
 
+namespace harness
+{
 namespace
 {
 
-void put(byte_list &bytes, std::uint32_t value, unsigned width)
+void put(byte_string &bytes, std::uint32_t value, unsigned width)
 {
     for (unsigned i = width; i > 0; --i)
         bytes.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
@@ -46,14 +48,13 @@ bool try_head(plain_model &m, const model_path &head, std::uint32_t &nexthop)
     if (encap == 0)
         return false;
     nexthop = head.nexthop; // odd: whatever the slow path says
-    m.calls.push_back(plain_text("tnrpc_call encap_valid_mac 1:%u 8:0/2", encap));
+    m.calls.push_back(text("tnrpc_call encap_valid_mac 1:%u 8:0/2", encap));
     if (m.peers.mac_result != 0)
-        model_error(m, 0,
-                    plain_text("slowpath_valid_mac: bad rpc retcode %d. STOP\n", static_cast<int>(m.peers.mac_result)));
+        model_error(m, 0, text("slowpath_valid_mac: bad rpc retcode %d. STOP\n", static_cast<int>(m.peers.mac_result)));
     return true;
 }
 
-void add_line(byte_list &lines, const std::string &line)
+void add_line(byte_string &lines, const std::string &line)
 {
     const std::size_t start = lines.size();
     lines.resize(start + 128);
@@ -61,25 +62,22 @@ void add_line(byte_list &lines, const std::string &line)
                 lines.begin() + static_cast<std::ptrdiff_t>(start));
 }
 
-void dump_leaf(byte_list &lines, std::uint32_t copy, const plain_leaf &leaf)
+void dump_leaf(byte_string &lines, std::uint32_t copy, const plain_leaf &leaf)
 {
     const std::uint32_t word = leaf.adjacency;
-    add_line(lines, plain_text("\nip resolve flag %x, ecmp flag %x, nat flag %x\n", word >> 31, word >> 30 & 1,
-                               word >> 29 & 1));
+    add_line(lines,
+             text("\nip resolve flag %x, ecmp flag %x, nat flag %x\n", word >> 31, word >> 30 & 1, word >> 29 & 1));
     if ((word >> 29 & 1) != 0)
-        add_line(lines, plain_text("\nNAT result,  IXP value %u\n", word & 0xFFFF));
+        add_line(lines, text("\nNAT result,  IXP value %u\n", word & 0xFFFF));
     else
-        add_line(lines,
-                 plain_text("\nRoute/ECMP result #1 encaps id %u if_id %x \n", word & 0xFFFF, word >> 16 & 0x1FFF));
+        add_line(lines, text("\nRoute/ECMP result #1 encaps id %u if_id %x \n", word & 0xFFFF, word >> 16 & 0x1FFF));
     if ((word >> 30 & 1) == 0)
         return;
     const std::uint32_t *block = leaf.block.words;
-    add_line(lines, plain_text("\n ixp %u  ecmp node 0x0 found.\n", copy));
-    add_line(lines,
-             plain_text("\n valid %x, count %u, seq %u, \n", block[0] >> 31, block[0] >> 28 & 7, block[0] >> 25 & 7));
+    add_line(lines, text("\n ixp %u  ecmp node 0x0 found.\n", copy));
+    add_line(lines, text("\n valid %x, count %u, seq %u, \n", block[0] >> 31, block[0] >> 28 & 7, block[0] >> 25 & 7));
     for (unsigned i = 1; i < 8; ++i)
-        add_line(lines,
-                 plain_text("\n ECMP result #%u  encaps id %u if_id %x \n", i + 1, block[i] & 0xFFFF, block[i] >> 18));
+        add_line(lines, text("\n ECMP result #%u  encaps id %u if_id %x \n", i + 1, block[i] & 0xFFFF, block[i] >> 18));
 }
 
 } // namespace
@@ -117,7 +115,7 @@ model_page model_list(const plain_model &m, std::uint32_t ctx, model_cursor &cur
     return page;
 }
 
-byte_list model_rib_summary(const plain_model &m, std::uint32_t ctx)
+byte_string model_rib_summary(const plain_model &m, std::uint32_t ctx)
 {
     std::uint32_t connected = 0, statics = 0;
     for (const auto &[key, set] : m.rib.at(ctx))
@@ -125,7 +123,7 @@ byte_list model_rib_summary(const plain_model &m, std::uint32_t ctx)
             connected += is_connected(path) ? 1u : 0u;
             statics += is_installed_static(path) ? 1u : 0u;
         }
-    byte_list summary;
+    byte_string summary;
     put(summary, connected, 4);
     put(summary, statics, 4);
     put(summary, 36, 2);
@@ -133,14 +131,14 @@ byte_list model_rib_summary(const plain_model &m, std::uint32_t ctx)
     return summary;
 }
 
-byte_list model_fib_summary(const plain_model &m, std::uint32_t ctx)
+byte_string model_fib_summary(const plain_model &m, std::uint32_t ctx)
 {
     std::uint32_t listed = 0;
     for (const auto &[key, set] : m.rib.at(ctx))
         for (const model_path &path : set)
             listed += is_listed(path, true) ? 1u : 0u;
     const plain_tree &tree = m.trees.at(ctx);
-    byte_list summary;
+    byte_string summary;
     for (const std::uint32_t value : {plain_nodes_held(tree), plain_leaves_held(tree), tree.blocks, listed})
         put(summary, value, 4);
     for (const std::uint32_t value : {1024u, 8u, 32u})
@@ -163,14 +161,13 @@ std::uint32_t model_lookup(plain_model &m, std::uint32_t ctx, std::uint32_t addr
     return 1;
 }
 
-byte_list model_dump(const plain_model &m, std::uint32_t copy, std::uint32_t tree, std::uint32_t address)
+byte_string model_dump(const plain_model &m, std::uint32_t copy, std::uint32_t tree, std::uint32_t address)
 {
-    byte_list lines;
+    byte_string lines;
     const bool there = copy < 2 || m.processors == 2; // a copy that the card lacks reads as zeros
     const plain_tree &of = m.trees.at(tree);
     for (unsigned level = 0; there && level < plain_levels(of, address); ++level)
-        add_line(lines,
-                 plain_text("\n level %u Mnode found, next_index=%u.\n", level, address >> (24 - 8 * level) & 255));
+        add_line(lines, text("\n level %u Mnode found, next_index=%u.\n", level, address >> (24 - 8 * level) & 255));
     add_line(lines, "\nSearch terminating successfully, Leaf found.\n");
     const plain_leaf *leaf = plain_find(of, address);
     if (there && leaf != nullptr)
@@ -186,21 +183,22 @@ std::uint32_t model_advert(plain_model &m, const std::vector<std::uint32_t> &arg
     const auto vlan = static_cast<std::int16_t>(of == m.interfaces.end() ? -1 : of->second.vlan);
     if (vlan < 0) {
         model_error(m, ctx,
-                    plain_text("norvik_send_route_advert: Cannot resolve ifid %d to vlan id.", static_cast<int>(ifid)));
+                    text("norvik_send_route_advert: Cannot resolve ifid %d to vlan id.", static_cast<int>(ifid)));
         return 0xFFFFFFFF;
     }
     const std::uint8_t opcode = metric == 0xFFFF ? 0x23 : 0x22;
-    byte_list message = {0, 1, 0, 18, 18, 4, 1, 0x4A, 0, 1, 0, 0, 0, 0, 0, 0, opcode, 0};
+    byte_string message = {0, 1, 0, 18, 18, 4, 1, 0x4A, 0, 1, 0, 0, 0, 0, 0, 0, opcode, 0};
     for (const std::uint32_t value : {prefix, mask, nexthop, static_cast<std::uint32_t>(vlan), metric})
         put(message, value, 4);
     message.resize(46);
     m.calls.push_back("scp_send 77 46");
     if (m.peers.scp_result != 0) {
         model_error(m, ctx,
-                    plain_text("Sending route advertise SCP message failed err=%d, opcode %u\n", m.peers.scp_result,
-                               unsigned{opcode}));
+                    text("Sending route advertise SCP message failed err=%d, opcode %u\n", m.peers.scp_result,
+                         unsigned{opcode}));
         return 0xFFFFFFFF;
     }
     m.adverts.emplace_back(message.begin(), message.end());
     return 0;
 }
+} // namespace harness

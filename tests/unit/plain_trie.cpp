@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <iterator>
 
+namespace harness
+{
 namespace
 {
 
@@ -194,7 +196,7 @@ std::uint32_t remove(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
 
 std::uint32_t ecmp_flag(const plain_leaf *leaf) { return leaf->adjacency >> 30 & 1; }
 
-std::string path_text(const plain_way &way) { return plain_text("ifid %x. encap %x\n", way.ifid, way.encap & 0xFFFF); }
+std::string path_text(const plain_way &way) { return text("ifid %x. encap %x\n", way.ifid, way.encap & 0xFFFF); }
 
 std::uint32_t refuse(plain_tree &tree, const std::string &message)
 {
@@ -205,8 +207,7 @@ std::uint32_t refuse(plain_tree &tree, const std::string &message)
 std::uint32_t first_block(plain_tree &tree, plain_leaf *leaf, const plain_way &added)
 {
     if (tree.pools->blocks == plain_pools::BLOCKS)
-        return refuse(tree,
-                      plain_text("\n Cannot allocate memory for ecmp , flags %x, ", added.flags) + path_text(added));
+        return refuse(tree, text("\n Cannot allocate memory for ecmp , flags %x, ", added.flags) + path_text(added));
     ++tree.pools->blocks;
     ++tree.blocks;
     leaf->has_block = true;
@@ -218,18 +219,16 @@ std::uint32_t first_block(plain_tree &tree, plain_leaf *leaf, const plain_way &a
 std::uint32_t add_path(plain_tree &tree, plain_leaf *leaf, const plain_way &added)
 {
     if ((added.flags & MTRIE_F_ECMP) == 0)
-        return refuse(tree,
-                      plain_text("\n ecmp_insert invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
-                          path_text(added));
+        return refuse(tree, text("\n ecmp_insert invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
+                                path_text(added));
     if (!leaf->has_block)
         return first_block(tree, leaf, added);
     plain_block &block = leaf->block;
     if (block.words[0] >> 31 == 0)
-        return refuse(tree,
-                      plain_text("\n ecmp exists but invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
-                          path_text(added));
+        return refuse(tree, text("\n ecmp exists but invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
+                                path_text(added));
     if (block.npaths == 7)
-        return refuse(tree, plain_text("\n ecmp full, flags %x, ", added.flags) + path_text(added));
+        return refuse(tree, text("\n ecmp full, flags %x, ", added.flags) + path_text(added));
     ++block.npaths; // odd: a block whose leaf lost the ECMP flag grows without giving it back
     block.words[block.npaths] = ecmp_entry(added.ifid, added.encap);
     block.words[0] = ecmp_header(ecmp_count(block.words[0]) + 1, ecmp_sequence(block.words[0]) + 1);
@@ -253,12 +252,12 @@ std::uint32_t remove_path(plain_tree &tree, plain_leaf *leaf, const plain_way &r
 {
     plain_block &block = leaf->block;
     if (block.words[0] >> 31 == 0)
-        return refuse(tree, plain_text("\n remove ecmp but invlaid, flags %x, ", removed.flags) + path_text(removed));
+        return refuse(tree, text("\n remove ecmp but invlaid, flags %x, ", removed.flags) + path_text(removed));
     block.words[0] &= 0x7FFFFFFF; // odd: an unknown path leaves the block invalid for good
     const unsigned entry = entry_of(leaf, removed);
     if (entry == 8)
-        return refuse(tree, plain_text("\n remove ecmp but can't locate entry, flags %x, ", removed.flags) +
-                                path_text(removed));
+        return refuse(tree,
+                      text("\n remove ecmp but can't locate entry, flags %x, ", removed.flags) + path_text(removed));
 
     const std::uint32_t last = block.words[block.npaths];
     if (entry == 0)
@@ -278,7 +277,7 @@ std::uint32_t remove_path(plain_tree &tree, plain_leaf *leaf, const plain_way &r
 
 std::string prefix_text(std::uint32_t prefix, std::uint32_t mask)
 {
-    return plain_text("0x%x/%d", prefix, std::popcount(mask));
+    return text("0x%x/%d", prefix, std::popcount(mask));
 }
 
 } // namespace
@@ -337,13 +336,13 @@ std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint3
         route.adjacency = adj_pack(resolve | nat, way.ifid, way.encap);
         result = insert(tree, route);
         if (result != 1)
-            plain_error(*tree.pools, tree.id, plain_text("leaf insert fail(%u):", result) + prefix_text(prefix, mask));
+            plain_error(*tree.pools, tree.id, text("leaf insert fail(%u):", result) + prefix_text(prefix, mask));
     }
     if (result != 0)
         return result;
     plain_error(*tree.pools, tree.id,
-                plain_text("prefix_mgr_route_add: tree_add  FAILED w/ address and mask: %08x/%d, treeid %x\n", prefix,
-                           std::popcount(mask), tree.id));
+                text("prefix_mgr_route_add: tree_add  FAILED w/ address and mask: %08x/%d, treeid %x\n", prefix,
+                     std::popcount(mask), tree.id));
     (void)remove(tree, prefix, mask); // odd: the clean-up finds the route that was there before
     return 0;
 }
@@ -355,8 +354,7 @@ std::uint32_t plain_route_remove(plain_tree &tree, std::uint32_t prefix, std::ui
         return remove_path(tree, leaf, way);
     if (remove(tree, prefix, mask) != 0)
         return 1;
-    return refuse(tree,
-                  plain_text("prefix_mgr_route_remove: tree_remove  FAILED w/ address and mask: %08x/%d, treeid %x\n",
+    return refuse(tree, text("prefix_mgr_route_remove: tree_remove  FAILED w/ address and mask: %08x/%d, treeid %x\n",
                              prefix, std::popcount(mask), tree.id));
 }
 
@@ -364,7 +362,7 @@ std::uint32_t plain_set_default(plain_tree &tree, const plain_way &way, bool add
 {
     plain_leaf *leaf = tree.standard;
     if (leaf == nullptr)
-        return refuse(tree, plain_text("set FAILED, norvik_leaf_default is NULL for routeId %u \n", tree.id));
+        return refuse(tree, text("set FAILED, norvik_leaf_default is NULL for routeId %u \n", tree.id));
     if (!add && ecmp_flag(leaf) != 0 && leaf->has_block)
         return remove_path(tree, leaf, way);
     if (add && (way.flags & MTRIE_F_ECMP) != 0 && (leaf->adjacency & 0x1FFFFFFF) != 0)
@@ -374,17 +372,8 @@ std::uint32_t plain_set_default(plain_tree &tree, const plain_way &way, bool add
     return 1;
 }
 
-std::string plain_text(const char *format, ...)
-{
-    std::array<char, 1024> line;
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line.data(), line.size(), format, args);
-    va_end(args);
-    return line.data();
-}
-
 void plain_error(plain_pools &pools, std::uint32_t ctx, const std::string &message)
 {
     pools.errors.push_back("<Ctx:" + std::to_string(static_cast<std::int32_t>(ctx)) + ">" + message);
 }
+} // namespace harness

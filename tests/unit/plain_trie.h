@@ -15,8 +15,11 @@
 #include <utility>
 #include <vector>
 
+#include "card_bytes.h"
 #include "mtrie_records.h"
 
+namespace harness
+{
 struct plain_block {
     std::uint32_t npaths;
     std::uint32_t words[ECMP_WORDS];
@@ -67,7 +70,6 @@ std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint3
 std::uint32_t plain_route_remove(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask, const plain_way &way);
 std::uint32_t plain_set_default(plain_tree &tree, const plain_way &way, bool add);
 
-// printf into a string.
-[[gnu::format(printf, 1, 2)]] std::string plain_text(const char *format, ...);
 // An error line as the history shows it.
 void plain_error(plain_pools &pools, std::uint32_t ctx, const std::string &message);
+} // namespace harness

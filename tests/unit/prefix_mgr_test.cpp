@@ -15,8 +15,9 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "prefix_mgr.h"
-#include "processor_walk.h"
 #include "route_ids.h"
+
+using namespace harness;
 
 namespace
 {

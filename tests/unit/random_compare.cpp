@@ -14,20 +14,21 @@
 #include "norvik_mtrie_leaf.h"
 #include "norvik_mtrie_pool.h"
 #include "prefix_mgr.h"
-#include "processor_walk.h"
 #include "rib_check.h"
 #include "rib_show.h"
 #include "rib_table.h"
 #include "route_ids.h"
 
+namespace harness
+{
 namespace
 {
 
-std::string hex(const byte_list &bytes)
+std::string hex(const byte_string &bytes)
 {
     std::string all;
     for (const std::uint8_t byte : bytes)
-        all += plain_text("%02x", unsigned{byte});
+        all += text("%02x", unsigned{byte});
     return all;
 }
 
@@ -64,7 +65,7 @@ std::string without_address(const std::string &text, const std::string &mark)
 }
 
 // The lines of a walk through a copy, each up to its end.
-text_lines dump_lines(const byte_list &bytes)
+text_lines dump_lines(const byte_string &bytes)
 {
     text_lines lines;
     for (std::size_t at = 0; at + 128 <= bytes.size(); at += 128) {
@@ -101,7 +102,7 @@ text_lines sent_messages(const fake_card &card)
 {
     text_lines all;
     for (const fake_message &message : card.sent)
-        all.push_back(plain_text("%x to %x/%u ", message.opcode, message.address.node, message.address.sap) +
+        all.push_back(text("%x to %x/%u ", message.opcode, message.address.node, message.address.sap) +
                       hex(message.payload));
     return all;
 }
@@ -110,7 +111,7 @@ text_lines sent_messages(const plain_model &model)
 {
     text_lines all;
     for (const auto &[opcode, payload] : model.sent)
-        all.push_back(plain_text("%x to fe000000/0 ", opcode) + hex(payload));
+        all.push_back(text("%x to fe000000/0 ", opcode) + hex(payload));
     return all;
 }
 
@@ -151,7 +152,7 @@ std::string compare_memory(const random_run &run)
     const std::vector<std::uint32_t> held = blocks_held(run.card), expected = blocks_expected(run.model);
     for (std::size_t type = 0; type < held.size(); ++type)
         if (held[type] != expected[type])
-            return differ(plain_text("blocks of memory type %zu", type), held[type], expected[type]);
+            return differ(text("blocks of memory type %zu", type), held[type], expected[type]);
     return first_of({differ("nodes in use", used(MTRIE_POOL_NODE), run.model.pools.nodes),
                      differ("leaves in use", used(MTRIE_POOL_LEAF), run.model.pools.leaves),
                      differ("ECMP blocks in use", used(MTRIE_POOL_ECMP), run.model.pools.blocks)});
@@ -178,10 +179,10 @@ text_lines rib_of_card(std::uint32_t ctx)
 std::string leaf_line(std::uint32_t prefix, std::uint32_t mask, std::uint32_t adjacency, const std::uint32_t *block,
                       std::uint32_t npaths)
 {
-    std::string line = plain_text("%08x/%08x %08x", prefix, mask, adjacency);
+    std::string line = text("%08x/%08x %08x", prefix, mask, adjacency);
     if (block != nullptr)
         for (unsigned i = 0; i < ECMP_WORDS; ++i)
-            line += plain_text("%s%08x", i == 0 ? plain_text(" block of %u: ", npaths).c_str() : " ", block[i]);
+            line += text("%s%08x", i == 0 ? text(" block of %u: ", npaths).c_str() : " ", block[i]);
     return line;
 }
 
@@ -211,9 +212,9 @@ std::string answer_of_copy(const np_answer &answer)
 {
     if (answer.leaf == NP_UNSOUND || answer.block == NP_UNSOUND)
         return "unsound";
-    std::string all = answer.leaf == NP_MISS ? "none" : plain_text("%08x", answer.adjacency);
+    std::string all = answer.leaf == NP_MISS ? "none" : text("%08x", answer.adjacency);
     for (const std::uint32_t word : answer.ecmp)
-        all += plain_text(" %x", word);
+        all += text(" %x", word);
     return all;
 }
 
@@ -259,11 +260,11 @@ std::string compare_address(const random_run &run, std::uint32_t ctx, std::uint3
 {
     const mtrie_leaf *found = mtrie_longest_match(mtrie_get_root_node(ctx), address);
     if (!same_way(found, leaf))
-        return compare_leaf(plain_text("context %u address %08x", ctx, address), found, leaf);
+        return compare_leaf(text("context %u address %08x", ctx, address), found, leaf);
     for (unsigned copy = 0; copy <= run.card.num_ixp; ++copy) {
         const np_answer got = np_find(run.card, copy, ctx, address);
         if (!same_answer(got, leaf))
-            return differ(plain_text("context %u address %08x copy %u", ctx, address, copy), answer_of_copy(got),
+            return differ(text("context %u address %08x copy %u", ctx, address, copy), answer_of_copy(got),
                           leaf == nullptr ? "none" : leaf_of_model(leaf));
     }
     return "";
@@ -295,9 +296,9 @@ std::string compare_tree(const random_run &run, std::uint32_t ctx)
 
 std::string text_of_step(const random_step &step)
 {
-    std::string all = step.is_call ? step.procedure : plain_text("message %u ", step.opcode) + hex(step.payload);
+    std::string all = step.is_call ? step.procedure : text("message %u ", step.opcode) + hex(step.payload);
     for (const std::uint32_t arg : step.args)
-        all += plain_text(" %x", arg);
+        all += text(" %x", arg);
     return all;
 }
 
@@ -314,11 +315,11 @@ std::string compare_reply(const std::string &procedure, const fake_reply &got, c
         return difference;
     for (std::size_t i = 0; i < got.refs.size(); ++i)
         if (got.refs[i] != expected.refs[i])
-            return differ(name + plain_text("reference %zu", i), got.refs[i], expected.refs[i]);
+            return differ(name + text("reference %zu", i), got.refs[i], expected.refs[i]);
     for (std::size_t i = 0; i < got.blocks.size(); ++i) {
         if (procedure == "mtrie_hw_dump_api")
             return differ(name + "line", dump_lines(got.blocks[i]), dump_lines(expected.blocks[i]));
-        byte_list block = got.blocks[i];
+        byte_string block = got.blocks[i];
         if (procedure == "show_fib_summary" && block.size() == 24)
             block.resize(22); // the last two bytes say nothing
         if (block != expected.blocks[i])
@@ -345,7 +346,7 @@ std::string compare_short_page(random_run &run)
         cursor = {};
     auto list = static_cast<std::uint16_t>(cursor.list), bucket = static_cast<std::uint16_t>(cursor.bucket);
     std::uint32_t position = cursor.position;
-    byte_list records(MOST * ROUTE_RECORD_BYTES);
+    byte_string records(MOST * ROUTE_RECORD_BYTES);
     route_page page = {static_cast<std::uint16_t>(capacity), 0, records.data()};
     const auto ctx = static_cast<std::uint16_t>(RUN_CONTEXTS[of]);
     route_traversal(ctx, &list, &bucket, &position, 1, fib ? show_fib_filter : show_rib_filter,
@@ -355,8 +356,8 @@ std::string compare_short_page(random_run &run)
     records.resize(page.count * ROUTE_RECORD_BYTES);
     const std::string difference =
         first_of({differ("page of the reader", hex(records), hex(expected.records)),
-                  differ("cursor of the reader", plain_text("%u %u %x", unsigned{list}, unsigned{bucket}, position),
-                         plain_text("%u %u %x", cursor.list, cursor.bucket, cursor.position))});
+                  differ("cursor of the reader", text("%u %u %x", unsigned{list}, unsigned{bucket}, position),
+                         text("%u %u %x", cursor.list, cursor.bucket, cursor.position))});
     if (page.count == 0 && cursor.list < 33)
         cursor = {}; // a set that no page of the reader can hold
     return difference;
@@ -372,20 +373,19 @@ std::string memory_report(const random_run &run)
     const std::vector<std::uint32_t> held = blocks_held(run.card), expected = blocks_expected(run.model);
     std::string report;
     for (std::size_t type = 0; type < held.size(); ++type)
-        report += plain_text("  %-27s %5u blocks, %5u predicted\n", names[type], held[type], expected[type]);
+        report += text("  %-27s %5u blocks, %5u predicted\n", names[type], held[type], expected[type]);
     for (const auto &[name, pool, predicted] : {std::tuple("nodes", MTRIE_POOL_NODE, run.model.pools.nodes),
                                                 std::tuple("leaves", MTRIE_POOL_LEAF, run.model.pools.leaves),
                                                 std::tuple("ECMP blocks", MTRIE_POOL_ECMP, run.model.pools.blocks)})
-        report += plain_text("  %-27s %5u in use, %5u predicted\n", name, used(pool), predicted);
+        report += text("  %-27s %5u in use, %5u predicted\n", name, used(pool), predicted);
     return report;
 }
 
 std::string random_run_compare(random_run &run)
 {
     for (const std::uint32_t ctx : RUN_CONTEXTS) {
-        const std::string difference =
-            first_of({differ(plain_text("context %u route", ctx), rib_of_card(ctx), run.model.rib_text(ctx)),
-                      compare_tree(run, ctx)});
+        const std::string difference = first_of(
+            {differ(text("context %u route", ctx), rib_of_card(ctx), run.model.rib_text(ctx)), compare_tree(run, ctx)});
         if (!difference.empty())
             return "after step " + std::to_string(run.steps) + ": " + difference;
     }
@@ -400,3 +400,4 @@ int random_run_audit()
         broken += rib_check(ctx) + mtrie_check(mtrie_get_root_node(ctx), nullptr);
     return broken;
 }
+} // namespace harness

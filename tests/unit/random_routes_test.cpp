@@ -13,6 +13,8 @@
 #include "norvik_mtrie_pool.h"
 #include "random_run.h"
 
+using namespace harness;
+
 namespace
 {
 

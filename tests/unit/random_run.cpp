@@ -13,6 +13,8 @@
 #include "route_rpc_serv.h"
 #include "scp.h"
 
+namespace harness
+{
 const std::vector<std::uint32_t> RUN_CONTEXTS = {0, 3, 255};
 
 namespace
@@ -249,12 +251,6 @@ const weighted_call CALLS[] = {
 
 // --- Messages.
 
-void put(byte_list &payload, std::size_t at, std::uint32_t value, unsigned width)
-{
-    for (unsigned i = 0; i < width; ++i)
-        payload[at + i] = static_cast<std::uint8_t>(value >> 8 * (width - 1 - i));
-}
-
 // An address and mask of an interface: mostly what the interface manager has, so that ups and downs meet.
 void draw_address(random_run &run, std::uint32_t ifid, std::uint32_t &addr, std::uint32_t &mask)
 {
@@ -269,31 +265,26 @@ void draw_address(random_run &run, std::uint32_t ifid, std::uint32_t &addr, std:
     mask = of->second.mask;
 }
 
-byte_list state_payload(random_run &run)
+byte_string any_state(random_run &run)
 {
-    byte_list payload(48, 0xEE);
-    const std::uint32_t ifid = one_of(run, IFIDS);
-    std::uint32_t addr = 0, mask = 0;
-    draw_address(run, ifid, addr, mask);
-    put(payload, 0, ifid, 2);
-    put(payload, 2, any_context(run), 2);
-    put(payload, 4, addr, 4);
-    put(payload, 21, mask, 4);
-    put(payload, 44, run.one_in(12) ? run.below(3) : 1, 4);
-    return payload;
+    interface_state state;
+    state.ifid = one_of(run, IFIDS);
+    draw_address(run, state.ifid, state.addr, state.mask);
+    state.ctx = any_context(run);
+    state.rmode = run.one_in(12) ? run.below(3) : 1;
+    return state_payload(state);
 }
 
-byte_list change_payload(random_run &run)
+byte_string any_change(random_run &run)
 {
-    byte_list payload(16);
     const std::uint32_t ifid = one_of(run, IFIDS);
     std::uint32_t addr = 0, mask = 0;
     draw_address(run, ifid, addr, mask);
-    put(payload, 0, run.one_in(20) ? ifid | 0x10000 : ifid, 4);
-    put(payload, 4, run.one_in(12) ? 0x7FFFFFFF : 0x80000000 | run.below(3), 4);
-    put(payload, 8, run.one_in(5) ? 0 : addr, 4);
-    put(payload, 12, mask, 4);
-    return payload;
+    address_change change{.old_addr = addr, .ifid = run.one_in(20) ? ifid | 0x10000 : ifid, .old_mask = mask};
+    change.word = run.one_in(12) ? 0x7FFFFFFF : 0x80000000 | run.below(3);
+    if (run.one_in(5))
+        change.old_addr = 0;
+    return change_payload(change);
 }
 
 void draw_message(random_run &run, random_step &step)
@@ -310,7 +301,7 @@ void draw_message(random_run &run, random_step &step)
     step.opcode = one_of(run, opcodes);
     if (step.opcode == 0)
         step.opcode = one_of(run, others);
-    step.payload = step.opcode == MTS_OPC_NORVIK_IF_CHANGED ? change_payload(run) : state_payload(run);
+    step.payload = step.opcode == MTS_OPC_NORVIK_IF_CHANGED ? any_change(run) : any_state(run);
     if (run.one_in(25))
         step.payload.resize(run.below(static_cast<std::uint32_t>(step.payload.size()) + 20));
 }
@@ -463,3 +454,4 @@ std::string random_run_step(random_run &run)
     return difference.empty() ? difference
                               : "step " + std::to_string(run.steps) + ": " + text_of_step(step) + "\n" + difference;
 }
+} // namespace harness

@@ -15,6 +15,8 @@
 #include "fake_card.h"
 #include "plain_model.h"
 
+namespace harness
+{
 // What prefixes a run is about.
 enum class run_kind : unsigned {
     APART,    // none wholly covered by longer ones
@@ -29,7 +31,7 @@ struct random_step {
     std::string procedure;
     std::vector<std::uint32_t> args;
     std::uint32_t opcode = 0;
-    byte_list payload;
+    byte_string payload;
 };
 
 struct random_run {
@@ -57,3 +59,4 @@ std::string random_run_step(random_run &run);
 std::string random_run_compare(random_run &run);
 // The audits of all contexts and pools; 0 when every rule holds.
 int random_run_audit();
+} // namespace harness

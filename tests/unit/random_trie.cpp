@@ -14,6 +14,8 @@
 #include "norvik_mtrie_pool.h"
 #include "prefix_mgr.h"
 
+namespace harness
+{
 struct random_trie::step {
     enum { ADD, REMOVE, DEFAULT_ADD, DEFAULT_REMOVE } kind;
     std::uint32_t tree; // index in TREES
@@ -53,12 +55,6 @@ void check_leaf(const mtrie_leaf *leaf, const plain_leaf *expected)
     }
     ASSERT_EQ(leaf, nullptr);
     ASSERT_EQ(expected, nullptr);
-}
-
-std::uint32_t hw_leaf(const mtrie_leaf *leaf)
-{
-    const card_addr start = mtrie_pools[MTRIE_POOL_LEAF].start;
-    return leaf == nullptr ? NP_MISS : HW_LEAVES + (card_addr_of(leaf) - 4 - start) / 40 * HW_LEAF_BYTES;
 }
 } // namespace
 
@@ -258,3 +254,4 @@ void random_trie::take_steps(unsigned steps)
     for (std::uint32_t index = 0; index < std::size(TREES); ++index)
         ASSERT_NO_FATAL_FAILURE(check_tree(index));
 }
+} // namespace harness

@@ -14,8 +14,9 @@
 
 #include "fake_card.h"
 #include "plain_trie.h"
-#include "processor_walk.h"
 
+namespace harness
+{
 // What prefixes a run is about.
 enum class trie_kind { FEW, MANY, USED_UP };
 constexpr unsigned TRIE_KINDS = 3;
@@ -50,3 +51,4 @@ private:
     std::vector<np_answer> before;
     std::vector<std::vector<np_answer>> seen;
 };
+} // namespace harness

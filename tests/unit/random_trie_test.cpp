@@ -5,6 +5,8 @@
 
 #include "random_trie.h"
 
+using namespace harness;
+
 namespace
 {
 struct random_tries : testing::TestWithParam<std::uint32_t> {

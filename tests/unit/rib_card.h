@@ -14,12 +14,10 @@
 #include "mtrie_records.h"
 #include "rib_check.h"
 #include "rib_table.h"
+#include "route_events.h"
 
-constexpr std::uint16_t CTX = 3, IFID = 5, ENCAP = 0x1234;
-constexpr std::uint32_t IF_ADDR = IP(10, 1, 0, 1), GATEWAY = IP(10, 1, 0, 9);
-
-using text_list = std::vector<std::string>;
-
+namespace harness
+{
 struct rib_card : fake_card {
     rib_card()
     {
@@ -43,9 +41,9 @@ struct rib_card : fake_card {
     void give_tree_back(std::uint32_t ctx) { platform_store32(card_at<std::uint32_t>(memory(0) + 4 * ctx), root_word); }
 
     // Texts of a category that contain `part`.
-    text_list with(std::uint32_t category, const std::string &part) const
+    text_lines with(std::uint32_t category, const std::string &part) const
     {
-        text_list found;
+        text_lines found;
         for (const std::string &text : texts(category))
             if (text.find(part) != std::string::npos)
                 found.push_back(text);
@@ -54,6 +52,14 @@ struct rib_card : fake_card {
 
     std::uint32_t root_word = 0;
 };
+
+// Hands a message over in memory of exactly its size, so that a read behind it is seen.
+inline int deliver(std::uint32_t opcode, const byte_string &payload)
+{
+    const byte_string exact(payload);
+    const mts_message message = {opcode, {0, 600}, static_cast<std::uint32_t>(exact.size()), exact.data()};
+    return route_msg_process(&message);
+}
 
 // The chain entry of a prefix, without a line logged, or null.
 inline route_entry *on_chain(std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len)
@@ -89,3 +95,4 @@ inline unsigned entries_of(std::uint32_t ctx)
     });
     return count;
 }
+} // namespace harness

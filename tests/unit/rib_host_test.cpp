@@ -11,10 +11,12 @@
 #include "rib_static.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
-constexpr std::uint32_t NET = IP(10, 9, 0, 0), MASK16 = 0xFFFF0000, OTHER_GATEWAY = IP(10, 1, 0, 8);
+constexpr std::uint32_t NET = IP(10, 9, 0, 0), OTHER_GATEWAY = IP(10, 1, 0, 8);
 
 std::uint32_t add_host(std::uint32_t addr = GATEWAY, std::uint16_t encap = ENCAP)
 {
@@ -46,7 +48,7 @@ TEST(rib_host, an_arp_host_is_entered_with_the_address_of_its_interface)
     EXPECT_EQ(host->encap_id, ENCAP);
     EXPECT_EQ(host->flags, RIB_F_ARP_HOST | RIB_F_ARP_INSTALLED);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_host, an_arp_host_reported_twice_is_refreshed_and_not_doubled)
@@ -63,19 +65,19 @@ TEST(rib_host, an_arp_host_reported_twice_is_refreshed_and_not_doubled)
     EXPECT_EQ(entries_of(CTX), 1u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_add: enter").size(), 1u) << "installed again";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "SUCCESS"),
-              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010009/32->0077\n"}));
+              (text_lines{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010009/32->0077\n"}));
 }
 
 TEST(rib_host, an_arp_host_on_an_interface_that_is_not_up_is_refused)
 {
     rib_card card;
     card.interfaces[IFID].up = false;
-    const text_list refused = {
+    const text_lines refused = {
         "<Ctx:3>rib_add_host_route, if 5 DOWN, obj 1 addr 0xa010009/32 add Fails, encapid 0x1234\n",
         "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa010009/32, ifid 0x5\n"};
     EXPECT_EQ(add_host(), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), refused);
-    EXPECT_EQ(card.texts(ROUTE_DBG_EVENTS), text_list{}) << "before any search";
+    EXPECT_EQ(card.texts(ROUTE_DBG_EVENTS), text_lines{}) << "before any search";
 
     card.interfaces.erase(IFID); // an unknown interface is not up either
     card.forget();
@@ -101,8 +103,8 @@ TEST(rib_host, a_length_over_32_is_refused_by_add_and_remove)
     EXPECT_EQ(rib_remove_host_route(RIB_OBJ_ARP_HOST, CTX, GATEWAY, 33), nullptr);
     EXPECT_EQ(
         card.lines(),
-        (text_list{"100 <Ctx:3>rib_add_host_route, wrong mask, host addr 0xa010009/33 add Fails, encapid 0x1234\n",
-                   "100 <Ctx:3>rib_remove_host_route, wrong mask, host addr 0xa010009/33 remove Fails\n"}));
+        (text_lines{"100 <Ctx:3>rib_add_host_route, wrong mask, host addr 0xa010009/33 add Fails, encapid 0x1234\n",
+                    "100 <Ctx:3>rib_remove_host_route, wrong mask, host addr 0xa010009/33 remove Fails\n"}));
 }
 
 TEST(rib_host, an_interface_address_added_twice_is_rejected_as_a_duplicate)
@@ -112,7 +114,7 @@ TEST(rib_host, an_interface_address_added_twice_is_rejected_as_a_duplicate)
     card.forget();
     EXPECT_EQ(rib_add_host_route(RIB_OBJ_INTERFACE, CTX, IFID, NET + 5, 16, ENCAP), nullptr);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a090000/16\n"}));
+              (text_lines{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a090000/16\n"}));
     EXPECT_EQ(entries_of(CTX), 1u);
 }
 
@@ -142,7 +144,7 @@ TEST(rib_host, an_interface_without_a_route_mode_refuses_the_host)
     rib_card card;
     card.interfaces[IFID].has_rmode = false;
     EXPECT_EQ(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, GATEWAY, 32, ENCAP), nullptr);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>Failed to get route mode for ifId 5"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>Failed to get route mode for ifId 5"}));
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
     EXPECT_EQ(entries_of(CTX), 0u);
 }
@@ -180,7 +182,7 @@ TEST(rib_host, an_interface_without_an_address_gives_next_hop_0)
     const route_entry *const host = rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, GATEWAY, 32, ENCAP);
     ASSERT_NE(host, nullptr);
     EXPECT_EQ(host->nexthop, 0u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_host, a_host_without_memory_is_refused_in_silence)
@@ -188,7 +190,7 @@ TEST(rib_host, a_host_without_memory_is_refused_in_silence)
     rib_card card;
     card.fail_alloc(MTRACK_ROUTE_ENTRY_1, 1);
     EXPECT_EQ(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, GATEWAY, 32, ENCAP), nullptr);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
     EXPECT_EQ(entries_of(CTX), 0u);
 }
 
@@ -198,8 +200,9 @@ TEST(rib_host, removing_a_host_where_only_an_interface_entry_exists_leaves_it_in
     ASSERT_NE(rib_add_host_route(RIB_OBJ_INTERFACE, CTX, IFID, GATEWAY, 32, ENCAP), nullptr);
     card.forget();
     EXPECT_EQ(rib_remove_host_route(RIB_OBJ_ARP_HOST, CTX, GATEWAY, 32), nullptr);
-    EXPECT_EQ(card.lines(), (text_list{"100 <Ctx:3>rib_remove_host_route, wrong entry 0xa010009/32 flags 10, host addr "
-                                       "0xa010009/32 remove obj 1 Fails\n"}));
+    EXPECT_EQ(card.lines(),
+              (text_lines{"100 <Ctx:3>rib_remove_host_route, wrong entry 0xa010009/32 flags 10, host addr "
+                          "0xa010009/32 remove obj 1 Fails\n"}));
     EXPECT_EQ(entries_of(CTX), 1u);
 }
 
@@ -209,8 +212,8 @@ TEST(rib_host, removing_an_interface_entry_where_only_a_host_exists_leaves_it_in
     ASSERT_NE(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, GATEWAY, 32, ENCAP), nullptr);
     card.forget();
     EXPECT_EQ(rib_remove_host_route(RIB_OBJ_INTERFACE, CTX, GATEWAY, 32), nullptr);
-    EXPECT_EQ(card.lines(), (text_list{"100 <Ctx:3>rib_remove_host_route, wrong entry 0xa010009/32 flags 1, host addr "
-                                       "0xa010009/32 remove obj 2 Fails\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"100 <Ctx:3>rib_remove_host_route, wrong entry 0xa010009/32 flags 1, host addr "
+                                        "0xa010009/32 remove obj 2 Fails\n"}));
 }
 
 TEST(rib_host, removing_any_other_object_takes_whatever_the_chain_holds)
@@ -220,7 +223,7 @@ TEST(rib_host, removing_any_other_object_takes_whatever_the_chain_holds)
     card.forget();
     EXPECT_EQ(rib_remove_host_route(RIB_OBJ_MCAST_DROP, CTX, NET + 5, 16), added);
     EXPECT_EQ(card.lines(),
-              (text_list{"105 <Ctx:3>rib_remove_host_route: deleting route 0xa090000/16 (flags 0x10) \n"}));
+              (text_lines{"105 <Ctx:3>rib_remove_host_route: deleting route 0xa090000/16 (flags 0x10) \n"}));
     mtrack_free(added);
 }
 
@@ -233,7 +236,7 @@ TEST(rib_host, a_removal_logs_the_flags_after_clearing_and_no_search)
     ASSERT_NE(host, nullptr);
     EXPECT_EQ(host->flags, RIB_F_ARP_INSTALLED);
     EXPECT_EQ(card.lines(),
-              (text_list{"105 <Ctx:3>rib_remove_host_route: deleting route 0xa010009/32 (flags 0x2) \n"}));
+              (text_lines{"105 <Ctx:3>rib_remove_host_route: deleting route 0xa010009/32 (flags 0x2) \n"}));
     mtrack_free(host);
 }
 
@@ -242,7 +245,7 @@ TEST(rib_host, a_removal_that_finds_nothing_logs_the_masked_address)
     rib_card card;
     EXPECT_EQ(rib_remove_host_route(RIB_OBJ_INTERFACE, CTX, NET + 5, 16), nullptr);
     EXPECT_EQ(card.lines(),
-              (text_list{"105 <Ctx:3>rib_remove_host_route: fail to find routeid 3 ip 0xa090000/16 obj 2 \n"}));
+              (text_lines{"105 <Ctx:3>rib_remove_host_route: fail to find routeid 3 ip 0xa090000/16 obj 2 \n"}));
 }
 
 TEST(rib_host, a_removal_keeps_the_neighbours_on_the_chain)
@@ -275,8 +278,8 @@ TEST(rib_host, a_combined_add_returns_the_entry_with_the_callers_flags_and_logs_
     EXPECT_EQ(entry->prefix, NET);
     EXPECT_EQ(entry->flags, RIB_F_INTERFACE | RIB_F_CONNECTED);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "add to rib"),
-              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa090000/16->0021\n"}));
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+              (text_lines{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa090000/16->0021\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_host, a_combined_add_that_the_rib_refuses_logs_the_address_as_given)
@@ -284,8 +287,8 @@ TEST(rib_host, a_combined_add_that_the_rib_refuses_logs_the_address_as_given)
     rib_card card;
     EXPECT_EQ(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, NET + 5, 33, IFID, CTX), nullptr);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_host_route, wrong mask, host addr 0xa090005/33 add Fails, encapid 0x1234\n",
-                         "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa090005/33, ifid 0x5\n"}));
+              (text_lines{"<Ctx:3>rib_add_host_route, wrong mask, host addr 0xa090005/33 add Fails, encapid 0x1234\n",
+                          "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa090005/33, ifid 0x5\n"}));
 }
 
 TEST(rib_host, a_combined_add_that_the_forwarding_table_refuses_takes_the_entry_out_again)
@@ -293,7 +296,7 @@ TEST(rib_host, a_combined_add_that_the_forwarding_table_refuses_takes_the_entry_
     rib_card card;
     card.take_tree(CTX);
     EXPECT_EQ(route_add_rib_and_mtrie_entry(0, ENCAP, RIB_OBJ_INTERFACE, NET + 5, 16, IFID, CTX), nullptr);
-    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "adding"), (text_list{"<Ctx:0>adding Mtrie FAILURE 0xa090000/16->1234\n"}));
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "adding"), (text_lines{"<Ctx:0>adding Mtrie FAILURE 0xa090000/16->1234\n"}));
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO).back(),
               "<Ctx:3>rib_remove_host_route: deleting route 0xa090000/16 (flags 0x10) \n");
     EXPECT_EQ(entries_of(CTX), 0u);
@@ -350,9 +353,9 @@ TEST(rib_host, a_combined_remove_of_nothing_is_an_error_with_the_address_as_give
     rib_card card;
     EXPECT_EQ(route_remove_rib_and_mtrie_entry(RIB_OBJ_INTERFACE, 0, NET + 5, 16, CTX, 0), nullptr);
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO),
-              (text_list{"<Ctx:3>rib_remove_host_route: fail to find routeid 3 ip 0xa090000/16 obj 2 \n"}));
+              (text_lines{"<Ctx:3>rib_remove_host_route: fail to find routeid 3 ip 0xa090000/16 obj 2 \n"}));
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:0>route_remove_rib_and_mtrie_entry: rib remove failed, addr 0xa090005/16\n"}));
+              (text_lines{"<Ctx:0>route_remove_rib_and_mtrie_entry: rib remove failed, addr 0xa090005/16\n"}));
 }
 
 TEST(rib_host, a_combined_remove_that_the_forwarding_table_refuses_stands_in_the_rib)
@@ -388,7 +391,7 @@ TEST(rib_host, a_host_that_arrives_completes_the_routes_that_wait_for_it)
     EXPECT_EQ(route->encap_id, ENCAP);
     EXPECT_EQ(on_chain(CTX, NET + 0x10000, 16)->flags, RIB_F_GATEWAY) << "it waits for another";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "add_host"),
-              (text_list{"<Ctx:3>\nadd_host route =0xa090000 found, ifid 5, encapid 4660\n"}));
+              (text_lines{"<Ctx:3>\nadd_host route =0xa090000 found, ifid 5, encapid 4660\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rib_add_mtrie_route").size(), 1u);
 }
 
@@ -403,7 +406,7 @@ TEST(rib_host, a_waiting_member_is_completed_without_a_line_of_its_own)
     EXPECT_EQ(head->flags, RIB_F_GATEWAY | RIB_F_ECMP);
     EXPECT_EQ(head->ecmp->flags, RIB_F_GATEWAY | RIB_F_ECMP | RIB_F_IN_MTRIE);
     EXPECT_EQ(head->ecmp->ifid, IFID);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "add_host"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "add_host"), text_lines{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rib_add_mtrie_route").size(), 1u);
 }
 
@@ -427,7 +430,7 @@ TEST(rib_host, a_removed_host_withdraws_its_routes_and_keeps_them_until_it_comes
     EXPECT_EQ(head->ecmp->flags, RIB_F_GATEWAY | RIB_F_ECMP);
     EXPECT_EQ(head->ecmp->encap_id, 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rem_host"),
-              (text_list{"<Ctx:3>rem_host route =0xa090000 found, ifid 5, encapid 4660\n"}));
+              (text_lines{"<Ctx:3>rem_host route =0xa090000 found, ifid 5, encapid 4660\n"}));
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u);
 
     EXPECT_EQ(add_host(GATEWAY, 0x66), 0u);
@@ -465,11 +468,11 @@ TEST(rib_host, the_arp_procedures_serve_arp_hosts_only)
     EXPECT_EQ(arp_prefix_mgr_remove_route(RIB_OBJ_INTERFACE, GATEWAY, 32, 9, ENCAP, IFID, CTX), 1u);
     EXPECT_EQ(
         card.lines(),
-        (text_list{"100 <Ctx:3>arp_prefix_mgr_add_route, Object NOT supported, addr 0xa010009/32, encapid 0x1234, "
-                   "ifid 0x5\n",
-                   "100 <Ctx:3>arp_prefix_mgr_remove_route, object NOT supported, addr 0xa010009, encapid 0x1234, "
-                   "ifid 0x5\n"}));
-    EXPECT_EQ(card.calls, text_list{});
+        (text_lines{"100 <Ctx:3>arp_prefix_mgr_add_route, Object NOT supported, addr 0xa010009/32, encapid 0x1234, "
+                    "ifid 0x5\n",
+                    "100 <Ctx:3>arp_prefix_mgr_remove_route, object NOT supported, addr 0xa010009, encapid 0x1234, "
+                    "ifid 0x5\n"}));
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(rib_host, a_host_removal_flushes_the_route_cache_and_frees_the_host)

@@ -4,17 +4,18 @@
 #include <algorithm>
 
 #include "mtrack.h"
-#include "processor_walk.h"
 #include "rib_card.h"
 #include "rib_host.h"
 #include "rib_nat.h"
 #include "rib_static.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
-constexpr std::uint32_t MASK16 = 0xFFFF0000, MASK24 = 0xFFFFFF00, MASK31 = 0xFFFFFFFE, MASK32 = 0xFFFFFFFF;
+constexpr std::uint32_t MASK31 = 0xFFFFFFFE;
 constexpr std::uint32_t NET = IP(10, 9, 0, 0), POOL = IP(10, 8, 0, 16), NOTIFY = 1, QUIET = 0, CLEANUP = 1, KEEP = 0;
 
 std::uint32_t bring_up(std::uint32_t mask = MASK24, std::uint32_t notify = NOTIFY, std::uint32_t addr = IF_ADDR)
@@ -33,9 +34,9 @@ std::uint32_t learn(std::uint32_t addr = GATEWAY)
 }
 
 // Chain entries as "prefix/len flags encap ifid", sorted.
-text_list routes(std::uint32_t ctx = CTX)
+text_lines routes(std::uint32_t ctx = CTX)
 {
-    text_list found;
+    text_lines found;
     (void)rib_find_entry(ctx, [&found](const route_entry *entry) {
         char text[80];
         (void)std::snprintf(text, sizeof text, "%08x/%u %04x %04x %u", entry->prefix, entry->len,
@@ -65,8 +66,8 @@ bool has_no_route(const fake_card &card, unsigned copy, std::uint32_t tree, std:
     return np_find(card, copy, tree, addr) == np_find(card, copy, tree, IP(99, 0, 0, 1));
 }
 
-const text_list UP_ROUTES = {"0a010000/24 0030 0000 5", "0a010000/32 0010 8001 5", "0a010001/32 0010 8001 5",
-                             "0a0100ff/32 0010 8001 5"};
+const text_lines UP_ROUTES = {"0a010000/24 0030 0000 5", "0a010000/32 0010 8001 5", "0a010001/32 0010 8001 5",
+                              "0a0100ff/32 0010 8001 5"};
 
 std::vector<std::uint8_t> event_record(std::uint32_t ctx, std::uint32_t addr, std::uint32_t mask, std::uint32_t ifid)
 {
@@ -99,7 +100,7 @@ TEST(rib_interface, an_interface_brings_its_address_its_subnet_and_the_subnets_f
     expect_route(IP(10, 1, 0, 0), 32, 0x0010);
     expect_route(IP(10, 1, 0, 255), 32, 0x0010);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 4u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_interface, the_processors_find_the_address_locally_and_ask_for_the_hosts_of_the_subnet)
@@ -122,13 +123,13 @@ TEST(rib_interface, the_routes_are_added_in_their_order_after_the_first_line)
     rib_card card;
     ASSERT_EQ(bring_up(), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_add_interface"),
-              (text_list{"<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =24\n"}));
+              (text_lines{"<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =24\n"}));
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO).front(), "<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =24\n");
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "SUCCESS"),
-              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
-                         "<Ctx:0>add to rib and Mtrie SUCCESS 0xa010000/24->0000\n",
-                         "<Ctx:0>add to rib and Mtrie SUCCESS 0xa010000/32->8001\n",
-                         "<Ctx:0>add to rib and Mtrie SUCCESS 0xa0100ff/32->8001\n"}));
+              (text_lines{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
+                          "<Ctx:0>add to rib and Mtrie SUCCESS 0xa010000/24->0000\n",
+                          "<Ctx:0>add to rib and Mtrie SUCCESS 0xa010000/32->8001\n",
+                          "<Ctx:0>add to rib and Mtrie SUCCESS 0xa0100ff/32->8001\n"}));
 }
 
 TEST(rib_interface, the_add_announces_the_context_that_the_interface_manager_reports)
@@ -138,7 +139,7 @@ TEST(rib_interface, the_add_announces_the_context_that_the_interface_manager_rep
     ASSERT_EQ(bring_up(), 0u);
     expect_sent(card, 0x1005, event_record(7, IF_ADDR, MASK24, IFID));
     EXPECT_EQ(card.calls.size(), 1u) << "an announcement and nothing else";
-    EXPECT_EQ(card.queries, text_list{"if_get_context_id 5"});
+    EXPECT_EQ(card.queries, text_lines{"if_get_context_id 5"});
 }
 
 TEST(rib_interface, the_add_announces_all_ones_when_the_interface_manager_has_no_context)
@@ -155,7 +156,7 @@ TEST(rib_interface, a_quiet_add_announces_nothing)
     EXPECT_EQ(bring_up(MASK24, QUIET), 0u);
     EXPECT_EQ(routes(), UP_ROUTES);
     EXPECT_EQ(card.sent.size(), 0u);
-    EXPECT_EQ(card.queries, text_list{}) << "the context is not asked for";
+    EXPECT_EQ(card.queries, text_lines{}) << "the context is not asked for";
 }
 
 TEST(rib_interface, the_removal_announces_the_context_that_it_was_given)
@@ -174,7 +175,7 @@ TEST(rib_interface, a_removal_takes_all_four_routes_and_frees_them)
     ASSERT_EQ(bring_up(), 0u);
     card.forget();
     EXPECT_EQ(bring_down(), 0u);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
         EXPECT_TRUE(has_no_route(card, copy, CTX, IF_ADDR)) << "copy " << copy;
@@ -182,13 +183,13 @@ TEST(rib_interface, a_removal_takes_all_four_routes_and_frees_them)
               "<Ctx:3>norvik_remove_interface: ifid =5, ip=10.1.0.1  maskbits =24\n");
     const std::string removed = "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS ";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "SUCCESS"),
-              (text_list{removed + "0xa010001/32\n", removed + "0xa010000/32\n", removed + "0xa0100ff/32\n",
-                         removed + "0xa010001/24\n"}));
+              (text_lines{removed + "0xa010001/32\n", removed + "0xa010000/32\n", removed + "0xa0100ff/32\n",
+                          removed + "0xa010001/24\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "deleting"),
-              (text_list{"<Ctx:3>rib_remove_host_route: deleting route 0xa010001/32 (flags 0x10) \n",
-                         "<Ctx:3>rib_remove_host_route: deleting route 0xa010000/32 (flags 0x10) \n",
-                         "<Ctx:3>rib_remove_host_route: deleting route 0xa0100ff/32 (flags 0x10) \n",
-                         "<Ctx:3>rib_remove_host_route: deleting route 0xa010000/24 (flags 0x30) \n"}));
+              (text_lines{"<Ctx:3>rib_remove_host_route: deleting route 0xa010001/32 (flags 0x10) \n",
+                          "<Ctx:3>rib_remove_host_route: deleting route 0xa010000/32 (flags 0x10) \n",
+                          "<Ctx:3>rib_remove_host_route: deleting route 0xa0100ff/32 (flags 0x10) \n",
+                          "<Ctx:3>rib_remove_host_route: deleting route 0xa010000/24 (flags 0x30) \n"}));
 }
 
 TEST(rib_interface, a_removal_of_what_is_not_there_skips_each_route_and_still_announces_and_flushes)
@@ -196,8 +197,8 @@ TEST(rib_interface, a_removal_of_what_is_not_there_skips_each_route_and_still_an
     rib_card card;
     EXPECT_EQ(bring_down(), 0u);
     const std::string missing = "<Ctx:0>route_remove_rib_and_mtrie_entry: rib remove failed, addr ";
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{missing + "0xa010001/32\n", missing + "0xa010000/32\n",
-                                                       missing + "0xa0100ff/32\n", missing + "0xa010001/24\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{missing + "0xa010001/32\n", missing + "0xa010000/32\n",
+                                                        missing + "0xa0100ff/32\n", missing + "0xa010001/24\n"}));
     ASSERT_EQ(card.calls.size(), 4u);
     EXPECT_EQ(card.calls[0].rfind("mts_send", 0), 0u) << card.calls[0];
     EXPECT_EQ(card.calls[1].rfind("syscall_open", 0), 0u) << card.calls[1];
@@ -214,7 +215,7 @@ TEST(rib_interface, a_removal_never_fails_even_when_the_flush_does)
     card.flush_result = -5;
     EXPECT_EQ(bring_down(), 0u);
     EXPECT_NE(card.printed().find("Error -5 from tn_flush_rt_cache: "), std::string::npos);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
 }
 
 TEST(rib_interface, a_removal_without_cleanup_takes_only_the_interfaces_own_routes)
@@ -225,21 +226,21 @@ TEST(rib_interface, a_removal_without_cleanup_takes_only_the_interfaces_own_rout
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK16, GATEWAY), 0u);
     card.forget();
     EXPECT_EQ(bring_down(KEEP), 0u);
-    EXPECT_EQ(routes(), (text_list{"0a010009/32 0003 1234 5", "0a090000/16 000c 1234 5"}));
+    EXPECT_EQ(routes(), (text_lines{"0a010009/32 0003 1234 5", "0a090000/16 000c 1234 5"}));
     EXPECT_EQ(card.sent.size(), 0u);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "ifdown"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "ifdown"), text_lines{});
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
 }
 
 TEST(rib_interface, the_deleted_flag_of_a_removal_changes_nothing)
 {
-    text_list lines[2];
+    text_lines lines[2];
     for (const std::uint32_t deleted : {0u, 1u}) {
         rib_card card;
         ASSERT_EQ(bring_up(), 0u);
         card.forget();
         EXPECT_EQ(norvik_remove_interface(IF_ADDR, MASK24, IFID, CTX, CLEANUP, deleted), 0u);
-        EXPECT_EQ(routes(), text_list{});
+        EXPECT_EQ(routes(), text_lines{});
         lines[deleted] = card.lines();
     }
     EXPECT_EQ(lines[0], lines[1]);
@@ -250,53 +251,53 @@ TEST(rib_interface, a_host_mask_fails_at_the_subnet_and_takes_the_address_back)
 {
     rib_card card;
     EXPECT_EQ(bring_up(MASK32), 1u);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n",
-                         "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa010001/32, ifid 0x5\n"}));
+              (text_lines{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n",
+                          "<Ctx:0>route_add_rib_and_mtrie_entry: rib add failed, addr 0xa010001/32, ifid 0x5\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "SUCCESS"),
-              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
-                         "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/32\n"}));
-    EXPECT_EQ(card.calls, text_list{}) << "neither announced nor flushed";
+              (text_lines{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
+                          "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/32\n"}));
+    EXPECT_EQ(card.calls, text_lines{}) << "neither announced nor flushed";
 }
 
 TEST(rib_interface, a_mask_of_31_bits_fails_at_the_broadcast_address_when_the_address_is_the_upper_one)
 {
     rib_card card;
     EXPECT_EQ(bring_up(MASK31), 1u);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     const std::string removed = "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS ";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "remove from"),
-              (text_list{removed + "0xa010000/32\n", removed + "0xa010001/31\n", removed + "0xa010001/32\n"}))
+              (text_lines{removed + "0xa010000/32\n", removed + "0xa010001/31\n", removed + "0xa010001/32\n"}))
         << "in reverse order";
-    EXPECT_EQ(card.calls, text_list{});
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(rib_interface, a_mask_of_31_bits_fails_at_the_network_address_when_the_address_is_the_lower_one)
 {
     rib_card card;
     EXPECT_EQ(bring_up(MASK31, NOTIFY, IP(10, 1, 0, 4)), 1u);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     const std::string removed = "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS ";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "remove from"),
-              (text_list{removed + "0xa010004/31\n", removed + "0xa010004/32\n"}));
+              (text_lines{removed + "0xa010004/31\n", removed + "0xa010004/32\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rejecting"),
-              (text_list{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010004/32\n"}));
+              (text_lines{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010004/32\n"}));
 }
 
 TEST(rib_interface, without_a_mask_the_network_address_is_the_address_itself_and_is_refused)
 {
     rib_card card;
     EXPECT_EQ(bring_up(0), 1u);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "SUCCESS"),
-              (text_list{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
-                         "<Ctx:0>add to rib and Mtrie SUCCESS 0x0/0->0000\n",
-                         "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/0\n",
-                         "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/32\n"}));
+              (text_lines{"<Ctx:0>add to rib and Mtrie SUCCESS 0xa010001/32->8001\n",
+                          "<Ctx:0>add to rib and Mtrie SUCCESS 0x0/0->0000\n",
+                          "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/0\n",
+                          "<Ctx:0>route_remove_rib_and_mtrie_entry:remove from rib and Mtrie SUCCESS 0xa010001/32\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rejecting"),
-              (text_list{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n"}));
+              (text_lines{"<Ctx:3>rib_add_host_route:rejecting duplicate entry:a010001/32\n"}));
 }
 
 TEST(rib_interface, an_interface_brought_up_twice_loses_nothing_of_the_first_time)
@@ -315,10 +316,10 @@ TEST(rib_interface, memory_short_at_any_of_the_four_routes_leaves_none)
         rib_card card;
         card.fail_alloc(MTRACK_ROUTE_ENTRY_1, nth);
         EXPECT_EQ(bring_up(), 1u) << "route " << nth;
-        EXPECT_EQ(routes(), text_list{}) << "route " << nth;
+        EXPECT_EQ(routes(), text_lines{}) << "route " << nth;
         EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u) << "route " << nth;
         EXPECT_EQ(card.with(ROUTE_DBG_INFO, "remove from").size(), nth - 1) << "route " << nth;
-        EXPECT_EQ(card.calls, text_list{}) << "route " << nth;
+        EXPECT_EQ(card.calls, text_lines{}) << "route " << nth;
         EXPECT_EQ(bring_up(), 0u) << "route " << nth;
         EXPECT_EQ(routes(), UP_ROUTES);
     }
@@ -332,8 +333,8 @@ TEST(rib_interface, a_forwarding_table_that_refuses_fails_the_add_without_touchi
     card.take_tree(CTX);
     EXPECT_EQ(bring_up(), 1u);
     card.give_tree_back(CTX);
-    EXPECT_EQ(routes(), (text_list{"0a080010/30 0080 0077 5"}));
-    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "FAILURE"), (text_list{"<Ctx:0>adding Mtrie FAILURE 0xa010001/32->8001\n"}));
+    EXPECT_EQ(routes(), (text_lines{"0a080010/30 0080 0077 5"}));
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "FAILURE"), (text_lines{"<Ctx:0>adding Mtrie FAILURE 0xa010001/32->8001\n"}));
     EXPECT_EQ(card.sent.size(), 0u);
 }
 
@@ -345,7 +346,7 @@ TEST(rib_interface, an_interface_going_down_withdraws_static_routes_through_its_
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK16, GATEWAY), 0u);
     card.forget();
     EXPECT_EQ(bring_down(), 0u);
-    EXPECT_EQ(routes(), (text_list{"0a090000/16 0004 0000 0"}));
+    EXPECT_EQ(routes(), (text_lines{"0a090000/16 0004 0000 0"}));
     EXPECT_EQ(on_chain(CTX, NET, 16)->nexthop, GATEWAY);
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
         EXPECT_TRUE(has_no_route(card, copy, CTX, NET + 1)) << "copy " << copy;
@@ -363,7 +364,7 @@ TEST(rib_interface, the_cleanup_runs_hosts_then_static_routes_then_the_announcem
     rib_card card;
     card.log_in_calls = true;
     EXPECT_EQ(bring_down(), 0u);
-    text_list tail;
+    text_lines tail;
     for (const std::string &call : card.calls)
         if (call.find("ifdown") != std::string::npos || call.rfind("mts_send", 0) == 0 ||
             call.rfind("tn_flush", 0) == 0)
@@ -386,19 +387,19 @@ TEST(rib_interface, host_cleanup_drops_the_hosts_learned_on_the_address_and_no_o
     ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, IP(10, 2, 0, 9), 32, 0x55, 6, CTX), 0u);
     card.forget();
     norvik_remove_host_ifdown(CTX, IF_ADDR);
-    EXPECT_EQ(routes(), (text_list{"0a020009/32 0003 0055 6"}));
+    EXPECT_EQ(routes(), (text_lines{"0a020009/32 0003 0055 6"}));
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u);
     EXPECT_TRUE(has_no_route(card, 1, CTX, GATEWAY));
     EXPECT_EQ(np_find(card, 1, CTX, IP(10, 2, 0, 9)).adjacency, 0x00060055u);
-    text_list removed = card.with(ROUTE_DBG_INFO, "Removed OK");
+    text_lines removed = card.with(ROUTE_DBG_INFO, "Removed OK");
     std::sort(removed.begin(), removed.end());
-    EXPECT_EQ(removed, (text_list{"<Ctx:3>norvik_remove_host_ifdown: (1) Removed OK routeid (3) 0a010009/32 nexthop "
-                                  "0a010001 encapid 1234\n",
-                                  "<Ctx:3>norvik_remove_host_ifdown: (1) Removed OK routeid (3) 0a010028/32 nexthop "
-                                  "0a010001 encapid 1234\n"}));
+    EXPECT_EQ(removed, (text_lines{"<Ctx:3>norvik_remove_host_ifdown: (1) Removed OK routeid (3) 0a010009/32 nexthop "
+                                   "0a010001 encapid 1234\n",
+                                   "<Ctx:3>norvik_remove_host_ifdown: (1) Removed OK routeid (3) 0a010028/32 nexthop "
+                                   "0a010001 encapid 1234\n"}));
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO).front(), "<Ctx:3>norvik_remove_host_ifdown(ip 0xa010001)\n");
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO).back(), "<Ctx:3>DONE: norvik_remove_host_ifdown(ip 0xa010001)\n");
-    EXPECT_EQ(card.calls, text_list{}) << "nothing is flushed or announced";
+    EXPECT_EQ(card.calls, text_lines{}) << "nothing is flushed or announced";
 }
 
 TEST(rib_interface, host_cleanup_drops_a_host_also_when_the_forwarding_table_refuses)
@@ -409,11 +410,11 @@ TEST(rib_interface, host_cleanup_drops_a_host_also_when_the_forwarding_table_ref
     card.take_tree(CTX);
     norvik_remove_host_ifdown(CTX, IF_ADDR);
     card.give_tree_back(CTX);
-    EXPECT_EQ(routes(), text_list{});
+    EXPECT_EQ(routes(), text_lines{});
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "ifdown"),
-              (text_list{"<Ctx:3>norvik_remove_host_ifdown: (1) Unable to remove routeid (3) 0a010009/32 nexthop "
-                         "0a010001 encapid 1234\n"}));
+              (text_lines{"<Ctx:3>norvik_remove_host_ifdown: (1) Unable to remove routeid (3) 0a010009/32 nexthop "
+                          "0a010001 encapid 1234\n"}));
 }
 
 TEST(rib_interface, host_cleanup_frees_a_host_that_was_never_programmed_without_a_line)
@@ -422,8 +423,8 @@ TEST(rib_interface, host_cleanup_frees_a_host_that_was_never_programmed_without_
     ASSERT_NE(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, GATEWAY, 32, ENCAP), nullptr);
     card.forget();
     norvik_remove_host_ifdown(CTX, IF_ADDR);
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>norvik_remove_host_ifdown(ip 0xa010001)\n",
-                                       "105 <Ctx:3>DONE: norvik_remove_host_ifdown(ip 0xa010001)\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"105 <Ctx:3>norvik_remove_host_ifdown(ip 0xa010001)\n",
+                                        "105 <Ctx:3>DONE: norvik_remove_host_ifdown(ip 0xa010001)\n"}));
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 0u);
 }
 
@@ -453,7 +454,7 @@ TEST(rib_interface, host_cleanup_of_a_sets_head_takes_the_members_off_the_chain_
     EXPECT_EQ(entries_of(CTX), 0u);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 1u) << "the member is not given back";
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "Removed OK").size(), 2u) << "the head and its chain neighbour";
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_interface, host_cleanup_leaves_static_routes_through_the_hosts_programmed)
@@ -462,7 +463,7 @@ TEST(rib_interface, host_cleanup_leaves_static_routes_through_the_hosts_programm
     ASSERT_EQ(learn(), 0u);
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK16, GATEWAY), 0u);
     norvik_remove_host_ifdown(CTX, IF_ADDR);
-    EXPECT_EQ(routes(), (text_list{"0a090000/16 000c 1234 5"}));
+    EXPECT_EQ(routes(), (text_lines{"0a090000/16 000c 1234 5"}));
 }
 
 TEST(rib_interface, static_cleanup_counts_neither_the_network_nor_the_broadcast_address_as_inside)
@@ -503,17 +504,17 @@ TEST(rib_interface, static_cleanup_logs_a_route_before_it_leaves_the_table_and_a
     EXPECT_EQ(head->ecmp->ifid, 0);
     EXPECT_EQ(head->ecmp->encap_id, 0u);
     EXPECT_EQ(head->ecmp_count, 2);
-    const text_list route_lines = card.with(ROUTE_DBG_INFO, "oute");
-    text_list about;
+    const text_lines route_lines = card.with(ROUTE_DBG_INFO, "oute");
+    text_lines about;
     for (const std::string &line : route_lines)
         if (line.find("remove_static_ifdown route") != std::string::npos ||
             line.find("rib_remove_mtrie_route") != std::string::npos)
             about.push_back(line);
-    EXPECT_EQ(about, (text_list{"<Ctx:3>remove_static_ifdown route =0xa090000 found, ifid 5, encapid 4660\n",
-                                "<Ctx:3>rib_remove_mtrie_route: (1) Removed OK routeid (3) 0a090000/16 nexthop "
-                                "0a010009 encapid 1234\n",
-                                "<Ctx:3>rib_remove_mtrie_route: (1) Removed OK routeid (3) 0a090000/16 nexthop "
-                                "0a010008 encapid 1234\n"}));
+    EXPECT_EQ(about, (text_lines{"<Ctx:3>remove_static_ifdown route =0xa090000 found, ifid 5, encapid 4660\n",
+                                 "<Ctx:3>rib_remove_mtrie_route: (1) Removed OK routeid (3) 0a090000/16 nexthop "
+                                 "0a010009 encapid 1234\n",
+                                 "<Ctx:3>rib_remove_mtrie_route: (1) Removed OK routeid (3) 0a090000/16 nexthop "
+                                 "0a010008 encapid 1234\n"}));
 }
 
 TEST(rib_interface, static_cleanup_withdraws_a_member_also_when_the_head_stays)
@@ -531,7 +532,7 @@ TEST(rib_interface, static_cleanup_withdraws_a_member_also_when_the_head_stays)
     EXPECT_EQ(head->ifid, 6);
     EXPECT_EQ(head->ecmp->flags, RIB_F_GATEWAY | RIB_F_ECMP);
     EXPECT_EQ(head->ecmp->ifid, 0);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "remove_static_ifdown route"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "remove_static_ifdown route"), text_lines{});
 }
 
 TEST(rib_interface, static_cleanup_forgets_the_way_also_when_the_forwarding_table_refuses)
@@ -566,7 +567,7 @@ TEST(rib_interface, cleanup_leaves_other_contexts_alone)
     ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, GATEWAY, 32, ENCAP, 6, CTX + 1), 0u);
     ASSERT_EQ(rib_add_route(CTX + 1, CTX + 1, NET, MASK16, GATEWAY), 0u);
     EXPECT_EQ(bring_down(), 0u);
-    EXPECT_EQ(routes(CTX + 1), (text_list{"0a010009/32 0003 1234 6", "0a090000/16 000c 1234 6"}));
+    EXPECT_EQ(routes(CTX + 1), (text_lines{"0a010009/32 0003 1234 6", "0a090000/16 000c 1234 6"}));
 }
 
 TEST(rib_interface, an_interface_coming_up_programs_its_nat_routes_and_going_down_keeps_them_in_the_rib)
@@ -590,7 +591,7 @@ TEST(rib_interface, an_interface_coming_up_programs_its_nat_routes_and_going_dow
     EXPECT_EQ(on_chain(CTX, POOL, 29)->encap_id, 0x77u);
     for (unsigned copy = 0; copy < NP_COPIES; ++copy)
         EXPECT_TRUE(has_no_route(card, copy, CTX, POOL + 3)) << "copy " << copy;
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_interface, an_interface_removal_does_not_touch_nat_routes)
@@ -607,7 +608,7 @@ TEST(rib_interface, a_nat_route_that_is_up_already_is_complained_about_and_left)
     ASSERT_EQ(rib_add_nat_pool(CTX, IFID, POOL, 8, 0x77), 0u);
     card.forget();
     norvik_add_nat_ifup(CTX, IFID);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>NAT entry up for down intf a080010/29 ifid:5\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>NAT entry up for down intf a080010/29 ifid:5\n"}));
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT | RIB_F_NAT_IN_MTRIE);
 }
 
@@ -618,7 +619,7 @@ TEST(rib_interface, a_nat_route_that_is_down_already_is_complained_about_and_lef
     ASSERT_EQ(rib_add_nat_pool(CTX, IFID, POOL, 8, 0x77), 0u);
     card.forget();
     norvik_remove_nat_ifdown(CTX, IFID);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>NAT entry down for up intf a080010/29 ifid:5\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>NAT entry down for up intf a080010/29 ifid:5\n"}));
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT);
 }
 
@@ -632,7 +633,7 @@ TEST(rib_interface, a_nat_route_that_the_forwarding_table_refuses_stays_as_it_wa
     norvik_add_nat_ifup(CTX, IFID);
     card.give_tree_back(CTX);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "NAT entry"),
-              (text_list{"<Ctx:3>NAT entry mtrie add failed a080010/29 ifid:5 (0)\n"}));
+              (text_lines{"<Ctx:3>NAT entry mtrie add failed a080010/29 ifid:5 (0)\n"}));
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT);
 
     norvik_add_nat_ifup(CTX, IFID);
@@ -642,6 +643,6 @@ TEST(rib_interface, a_nat_route_that_the_forwarding_table_refuses_stays_as_it_wa
     norvik_remove_nat_ifdown(CTX, IFID);
     card.give_tree_back(CTX);
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "NAT entry"),
-              (text_list{"<Ctx:3>NAT entry mtrie remove failed a080010/29 ifid:5 (0)\n"}));
+              (text_lines{"<Ctx:3>NAT entry mtrie remove failed a080010/29 ifid:5 (0)\n"}));
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT | RIB_F_NAT_IN_MTRIE);
 }

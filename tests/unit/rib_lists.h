@@ -16,6 +16,8 @@
 #include "rib_nexthop_index.h"
 #include "rib_show.h"
 
+namespace harness
+{
 constexpr std::uint16_t STATIC_IN = RIB_F_GATEWAY | RIB_F_IN_MTRIE, NAT_IN = RIB_F_NAT | RIB_F_NAT_IN_MTRIE;
 constexpr std::uint16_t SUBNET = RIB_F_INTERFACE | RIB_F_CONNECTED;
 
@@ -115,3 +117,4 @@ inline std::vector<std::uint8_t> summary(std::uint32_t (*procedure)(std::uint16_
     mtrack_free(block.data);
     return bytes;
 }
+} // namespace harness

@@ -7,6 +7,8 @@
 #include "route_ids.h"
 #include "route_table.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -65,8 +67,8 @@ TEST(rib_mtrie, a_default_route_sets_and_resets_the_default_leaf_of_its_route_id
     rib_remove_mtrie_route(&entry);
     EXPECT_EQ(leaf->adjacency, 0u);
     EXPECT_EQ(entry.flags, RIB_F_GATEWAY);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr"), text_list{}) << "the trie's prefixes are left alone";
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rib_remove_mtrie_route"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr"), text_lines{}) << "the trie's prefixes are left alone";
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rib_remove_mtrie_route"), text_lines{});
 }
 
 TEST(rib_mtrie, a_default_route_without_a_default_leaf_is_not_programmed)
@@ -90,7 +92,7 @@ TEST(rib_mtrie, an_entry_that_is_not_programmed_is_left_alone_without_a_line)
     rib_remove_mtrie_route(&entry);
     route_entry by_default = make_static(0, 0);
     rib_remove_mtrie_route(&by_default);
-    EXPECT_EQ(card.lines(), text_list{});
+    EXPECT_EQ(card.lines(), text_lines{});
     EXPECT_EQ(card.printed(), "");
 }
 

@@ -16,6 +16,8 @@
 #include "route_ids.h"
 #include "route_table.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -105,7 +107,7 @@ std::vector<std::uint32_t> held()
     return {counts[0], counts[1], counts[2]};
 }
 
-std::string joined(const text_list &texts, std::size_t skip = 0)
+std::string joined(const text_lines &texts, std::size_t skip = 0)
 {
     std::string all;
     for (const std::string &text : texts)
@@ -218,7 +220,7 @@ TEST(rib_nat, a_range_without_prefix_tries_every_length)
     EXPECT_EQ(blocks_of(POOL, POOL - 1), block_list{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "Prefixlen").size(), 33u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "Works for 'from'"),
-              (text_list{"<Ctx:3>ipv4_range2prefix: Works for 'from'(0xa000001).\n"}));
+              (text_lines{"<Ctx:3>ipv4_range2prefix: Works for 'from'(0xa000001).\n"}));
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO).back(), "<Ctx:3>ipv4_range2prefix<---: returning num entries (0)\n");
 }
 
@@ -230,12 +232,12 @@ TEST(rib_nat, a_list_is_printed_with_its_head_and_logged_without)
     EXPECT_EQ(card.printed(), "print_pfxlist: --> n(2)\n"
                               "prefix: mask(0xfffffffe) len(31) net(10.0.0.2)\n"
                               "prefix: mask(0xff000000) len(8) net(200.0.0.0)\n");
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>prefix: mask(0xfffffffe) len(31) net(10.0.0.2)\n",
-                                       "105 <Ctx:3>prefix: mask(0xff000000) len(8) net(200.0.0.0)\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"105 <Ctx:3>prefix: mask(0xfffffffe) len(31) net(10.0.0.2)\n",
+                                        "105 <Ctx:3>prefix: mask(0xff000000) len(8) net(200.0.0.0)\n"}));
     card.forget();
     print_pfxlist(CTX, list, 0);
     EXPECT_EQ(card.printed(), "print_pfxlist: --> n(0)\n");
-    EXPECT_EQ(card.lines(), text_list{});
+    EXPECT_EQ(card.lines(), text_lines{});
 }
 
 TEST(rib_nat, an_address_as_text_is_cut_to_its_room)
@@ -253,7 +255,7 @@ TEST(rib_nat, a_pool_is_entered_and_programmed_prefix_by_prefix)
     EXPECT_EQ(add_pool(), 0u);
     EXPECT_EQ(sorted(nat_entries()), POOL_BLOCKS);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_2), 4u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
     for (const block_of &block : POOL_BLOCKS) {
         const route_entry *const entry = on_chain(CTX, block.net, block.len);
         ASSERT_NE(entry, nullptr) << block;
@@ -270,10 +272,10 @@ TEST(rib_nat, a_pool_is_entered_and_programmed_prefix_by_prefix)
         EXPECT_EQ(leaf_of(block.net, block.len)->adjacency, NAT_ADJACENCY) << block;
     }
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "nat added"),
-              (text_list{"<Ctx:3>nat added route_id:3 0a000001/32 encap 4660 \n",
-                         "<Ctx:3>nat added route_id:3 0a000002/31 encap 4660 \n",
-                         "<Ctx:3>nat added route_id:3 0a000004/31 encap 4660 \n",
-                         "<Ctx:3>nat added route_id:3 0a000006/32 encap 4660 \n"}));
+              (text_lines{"<Ctx:3>nat added route_id:3 0a000001/32 encap 4660 \n",
+                          "<Ctx:3>nat added route_id:3 0a000002/31 encap 4660 \n",
+                          "<Ctx:3>nat added route_id:3 0a000004/31 encap 4660 \n",
+                          "<Ctx:3>nat added route_id:3 0a000006/32 encap 4660 \n"}));
     EXPECT_EQ(mtrie_hw_check(), 0);
 }
 
@@ -288,12 +290,12 @@ TEST(rib_nat, a_pool_that_goes_leaves_nothing_behind)
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_2), 0u);
     EXPECT_EQ(held(), before);
     EXPECT_EQ(mtrie_hw_check(), 0);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "removed nat"),
-              (text_list{"<Ctx:3>removed nat entry:0xa000001/32, encap 4660\n",
-                         "<Ctx:3>removed nat entry:0xa000002/31, encap 4660\n",
-                         "<Ctx:3>removed nat entry:0xa000004/31, encap 4660\n",
-                         "<Ctx:3>removed nat entry:0xa000006/32, encap 4660\n"}));
+              (text_lines{"<Ctx:3>removed nat entry:0xa000001/32, encap 4660\n",
+                          "<Ctx:3>removed nat entry:0xa000002/31, encap 4660\n",
+                          "<Ctx:3>removed nat entry:0xa000004/31, encap 4660\n",
+                          "<Ctx:3>removed nat entry:0xa000006/32, encap 4660\n"}));
 }
 
 TEST(rib_nat, the_lines_of_a_pool_stand_in_their_order)
@@ -330,8 +332,8 @@ TEST(rib_nat, a_pool_of_no_addresses_adds_nothing_and_succeeds)
     EXPECT_EQ(entries_of(CTX), 0u);
     EXPECT_TRUE(card.has_line(ROUTE_DBG_INFO, "<Ctx:3>rib_add_nat_pool: context_id (3) number of prefix(0)\n"));
     EXPECT_EQ(remove_pool(POOL, 0), 0u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
-    EXPECT_EQ(card.texts(ROUTE_DBG_EVENTS), text_list{}) << "nothing was searched";
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_EVENTS), text_lines{}) << "nothing was searched";
 }
 
 TEST(rib_nat, the_longest_pool_goes_in_and_out)
@@ -357,11 +359,11 @@ TEST(rib_nat, while_its_interface_is_not_up_a_pool_is_known_and_not_programmed)
     for (const block_of &block : nat_entries())
         EXPECT_EQ(on_chain(CTX, block.net, block.len)->flags, RIB_F_NAT) << block;
     EXPECT_EQ(held(), before);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_add"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_add"), text_lines{});
     EXPECT_EQ(remove_pool(), 0u);
     EXPECT_EQ(nat_entries().size(), 1u);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_remove"), text_list{}) << "nothing to take out";
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "prefix_mgr_route_remove"), text_lines{}) << "nothing to take out";
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(rib_nat, the_interfaces_state_is_asked_first_and_for_each_prefix)
@@ -370,11 +372,11 @@ TEST(rib_nat, the_interfaces_state_is_asked_first_and_for_each_prefix)
     learn(IP(10, 0, 0, 5));
     card.forget();
     EXPECT_EQ(add_pool(), 1u);
-    EXPECT_EQ(card.queries, (text_list{"if_get_status 5", "if_get_status 5", "if_get_status 5"}))
+    EXPECT_EQ(card.queries, (text_lines{"if_get_status 5", "if_get_status 5", "if_get_status 5"}))
         << "also for the prefix that is refused, and not for the roll-back";
     card.forget();
     EXPECT_EQ(remove_pool(), 0u);
-    EXPECT_EQ(card.queries, text_list{});
+    EXPECT_EQ(card.queries, text_lines{});
 }
 
 TEST(rib_nat, a_pool_over_a_learned_host_is_refused_and_rolled_back)
@@ -385,15 +387,15 @@ TEST(rib_nat, a_pool_over_a_learned_host_is_refused_and_rolled_back)
     card.forget();
     EXPECT_EQ(add_pool(), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>nat range includes learned entry0a000004/31 encap 4660\n",
-                         "<Ctx:3>rib_add_nat_pool: add NAT failed, addr 0xa000004/0xfffffffe, ixp 4660\n",
-                         "<Ctx:3>nat entry not found in rib 0xa000004/31 encap 4660\n",
-                         "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000004/0xfffffffe, ixp 4660\n",
-                         "<Ctx:3>nat entry not found in rib 0xa000006/32 encap 4660\n",
-                         "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000006/0xffffffff, ixp 4660\n"}));
+              (text_lines{"<Ctx:3>nat range includes learned entry0a000004/31 encap 4660\n",
+                          "<Ctx:3>rib_add_nat_pool: add NAT failed, addr 0xa000004/0xfffffffe, ixp 4660\n",
+                          "<Ctx:3>nat entry not found in rib 0xa000004/31 encap 4660\n",
+                          "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000004/0xfffffffe, ixp 4660\n",
+                          "<Ctx:3>nat entry not found in rib 0xa000006/32 encap 4660\n",
+                          "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000006/0xffffffff, ixp 4660\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "rib_remove_nat_pool"),
-              (text_list{"<Ctx:3>rib_remove_nat_pool: context_id (3) natAddr/range 10.0.0.1/6 ixp 4660 \n",
-                         "<Ctx:3>rib_remove_nat_pool: context_id (3) number of prefix(4)\n"}));
+              (text_lines{"<Ctx:3>rib_remove_nat_pool: context_id (3) natAddr/range 10.0.0.1/6 ixp 4660 \n",
+                          "<Ctx:3>rib_remove_nat_pool: context_id (3) number of prefix(4)\n"}));
     EXPECT_EQ(nat_entries(), block_list{});
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_2), 0u);
     EXPECT_EQ(held(), before);
@@ -450,7 +452,7 @@ TEST(rib_nat, a_nat_prefix_that_a_static_route_has_is_refused_as_duplicate)
     ASSERT_EQ(rib_add_route(CTX, CTX, IP(10, 0, 0, 4), 0xFFFFFFFE, GATEWAY), 0u);
     card.forget();
     EXPECT_EQ(add_pool(), 1u);
-    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "DUPLICATE"), (text_list{"<Ctx:3>nat DUPLICATE 0a000004/31 encap 4660 \n"}));
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "DUPLICATE"), (text_lines{"<Ctx:3>nat DUPLICATE 0a000004/31 encap 4660 \n"}));
     EXPECT_EQ(nat_entries(), block_list{});
     EXPECT_EQ(gateways(CTX, IP(10, 0, 0, 4), 31), (std::vector<std::uint32_t>{GATEWAY})) << "the route stays";
 }
@@ -470,7 +472,7 @@ TEST(rib_nat, a_learned_host_is_met_before_the_duplicate)
     card.forget();
     EXPECT_EQ(add_route(GATEWAY, 32), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>nat range includes learned entry0a010009/32 encap 4660\n"}));
+              (text_lines{"<Ctx:3>nat range includes learned entry0a010009/32 encap 4660\n"}));
 }
 
 TEST(rib_nat, a_pool_given_twice_takes_the_first_one_with_it)
@@ -493,7 +495,7 @@ TEST(rib_nat, a_pool_that_meets_memory_shortage_half_way_is_rolled_back)
     rib_card card;
     card.fail_alloc(MTRACK_ROUTE_ENTRY_2, 3);
     EXPECT_EQ(add_pool(), 1u);
-    const text_list errors = card.texts(ROUTE_DBG_ERRORS);
+    const text_lines errors = card.texts(ROUTE_DBG_ERRORS);
     ASSERT_GE(errors.size(), 2u);
     EXPECT_EQ(errors[0], "<Ctx:3>nat rib malloc fail 0a000004/31 encap 4660 \n");
     EXPECT_EQ(errors[1], "<Ctx:3>rib_add_nat_pool: add NAT failed, addr 0xa000004/0xfffffffe, ixp 4660\n");
@@ -536,7 +538,8 @@ TEST(rib_nat, a_removal_finds_its_own_encap_only)
     ASSERT_EQ(add_route(POOL, 32), 0u);
     card.forget();
     EXPECT_EQ(remove_route(POOL, 32, ENCAP + 1), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>nat entry not found in rib 0xa000001/32 encap 4661\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              (text_lines{"<Ctx:3>nat entry not found in rib 0xa000001/32 encap 4661\n"}));
     EXPECT_EQ(entries_of(CTX), 1u);
 }
 
@@ -557,8 +560,8 @@ TEST(rib_nat, a_pool_removal_passes_over_what_is_missing_and_still_answers_0)
     card.forget();
     EXPECT_EQ(remove_pool(), 0u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>nat entry not found in rib 0xa000002/31 encap 4660\n",
-                         "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000002/0xfffffffe, ixp 4660\n"}));
+              (text_lines{"<Ctx:3>nat entry not found in rib 0xa000002/31 encap 4660\n",
+                          "<Ctx:3>rib_remove_nat_pool: delete NAT failed, addr 0xa000002/0xfffffffe, ixp 4660\n"}));
     EXPECT_EQ(entries_of(CTX), 0u);
 }
 
@@ -571,7 +574,7 @@ TEST(rib_nat, a_route_stands_in_the_table_and_tree_of_its_route_id_and_belongs_t
     card.forget();
     ASSERT_EQ(rib_add_nat_route(CTX, OTHER, IFID, NET, MASK16, ENCAP), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "nat added"),
-              text_list{"<Ctx:3>nat added route_id:4 0a280000/16 encap 4660 \n"});
+              text_lines{"<Ctx:3>nat added route_id:4 0a280000/16 encap 4660 \n"});
     EXPECT_EQ(nat_entries(OTHER), (block_list{{NET, 16}})) << "where a visit meets it";
     EXPECT_EQ(nat_entries(CTX), block_list{});
     EXPECT_EQ(on_chain(OTHER, NET, 16)->ctx, CTX);
@@ -597,8 +600,8 @@ TEST(rib_nat, learned_hosts_are_looked_for_in_the_context_and_duplicates_in_the_
     EXPECT_EQ(rib_add_nat_route(CTX, OTHER, IFID, HOSTS, MASK16, ENCAP), 1u);
     EXPECT_EQ(rib_add_nat_route(OTHER, CTX, IFID, STATICS, MASK16, ENCAP), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>nat range includes learned entry0a280000/16 encap 4660\n",
-                         "<Ctx:4>nat DUPLICATE 0a290000/16 encap 4660 \n"}));
+              (text_lines{"<Ctx:3>nat range includes learned entry0a280000/16 encap 4660\n",
+                          "<Ctx:4>nat DUPLICATE 0a290000/16 encap 4660 \n"}));
 
     EXPECT_EQ(rib_add_nat_route(OTHER, CTX, IFID, HOSTS, MASK16, ENCAP), 0u);
     EXPECT_EQ(rib_add_nat_route(CTX, OTHER, IFID, STATICS, MASK16, ENCAP), 0u);

@@ -12,10 +12,12 @@
 #include "rib_nat.h"
 #include "rib_static.h"
 
+using namespace harness;
+
 namespace
 {
 
-constexpr std::uint32_t NET = IP(20, 9, 0, 0), MASK32 = 0xFFFFFFFF, MASK24 = 0xFFFFFF00;
+constexpr std::uint32_t NET = IP(20, 9, 0, 0);
 
 using route_list = std::vector<const route_entry *>;
 
@@ -102,7 +104,7 @@ TEST(rib_nexthop_index, lines_of_a_host_follow_the_visit)
         expected.push_back(number(route->prefix));
     ASSERT_EQ(expected.size(), 7u);
     const auto follow = [&](const char *what) {
-        const text_list lines = card.with(ROUTE_DBG_INFO, what);
+        const text_lines lines = card.with(ROUTE_DBG_INFO, what);
         ASSERT_EQ(lines.size(), expected.size());
         for (std::size_t i = 0; i < lines.size(); ++i)
             EXPECT_NE(lines[i].find(expected[i]), std::string::npos) << lines[i] << " and not " << expected[i];

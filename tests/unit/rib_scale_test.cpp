@@ -13,10 +13,12 @@
 #include "rib_static.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
-constexpr std::uint32_t WAITING = 100000, MASK24 = 0xFFFFFF00, LAST_OCTET = 256;
+constexpr std::uint32_t WAITING = 100000, LAST_OCTET = 256;
 constexpr std::uint32_t FIRST_NET = IP(20, 0, 0, 0); // of the waiting routes, all /24
 
 // A path that a listing shows: length, prefix, gateway.

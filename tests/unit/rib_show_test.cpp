@@ -15,6 +15,8 @@
 #include "rib_static.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -49,7 +51,7 @@ std::string padded(std::uint32_t addr, std::uint32_t pad, std::int32_t *length)
 
 } // namespace
 
-TEST(rib_show, an_empty_context_lists_nothing_and_is_finished_at_the_first_call)
+TEST(rib_show, an_empty_context_liness_nothing_and_is_finished_at_the_first_call)
 {
     rib_card card;
     for (const print_procedure procedure : {show_rib_print, show_fib_print}) {
@@ -57,7 +59,8 @@ TEST(rib_show, an_empty_context_lists_nothing_and_is_finished_at_the_first_call)
         cursor at;
         EXPECT_EQ(print(procedure, &at).size(), 0u);
         EXPECT_EQ(at, FINISHED);
-        EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>route_traversal: Start with route list (0,0) at position 0\n"}));
+        EXPECT_EQ(card.lines(),
+                  (text_lines{"105 <Ctx:3>route_traversal: Start with route list (0,0) at position 0\n"}));
         EXPECT_EQ(card.printed(), "");
     }
     EXPECT_EQ(card.blocks(MTRACK_CLI_ROUTE), 0u);
@@ -165,8 +168,9 @@ TEST(rib_show, a_finished_cursor_lists_nothing_and_keeps_its_bucket)
         EXPECT_EQ(print(show_fib_print, &at).size(), 0u);
         EXPECT_EQ(at, (cursor{list, 7, ROUTE_WALK_DONE}));
     }
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>route_traversal: Start with route list (33,7) at position 0\n",
-                                       "105 <Ctx:3>route_traversal: Start with route list (65535,7) at position 0\n"}));
+    EXPECT_EQ(card.lines(),
+              (text_lines{"105 <Ctx:3>route_traversal: Start with route list (33,7) at position 0\n",
+                          "105 <Ctx:3>route_traversal: Start with route list (65535,7) at position 0\n"}));
 }
 
 TEST(rib_show, a_bucket_behind_the_last_begins_the_next_length)
@@ -371,7 +375,7 @@ TEST(rib_show, resuming_after_the_stopping_entry_went_goes_on_at_the_next_larger
     card.forget();
     EXPECT_EQ(page_of(1, &at), (prefix_list{ROUTE_C}));
     EXPECT_EQ(at, FINISHED);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "changed"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "changed"), text_lines{});
 }
 
 TEST(rib_show, resuming_in_a_list_with_nothing_left_logs_the_change_and_moves_on)
@@ -387,8 +391,8 @@ TEST(rib_show, resuming_in_a_list_with_nothing_left_logs_the_change_and_moves_on
     card.forget();
     EXPECT_EQ(page_of(1, &at), (prefix_list{IP(1, 1, 1, 1)})) << "below the old position, in another list";
     EXPECT_EQ(at, FINISHED);
-    const text_list changed = {"105 <Ctx:3>route_traversal: Start with route list (24,24) at position a092000\n",
-                               "105 <Ctx:3>Route list (24, 24) changed during consecutive calls!\n"};
+    const text_lines changed = {"105 <Ctx:3>route_traversal: Start with route list (24,24) at position a092000\n",
+                                "105 <Ctx:3>Route list (24, 24) changed during consecutive calls!\n"};
     ASSERT_EQ(CHAIN_BUCKET, 24);
     EXPECT_EQ(card.lines(), changed);
 
@@ -589,7 +593,7 @@ TEST(rib_show, a_listing_without_memory_logs_and_leaves_block_and_cursor_alone)
         EXPECT_EQ(at, (cursor{24, 2, ROUTE_A}));
         EXPECT_EQ(block.length, 77u);
         EXPECT_EQ(block.data.addr(), 0u);
-        EXPECT_EQ(card.lines(), (text_list{"100 <Ctx:3>route_print: out of memory\n"}));
+        EXPECT_EQ(card.lines(), (text_lines{"100 <Ctx:3>route_print: out of memory\n"}));
     }
 }
 
@@ -601,8 +605,8 @@ TEST(rib_show, a_summary_without_memory_logs_and_answers_1)
     EXPECT_EQ(show_rib_summary(CTX, &block), 1u);
     card.fail_alloc(MTRACK_CLI_ROUTE, 1);
     EXPECT_EQ(show_fib_summary(CTX, &block), 1u);
-    EXPECT_EQ(card.lines(), (text_list{"100 <Ctx:3>show_rib_summary: out of memory\n",
-                                       "100 <Ctx:3>show_fib_summary: out of memory\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"100 <Ctx:3>show_rib_summary: out of memory\n",
+                                        "100 <Ctx:3>show_fib_summary: out of memory\n"}));
     EXPECT_EQ(block.length, 77u);
     EXPECT_EQ(block.data.addr(), 0u);
 }

@@ -19,10 +19,12 @@
 #include "rib_nat.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
-constexpr std::uint32_t NET = IP(10, 9, 0, 0), MASK16 = 0xFFFF0000;
+constexpr std::uint32_t NET = IP(10, 9, 0, 0);
 
 std::uint32_t add(std::uint32_t gateway, std::uint32_t prefix = NET, std::uint32_t mask = MASK16)
 {
@@ -82,10 +84,10 @@ TEST(rib_static, a_route_waits_while_its_gateway_is_unknown_and_asks_for_it)
     EXPECT_EQ(entry->flags, RIB_F_GATEWAY);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_INFO),
-              (text_list{"<Ctx:3>rib_add_route: route_id (4) route/maskbits 0a090005/16-> nexthop 0a010009 \n",
-                         "<Ctx:4>Host route entry not found for nexthop 0xa010009 ",
-                         "<Ctx:3>call ARP_RESOLUTION for ifid =0, ctxid=3, ip=10.1.0.9 sense = 1 \n"}));
-    EXPECT_EQ(card.calls, (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x0 2:0xa010009 2:0xa010009 0:2 0:1"}));
+              (text_lines{"<Ctx:3>rib_add_route: route_id (4) route/maskbits 0a090005/16-> nexthop 0a010009 \n",
+                          "<Ctx:4>Host route entry not found for nexthop 0xa010009 ",
+                          "<Ctx:3>call ARP_RESOLUTION for ifid =0, ctxid=3, ip=10.1.0.9 sense = 1 \n"}));
+    EXPECT_EQ(card.calls, (text_lines{"tnrpc_call tn_arp_add_entry 1:3 2:0x0 2:0xa010009 2:0xa010009 0:2 0:1"}));
 }
 
 TEST(rib_static, a_route_through_a_known_host_is_programmed_at_once)
@@ -98,9 +100,9 @@ TEST(rib_static, a_route_through_a_known_host_is_programmed_at_once)
     EXPECT_EQ(entry->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE);
     EXPECT_EQ(entry->ifid, IFID);
     EXPECT_EQ(entry->encap_id, ENCAP);
-    EXPECT_EQ(card.calls, (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:1"}));
+    EXPECT_EQ(card.calls, (text_lines{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:1"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "nexthop host"),
-              (text_list{"<Ctx:3>nexthop host =0xa010009 found, ifid 5, encapid 4660\n"}));
+              (text_lines{"<Ctx:3>nexthop host =0xa010009 found, ifid 5, encapid 4660\n"}));
     EXPECT_EQ(mtrie_check(mtrie_get_root_node(CTX), nullptr), 0);
     EXPECT_EQ(mtrie_hw_check(), 0);
 }
@@ -155,7 +157,7 @@ TEST(rib_static, a_failed_resolution_call_is_only_logged)
     card.call_results["tn_arp_add_entry"] = TNRPC_FAILED;
     EXPECT_EQ(add(GATEWAY), 0u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>request_gwy_resolution:TN RPC call tn_arp_add_entry() return err code -1\n"}));
+              (text_lines{"<Ctx:3>request_gwy_resolution:TN RPC call tn_arp_add_entry() return err code -1\n"}));
     const std::uint32_t gateway = GATEWAY;
     EXPECT_EQ(request_gwy_resolution(&gateway, CTX, IFID, 1), -1);
     card.call_results["tn_arp_add_entry"] = 7;
@@ -171,9 +173,9 @@ TEST(rib_static, the_same_path_twice_is_refused_as_a_duplicate)
     for (const std::uint32_t gateway : {GATEWAY, GATEWAY + 1}) // the head, and a member
         EXPECT_EQ(add(gateway, NET + 5), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_route: DUPLICATE route/maskbits 0a090000/16-> nexthop 0a010009 \n",
-                         "<Ctx:3>rib_add_route: DUPLICATE route/maskbits 0a090000/16-> nexthop 0a01000a \n"}));
-    EXPECT_EQ(card.calls, text_list{});
+              (text_lines{"<Ctx:3>rib_add_route: DUPLICATE route/maskbits 0a090000/16-> nexthop 0a010009 \n",
+                          "<Ctx:3>rib_add_route: DUPLICATE route/maskbits 0a090000/16-> nexthop 0a01000a \n"}));
+    EXPECT_EQ(card.calls, text_lines{});
     EXPECT_EQ(entries_of(CTX), 2u);
 }
 
@@ -183,7 +185,8 @@ TEST(rib_static, a_route_with_the_prefix_of_an_interface_entry_collides_with_it)
     ASSERT_NE(rib_add_host_route(RIB_OBJ_INTERFACE, CTX, IFID, NET, 16, ENCAP), nullptr);
     card.forget();
     EXPECT_EQ(add(GATEWAY, NET + 5), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Collide with interface 0a090000/16 \n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
+              (text_lines{"<Ctx:3>rib_add_route: Collide with interface 0a090000/16 \n"}));
     EXPECT_EQ(entries_of(CTX), 1u);
 }
 
@@ -206,7 +209,7 @@ TEST(rib_static, the_ninth_path_of_a_prefix_is_refused)
     card.forget();
     EXPECT_EQ(add(GATEWAY + 8, NET + 5), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_route: MAX ECMP exceed route/maskbits 0a090000/16-> nexthop 0a010011 \n"}));
+              (text_lines{"<Ctx:3>rib_add_route: MAX ECMP exceed route/maskbits 0a090000/16-> nexthop 0a010011 \n"}));
     EXPECT_EQ(on_chain(CTX, NET, 16)->ecmp_count, 8);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 8u);
 }
@@ -218,7 +221,7 @@ TEST(rib_static, the_ninth_default_route_is_refused_like_any_other)
     EXPECT_EQ(norvik_get_t(CTX)->table[0][0]->ecmp_count, 8);
     EXPECT_EQ(add(GATEWAY + 8, 0, 0), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:3>rib_add_route: MAX ECMP exceed route/maskbits 00000000/0-> nexthop 0a010011 \n"}));
+              (text_lines{"<Ctx:3>rib_add_route: MAX ECMP exceed route/maskbits 00000000/0-> nexthop 0a010011 \n"}));
 }
 
 TEST(rib_static, a_full_set_is_reported_before_a_ninth_path_is_tried)
@@ -227,9 +230,10 @@ TEST(rib_static, a_full_set_is_reported_before_a_ninth_path_is_tried)
     fill_set();
     card.forget();
     EXPECT_EQ(rib_max_ecmp_route(CTX, CTX, NET + 5, MASK16), 1u);
-    EXPECT_EQ(card.lines(),
-              (text_list{"105 <Ctx:3>rib_max_ecmp_route:  route_id (3) ip/mask 0a090005/16 \n",
-                         "100 <Ctx:3>rib_max_ecmp_route:  MAX ECMP exceeded for route_id (3) ip/mask 0a090000/16 \n"}));
+    EXPECT_EQ(
+        card.lines(),
+        (text_lines{"105 <Ctx:3>rib_max_ecmp_route:  route_id (3) ip/mask 0a090005/16 \n",
+                    "100 <Ctx:3>rib_max_ecmp_route:  MAX ECMP exceeded for route_id (3) ip/mask 0a090000/16 \n"}));
     EXPECT_EQ(remove(GATEWAY), 0u);
     EXPECT_EQ(rib_max_ecmp_route(CTX, CTX, NET, MASK16), 0u);
 }
@@ -242,7 +246,7 @@ TEST(rib_static, the_full_set_is_looked_for_in_the_context_that_the_route_id_nam
     card.forget();
     EXPECT_EQ(rib_max_ecmp_route(CTX + 1, CTX, NET, MASK16), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS),
-              (text_list{"<Ctx:4>rib_max_ecmp_route:  MAX ECMP exceeded for route_id (3) ip/mask 0a090000/16 \n"}));
+              (text_lines{"<Ctx:4>rib_max_ecmp_route:  MAX ECMP exceeded for route_id (3) ip/mask 0a090000/16 \n"}));
 }
 
 TEST(rib_static, a_larger_key_or_the_end_of_the_chain_means_that_no_set_is_full)
@@ -259,9 +263,9 @@ TEST(rib_static, a_route_without_memory_is_refused)
     rib_card card;
     card.fail_alloc(MTRACK_ROUTE_ENTRY_3, 1);
     EXPECT_EQ(add(GATEWAY), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
     EXPECT_EQ(entries_of(CTX), 0u);
-    EXPECT_EQ(card.calls, text_list{});
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(rib_static, a_route_without_memory_for_its_place_in_the_next_hop_index_is_refused_and_its_entry_freed)
@@ -273,9 +277,9 @@ TEST(rib_static, a_route_without_memory_for_its_place_in_the_next_hop_index_is_r
         heap_is_short_at_entries = 2;
         EXPECT_EQ(add(GATEWAY + 1, prefix), 1u);
         EXPECT_EQ(heap_is_short_at_entries, 0u) << "the index asked for memory";
-        EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
+        EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
         EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 1u);
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(card.calls, text_lines{});
         EXPECT_EQ(entries_of(CTX), 1u);
         EXPECT_EQ(gateways(CTX, NET, 16), std::vector<std::uint32_t>{GATEWAY});
         EXPECT_EQ(rib_check(CTX), 0);
@@ -292,8 +296,8 @@ TEST(rib_static, a_new_prefix_that_cannot_be_programmed_leaves_no_trace_and_with
     EXPECT_EQ(add(GATEWAY), 1u);
     EXPECT_EQ(on_chain(CTX, NET, 16), nullptr);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 0u);
-    EXPECT_EQ(card.calls, (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:1",
-                                     "tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:0"}));
+    EXPECT_EQ(card.calls, (text_lines{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:1",
+                                      "tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:0"}));
     card.give_tree_back(CTX);
 }
 
@@ -325,12 +329,12 @@ TEST(rib_static, removing_a_single_route_frees_it_and_flushes_the_route_cache)
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK16, GATEWAY), 0u);
     card.forget();
     EXPECT_EQ(remove(GATEWAY, NET + 5), 0u);
-    EXPECT_EQ(card.with(ROUTE_DBG_EVENTS, "srch start"), (text_list{"<Ctx:3>---srch start:a090005/16----\n"}));
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route for"), (text_list{"<Ctx:3>unlinking non ecmp route for ip=a090005/16\n",
-                                                                 "<Ctx:3>removed static route for ip=a090005/16\n"}));
+    EXPECT_EQ(card.with(ROUTE_DBG_EVENTS, "srch start"), (text_lines{"<Ctx:3>---srch start:a090005/16----\n"}));
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route for"), (text_lines{"<Ctx:3>unlinking non ecmp route for ip=a090005/16\n",
+                                                                  "<Ctx:3>removed static route for ip=a090005/16\n"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "Removed OK").size(), 1u);
     EXPECT_EQ(card.calls_of("tnrpc_call"),
-              (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:0"}));
+              (text_lines{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010009 2:0xa010009 0:2 0:0"}));
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), 0u);
     EXPECT_EQ(on_chain(CTX, NET, 16), nullptr);
@@ -359,8 +363,8 @@ TEST(rib_static, removing_a_route_that_is_not_there_is_an_error_with_the_prefix_
     ASSERT_EQ(add(GATEWAY), 0u);
     card.forget();
     EXPECT_EQ(remove(GATEWAY + 1, NET + 5), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>could not find static route for ip=a090005/16"}));
-    EXPECT_EQ(card.calls, text_list{}) << "nothing to flush or to withdraw";
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>could not find static route for ip=a090005/16"}));
+    EXPECT_EQ(card.calls, text_lines{}) << "nothing to flush or to withdraw";
 }
 
 // An entry is known by its next hop alone, and every entry but a host's and a static route's has next hop 0.
@@ -406,7 +410,7 @@ TEST(rib_static, the_address_of_its_interface_takes_a_host_and_leaves_it_in_the_
     EXPECT_NE(mtrie_lookup_exact(mtrie_get_root_node(CTX), GATEWAY, 0xFFFFFFFF), nullptr);
     EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE) << "routes through it stay as they are";
     EXPECT_EQ(card.calls_of("tnrpc_call"),
-              (text_list{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010001 2:0xa010001 0:2 0:0"}));
+              (text_lines{"tnrpc_call tn_arp_add_entry 1:3 2:0x5 2:0xa010001 2:0xa010001 0:2 0:0"}));
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
 }
 
@@ -427,11 +431,11 @@ TEST(rib_static, a_route_that_was_never_resolved_is_withdrawn_without_touching_t
     card.journal_on = true;
     EXPECT_EQ(remove(GATEWAY), 0u);
     EXPECT_TRUE(card.journal.empty());
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "mtrie"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "mtrie"), text_lines{});
     EXPECT_EQ(card.calls_of("tnrpc_call"), // asked for under the context, withdrawn under the route id
-              (text_list{"tnrpc_call tn_arp_add_entry 1:4 2:0x0 2:0xa010009 2:0xa010009 0:2 0:0"}));
+              (text_lines{"tnrpc_call tn_arp_add_entry 1:4 2:0x0 2:0xa010009 2:0xa010009 0:2 0:0"}));
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "ARP_RESOLUTION"),
-              (text_list{"<Ctx:4>call ARP_RESOLUTION for ifid =0, ctxid=4, ip=10.1.0.9 sense = 0 \n"}));
+              (text_lines{"<Ctx:4>call ARP_RESOLUTION for ifid =0, ctxid=4, ip=10.1.0.9 sense = 0 \n"}));
 }
 
 TEST(rib_static, removing_the_head_of_a_set_keeps_the_other_paths)
@@ -444,7 +448,7 @@ TEST(rib_static, removing_the_head_of_a_set_keeps_the_other_paths)
     card.forget();
     EXPECT_EQ(remove(GATEWAY), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "unlinking"),
-              (text_list{"<Ctx:3>unlinking ecmp route for ip=a090000/16 first:TRUE\n"}));
+              (text_lines{"<Ctx:3>unlinking ecmp route for ip=a090000/16 first:TRUE\n"}));
     EXPECT_EQ(gateways(CTX, NET, 16), (std::vector<std::uint32_t>{GATEWAY + 1, GATEWAY + 2}));
     const mtrie_leaf *const leaf = mtrie_lookup_exact(mtrie_get_root_node(CTX), NET, MASK16);
     ASSERT_NE(leaf, nullptr);
@@ -464,8 +468,8 @@ TEST(rib_static, removing_a_member_says_that_it_is_not_the_first)
     card.forget();
     EXPECT_EQ(remove(GATEWAY + 1), 0u);
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route for"),
-              (text_list{"<Ctx:3>unlinking ecmp route for ip=a090000/16 first:FALSE\n",
-                         "<Ctx:3>removed static route for ip=a090000/16\n"}));
+              (text_lines{"<Ctx:3>unlinking ecmp route for ip=a090000/16 first:FALSE\n",
+                          "<Ctx:3>removed static route for ip=a090000/16\n"}));
     EXPECT_EQ(on_chain(CTX, NET, 16)->ecmp_count, 0);
 }
 
@@ -478,8 +482,8 @@ TEST(rib_static, an_interface_entry_is_found_by_its_address_on_chains_only)
     card.forget();
     EXPECT_EQ(int_lookup_by_addr(CTX, IF_ADDR), on_chain(CTX, IF_ADDR, 32));
     EXPECT_EQ(int_lookup_by_addr(CTX, GATEWAY), nullptr);
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>interface =0xa010001 found, ifid 5, encapid 32769\n",
-                                       "105 <Ctx:3>interface route entry not found for addr 0xa010009 "}));
+    EXPECT_EQ(card.lines(), (text_lines{"105 <Ctx:3>interface =0xa010001 found, ifid 5, encapid 32769\n",
+                                        "105 <Ctx:3>interface route entry not found for addr 0xa010009 "}));
 }
 
 TEST(rib_static, a_programmed_route_is_found_by_its_gateway_in_chains_and_in_sets)
@@ -491,13 +495,13 @@ TEST(rib_static, a_programmed_route_is_found_by_its_gateway_in_chains_and_in_set
     card.forget();
     EXPECT_EQ(route_lookup_by_nexthop(CTX, GATEWAY), on_chain(CTX, NET, 16)->ecmp.get());
     EXPECT_EQ(route_lookup_by_nexthop(CTX, GATEWAY + 1), nullptr) << "it waits";
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>static ecmp_route =0xa090000 found, ifid 5, encapid 4660\n",
-                                       "105 <Ctx:3>static route entry not found for nextHop 0xa01000a "}));
+    EXPECT_EQ(card.lines(), (text_lines{"105 <Ctx:3>static ecmp_route =0xa090000 found, ifid 5, encapid 4660\n",
+                                        "105 <Ctx:3>static route entry not found for nextHop 0xa01000a "}));
 
     ASSERT_EQ(add_host(GATEWAY + 1, 0x77), 0u);
     card.forget();
     EXPECT_EQ(route_lookup_by_nexthop(CTX, GATEWAY + 1), on_chain(CTX, NET, 16));
-    EXPECT_EQ(card.lines(), (text_list{"105 <Ctx:3>static route =0xa090000 found, ifid 5, encapid 119\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"105 <Ctx:3>static route =0xa090000 found, ifid 5, encapid 119\n"}));
 }
 
 // Random static routes and hosts against a plain model: a list of gateways a prefix, and a set of known hosts.
@@ -569,7 +573,7 @@ TEST(rib_static, a_set_whose_head_counts_65535_takes_no_further_path_as_for_lack
     head->ecmp_count = 0xFFFF;
     card.forget();
     EXPECT_EQ(add(GATEWAY + 2), 1u);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:3>rib_add_route: Failed to allocate route entry\n"}));
     EXPECT_EQ(rib_add_host_route(RIB_OBJ_ARP_HOST, CTX, IFID, NET, 16, ENCAP), nullptr);
     EXPECT_EQ(head->ecmp_count, 0xFFFF);
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_3), blocks);

@@ -10,6 +10,8 @@
 #include "rib_check.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -119,9 +121,9 @@ TEST(rib_table, a_search_of_an_empty_bucket_logs_its_start_and_its_end)
     rib_card card;
     rib_search_result search;
     (void)rib_route_search(CTX, A, 32, nullptr, nullptr, &search);
-    EXPECT_EQ(card.lines(), (text_list{"101 <Ctx:3>---srch start:a000001/32----\n",
-                                       "101 <Ctx:3>---srch end:a000001/32-0 res:0 prev:<" +
-                                           hex(card_addr_of(rib_bucket(CTX, A, 32))) + ",0> ecmp:0---\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"101 <Ctx:3>---srch start:a000001/32----\n",
+                                        "101 <Ctx:3>---srch end:a000001/32-0 res:0 prev:<" +
+                                            hex(card_addr_of(rib_bucket(CTX, A, 32))) + ",0> ecmp:0---\n"}));
 }
 
 TEST(rib_table, a_search_logs_each_link_that_it_follows_and_none_for_the_end_of_the_chain)
@@ -135,17 +137,17 @@ TEST(rib_table, a_search_logs_each_link_that_it_follows_and_none_for_the_end_of_
     rib_search_result search;
     EXPECT_EQ(rib_route_search(CTX, B, 32, nullptr, nullptr, &search), 1u);
     EXPECT_EQ(card.texts(ROUTE_DBG_EVENTS),
-              (text_list{"<Ctx:3>---srch start:a000020/32----\n", lnk(bucket), lnk(&a->next),
-                         "<Ctx:3>---srch end:a000020/32-1 res:" + hex(card_addr_of(b)) + " prev:<" +
-                             hex(card_addr_of(&a->next)) + "," + hex(card_addr_of(b)) + "> ecmp:0---\n"}));
+              (text_lines{"<Ctx:3>---srch start:a000020/32----\n", lnk(bucket), lnk(&a->next),
+                          "<Ctx:3>---srch end:a000020/32-1 res:" + hex(card_addr_of(b)) + " prev:<" +
+                              hex(card_addr_of(&a->next)) + "," + hex(card_addr_of(b)) + "> ecmp:0---\n"}));
 
     card.forget();
     EXPECT_EQ(rib_route_search(CTX, C, 32, nullptr, nullptr, &search), 0u);
     EXPECT_EQ(search.prev, &b->next);
     EXPECT_EQ(
         card.texts(ROUTE_DBG_EVENTS),
-        (text_list{"<Ctx:3>---srch start:a00003f/32----\n", lnk(bucket), lnk(&a->next),
-                   "<Ctx:3>---srch end:a00003f/32-0 res:0 prev:<" + hex(card_addr_of(&b->next)) + ",0> ecmp:0---\n"}));
+        (text_lines{"<Ctx:3>---srch start:a00003f/32----\n", lnk(bucket), lnk(&a->next),
+                    "<Ctx:3>---srch end:a00003f/32-0 res:0 prev:<" + hex(card_addr_of(&b->next)) + ",0> ecmp:0---\n"}));
 }
 
 TEST(rib_table, a_miss_stops_at_the_first_larger_key)
@@ -159,7 +161,7 @@ TEST(rib_table, a_miss_stops_at_the_first_larger_key)
     EXPECT_EQ(rib_route_search(CTX, A, 32, nullptr, nullptr, &search), 0u);
     EXPECT_EQ(search.prev, bucket);
     EXPECT_EQ(search.prev->get(), b);
-    EXPECT_EQ(card.with(ROUTE_DBG_EVENTS, "lnk:"), (text_list{lnk(bucket)}));
+    EXPECT_EQ(card.with(ROUTE_DBG_EVENTS, "lnk:"), (text_lines{lnk(bucket)}));
 }
 
 TEST(rib_table, a_chain_is_in_ascending_order_whatever_the_order_of_arrival)

@@ -6,6 +6,8 @@
 #include "rib_card.h"
 #include "route_log.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -51,12 +53,12 @@ TEST(route_advert, an_advertisement_is_one_message_of_46_bytes)
 {
     advert_card card;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0x1234, CTX), 0);
-    EXPECT_EQ(card.calls, text_list{"scp_send 77 46"});
+    EXPECT_EQ(card.calls, text_lines{"scp_send 77 46"});
     ASSERT_EQ(card.scp_messages.size(), 1u);
     EXPECT_EQ(card.scp_messages[0].size(), 46u);
     EXPECT_EQ(card.scp_messages[0], message(0x22, 0x1234));
     EXPECT_EQ(card.lines(),
-              (text_list{ADVERTISED, "105 <Ctx:3>Sending route advertise SCP message success. opcode 34\n"}));
+              (text_lines{ADVERTISED, "105 <Ctx:3>Sending route advertise SCP message success. opcode 34\n"}));
 }
 
 TEST(route_advert, a_metric_of_all_ones_withdraws_and_is_carried_in_the_message)
@@ -66,7 +68,7 @@ TEST(route_advert, a_metric_of_all_ones_withdraws_and_is_carried_in_the_message)
     ASSERT_EQ(card.scp_messages.size(), 1u);
     EXPECT_EQ(card.scp_messages[0], message(0x23, 0xFFFF));
     EXPECT_EQ(card.lines(),
-              (text_list{WITHDRAWN, "105 <Ctx:3>Sending route advertise SCP message success. opcode 35\n"}));
+              (text_lines{WITHDRAWN, "105 <Ctx:3>Sending route advertise SCP message success. opcode 35\n"}));
 }
 
 TEST(route_advert, any_other_metric_advertises_0_included)
@@ -89,17 +91,17 @@ TEST(route_advert, an_interface_without_a_vlan_sends_nothing)
     card.interfaces[IFID].vlan = -1;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0x1234, CTX), -1);
     EXPECT_TRUE(card.calls.empty());
-    EXPECT_EQ(card.queries, text_list{"if_get_vlanid 5"});
+    EXPECT_EQ(card.queries, text_lines{"if_get_vlanid 5"});
     EXPECT_TRUE(card.scp_messages.empty());
     EXPECT_EQ(card.lines(),
-              text_list{"100 <Ctx:3>norvik_send_route_advert: Cannot resolve ifid 5 to vlan id."}); // no line end
+              text_lines{"100 <Ctx:3>norvik_send_route_advert: Cannot resolve ifid 5 to vlan id."}); // no line end
 }
 
 TEST(route_advert, an_unknown_interface_sends_nothing_and_its_id_prints_as_signed)
 {
     advert_card card;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, 0xFFFFFFFE, HOP, 0xFFFF, 255), -1);
-    EXPECT_EQ(card.lines(), text_list{"100 <Ctx:255>norvik_send_route_advert: Cannot resolve ifid -2 to vlan id."});
+    EXPECT_EQ(card.lines(), text_lines{"100 <Ctx:255>norvik_send_route_advert: Cannot resolve ifid -2 to vlan id."});
 }
 
 TEST(route_advert, a_vlan_is_judged_and_sent_as_a_signed_16_bit_value)
@@ -123,14 +125,14 @@ TEST(route_advert, a_send_that_fails_is_logged_and_answered_and_not_repeated)
     advert_card card;
     card.scp_send_result = ENOENT;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0x1234, CTX), -1);
-    EXPECT_EQ(card.calls, text_list{"scp_send 77 46"});
+    EXPECT_EQ(card.calls, text_lines{"scp_send 77 46"});
     EXPECT_EQ(card.lines(),
-              (text_list{ADVERTISED, "100 <Ctx:3>Sending route advertise SCP message failed err=2, opcode 34\n"}));
+              (text_lines{ADVERTISED, "100 <Ctx:3>Sending route advertise SCP message failed err=2, opcode 34\n"}));
     card.forget();
     card.scp_send_result = EAGAIN;
     EXPECT_EQ(norvik_send_route_advert(PREFIX, MASK, IFID, HOP, 0xFFFF, CTX), -1);
     EXPECT_EQ(card.lines(),
-              (text_list{WITHDRAWN, "100 <Ctx:3>Sending route advertise SCP message failed err=11, opcode 35\n"}));
+              (text_lines{WITHDRAWN, "100 <Ctx:3>Sending route advertise SCP message failed err=11, opcode 35\n"}));
 }
 
 TEST(route_advert, the_slot_in_the_message_counts_from_0)

@@ -3,7 +3,6 @@
 
 #include <array>
 
-#include "processor_walk.h"
 #include "rib_card.h"
 #include "rib_host.h"
 #include "rib_interface.h"
@@ -11,60 +10,20 @@
 #include "rib_static.h"
 #include "route_ids.h"
 
+using namespace harness;
+
 namespace
 {
 
-using bytes = std::vector<std::uint8_t>;
-
-constexpr std::uint32_t MASK24 = 0xFFFFFF00, MASK16 = 0xFFFF0000, NEW_ADDR = IP(10, 1, 1, 1);
+constexpr std::uint32_t NEW_ADDR = IP(10, 1, 1, 1);
 constexpr std::uint32_t POOL = IP(10, 8, 0, 16), NET = IP(10, 9, 0, 0);
-constexpr std::uint32_t ROUTED = 1, CHANGED = 0x80000000;
-
-void put(bytes &payload, std::size_t at, std::uint32_t value, unsigned width = 4)
-{
-    for (unsigned i = 0; i < width; ++i)
-        payload[at + i] = static_cast<std::uint8_t>(value >> 8 * (width - 1 - i));
-}
-
-// An interface-state payload; bytes that no field takes hold 0xEE.
-bytes state(std::uint32_t addr = IF_ADDR, std::uint32_t mask = MASK24, std::uint32_t rmode = ROUTED,
-            std::uint32_t ctx = CTX, std::uint32_t ifid = IFID)
-{
-    bytes payload(48, 0xEE);
-    put(payload, 0, ifid, 2);
-    put(payload, 2, ctx, 2);
-    put(payload, 4, addr);
-    put(payload, 21, mask);
-    put(payload, 44, rmode);
-    return payload;
-}
-
-// An address-change payload.
-bytes change(std::uint32_t old_addr, std::uint32_t old_mask = MASK24, std::uint32_t word = CHANGED,
-             std::uint32_t ifid = IFID)
-{
-    bytes payload(16);
-    put(payload, 0, ifid);
-    put(payload, 4, word);
-    put(payload, 8, old_addr);
-    put(payload, 12, old_mask);
-    return payload;
-}
-
-// Hands an event over in memory of exactly its size, so that a read behind it is seen.
-int deliver(std::uint32_t opcode, const bytes &payload)
-{
-    const bytes exact(payload);
-    const mts_message message = {opcode, {0, 600}, static_cast<std::uint32_t>(exact.size()), exact.data()};
-    return route_msg_process(&message);
-}
 
 bool is_up(std::uint32_t addr = IF_ADDR, std::uint32_t ctx = CTX) { return on_chain(ctx, addr, 32) != nullptr; }
 
 // A learned host, a static route through it and a NAT pool on the interface.
 void depend_on_interface()
 {
-    ASSERT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state()), 0);
+    ASSERT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state_payload()), 0);
     ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, GATEWAY, 32, ENCAP, IFID, CTX), 0u);
     ASSERT_EQ(rib_add_route(CTX, CTX, NET, MASK16, GATEWAY), 0u);
     ASSERT_EQ(rib_add_nat_pool(CTX, IFID, POOL, 8, 0x77), 0u);
@@ -94,7 +53,7 @@ TEST(route_events, the_opcodes_have_their_numbers)
 
 TEST(route_events, fields_are_big_endian_and_the_mask_stands_at_byte_21)
 {
-    bytes payload(48);
+    byte_string payload(48);
     for (std::size_t i = 0; i < payload.size(); ++i)
         payload[i] = static_cast<std::uint8_t>(0x80 + i);
     const if_event event = if_event_decode(payload.data());
@@ -108,7 +67,7 @@ TEST(route_events, fields_are_big_endian_and_the_mask_stands_at_byte_21)
 TEST(route_events, an_interface_that_comes_up_gets_its_routes_and_is_announced)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4065, state()), 0);
+    EXPECT_EQ(deliver(4065, state_payload()), 0);
     EXPECT_EQ(entries_of(CTX), 4u);
     EXPECT_TRUE(is_up());
     ASSERT_NE(on_chain(CTX, IP(10, 1, 0, 0), 24), nullptr) << "the mask is the one at byte 21";
@@ -116,30 +75,30 @@ TEST(route_events, an_interface_that_comes_up_gets_its_routes_and_is_announced)
     ASSERT_EQ(card.sent.size(), 1u);
     EXPECT_EQ(card.sent[0].opcode, 0x1005u);
     EXPECT_EQ(card.lines().front(), "106 <Ctx:3>Got MTS_OPC_NORVIK_IF_UP.\n");
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
 }
 
 TEST(route_events, an_interface_that_does_not_route_by_itself_changes_no_route_when_it_comes_up)
 {
     for (const std::uint32_t rmode : {0u, 2u, 0x01000000u}) {
         rib_card card;
-        EXPECT_EQ(deliver(4065, state(IF_ADDR, MASK24, rmode)), 0);
+        EXPECT_EQ(deliver(4065, state_payload({.rmode = rmode})), 0);
         EXPECT_EQ(card.lines(),
-                  (text_list{"106 <Ctx:3>Got MTS_OPC_NORVIK_IF_UP.\n",
-                             text("105 <Ctx:3>IF_UP, Not L3 interface, contextid=3, ifid=5\n, rmode =%u", rmode)}));
+                  (text_lines{"106 <Ctx:3>Got MTS_OPC_NORVIK_IF_UP.\n",
+                              text("105 <Ctx:3>IF_UP, Not L3 interface, contextid=3, ifid=5\n, rmode =%u", rmode)}));
         EXPECT_EQ(entries_of(CTX), 0u);
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
 TEST(route_events, a_routed_interface_without_an_address_is_complained_about_and_added_all_the_same)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4065, state(0)), 0);
+    EXPECT_EQ(deliver(4065, state_payload({.addr = 0})), 0);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS).front(),
               "<Ctx:3>IF_UP, Bad L3 interface, contextid=3, ipaddr =0, mask=ffffff00");
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_add_interface"),
-              (text_list{"<Ctx:3>norvik_add_interface:ifid =5, ip=0.0.0.0  maskbits =24\n"}));
+              (text_lines{"<Ctx:3>norvik_add_interface:ifid =5, ip=0.0.0.0  maskbits =24\n"}));
     EXPECT_EQ(entries_of(CTX), 0u) << "its network address is the address itself, so the add is undone";
     EXPECT_EQ(card.sent.size(), 0u);
 }
@@ -147,11 +106,11 @@ TEST(route_events, a_routed_interface_without_an_address_is_complained_about_and
 TEST(route_events, a_routed_interface_without_a_mask_is_complained_about_and_added_all_the_same)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4065, state(IF_ADDR, 0)), 0);
+    EXPECT_EQ(deliver(4065, state_payload({.mask = 0})), 0);
     EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS).front(),
               "<Ctx:3>IF_UP, Bad L3 interface, contextid=3, ipaddr =a010001, mask=0");
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_add_interface"),
-              (text_list{"<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =0\n"}));
+              (text_lines{"<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.0.1  maskbits =0\n"}));
 }
 
 TEST(route_events, an_interface_that_goes_down_loses_its_nat_routes_and_then_its_own)
@@ -160,16 +119,16 @@ TEST(route_events, an_interface_that_goes_down_loses_its_nat_routes_and_then_its
     depend_on_interface();
     card.forget();
     card.log_in_calls = true;
-    EXPECT_EQ(deliver(4066, state()), 0);
+    EXPECT_EQ(deliver(4066, state_payload()), 0);
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT);
     EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY);
     EXPECT_EQ(entries_of(CTX), 2u) << "the pool's and the static route stay";
     ASSERT_EQ(card.sent.size(), 1u);
     EXPECT_EQ(card.sent[0].opcode, 0x1006u);
-    const text_list lines = card.lines();
+    const text_lines lines = card.lines();
     EXPECT_EQ(lines[0], "106 <Ctx:3>Got MTS_OPC_NORVIK_IF_DOWN.\n");
     EXPECT_EQ(lines[1], "105 <Ctx:3>IF_DOWN, L3 interface, contextid=3, ipaddr =a010001, mask=ffffff00, ifid =5\n");
-    const text_list order = card.with(ROUTE_DBG_INFO, "o");
+    const text_lines order = card.with(ROUTE_DBG_INFO, "o");
     std::size_t nat = 0, own = 0;
     for (std::size_t i = 0; i < order.size(); ++i) {
         if (order[i].find("route_traversal: Start") != std::string::npos)
@@ -186,16 +145,16 @@ TEST(route_events, an_interface_that_is_deleted_keeps_its_nat_routes)
     rib_card card;
     depend_on_interface();
     card.forget();
-    EXPECT_EQ(deliver(4064, state()), 0);
+    EXPECT_EQ(deliver(4064, state_payload()), 0);
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT | RIB_F_NAT_IN_MTRIE);
     EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY);
     EXPECT_EQ(entries_of(CTX), 2u);
     ASSERT_EQ(card.sent.size(), 1u);
     EXPECT_EQ(card.sent[0].opcode, 0x1006u);
-    const text_list lines = card.lines();
+    const text_lines lines = card.lines();
     EXPECT_EQ(lines[0], "106 <Ctx:3>Got MTS_OPC_NORVIK_IF_DELETED.\n");
     EXPECT_EQ(lines[1], "105 <Ctx:3>IF_DOWN, L3 interface, contextid=3, ipaddr =a010001, mask=ffffff00, ifid =5\n");
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route_traversal"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route_traversal"), text_lines{});
 }
 
 TEST(route_events, an_interface_that_does_not_route_by_itself_changes_no_route_when_it_goes)
@@ -204,29 +163,29 @@ TEST(route_events, an_interface_that_does_not_route_by_itself_changes_no_route_w
         rib_card card;
         depend_on_interface();
         card.forget();
-        EXPECT_EQ(deliver(event.opcode, state(IF_ADDR, MASK24, 2)), 0);
-        EXPECT_EQ(card.lines(), (text_list{std::string("106 <Ctx:3>Got ") + event.name + ".\n",
-                                           "105 <Ctx:3>IF_DOWN, Not L3 interface, contextid=3, ifid=5\n, rmode =2"}));
+        EXPECT_EQ(deliver(event.opcode, state_payload({.rmode = 2})), 0);
+        EXPECT_EQ(card.lines(), (text_lines{std::string("106 <Ctx:3>Got ") + event.name + ".\n",
+                                            "105 <Ctx:3>IF_DOWN, Not L3 interface, contextid=3, ifid=5\n, rmode =2"}));
         EXPECT_EQ(entries_of(CTX), 7u);
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
 TEST(route_events, an_interface_that_is_created_is_only_logged)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4063, state()), 0);
-    EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:3>Got MTS_OPC_NORVIK_IF_CREATED.\n"}));
+    EXPECT_EQ(deliver(4063, state_payload()), 0);
+    EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:3>Got MTS_OPC_NORVIK_IF_CREATED.\n"}));
     EXPECT_EQ(entries_of(CTX), 0u);
-    EXPECT_EQ(card.calls, text_list{});
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(route_events, a_created_interfaces_context_is_not_judged_and_reaches_the_debug_gate_sign_extended)
 {
     rib_card card;
     card.open_debug_for(ROUTE_DBG_MAIN_LOOP, -2, true);
-    EXPECT_EQ(deliver(4063, state(IF_ADDR, MASK24, ROUTED, 0xFFFE)), 0);
-    EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:65534>Got MTS_OPC_NORVIK_IF_CREATED.\n"}));
+    EXPECT_EQ(deliver(4063, state_payload({.ctx = 0xFFFE})), 0);
+    EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:65534>Got MTS_OPC_NORVIK_IF_CREATED.\n"}));
     ASSERT_EQ(card.debug.size(), 1u);
     EXPECT_EQ(card.debug[0].ctx, -2);
     EXPECT_EQ(card.debug[0].text, "Got MTS_OPC_NORVIK_IF_CREATED.\n");
@@ -236,11 +195,11 @@ TEST(route_events, encapsulations_taken_and_given_back_are_only_logged_whatever_
 {
     for (const std::size_t length : {std::size_t{0}, std::size_t{48}}) {
         rib_card card;
-        EXPECT_EQ(deliver(4069, bytes(length, 0xFF)), 0);
-        EXPECT_EQ(deliver(4070, bytes(length, 0xFF)), 0);
-        EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_ENCAP_ACQUIRE.\n",
-                                           "106 <Ctx:0>Got MTS_OPC_NORVIK_ENCAP_RELEASE.\n"}));
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(deliver(4069, byte_string(length, 0xFF)), 0);
+        EXPECT_EQ(deliver(4070, byte_string(length, 0xFF)), 0);
+        EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_ENCAP_ACQUIRE.\n",
+                                            "106 <Ctx:0>Got MTS_OPC_NORVIK_ENCAP_RELEASE.\n"}));
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
@@ -252,15 +211,15 @@ TEST(route_events, every_other_opcode_is_ignored_under_the_platforms_name_for_it
         unused.push_back(opcode);
     for (const std::uint32_t opcode : unused) {
         card.forget();
-        EXPECT_EQ(deliver(opcode, state()), 0);
+        EXPECT_EQ(deliver(opcode, state_payload()), 0);
         EXPECT_EQ(card.lines(),
-                  (text_list{"106 <Ctx:0>Ignoring Message: " + std::string(mts_opc_name_get(opcode)) + "\n"}));
-        EXPECT_EQ(card.calls, text_list{});
+                  (text_lines{"106 <Ctx:0>Ignoring Message: " + std::string(mts_opc_name_get(opcode)) + "\n"}));
+        EXPECT_EQ(card.calls, text_lines{});
     }
     EXPECT_EQ(entries_of(CTX), 0u);
     card.forget();
     (void)deliver(4067, {});
-    EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Ignoring Message: MTS_OPC_4067\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:0>Ignoring Message: MTS_OPC_4067\n"}));
 }
 
 TEST(route_events, a_state_payload_one_byte_short_changes_nothing_and_is_one_line)
@@ -270,20 +229,20 @@ TEST(route_events, a_state_payload_one_byte_short_changes_nothing_and_is_one_lin
             rib_card card;
             depend_on_interface();
             card.forget();
-            bytes payload = state();
+            byte_string payload = state_payload();
             payload.resize(length);
             EXPECT_EQ(deliver(event.opcode, payload), 0);
             EXPECT_EQ(card.lines(),
-                      (text_list{text("100 <Ctx:0>Ignoring event %s: %zu byte payload\n", event.name, length)}));
+                      (text_lines{text("100 <Ctx:0>Ignoring event %s: %zu byte payload\n", event.name, length)}));
             EXPECT_EQ(entries_of(CTX), 7u);
-            EXPECT_EQ(card.calls, text_list{});
+            EXPECT_EQ(card.calls, text_lines{});
         }
 }
 
 TEST(route_events, a_longer_state_payload_is_taken_by_its_first_bytes)
 {
     rib_card card;
-    bytes payload = state();
+    byte_string payload = state_payload();
     payload.resize(1024, 0xFF);
     EXPECT_EQ(deliver(4065, payload), 0);
     EXPECT_TRUE(is_up());
@@ -295,21 +254,21 @@ TEST(route_events, a_context_over_255_changes_nothing_and_is_one_line)
         for (const std::uint32_t ctx : {256u, 0x103u, 0x8003u, 0xFFFFu})
             for (const std::uint32_t rmode : {1u, 2u}) {
                 rib_card card;
-                EXPECT_EQ(deliver(event.opcode, state(IF_ADDR, MASK24, rmode, ctx)), 0);
-                EXPECT_EQ(card.lines(), (text_list{text("100 <Ctx:0>Ignoring event %s: context %u out of range\n",
-                                                        event.name, ctx)}));
+                EXPECT_EQ(deliver(event.opcode, state_payload({.ctx = ctx, .rmode = rmode})), 0);
+                EXPECT_EQ(card.lines(), (text_lines{text("100 <Ctx:0>Ignoring event %s: context %u out of range\n",
+                                                         event.name, ctx)}));
                 EXPECT_EQ(entries_of(CTX), 0u);
-                EXPECT_EQ(card.calls, text_list{});
+                EXPECT_EQ(card.calls, text_lines{});
             }
 }
 
 TEST(route_events, the_last_context_is_in_range)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4065, state(IF_ADDR, MASK24, ROUTED, 255)), 0);
+    EXPECT_EQ(deliver(4065, state_payload({.ctx = 255})), 0);
     EXPECT_TRUE(is_up(IF_ADDR, 255));
-    EXPECT_EQ(card.texts(ROUTE_DBG_MAIN_LOOP), (text_list{"<Ctx:255>Got MTS_OPC_NORVIK_IF_UP.\n"}));
-    EXPECT_EQ(deliver(4066, state(IF_ADDR, MASK24, ROUTED, 255)), 0);
+    EXPECT_EQ(card.texts(ROUTE_DBG_MAIN_LOOP), (text_lines{"<Ctx:255>Got MTS_OPC_NORVIK_IF_UP.\n"}));
+    EXPECT_EQ(deliver(4066, state_payload({.ctx = 255})), 0);
     EXPECT_FALSE(is_up(IF_ADDR, 255));
 }
 
@@ -317,10 +276,10 @@ TEST(route_events, an_address_change_that_is_none_is_ignored_without_a_query)
 {
     for (const std::uint32_t word : {0u, 1u, 0x7FFFFFFFu}) {
         rib_card card;
-        EXPECT_EQ(deliver(4089, change(IF_ADDR, MASK24, word)), 0);
-        EXPECT_EQ(card.queries, text_list{});
-        EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(deliver(4089, change_payload({.old_addr = IF_ADDR, .word = word})), 0);
+        EXPECT_EQ(card.queries, text_lines{});
+        EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
@@ -330,16 +289,16 @@ TEST(route_events, a_changed_address_removes_the_old_routes_with_the_nat_routes_
     depend_on_interface();
     card.interfaces[IFID].address = NEW_ADDR;
     card.forget();
-    EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
+    EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
     EXPECT_FALSE(is_up(IF_ADDR));
     EXPECT_TRUE(is_up(NEW_ADDR));
     EXPECT_NE(on_chain(CTX, IP(10, 1, 1, 0), 24), nullptr);
     EXPECT_EQ(on_chain(CTX, IP(10, 1, 0, 0), 24), nullptr);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_list{});
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), text_lines{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "_interface:"),
-              (text_list{"<Ctx:3>norvik_remove_interface: ifid =5, ip=10.1.0.1  maskbits =24\n",
-                         "<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.1.1  maskbits =24\n"}));
-    EXPECT_EQ(card.texts(ROUTE_DBG_MAIN_LOOP), (text_list{"<Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
+              (text_lines{"<Ctx:3>norvik_remove_interface: ifid =5, ip=10.1.0.1  maskbits =24\n",
+                          "<Ctx:3>norvik_add_interface:ifid =5, ip=10.1.1.1  maskbits =24\n"}));
+    EXPECT_EQ(card.texts(ROUTE_DBG_MAIN_LOOP), (text_lines{"<Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
 }
 
 TEST(route_events, a_changed_address_keeps_hosts_and_static_routes_and_is_not_announced)
@@ -348,24 +307,24 @@ TEST(route_events, a_changed_address_keeps_hosts_and_static_routes_and_is_not_an
     depend_on_interface();
     card.interfaces[IFID].address = NEW_ADDR;
     card.forget();
-    EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
+    EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
     EXPECT_NE(on_chain(CTX, GATEWAY, 32), nullptr);
     EXPECT_EQ(on_chain(CTX, NET, 16)->flags, RIB_F_GATEWAY | RIB_F_IN_MTRIE);
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT | RIB_F_NAT_IN_MTRIE) << "down, and up with the new address";
     EXPECT_EQ(card.sent.size(), 0u);
     EXPECT_EQ(card.calls_of("tn_flush_rt_cache").size(), 1u);
-    EXPECT_EQ(card.queries, (text_list{"if_get_address 5", "if_get_ip 5", "if_get_context_id 5"})) << "each once";
+    EXPECT_EQ(card.queries, (text_lines{"if_get_address 5", "if_get_ip 5", "if_get_context_id 5"})) << "each once";
 }
 
 TEST(route_events, a_change_from_no_address_only_adds)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4089, change(0)), 0);
+    EXPECT_EQ(deliver(4089, change_payload({0})), 0);
     EXPECT_TRUE(is_up());
     EXPECT_EQ(entries_of(CTX), 4u);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_remove"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_remove"), text_lines{});
     EXPECT_EQ(card.with(ROUTE_DBG_INFO, "route_traversal: Start").size(), 1u) << "the NAT routes of the add";
-    EXPECT_EQ(card.calls, text_list{});
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(route_events, a_change_to_no_address_only_removes)
@@ -374,10 +333,10 @@ TEST(route_events, a_change_to_no_address_only_removes)
     depend_on_interface();
     card.interfaces[IFID].address = 0;
     card.forget();
-    EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
+    EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
     EXPECT_FALSE(is_up());
     EXPECT_EQ(on_chain(CTX, POOL, 29)->flags, RIB_F_NAT);
-    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_add_interface"), text_list{});
+    EXPECT_EQ(card.with(ROUTE_DBG_INFO, "norvik_add_interface"), text_lines{});
     EXPECT_EQ(card.sent.size(), 0u);
 }
 
@@ -385,9 +344,9 @@ TEST(route_events, a_change_from_no_address_to_none_changes_nothing)
 {
     rib_card card;
     card.interfaces[IFID].address = 0;
-    EXPECT_EQ(deliver(4089, change(0)), 0);
-    EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
-    EXPECT_EQ(card.calls, text_list{});
+    EXPECT_EQ(deliver(4089, change_payload({0})), 0);
+    EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
+    EXPECT_EQ(card.calls, text_lines{});
 }
 
 TEST(route_events, the_whole_interface_id_is_asked_for_and_its_low_half_passed_on)
@@ -395,12 +354,12 @@ TEST(route_events, the_whole_interface_id_is_asked_for_and_its_low_half_passed_o
     rib_card card;
     card.interfaces.clear();
     card.add_interface(0x00020006, IF_ADDR, CTX);
-    EXPECT_EQ(deliver(4089, change(0, 0, CHANGED, 0x00020006)), 0);
+    EXPECT_EQ(deliver(4089, change_payload({.old_addr = 0, .ifid = 0x00020006, .old_mask = 0})), 0);
     ASSERT_TRUE(is_up());
     EXPECT_EQ(on_chain(CTX, IF_ADDR, 32)->ifid, 6);
     card.forget();
-    EXPECT_EQ(deliver(4089, change(0, 0, CHANGED, 6)), 0);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:0>ifid to rmode mapping failed for 6"}));
+    EXPECT_EQ(deliver(4089, change_payload({.old_addr = 0, .ifid = 6, .old_mask = 0})), 0);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:0>ifid to rmode mapping failed for 6"}));
 }
 
 TEST(route_events, a_change_of_an_interface_that_the_interface_manager_cannot_place_is_one_error_line)
@@ -420,19 +379,19 @@ TEST(route_events, a_change_of_an_interface_that_the_interface_manager_cannot_pl
         depend_on_interface();
         missing.take(card.interfaces[IFID]);
         card.forget();
-        EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
+        EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
         EXPECT_EQ(card.lines(),
-                  (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n", std::string("100 ") + missing.line}));
+                  (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n", std::string("100 ") + missing.line}));
         EXPECT_EQ(entries_of(CTX), 7u);
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
 TEST(route_events, an_interface_id_with_the_top_bit_is_printed_as_a_negative_number)
 {
     rib_card card;
-    EXPECT_EQ(deliver(4089, change(0, 0, CHANGED, 0xFFFFFFFF)), 0);
-    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_list{"<Ctx:0>ifid to rmode mapping failed for -1"}));
+    EXPECT_EQ(deliver(4089, change_payload({.old_addr = 0, .ifid = 0xFFFFFFFF, .old_mask = 0})), 0);
+    EXPECT_EQ(card.texts(ROUTE_DBG_ERRORS), (text_lines{"<Ctx:0>ifid to rmode mapping failed for -1"}));
 }
 
 TEST(route_events, a_change_of_an_interface_that_does_not_route_by_itself_is_silent)
@@ -442,9 +401,9 @@ TEST(route_events, a_change_of_an_interface_that_does_not_route_by_itself_is_sil
     card.interfaces[IFID].rmode = 2;
     card.interfaces[IFID].has_address = false; // not asked for any more
     card.forget();
-    EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
-    EXPECT_EQ(card.lines(), (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
-    EXPECT_EQ(card.queries, text_list{"if_get_address 5"});
+    EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
+    EXPECT_EQ(card.lines(), (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n"}));
+    EXPECT_EQ(card.queries, text_lines{"if_get_address 5"});
     EXPECT_EQ(entries_of(CTX), 7u);
 }
 
@@ -455,13 +414,13 @@ TEST(route_events, a_change_in_a_context_over_255_changes_nothing_and_is_judged_
         depend_on_interface();
         card.interfaces[IFID].ctx = ctx;
         card.forget();
-        EXPECT_EQ(deliver(4089, change(IF_ADDR)), 0);
+        EXPECT_EQ(deliver(4089, change_payload({IF_ADDR})), 0);
         EXPECT_EQ(
             card.lines(),
-            (text_list{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n",
-                       text("100 <Ctx:0>Ignoring event MTS_OPC_NORVIK_IF_CHANGED: context %d out of range\n", ctx)}));
+            (text_lines{"106 <Ctx:0>Got MTS_OPC_NORVIK_IF_CHANGED.\n",
+                        text("100 <Ctx:0>Ignoring event MTS_OPC_NORVIK_IF_CHANGED: context %d out of range\n", ctx)}));
         EXPECT_EQ(entries_of(CTX), 7u);
-        EXPECT_EQ(card.calls, text_list{});
+        EXPECT_EQ(card.calls, text_lines{});
     }
 }
 
@@ -471,11 +430,12 @@ TEST(route_events, a_change_payload_one_byte_short_changes_nothing_and_is_one_li
         rib_card card;
         depend_on_interface();
         card.forget();
-        bytes payload = change(IF_ADDR);
+        byte_string payload = change_payload({IF_ADDR});
         payload.resize(length);
         EXPECT_EQ(deliver(4089, payload), 0);
-        EXPECT_EQ(card.lines(),
-                  (text_list{text("100 <Ctx:0>Ignoring event MTS_OPC_NORVIK_IF_CHANGED: %zu byte payload\n", length)}));
+        EXPECT_EQ(
+            card.lines(),
+            (text_lines{text("100 <Ctx:0>Ignoring event MTS_OPC_NORVIK_IF_CHANGED: %zu byte payload\n", length)}));
         EXPECT_EQ(entries_of(CTX), 7u);
     }
 }

@@ -15,6 +15,8 @@
 #include "route_mts.h"
 #include "route_rpc_serv.h"
 
+using namespace harness;
+
 namespace
 {
 
@@ -132,12 +134,7 @@ TEST(route_handler, an_interface_event_brings_its_routes_before_its_message_is_r
     fake_card card;
     ASSERT_EQ(card.start_tables(), 0);
     loop l;
-    std::vector<std::uint8_t> payload(48);
-    const std::uint8_t head[] = {0, 5, 0, 3, 10, 1, 0, 1};
-    std::copy(std::begin(head), std::end(head), payload.begin());
-    payload[21] = payload[22] = payload[23] = 255;
-    payload[47] = 1;
-    card.post(MTS_OPC_NORVIK_IF_UP, payload);
+    card.post(MTS_OPC_NORVIK_IF_UP, state_payload());
     l.pass();
     EXPECT_EQ(card.calls.back(), "mts_drop q 4065");
     EXPECT_EQ(card.blocks(MTRACK_ROUTE_ENTRY_1), 4u);

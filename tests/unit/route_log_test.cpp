@@ -17,6 +17,8 @@
 #include "fake_card.h"
 #include "route_log.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -24,6 +24,8 @@
 #include "route_mgr.h"
 #include "sdwrap.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -14,6 +14,8 @@
 #include "route_rpc_client.h"
 #include "route_rpc_serv.h"
 
+using namespace harness;
+
 namespace
 {
 

@@ -10,12 +10,13 @@
 #include "rib_static.h"
 #include "route_log.h"
 
+using namespace harness;
+
 namespace
 {
 
 constexpr std::uint32_t NOTHING = 0x5A5A5A5A; // what the output holds before a lookup
 constexpr std::uint32_t ADDR = IP(10, 9, 1, 77), NET24 = IP(10, 9, 1, 0), NET16 = IP(10, 9, 0, 0);
-constexpr std::uint32_t MASK24 = 0xFFFFFF00, MASK16 = 0xFFFF0000;
 constexpr std::uint32_t GATEWAY2 = IP(10, 1, 0, 8);
 constexpr std::uint16_t ENCAP2 = 0x4321;
 
@@ -86,7 +87,7 @@ struct twin {
 };
 
 // The slow path from now on knows the MAC address of the second encapsulation only, or of none.
-void fail_check_of(lookup_card &card, const text_list &failing)
+void fail_check_of(lookup_card &card, const text_lines &failing)
 {
     card.macs(1);
     card.on_call = [&card, failing](const std::string &call) {
@@ -105,13 +106,13 @@ TEST(slowpath_lookup, the_longest_prefix_that_covers_the_address_gives_the_next_
     card.route(NET16, MASK16, GATEWAY);
     card.route(NET24, MASK24, GATEWAY2);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
-    EXPECT_EQ(card.calls, text_list{CHECK2}) << "one call for the one candidate";
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"});
+    EXPECT_EQ(card.calls, text_lines{CHECK2}) << "one call for the one candidate";
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"});
 
     card.forget();
     EXPECT_EQ(lookup(IP(10, 9, 2, 77)), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK});
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.2.77\n"});
+    EXPECT_EQ(card.calls, text_lines{CHECK});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.2.77\n"});
 }
 
 TEST(slowpath_lookup, a_host_is_found_by_its_whole_address_and_answers_its_interfaces_address)
@@ -131,11 +132,11 @@ TEST(slowpath_lookup, a_longer_prefix_without_an_encapsulation_hides_the_shorter
     EXPECT_EQ(nexthop, NOTHING);
     EXPECT_TRUE(card.calls.empty()) << "nothing to check";
     EXPECT_EQ(lookup(ADDR), (answer{1, 0}));
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>could not find route for ip=10.9.1.77\n"});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>could not find route for ip=10.9.1.77\n"});
 
     card.route(0, 0, GATEWAY2);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2})) << "the default, not the /16";
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>route lookup: using default route for ip=10.9.1.77\n"});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>route lookup: using default route for ip=10.9.1.77\n"});
 }
 
 TEST(slowpath_lookup, only_the_low_16_bits_of_an_encap_id_count)
@@ -147,7 +148,7 @@ TEST(slowpath_lookup, only_the_low_16_bits_of_an_encap_id_count)
     EXPECT_TRUE(card.calls.empty());
     on_chain(CTX, NET24, 24)->encap_id = 0xABCD1234;
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK});
+    EXPECT_EQ(card.calls, text_lines{CHECK});
     on_chain(CTX, NET24, 24)->encap_id = ENCAP;
 }
 
@@ -158,8 +159,8 @@ TEST(slowpath_lookup, a_matched_route_whose_mac_check_fails_is_still_answered)
     card.route(NET24, MASK24, GATEWAY);
     card.macs(0);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK}) << "the default is not tried";
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"});
+    EXPECT_EQ(card.calls, text_lines{CHECK}) << "the default is not tried";
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"});
 }
 
 TEST(slowpath_lookup, a_slow_path_that_does_not_answer_counts_as_a_valid_mac)
@@ -168,8 +169,8 @@ TEST(slowpath_lookup, a_slow_path_that_does_not_answer_counts_as_a_valid_mac)
     card.route(NET24, MASK24, GATEWAY);
     card.call_results.erase("encap_valid_mac");
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.lines(), (text_list{"100 <Ctx:0>slowpath_valid_mac: bad rpc retcode -1. STOP\n",
-                                       "105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"}));
+    EXPECT_EQ(card.lines(), (text_lines{"100 <Ctx:0>slowpath_valid_mac: bad rpc retcode -1. STOP\n",
+                                        "105 <Ctx:3>route lookup: using non-default route for ip=10.9.1.77\n"}));
 }
 
 TEST(slowpath_lookup, the_members_of_a_set_are_not_examined)
@@ -180,7 +181,7 @@ TEST(slowpath_lookup, the_members_of_a_set_are_not_examined)
     ASSERT_EQ(gateways(CTX, NET24, 24), (std::vector<std::uint32_t>{GATEWAY, GATEWAY2}));
     card.macs(0);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK});
+    EXPECT_EQ(card.calls, text_lines{CHECK});
 }
 
 TEST(slowpath_lookup, the_default_route_answers_what_no_longer_prefix_covers)
@@ -188,8 +189,8 @@ TEST(slowpath_lookup, the_default_route_answers_what_no_longer_prefix_covers)
     lookup_card card;
     card.route(0, 0, GATEWAY);
     EXPECT_EQ(lookup(IP(192, 0, 2, 1)), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK});
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>route lookup: using default route for ip=192.0.2.1\n"});
+    EXPECT_EQ(card.calls, text_lines{CHECK});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>route lookup: using default route for ip=192.0.2.1\n"});
 }
 
 TEST(slowpath_lookup, the_length_of_0_is_left_to_the_default_lookup)
@@ -221,7 +222,7 @@ TEST(slowpath_lookup, a_default_set_whose_head_has_no_encapsulation_is_not_found
     ASSERT_NE(on_chain(CTX, 0, 0)->ecmp->encap_id, 0u);
     EXPECT_EQ(lookup(ADDR), (answer{1, 0}));
     EXPECT_TRUE(card.calls.empty());
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:3>could not find route for ip=10.9.1.77\n"});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:3>could not find route for ip=10.9.1.77\n"});
 }
 
 TEST(slowpath_lookup, a_context_without_a_route_answers_1_and_a_next_hop_of_0)
@@ -232,7 +233,7 @@ TEST(slowpath_lookup, a_context_without_a_route_answers_1_and_a_next_hop_of_0)
     EXPECT_EQ(slowpath_default_route_lookup(4, &nexthop), 1u) << "of an empty chain";
     EXPECT_EQ(nexthop, NOTHING);
     EXPECT_EQ(lookup(IP(255, 128, 0, 255), 4), (answer{1, 0}));
-    EXPECT_EQ(card.lines(), text_list{"105 <Ctx:4>could not find route for ip=255.128.0.255\n"});
+    EXPECT_EQ(card.lines(), text_lines{"105 <Ctx:4>could not find route for ip=255.128.0.255\n"});
     EXPECT_TRUE(card.calls.empty());
 }
 
@@ -268,12 +269,12 @@ TEST(slowpath_lookup, entries_of_one_prefix_are_tried_in_turn_until_one_is_accep
     card.route(NET24, MASK24, GATEWAY);
     const twin second(NET24, 24, GATEWAY2, ENCAP2);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY}));
-    EXPECT_EQ(card.calls, text_list{CHECK}) << "the first is good enough";
+    EXPECT_EQ(card.calls, text_lines{CHECK}) << "the first is good enough";
 
     card.forget();
     fail_check_of(card, {CHECK});
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
-    EXPECT_EQ(card.calls, (text_list{CHECK, CHECK2}));
+    EXPECT_EQ(card.calls, (text_lines{CHECK, CHECK2}));
 }
 
 TEST(slowpath_lookup, an_entry_without_an_encapsulation_gives_way_to_the_next_of_its_prefix)
@@ -282,7 +283,7 @@ TEST(slowpath_lookup, an_entry_without_an_encapsulation_gives_way_to_the_next_of
     card.route(NET24, MASK24, IP(10, 1, 0, 50)); // waits for its gateway
     const twin second(NET24, 24, GATEWAY2, ENCAP2);
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
-    EXPECT_EQ(card.calls, text_list{CHECK2});
+    EXPECT_EQ(card.calls, text_lines{CHECK2});
 }
 
 TEST(slowpath_lookup, when_every_check_fails_the_last_entrys_next_hop_is_answered)
@@ -292,7 +293,7 @@ TEST(slowpath_lookup, when_every_check_fails_the_last_entrys_next_hop_is_answere
     const twin second(NET24, 24, GATEWAY2, ENCAP2);
     fail_check_of(card, {CHECK, CHECK2});
     EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
-    EXPECT_EQ(card.calls, (text_list{CHECK, CHECK2}));
+    EXPECT_EQ(card.calls, (text_lines{CHECK, CHECK2}));
 }
 
 TEST(slowpath_lookup, a_last_entry_without_an_encapsulation_decides_that_nothing_was_found)
@@ -324,7 +325,7 @@ TEST(slowpath_lookup, the_default_lookup_walks_its_whole_chain)
     {
         const twin second(0, 0, GATEWAY2, ENCAP2);
         EXPECT_EQ(lookup(ADDR), (answer{0, GATEWAY2}));
-        EXPECT_EQ(card.calls, text_list{CHECK2});
+        EXPECT_EQ(card.calls, text_lines{CHECK2});
     }
     on_chain(CTX, 0, 0)->encap_id = ENCAP;
     fail_check_of(card, {CHECK});

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include "fake_card.h"
 #include "prefix_mgr.h"
-#include "processor_walk.h"
+
+using namespace harness;
 
 namespace
 {

@@ -1,20 +1,20 @@
 // daemon.h - the real daemon as a test meets it: a process in a card directory of its own, its sockets and its files.
 //
-// Everything is spoken raw, byte by byte, and nothing of the platform is used: these tests hold the contract between
-// processes, so they must not share the code that keeps it.
+// Everything is spoken raw, byte by byte (card_bytes.h), and nothing of the platform is used: these tests hold the
+// contract between processes, so they must not share the code that keeps it.
 // Always: every wait is on a descriptor with a limit; whatever a test started is ended and removed with its record.
 #pragma once
 
 #include <sys/types.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-using byte_string = std::vector<std::uint8_t>;
+#include "card_bytes.h"
 
+namespace harness
+{
 constexpr int DAEMON_WAIT_MS = 30000; // limit of every wait; generous, for sanitizers on a busy machine
 
 // A card directory, fresh, removed with the record.
@@ -61,35 +61,21 @@ unsigned path_mode(const std::string &path);                     // permission b
 void make_folder(const std::string &path);                       // mode 0700; may exist
 void path_set_mode(const std::string &path, unsigned mode);
 
-// Numbers in datagrams: big-endian.
-void put16(byte_string &to, std::uint32_t value);
-void put32(byte_string &to, std::uint32_t value);
-std::uint32_t get32(const byte_string &from, std::size_t at); // 0 beyond the end
-
-// RPC. An argument: type code and bytes.
-struct rpc_arg {
-    std::uint32_t code;
-    byte_string bytes;
-};
-rpc_arg arg_small(std::uint32_t value); // code 0
-rpc_arg arg16(std::uint32_t value);     // code 1
-rpc_arg arg32(std::uint32_t value);     // code 2
-rpc_arg arg_ref(std::uint32_t value);   // code 8, 4 bytes
-rpc_arg arg_ref16(std::uint32_t value); // code 8, 2 bytes
-rpc_arg arg_block();                    // code 9
-
+// RPC.
 struct rpc_reply {
     bool arrived = false;
     std::uint32_t transaction = 0, status = 0, result = 0;
     byte_string record; // the whole of it
 };
 
-void put_argument(byte_string &to, const rpc_arg &arg); // type code, 0, length, bytes
-byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args);
 int rpc_connect(const card_dir &card, std::string_view socket); // such as "rpc/9"; -1 when nobody listens
 void rpc_send(int connection, const byte_string &record);
 rpc_reply rpc_receive(int connection);
-rpc_reply rpc_call(int connection, std::string_view name, const std::vector<rpc_arg> &args);
+rpc_reply rpc_call(int connection, const remote_call &call);
+inline rpc_reply rpc_call(int connection, const std::string &name, const std::vector<rpc_arg> &args)
+{
+    return rpc_call(connection, {name, args});
+}
 
 // A connection to the endpoint of the route manager, closed with the record.
 struct rpc_client {
@@ -125,34 +111,23 @@ struct mts_queue {
     mts_queue(const mts_queue &) = delete;
     mts_queue &operator=(const mts_queue &) = delete;
 };
-struct mts_message {
+struct received_message {
     std::uint32_t opcode = 0, node = 0, sap = 0;
     std::string payload;
 };
 void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &payload);
 void mts_send_raw(const mts_queue &queue, const byte_string &datagram);
-mts_message mts_receive(const mts_queue &queue);     // opcode 0 at the limit
-byte_string mts_receive_raw(const mts_queue &queue); // the whole datagram, empty at the limit
+bool mts_offer(const mts_queue &queue, const byte_string &datagram); // false when there is no room for it just now
+received_message mts_receive(const mts_queue &queue);                // opcode 0 at the limit
+byte_string mts_receive_raw(const mts_queue &queue);                 // the whole datagram, empty at the limit
 // Requests of the debug service; the second waits for the answer.
 void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t category, std::uint32_t context,
                    std::uint32_t value);
 std::string debug_answer(const mts_queue &queue, std::uint32_t verb);
 std::uint64_t counter_value(const std::string &answer, std::string_view name); // ~0 when it is not there
 
-// Event history of the route manager.
-struct history_record {
-    std::uint32_t type, category;
-    std::uint64_t time;
-    std::string text;  // without its NUL
-    std::uint64_t end; // position in the history behind it, as `head` counts
-};
-struct history {
-    bool valid = false;
-    std::uint64_t capacity = 0, tail = 0, head = 0;
-    std::vector<history_record> records; // oldest first
-};
+// The event history of the route manager as it stands at this moment, while the daemon may go on writing.
 history history_read(const card_dir &card);
-bool history_has(const history &from, std::uint32_t category, std::string_view text); // a record of just this text
 
 // The socket of the supervisor card.
 struct supervisor_socket {
@@ -164,12 +139,9 @@ struct supervisor_socket {
 };
 byte_string supervisor_receive(const supervisor_socket &supervisor); // one datagram, empty at the limit
 
-// Interface database: written whole, `interfaces` records of which exist.
-struct interface_record {
-    std::uint32_t ifid, flags, rmode, bvi, address, mask, context, vlan;
-};
-constexpr std::uint32_t IF_EXISTS = 1, IF_UP = 2, IF_ADDRESS = 4, IF_CONTEXT = 8, IF_VLAN = 16;
+// The interface database, written whole.
 void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces);
 
 // The words of a table memory at this moment.
 std::vector<std::uint32_t> memory_words(const card_dir &card, const char *name);
+} // namespace harness

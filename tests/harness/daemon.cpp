@@ -1,6 +1,4 @@
-// daemon.cpp - how a test starts the daemon and speaks to it. The forms here are typed from the contract between the
-// card's processes, on purpose a second time: a mistake in the platform's code cannot hide in the tests.
-
+// daemon.cpp - how a test starts the daemon and speaks to it.
 #include "daemon.h"
 
 #include <fcntl.h>
@@ -26,11 +24,10 @@
 #include <sstream>
 #include <stdexcept>
 
+namespace harness
+{
 namespace
 {
-constexpr std::uint32_t CALL_MAGIC = 0x544E5251, REPLY_MAGIC = 0x544E5250, MESSAGE_MAGIC = 0x4D545331;
-constexpr std::size_t HISTORY_HEADER = 64, INTERFACE_HEADER = 64, INTERFACE_BYTES = 32, INTERFACE_COUNT = 8192;
-
 [[noreturn]] void fail(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
 sockaddr_un address_of(const std::string &path)
@@ -137,27 +134,31 @@ std::vector<std::string> environment_with(const std::string &card, const std::st
     return variables;
 }
 
-rpc_arg arg_bytes(std::uint32_t code, std::uint32_t value, unsigned bytes)
-{
-    rpc_arg arg{code, {}};
-    for (unsigned i = bytes; i-- > 0;)
-        arg.bytes.push_back(static_cast<std::uint8_t>(value >> 8 * i));
-    return arg;
-}
+// A file of the card as another process reads it while its owner writes: every number one aligned load.
+struct shared_file {
+    explicit shared_file(const std::string &path)
+    {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat found;
+        if (fd < 0 || ::fstat(fd, &found) != 0)
+            fail(path);
+        bytes = static_cast<std::size_t>(found.st_size);
+        map = ::mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
+        ::close(fd);
+        if (map == MAP_FAILED)
+            fail(path);
+    }
+    ~shared_file() { ::munmap(map, bytes); }
+    shared_file(const shared_file &) = delete;
+    shared_file &operator=(const shared_file &) = delete;
+    template <class T> T number(std::size_t at) const
+    {
+        return __atomic_load_n(reinterpret_cast<const T *>(static_cast<const char *>(map) + at), __ATOMIC_ACQUIRE);
+    }
 
-// Host-order number out of a byte image.
-template <class T> T number_at(const byte_string &image, std::size_t at)
-{
-    T value;
-    std::memcpy(&value, image.data() + at, sizeof value);
-    return value;
-}
-
-byte_string file_bytes(const std::string &path)
-{
-    const std::string text = file_text(path);
-    return byte_string(text.begin(), text.end());
-}
+    std::size_t bytes;
+    void *map;
+};
 } // namespace
 
 card_dir::card_dir()
@@ -271,54 +272,6 @@ void path_set_mode(const std::string &path, unsigned mode)
         fail(path);
 }
 
-void put16(byte_string &to, std::uint32_t value)
-{
-    to.push_back(static_cast<std::uint8_t>(value >> 8));
-    to.push_back(static_cast<std::uint8_t>(value));
-}
-
-void put32(byte_string &to, std::uint32_t value)
-{
-    put16(to, value >> 16);
-    put16(to, value);
-}
-
-std::uint32_t get32(const byte_string &from, std::size_t at)
-{
-    if (at + 4 > from.size())
-        return 0;
-    return static_cast<std::uint32_t>(from[at]) << 24 | static_cast<std::uint32_t>(from[at + 1]) << 16 |
-           static_cast<std::uint32_t>(from[at + 2]) << 8 | from[at + 3];
-}
-
-rpc_arg arg_small(std::uint32_t value) { return arg_bytes(0, value, 1); }
-rpc_arg arg16(std::uint32_t value) { return arg_bytes(1, value, 2); }
-rpc_arg arg32(std::uint32_t value) { return arg_bytes(2, value, 4); }
-rpc_arg arg_ref(std::uint32_t value) { return arg_bytes(8, value, 4); }
-rpc_arg arg_ref16(std::uint32_t value) { return arg_bytes(8, value, 2); }
-rpc_arg arg_block() { return {9, {}}; }
-
-void put_argument(byte_string &to, const rpc_arg &arg)
-{
-    put16(to, arg.code);
-    put16(to, 0);
-    put32(to, static_cast<std::uint32_t>(arg.bytes.size()));
-    to.insert(to.end(), arg.bytes.begin(), arg.bytes.end());
-}
-
-byte_string rpc_record(std::uint32_t transaction, std::string_view name, const std::vector<rpc_arg> &args)
-{
-    byte_string record;
-    put32(record, CALL_MAGIC);
-    put32(record, transaction);
-    put16(record, static_cast<std::uint32_t>(name.size()));
-    put16(record, static_cast<std::uint32_t>(args.size()));
-    record.insert(record.end(), name.begin(), name.end());
-    for (const rpc_arg &arg : args)
-        put_argument(record, arg);
-    return record;
-}
-
 int rpc_connect(const card_dir &card, std::string_view socket)
 {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -346,10 +299,10 @@ rpc_reply rpc_receive(int connection)
     return reply;
 }
 
-rpc_reply rpc_call(int connection, std::string_view name, const std::vector<rpc_arg> &args)
+rpc_reply rpc_call(int connection, const remote_call &call)
 {
     static std::uint32_t transaction = 100;
-    rpc_send(connection, rpc_record(++transaction, name, args));
+    rpc_send(connection, rpc_record(++transaction, call));
     rpc_reply reply = rpc_receive(connection);
     reply.arrived = reply.arrived && reply.transaction == transaction;
     return reply;
@@ -396,22 +349,15 @@ byte_string rpc_take_one(rpc_server &server)
 byte_string rpc_serve_raw(rpc_server &server, std::uint32_t magic, const byte_string &rest)
 {
     const byte_string call = rpc_take_one(server);
-    byte_string reply;
-    put32(reply, magic);
-    put32(reply, get32(call, 4));
-    reply.insert(reply.end(), rest.begin(), rest.end());
-    rpc_send(server.connection, reply);
+    rpc_send(server.connection, joined({word_bytes({magic, get32(call, 4)}), rest}));
     return call;
 }
 
 byte_string rpc_serve_one(rpc_server &server, std::uint32_t result, const std::vector<rpc_arg> &values)
 {
-    byte_string rest;
-    put32(rest, 0);
-    put32(rest, result);
-    for (const rpc_arg &value : values)
-        put_argument(rest, value);
-    return rpc_serve_raw(server, REPLY_MAGIC, rest);
+    const byte_string call = rpc_take_one(server);
+    rpc_send(server.connection, rpc_reply_record(get32(call, 4), 0, result, values));
+    return call;
 }
 
 void rpc_hang_up(rpc_server &server)
@@ -441,18 +387,25 @@ void mts_send_raw(const mts_queue &queue, const byte_string &datagram)
         fail(queue.manager);
 }
 
+bool mts_offer(const mts_queue &queue, const byte_string &datagram)
+{
+    const sockaddr_un to = address_of(queue.manager);
+    if (::sendto(queue.fd, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL, as_sockaddr(to), sizeof to) >=
+        0)
+        return true;
+    if (errno != EAGAIN)
+        fail(queue.manager);
+    return false;
+}
+
 void mts_send(const mts_queue &queue, std::uint32_t opcode, const byte_string &payload)
 {
-    byte_string datagram;
-    for (const std::uint32_t word : {MESSAGE_MAGIC, opcode, 0u, queue.sap})
-        put32(datagram, word);
-    datagram.insert(datagram.end(), payload.begin(), payload.end());
-    mts_send_raw(queue, datagram);
+    mts_send_raw(queue, message_bytes(opcode, queue.sap, payload));
 }
 
 byte_string mts_receive_raw(const mts_queue &queue) { return received(queue.fd); }
 
-mts_message mts_receive(const mts_queue &queue)
+received_message mts_receive(const mts_queue &queue)
 {
     const byte_string datagram = mts_receive_raw(queue);
     if (datagram.size() < 16 || get32(datagram, 0) != MESSAGE_MAGIC)
@@ -464,17 +417,14 @@ mts_message mts_receive(const mts_queue &queue)
 void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t category, std::uint32_t context,
                    std::uint32_t value)
 {
-    byte_string payload;
-    for (const std::uint32_t word : {verb, category, context, value})
-        put32(payload, word);
-    mts_send(queue, 1530, payload);
+    mts_send(queue, DEBUG_REQUEST, word_bytes({verb, category, context, value}));
 }
 
 std::string debug_answer(const mts_queue &queue, std::uint32_t verb)
 {
     debug_request(queue, verb, 0, 0, 0);
-    const mts_message answer = mts_receive(queue);
-    if (answer.opcode != 1531 || answer.node != 0 || answer.sap != 514)
+    const received_message answer = mts_receive(queue);
+    if (answer.opcode != DEBUG_ANSWER || answer.node != 0 || answer.sap != ROUTE_MANAGER_SAP)
         return "no answer of the route manager: opcode " + std::to_string(answer.opcode);
     return answer.payload;
 }
@@ -492,42 +442,34 @@ std::uint64_t counter_value(const std::string &answer, std::string_view name)
 
 history history_read(const card_dir &card)
 {
-    const byte_string image = file_bytes(card.at("history/115"));
+    constexpr std::size_t HEADER = 64;
     history h;
-    if (image.size() < HISTORY_HEADER || number_at<std::uint32_t>(image, 0) != 0x48495354 ||
-        number_at<std::uint32_t>(image, 4) != 1)
+    const std::string path = card.at("history/115");
+    if (!path_exists(path))
         return h;
-    h.capacity = number_at<std::uint64_t>(image, 8);
-    h.tail = number_at<std::uint64_t>(image, 16);
-    h.head = number_at<std::uint64_t>(image, 24);
-    h.valid = h.capacity != 0 && image.size() == HISTORY_HEADER + h.capacity && h.tail <= h.head &&
-              h.head - h.tail <= h.capacity;
-    if (!h.valid)
+    const shared_file file(path);
+    if (file.bytes < HEADER || file.number<std::uint32_t>(0) != 0x48495354 || file.number<std::uint32_t>(4) != 1)
         return h;
-    byte_string ring; // the records in one piece
-    for (std::uint64_t at = h.tail; at < h.head; ++at)
-        ring.push_back(image[HISTORY_HEADER + at % h.capacity]);
-    for (std::size_t at = 0; h.valid && at < ring.size();) {
-        const std::size_t size = ring.size() - at >= 24 ? number_at<std::uint32_t>(ring, at) : 0;
-        const std::size_t length = size >= 24 ? number_at<std::uint32_t>(ring, at + 16) : 0;
-        h.valid = size >= 24 && size % 8 == 0 && size <= ring.size() - at && length >= 5 && 20 + length <= size;
-        if (!h.valid)
-            break;
-        h.records.push_back({number_at<std::uint32_t>(ring, at + 4), number_at<std::uint32_t>(ring, at + 20),
-                             number_at<std::uint64_t>(ring, at + 8),
-                             std::string(reinterpret_cast<const char *>(ring.data()) + at + 24, length - 5),
-                             h.tail + at + size});
-        at += size;
+    h.capacity = file.number<std::uint64_t>(8);
+    if (h.capacity == 0 || h.capacity % 8 != 0 || file.bytes != HEADER + h.capacity)
+        return h;
+    // The writer drops the oldest records, then writes where they stood, then lets the head go on. So what lies between
+    // the tail after the copy and the head before it is whole; when nothing does, the writer has overtaken the copy.
+    std::string ring;
+    std::uint64_t from = 0;
+    for (unsigned tries = 0; tries < 1000 && (tries == 0 || h.tail > h.head); ++tries) {
+        h.head = file.number<std::uint64_t>(24);
+        from = file.number<std::uint64_t>(16);
+        ring.clear();
+        for (std::uint64_t at = from; at < h.head && ring.size() < h.capacity; at += 8) {
+            const std::uint64_t word = file.number<std::uint64_t>(HEADER + at % h.capacity);
+            ring.append(reinterpret_cast<const char *>(&word), sizeof word);
+        }
+        h.tail = file.number<std::uint64_t>(16);
     }
+    h.valid = from % 8 == 0 && from <= h.tail && h.tail <= h.head && ring.size() == h.head - from &&
+              history_parse(h, std::string_view(ring).substr(h.tail - from));
     return h;
-}
-
-bool history_has(const history &from, std::uint32_t category, std::string_view text)
-{
-    for (const history_record &record : from.records)
-        if (record.category == category && record.text == text)
-            return true;
-    return false;
 }
 
 supervisor_socket::supervisor_socket(const card_dir &card)
@@ -542,33 +484,15 @@ byte_string supervisor_receive(const supervisor_socket &supervisor) { return rec
 
 void interfaces_write(const card_dir &card, const std::vector<interface_record> &interfaces)
 {
-    std::vector<std::uint32_t> image((INTERFACE_HEADER + INTERFACE_COUNT * INTERFACE_BYTES) / 4);
-    const std::uint32_t header[] = {0x49464442, 1, INTERFACE_BYTES, INTERFACE_COUNT};
-    std::copy(std::begin(header), std::end(header), image.begin());
-    for (const interface_record &i : interfaces) {
-        const std::uint32_t words[] = {0, i.flags, i.rmode, i.bvi, i.address, i.mask, i.context, i.vlan};
-        std::copy(std::begin(words), std::end(words),
-                  image.begin() + static_cast<std::ptrdiff_t>((INTERFACE_HEADER + i.ifid * INTERFACE_BYTES) / 4));
-    }
-    file_write(card.at("interfaces"), {reinterpret_cast<const char *>(image.data()), image.size() * 4});
+    file_write(card.at("interfaces"), interfaces_image(interfaces));
 }
 
 std::vector<std::uint32_t> memory_words(const card_dir &card, const char *name)
 {
-    const std::string path = card.at(name);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat found;
-    if (fd < 0 || ::fstat(fd, &found) != 0)
-        fail(path);
-    const std::size_t bytes = static_cast<std::size_t>(found.st_size);
-    void *map = ::mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
-    ::close(fd);
-    if (map == MAP_FAILED)
-        fail(path);
-    std::vector<std::uint32_t> words(bytes / 4);
-    const std::uint32_t *from = static_cast<const std::uint32_t *>(map);
+    const shared_file file(card.at(name));
+    std::vector<std::uint32_t> words(file.bytes / 4);
     for (std::size_t i = 0; i < words.size(); ++i)
-        words[i] = __atomic_load_n(from + i, __ATOMIC_ACQUIRE);
-    ::munmap(map, bytes);
+        words[i] = file.number<std::uint32_t>(4 * i);
     return words;
 }
+} // namespace harness
