@@ -353,12 +353,13 @@ TEST(cardsim_supervisor, an_advertisement_is_taken_listed_and_withdrawn)
     supervisor sup;
     EXPECT_EQ(sup_take(sup, message.data(), message.size()),
               "supervisor: acknowledged 10.20.0.0/16 via 10.1.1.2 vlan 105 metric 10 slot 0 (1)");
-    EXPECT_EQ(sup_text(sup), "10.20.0.0/16 via 10.1.1.2 vlan 105 metric 10 slot 0\nacknowledged 1, malformed 0\n");
+    EXPECT_EQ(sup_listing(sup), R"({"acknowledged":1,"malformed":0,"advertisements":[{"prefix":"10.20.0.0/16",)"
+                                R"("nexthop":"10.1.1.2","vlan":105,"metric":10,"slot":0}]})");
     message[16] = 0x23;
     EXPECT_EQ(sup_take(sup, message.data(), message.size()), "supervisor: acknowledged withdrawal of 10.20.0.0/16 (2)");
     EXPECT_TRUE(sup.advertised.empty());
     message[16] = 0x24;
     sup_take(sup, message.data(), message.size());
     sup_take(sup, message.data(), message.size() - 1);
-    EXPECT_EQ(sup_text(sup), "acknowledged 2, malformed 2\n");
+    EXPECT_EQ(sup_listing(sup), R"({"acknowledged":2,"malformed":2,"advertisements":[]})");
 }

@@ -352,11 +352,11 @@ card_rpc_reply card_rpc_call_wait(card_rpc &rpc, const std::string &procedure, c
     return answer;
 }
 
-std::string card_rpc_reason(const card_rpc_reply &reply, const std::string &procedure)
+std::string card_rpc_reason(card_rpc_end end, const std::string &procedure)
 {
-    switch (reply.end) {
+    switch (end) {
     case CARD_RPC_RAN:
-        return procedure + " answered " + std::to_string(reply.result);
+        break;
     case CARD_RPC_NO_PROCEDURE:
         return "the server does not know " + procedure;
     case CARD_RPC_BAD_ARGUMENTS:
@@ -372,5 +372,5 @@ std::string card_rpc_reason(const card_rpc_reply &reply, const std::string &proc
     case CARD_RPC_GARBLED:
         return "what came back is no answer to " + procedure + "; it may have run";
     }
-    return "";
+    return procedure + " ran";
 }

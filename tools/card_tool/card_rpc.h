@@ -82,5 +82,5 @@ void card_rpc_wait(card_rpc &rpc, std::size_t below);
 // One call, waited for.
 card_rpc_reply card_rpc_call_wait(card_rpc &rpc, const std::string &procedure, const std::vector<card_rpc_arg> &args);
 
-// A sentence's end that says what a failed call means: "nobody serves rib_add_route" and the like.
-std::string card_rpc_reason(const card_rpc_reply &reply, const std::string &procedure);
+// A sentence's end that says what the end of a call means that did not run: "nobody serves rib_add_route" and the like.
+std::string card_rpc_reason(card_rpc_end end, const std::string &procedure);

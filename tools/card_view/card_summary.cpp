@@ -4,25 +4,6 @@
 #include "big_endian.h"
 #include "route_listing.h"
 
-namespace
-{
-using decoder = bool (*)(const std::vector<std::uint8_t> &block, context_summary &to);
-
-void take_reply(card_summary &summary, unsigned ctx, const card_rpc_reply &reply, const char *procedure, decoder decode)
-{
-    summary.waiting -= 1;
-    if (!reply.ran()) {
-        if (summary.end == CARD_RPC_RAN) {
-            summary.end = reply.end;
-            summary.why = card_rpc_reason(reply, procedure);
-        }
-        return;
-    }
-    if (reply.result != 0 || reply.blocks.size() != 1 || !decode(reply.blocks[0], summary.contexts[ctx]))
-        summary.is_refused = true;
-}
-} // namespace
-
 bool context_summary_rib(const std::vector<std::uint8_t> &block, context_summary &to)
 {
     if (block.size() != RIB_SUMMARY_BYTES)
@@ -43,22 +24,19 @@ bool context_summary_fib(const std::vector<std::uint8_t> &block, context_summary
     return true;
 }
 
-std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc)
+std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc, context_range range)
 {
     static constexpr struct {
         const char *procedure;
-        decoder decode;
+        bool (*decode)(const std::vector<std::uint8_t> &block, context_summary &to);
     } CALLS[] = {{"show_rib_summary", context_summary_rib}, {"show_fib_summary", context_summary_fib}};
     auto summary = std::make_shared<card_summary>();
-    for (unsigned ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx) {
-        for (const auto &call : CALLS) {
-            summary->waiting += 1;
-            card_rpc_call(rpc, call.procedure, {rpc_u16(ctx), rpc_block()},
-                          [summary, ctx, &call](const card_rpc_reply &reply) {
-                              take_reply(*summary, ctx, reply, call.procedure, call.decode);
-                          });
-        }
-    }
+    for (unsigned ctx = range.first; ctx <= range.last; ++ctx)
+        for (const auto &call : CALLS)
+            card_query_call(rpc, summary, call.procedure, {rpc_u16(ctx), rpc_block()},
+                            [summary, ctx, &call](const card_rpc_reply &reply) {
+                                return reply.result == 0 && call.decode(reply.blocks[0], summary->contexts[ctx]);
+                            });
     return summary;
 }
 

@@ -1,7 +1,7 @@
 // card_summary.h - what the route manager counts, context by context: its routes and what their trees hold of the
 // pools.
 //
-// Asked for with the two summary procedures, 512 calls of which a window is outstanding at a time, so nothing waits.
+// Asked for with the two summary procedures: 512 calls for all contexts, of which a window is outstanding at a time.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "card_tool/card_rpc.h"
+#include "card_tool/card_query.h"
 #include "route_ids.h"
 
 struct context_summary {
@@ -25,18 +25,12 @@ struct context_summary {
 // route".
 constexpr context_summary CONTEXT_UNUSED = {0, 0, 1, 1, 2, 0};
 
-struct card_summary {
+struct card_summary : card_query {
     std::array<context_summary, ROUTE_CONTEXTS> contexts{};
-    unsigned waiting = 0;            // calls that have not ended
-    card_rpc_end end = CARD_RPC_RAN; // of the first call that failed
-    std::string why;                 // then: a sentence's end
-    bool is_refused = false;         // a procedure ran and had no memory
-    bool is_over() const { return waiting == 0; }
-    bool is_good() const { return waiting == 0 && end == CARD_RPC_RAN && !is_refused; }
 };
 
-// Queues the calls; the summary is filled inside later card_rpc_process or card_rpc_wait calls.
-std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc);
+// Queues the calls, two a context.
+std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc, context_range range = {});
 
 context_summary card_summary_total(const card_summary &summary);
 

@@ -272,6 +272,14 @@ std::optional<std::uint64_t> history_age_of(std::string_view word)
     return std::nullopt;
 }
 
+std::uint64_t history_time_before(std::uint64_t age_ns)
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail
+    const auto now_ns = static_cast<std::uint64_t>(now.tv_sec) * 1000000000 + static_cast<std::uint64_t>(now.tv_nsec);
+    return now_ns > age_ns ? now_ns - age_ns : 0;
+}
+
 bool history_passes(const history_filter &filter, const history_entry &record)
 {
     const auto holds = [](const std::vector<std::uint32_t> &list, std::uint32_t value) {

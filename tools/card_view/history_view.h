@@ -68,6 +68,9 @@ const char *history_category_name(std::uint32_t number); // "?" for one that has
 // An age such as "90", "90s", "500ms", "10m", "2h" or "1d", in nanoseconds.
 std::optional<std::uint64_t> history_age_of(std::string_view word);
 
+// The time an age ago, since 1970; 0 for an age before that.
+std::uint64_t history_time_before(std::uint64_t age_ns);
+
 // Which records are wanted; what is empty lets all pass.
 struct history_filter {
     std::vector<std::uint32_t> categories;

@@ -5,38 +5,23 @@
 
 namespace
 {
-void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
-              const std::vector<std::uint32_t> &cursor);
-
-// Takes a page and asks for the next one.
-void take_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
-               const std::vector<std::uint32_t> &cursor, const card_rpc_reply &reply)
-{
-    listing->waiting -= 1;
-    if (!reply.ran()) {
-        if (listing->failed.ran())
-            listing->failed = reply;
-        return;
-    }
-    const std::vector<std::uint8_t> &page = reply.blocks[0];
-    if (reply.refs == cursor || page.size() != reply.result * ROUTE_RECORD_BYTES) {
-        listing->is_refused = true;
-        return;
-    }
-    for (std::size_t at = 0; at < page.size(); at += ROUTE_RECORD_BYTES)
-        listing->contexts[ctx].push_back(route_record_decode(&page[at]));
-    if (reply.refs[2] != ROUTE_WALK_DONE)
-        ask_page(rpc, listing, ctx, reply.refs);
-}
-
-void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, unsigned ctx,
+// Asks for the page at the cursor, and from its reply on for the next one.
+void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, const char *procedure, unsigned ctx,
               const std::vector<std::uint32_t> &cursor)
 {
-    listing->waiting += 1;
-    card_rpc_call(
-        rpc, "show_fib_print",
-        {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()},
-        [&rpc, listing, ctx, cursor](const card_rpc_reply &reply) { take_page(rpc, listing, ctx, cursor, reply); });
+    const auto take = [&rpc, listing, procedure, ctx, cursor](const card_rpc_reply &reply) {
+        const std::vector<std::uint8_t> &page = reply.blocks[0];
+        if (reply.refs == cursor || page.size() != reply.result * ROUTE_RECORD_BYTES)
+            return false;
+        for (std::size_t at = 0; at < page.size(); at += ROUTE_RECORD_BYTES)
+            listing->contexts[ctx].push_back(route_record_decode(&page[at]));
+        if (reply.refs[2] != ROUTE_WALK_DONE)
+            ask_page(rpc, listing, procedure, ctx, reply.refs);
+        return true;
+    };
+    card_query_call(rpc, listing, procedure,
+                    {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()},
+                    take);
 }
 } // namespace
 
@@ -61,11 +46,10 @@ const char *route_record_kind(std::uint32_t flags)
     return "other";
 }
 
-std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc)
+std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc, const char *procedure, context_range range)
 {
     auto listing = std::make_shared<route_listing>();
-    listing->failed.end = CARD_RPC_RAN;
-    for (unsigned ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        ask_page(rpc, listing, ctx, {0, 0, 0});
+    for (unsigned ctx = range.first; ctx <= range.last; ++ctx)
+        ask_page(rpc, listing, procedure, ctx, {0, 0, 0});
     return listing;
 }

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "card_tool/card_rpc.h"
+#include "card_tool/card_query.h"
 #include "route_ids.h"
 #include "route_listing.h"
 
@@ -22,14 +22,10 @@ route_record route_record_decode(const std::uint8_t *from); // ROUTE_RECORD_BYTE
 // "static", "host", "connected", "interface", "nat", "drop" or "other".
 const char *route_record_kind(std::uint32_t flags);
 
-// What is in the forwarding table, context by context, in the order of the route manager: a set's head, then its paths.
-struct route_listing {
+// What a procedure lists, context by context, in the order of the route manager: a set's head, then its paths.
+struct route_listing : card_query {
     std::array<std::vector<route_record>, ROUTE_CONTEXTS> contexts;
-    unsigned waiting = 0;    // contexts that are not read to their end
-    card_rpc_reply failed;   // the first call that did not run; else it ran
-    bool is_refused = false; // a procedure ran and had no memory
-    bool is_good() const { return waiting == 0 && failed.ran() && !is_refused; }
 };
 
-// Queues the calls; the listing is filled inside later card_rpc_process or card_rpc_wait calls.
-std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc);
+// Queues the calls of show_rib_print or show_fib_print, which is kept by its address.
+std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc, const char *procedure, context_range range = {});

@@ -89,7 +89,7 @@ void announce(card_model &m, const card_host_key &key, card_host &host)
             m.out.say(host_text(key, encap) + ": refused");
         } else {
             set_unanswered(m, key, h, reply);
-            m.out.say(card_rpc_reason(reply, "arp_prefix_mgr_add_route"));
+            m.out.say(card_rpc_reason(reply.end, "arp_prefix_mgr_add_route"));
         }
         look_at(m, key, m.now_ms);
     };
@@ -112,7 +112,7 @@ void withdraw(card_model &m, const card_host_key &key, card_host &host)
             set_untold(m, h);
         } else {
             set_unanswered(m, key, h, reply);
-            m.out.say(card_rpc_reason(reply, "arp_prefix_mgr_remove_route"));
+            m.out.say(card_rpc_reason(reply.end, "arp_prefix_mgr_remove_route"));
         }
         look_at(m, key, m.now_ms);
     };

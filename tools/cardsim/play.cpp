@@ -54,7 +54,7 @@ void give(play &p, const scenario_step &step, const char *procedure, const std::
 {
     link_call(*p.link, procedure, args, [&p, &step, procedure, may_stand](const card_rpc_reply &reply) {
         if (!reply.ran())
-            refused(p, step, card_rpc_reason(reply, procedure));
+            refused(p, step, card_rpc_reason(reply.end, procedure));
         else if (reply.result != 0 && !may_stand)
             refused(p, step, "the route manager refused it");
         else
@@ -184,7 +184,7 @@ void ask(play &p, const char *procedure, const std::vector<card_rpc_arg> &args,
     ++p.answers_due;
     link_call(*p.link, procedure, args, [&p, procedure, judge = std::move(judge)](const card_rpc_reply &reply) {
         if (!reply.ran())
-            p.seen += "    " + card_rpc_reason(reply, procedure) + "\n";
+            p.seen += "    " + card_rpc_reason(reply.end, procedure) + "\n";
         if (!reply.ran() || !judge(reply))
             p.is_wrong = true;
         if (--p.answers_due == 0)

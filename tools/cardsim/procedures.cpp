@@ -81,7 +81,7 @@ std::uint32_t cardsim_host_del(const tnrpc_arg *a) { return card_host_del(*model
 
 std::uint32_t cardsim_advertisements(const tnrpc_arg *a)
 {
-    const std::string text = sup_text(*sup);
+    const std::string text = sup_listing(*sup);
     void *const block = mtrack_alloc(CARDSIM_UUID, 0, text.size());
     if (block == nullptr)
         return CARD_BAD_ARGUMENT;

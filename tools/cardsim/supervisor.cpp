@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 
 #include "big_endian.h"
@@ -77,10 +78,16 @@ std::string sup_take(supervisor &sup, const std::uint8_t *bytes, std::size_t len
     return fmt::format("supervisor: acknowledged {} ({})", advert_text(advert), sup.acknowledged);
 }
 
-std::string sup_text(const supervisor &sup)
+std::string sup_listing(const supervisor &sup)
 {
-    std::string text;
-    for (const auto &[key, advert] : sup.advertised)
-        text += advert_text(advert) + "\n";
-    return text + fmt::format("acknowledged {}, malformed {}\n", sup.acknowledged, sup.malformed);
+    nlohmann::ordered_json adverts = nlohmann::ordered_json::array();
+    for (const auto &[key, a] : sup.advertised)
+        adverts.push_back({{"prefix", prefix_text(a.prefix, address_mask_length(a.mask))},
+                           {"nexthop", address_text(a.hop)},
+                           {"vlan", a.vlan},
+                           {"metric", a.metric},
+                           {"slot", a.slot}});
+    return nlohmann::ordered_json{
+        {"acknowledged", sup.acknowledged}, {"malformed", sup.malformed}, {"advertisements", adverts}}
+        .dump();
 }

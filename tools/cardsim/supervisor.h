@@ -35,8 +35,8 @@ struct supervisor {
 // has no address on which it could hear one.
 template <class Say> void sup_process(supervisor &sup, const Say &say);
 
-// What is advertised, a line each: "10.20.0.0/16 via 10.1.1.1 vlan 105 metric 10 slot 0", then the counts.
-std::string sup_text(const supervisor &sup);
+// The counts and what is advertised, as a JSON object (cardsim(1)).
+std::string sup_listing(const supervisor &sup);
 
 // One message, as it was received. Returns the line about it.
 std::string sup_take(supervisor &sup, const std::uint8_t *bytes, std::size_t length);

@@ -2,7 +2,6 @@
 //
 // `if show` reads the interface database, which the interface manager writes for all; the rest are procedures of the
 // program that plays these processes (cardsim).
-#include <sstream>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -73,7 +72,7 @@ routectl_answer card_change(const routectl_call &call, const std::string &proced
         args.push_back(rpc_u32(number));
     const card_rpc_reply reply = card_rpc_call_wait(routectl_card(call), procedure, args);
     if (!reply.ran())
-        return routectl_not_run(reply, procedure);
+        return routectl_not_run(reply.end, procedure);
     if (reply.result == 0)
         return {};
     return routectl_error(ROUTECTL_REFUSED,
@@ -134,44 +133,21 @@ routectl_answer host_del(const routectl_call &call)
                        {"", "", fmt::format("interface {} has no host {}", interface, host_of(call))});
 }
 
-json number_or_text(const std::string &word)
-{
-    const auto number = number_parse(word, 0xFFFFFFFF);
-    return number ? json(*number) : json(word);
-}
-
-// Takes a line of the list apart: a prefix and pairs of a name and a value, or, without a prefix, counts with commas.
-void advertisement_take(const std::string &line, routectl_answer &answer)
-{
-    std::istringstream words(line);
-    std::string name, value;
-    json record = json::object();
-    if (line.find('/') != std::string::npos && words >> value)
-        record["prefix"] = value;
-    while (words >> name >> value) {
-        while (!value.empty() && value.back() == ',')
-            value.pop_back();
-        record[name == "via" ? "nexthop" : name] = number_or_text(value);
-    }
-    if (record.contains("prefix"))
-        answer.records.push_back(record);
-    else
-        answer.facts.update(record);
-}
-
 routectl_answer supervisor_show(const routectl_call &call)
 {
     const char *const procedure = "cardsim_advertisements";
     const card_rpc_reply reply = card_rpc_call_wait(routectl_card(call), procedure, {rpc_block()});
     if (!reply.ran())
-        return routectl_not_run(reply, procedure);
+        return routectl_not_run(reply.end, procedure);
     routectl_answer answer;
     answer.records_key = "advertisements";
     answer.columns = {
         {"prefix", "PREFIX"}, {"nexthop", "NEXT HOP"}, {"vlan", "VLAN"}, {"metric", "METRIC"}, {"slot", "SLOT"}};
-    std::istringstream text(std::string(reply.blocks[0].begin(), reply.blocks[0].end()));
-    for (std::string line; std::getline(text, line);)
-        advertisement_take(line.substr(0, line.find('\0')), answer); // without the block's NULs
+    answer.facts = json::parse(reply.blocks[0], nullptr, false);
+    if (!answer.facts.is_object() || !answer.facts.contains(answer.records_key))
+        return routectl_not_run(CARD_RPC_GARBLED, procedure);
+    answer.records = answer.facts[answer.records_key];
+    answer.facts.erase(answer.records_key);
     return answer;
 }
 

@@ -120,20 +120,11 @@ routectl_answer pools_show(const routectl_call &call)
 {
     if (routectl_given(call, "--direct") != nullptr || routectl_given(call, "copy") != nullptr)
         return pools_direct(call);
-    card_rpc &rpc = routectl_route_manager(call);
-    const std::shared_ptr<card_summary> summary = card_summary_ask(rpc);
-    while (!summary->is_over())
-        card_rpc_wait(rpc, card_rpc_pending(rpc));
-    if (summary->end != CARD_RPC_RAN) {
-        card_rpc_reply failed;
-        failed.end = summary->end;
-        routectl_answer answer = routectl_not_run(failed, "show_fib_summary");
+    const auto summary = card_summary_ask(routectl_route_manager(call));
+    routectl_answer answer = routectl_query_wait(call, *summary, "the summary");
+    if (answer.status == ROUTECTL_UNREACHABLE)
         answer.error += ROUTECTL_TRY_DIRECT;
-        return answer;
-    }
-    if (summary->is_refused)
-        return routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the summary");
-    return pools_answer(pools_from_summary(*summary));
+    return answer.status == ROUTECTL_DONE ? pools_answer(pools_from_summary(*summary)) : answer;
 }
 
 constexpr routectl_command ROWS[] = {

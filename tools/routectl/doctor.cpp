@@ -5,7 +5,6 @@
 // all show is told. A dead one
 // has left its tables and its history: these are looked at, and the rest is said to be missing.
 #include <algorithm>
-#include <ctime>
 
 #include <poll.h>
 
@@ -196,26 +195,9 @@ routectl_answer answer_of(doctor_result &result)
     return answer;
 }
 
-// The time `age` ago in nanoseconds since 1970; 0 for an age before that.
-std::uint64_t time_before(std::uint64_t age_ns)
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail
-    const auto now_ns = static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
-    return now_ns > age_ns ? now_ns - age_ns : 0;
-}
-
 routectl_answer doctor_run(const routectl_call &call)
 {
-    std::uint64_t since_ns = 0;
-    if (const routectl_value *age = routectl_given(call, "age")) {
-        const auto age_ns = history_age_of(age->text);
-        if (!age_ns)
-            return routectl_error(ROUTECTL_USAGE,
-                                  "age: \"" + age->text + "\" is no AGE (such as 90s, 10m, 2h, 1d or 500ms)");
-        since_ns = time_before(*age_ns);
-    }
-    doctor_result result = look_until_sure(call, since_ns);
+    doctor_result result = look_until_sure(call, routectl_since(call));
     keep_context(call, result.last.findings);
     return answer_of(result);
 }

@@ -29,24 +29,12 @@ void map_copies(doctor_look &look)
 // Asks the route manager for its listings and counts. Returns false when it did not answer.
 bool ask_manager(const routectl_call &call, doctor_look &look)
 {
-    card_rpc &rpc = routectl_route_manager(call);
-    look.listing = route_listing_ask(rpc);
-    look.counts = card_summary_ask(rpc);
-    while (card_rpc_pending(rpc) != 0)
-        card_rpc_wait(rpc, card_rpc_pending(rpc));
-    if (!look.listing->failed.ran()) {
-        look.unserved = routectl_not_run(look.listing->failed, "show_fib_print");
-        return false;
-    }
-    if (look.counts->end != CARD_RPC_RAN) {
-        look.unserved = routectl_error(ROUTECTL_UNREACHABLE, "the route manager: " + look.counts->why);
-        return false;
-    }
-    if (look.listing->is_refused || look.counts->is_refused) {
-        look.unserved = routectl_error(ROUTECTL_UNREACHABLE, "the route manager has no memory for its listings");
-        return false;
-    }
-    return true;
+    look.listing = route_listing_ask(routectl_route_manager(call), "show_fib_print");
+    look.counts = card_summary_ask(routectl_route_manager(call));
+    look.unserved = routectl_query_wait(call, *look.listing, "its listings");
+    if (look.unserved.status == ROUTECTL_DONE)
+        look.unserved = routectl_query_wait(call, *look.counts, "its counts");
+    return look.unserved.status == ROUTECTL_DONE;
 }
 
 void ask_memory(const routectl_call &call, doctor_look &look)

@@ -8,7 +8,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <set>
 #include <sstream>
+
+#include <fmt/format.h>
 
 #include "card_tool/address_text.h"
 #include "card_tool/shown_text.h"
@@ -21,7 +24,7 @@ namespace
 {
 using word_span = std::span<const std::string>;
 
-enum class value_form { number, address, prefix, address_and_mask, category, copy, text };
+enum class value_form { number, address, prefix, address_and_mask, category, copy, age, text };
 struct value_kind {
     const char *name;
     value_form form;
@@ -44,7 +47,7 @@ constexpr value_kind KINDS[] = {
     {"MODE", value_form::number, 0xFFFFFFFF, "a routing mode, 1 for an interface that routes by itself"},
     {"LEVEL", value_form::number, 7, "a syslog severity, 0 (emergency) to 7 (debug)"},
     {"N", value_form::number, 0xFFFFFFFF, "a number"},
-    {"AGE", value_form::text, 0, "a time such as 90s, 10m, 2h or 1d"},
+    {"AGE", value_form::age, 0, "a time such as 90s, 10m, 2h, 1d or 500ms"},
     {"COPY", value_form::copy, 0, "a copy of the tables: wired, ixp1 or ixp2"},
     {"CATEGORY", value_form::category, 0, "a category: all, a name such as errors, or its number from 100 on"},
 };
@@ -62,13 +65,10 @@ bool begins(const std::string &word, const std::string &begun) { return word.com
 
 std::string joined(const std::vector<std::string> &words, const char *between)
 {
-    std::string text;
-    for (const std::string &word : words)
-        text += (text.empty() ? "" : between) + word;
-    return text;
+    return fmt::format("{}", fmt::join(words, between));
 }
 
-std::string quoted(const std::string &word) { return "\"" + shown_text(word) + "\""; }
+std::string quoted(const std::string &word) { return fmt::format("\"{}\"", shown_text(word)); }
 
 bool is_help(const std::string &word)
 {
@@ -167,7 +167,7 @@ bool prefix_read(prefix_parser parse, word_span words, std::size_t &at, routectl
 {
     const address_prefix prefix = parse(words[at], at + 1 < words.size() ? words[at + 1] : "");
     if (!prefix.error.empty()) {
-        error = quoted(words[at]) + " " + prefix.error;
+        error = fmt::format("{} {}", quoted(words[at]), prefix.error);
         return false;
     }
     value.number = prefix.address;
@@ -200,11 +200,14 @@ bool value_read(const std::string &name, word_span words, std::size_t &at, route
     case value_form::copy:
         is_good = copy_read(word, value);
         break;
+    case value_form::age:
+        is_good = history_age_of(word).has_value();
+        break;
     case value_form::text:
         break;
     }
     if (!is_good)
-        error = quoted(word) + " is no " + name + " (" + kind.what + ")";
+        error = fmt::format("{} is no {} ({})", quoted(word), name, kind.what);
     return is_good;
 }
 
@@ -341,8 +344,8 @@ argument_walk walk_arguments(const routectl_command &command, word_span words)
 std::string missing(const argument_walk &walk)
 {
     if (walk.wanting != nullptr)
-        return "after " + quoted(walk.wanting->word) + " a value is missing: " + walk.wanting->value + ", " +
-               kind_of(walk.wanting->value).what;
+        return fmt::format("after {} a value is missing: {}, {}", quoted(walk.wanting->word), walk.wanting->value,
+                           kind_of(walk.wanting->value).what);
     for (std::size_t i = 0; i < walk.arguments.size(); ++i)
         if (!walk.used[i] && !walk.arguments[i].optional)
             return "missing: " + argument_usage(walk.arguments[i]);
@@ -359,20 +362,19 @@ std::string help_list(const std::vector<const routectl_command *> &commands)
 {
     std::string text;
     for (const routectl_command *command : commands)
-        text += "  " + command_usage(*command) + "\n        " + command->help + "\n";
+        text += fmt::format("  {}\n        {}\n", command_usage(*command), command->help);
     return text;
 }
 
 std::string help_of(const routectl_command &command)
 {
-    std::string text = std::string(command.help) + "\n\n  " + command_usage(command) + "\n";
-    std::string values;
+    std::string text = fmt::format("{}\n\n  {}\n", command.help, command_usage(command));
+    std::set<std::string> explained = {""}; // a flag or a choice has no value
     for (const grammar_argument &argument : grammar_arguments(command))
-        if (!argument.value.empty() && values.find("  " + argument.value + " ") == std::string::npos)
-            values += "  " + argument.value +
-                      std::string(std::max<std::size_t>(10, argument.value.size() + 1) - argument.value.size(), ' ') +
-                      kind_of(argument.value).what + "\n";
-    return text + (values.empty() ? "" : "\n" + values);
+        if (explained.insert(argument.value).second)
+            text += fmt::format("{}  {:<9} {}\n", explained.size() == 2 ? "\n" : "", argument.value,
+                                kind_of(argument.value).what);
+    return text;
 }
 
 // The commands that the words can still become, and how many words they took.

@@ -1,9 +1,7 @@
 // history_commands.cpp - the event history, as it stands or as it grows.
 //
 // Read from the ring in the card directory, so it is there after the route manager has died as well.
-#include <chrono>
 #include <cstdio>
-#include <ctime>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -21,31 +19,15 @@ namespace
 using json = nlohmann::ordered_json;
 constexpr int LOOK_MS = 100; // how often the ring is looked at while it is followed
 
-std::uint64_t now_ns()
+history_filter filter_of(const routectl_call &call)
 {
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail
-    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
-// The filter that the words ask for. Returns false with the answer when one makes no sense.
-bool filter_of(const routectl_call &call, history_filter &filter, routectl_answer &wrong)
-{
+    history_filter filter;
     if (const std::uint32_t category = routectl_number(call, "category", 0); category != 0) // 0: all
         filter.categories.push_back(category);
     if (const routectl_value *ctx = routectl_given(call, "ctx"))
         filter.contexts.push_back(ctx->number);
-    if (const routectl_value *age = routectl_given(call, "age")) {
-        const auto ns = history_age_of(age->text);
-        if (!ns) {
-            wrong = routectl_error(ROUTECTL_USAGE,
-                                   "age: \"" + age->text + "\" is no AGE (such as 90s, 10m, 2h, 1d or 500ms)");
-            return false;
-        }
-        const std::uint64_t now = now_ns();
-        filter.since_ns = now > *ns ? now - *ns : 0;
-    }
-    return true;
+    filter.since_ns = routectl_since(call);
+    return filter;
 }
 
 json record_json(const history_entry &entry)
@@ -191,10 +173,7 @@ routectl_answer history_follow(const routectl_call &call, const history_filter &
 
 routectl_answer history_run(const routectl_call &call)
 {
-    history_filter filter;
-    routectl_answer wrong;
-    if (!filter_of(call, filter, wrong))
-        return wrong;
+    const history_filter filter = filter_of(call);
     const std::size_t last = routectl_given(call, "last") == nullptr ? SIZE_MAX : routectl_number(call, "last", 0);
     return routectl_given(call, "follow") != nullptr ? history_follow(call, filter, last)
                                                      : history_print(call, filter, last);

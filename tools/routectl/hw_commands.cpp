@@ -48,7 +48,7 @@ routectl_answer walk_asked(const routectl_call &call, std::uint32_t ctx, std::ui
     const card_rpc_reply reply =
         routectl_ask(call, DUMP, {rpc_u16(copy_of(call)), rpc_u32(ctx), rpc_u32(address), rpc_block()});
     if (!reply.ran()) {
-        routectl_answer answer = routectl_not_run(reply, DUMP);
+        routectl_answer answer = routectl_not_run(reply.end, DUMP);
         answer.error += ROUTECTL_TRY_DIRECT;
         return answer;
     }

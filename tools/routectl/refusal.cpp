@@ -96,7 +96,7 @@ routectl_answer change_judge(const routectl_change &change, const card_rpc_reply
                              refusal_match match)
 {
     if (!reply.ran())
-        return routectl_not_run(reply, change.procedure);
+        return routectl_not_run(reply.end, change.procedure);
     if (reply.result == 0 && !change.answers_nothing)
         return {};
     const std::string line = refusal_line(watch, change, reply.result == 0 ? refusal_match::one_of_many : match);

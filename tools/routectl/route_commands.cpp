@@ -60,59 +60,35 @@ struct route_wanted {
     }
 };
 
-// Appends the routes of one context to the answer, by prefix and length; the paths of a set stay in their order.
-// Returns false with the answer an error.
-bool list_context(const routectl_call &call, const char *procedure, std::uint32_t ctx, routectl_answer &answer)
-{
-    const route_wanted wanted{routectl_given(call, "prefix")};
-    std::vector<route_record> records;
-    std::vector<std::uint32_t> cursor = {0, 0, 0};
-    while (cursor[2] != ROUTE_WALK_DONE) {
-        const card_rpc_reply reply =
-            routectl_ask(call, procedure,
-                         {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()});
-        if (!reply.ran()) {
-            answer = routectl_not_run(reply, procedure);
-            return false;
-        }
-        if (reply.refs == cursor || reply.blocks[0].size() != reply.result * ROUTE_RECORD_BYTES) {
-            answer = routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the listing");
-            return false;
-        }
-        for (std::size_t at = 0; at < reply.blocks[0].size(); at += ROUTE_RECORD_BYTES)
-            if (const route_record record = route_record_decode(&reply.blocks[0][at]); wanted(record))
-                records.push_back(record);
-        cursor = reply.refs;
-    }
-    std::stable_sort(records.begin(), records.end(), [](const route_record &a, const route_record &b) {
-        return std::pair(a.prefix, a.length) < std::pair(b.prefix, b.length);
-    });
-    for (const route_record &record : records)
-        answer.records.push_back(record_json(record, ctx));
-    return true;
-}
-
-// First and last context that the words ask for.
-struct context_range {
-    std::uint32_t first, last;
-};
+// The contexts that the words ask for.
 context_range contexts_of(const routectl_call &call)
 {
     if (routectl_given(call, "all") != nullptr)
-        return {0, ROUTE_CONTEXTS - 1};
+        return {};
     return {context_of(call), context_of(call)};
 }
 
+// The routes, by context, prefix and length; the paths of a set stay in their order.
 routectl_answer list_routes(const routectl_call &call, const char *procedure)
 {
-    routectl_answer answer;
+    const context_range range = contexts_of(call);
+    const auto listing = route_listing_ask(routectl_route_manager(call), procedure, range);
+    routectl_answer answer = routectl_query_wait(call, *listing, "the listing");
+    if (answer.status != ROUTECTL_DONE)
+        return answer;
     answer.records_key = "routes";
     answer.columns = {{"ctx", "CTX"},        {"prefix", "PREFIX"}, {"kind", "KIND"},  {"nexthop", "NEXT HOP"},
                       {"ifid", "INTERFACE"}, {"encap", "ENCAP"},   {"flags", "FLAGS"}};
-    const context_range contexts = contexts_of(call);
-    for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
-        if (!list_context(call, procedure, ctx, answer))
-            break;
+    const route_wanted wanted{routectl_given(call, "prefix")};
+    for (unsigned ctx = range.first; ctx <= range.last; ++ctx) {
+        std::vector<route_record> &routes = listing->contexts[ctx];
+        std::stable_sort(routes.begin(), routes.end(), [](const route_record &a, const route_record &b) {
+            return std::pair(a.prefix, a.length) < std::pair(b.prefix, b.length);
+        });
+        for (const route_record &route : routes)
+            if (wanted(route))
+                answer.records.push_back(record_json(route, ctx));
+    }
     return answer;
 }
 
@@ -130,40 +106,19 @@ json summary_json(const context_summary &summary, std::uint32_t ctx)
             {"ecmp", summary.blocks}};
 }
 
-// Appends the counts of one context. Returns false with the answer an error.
-bool summarise_context(const routectl_call &call, std::uint32_t ctx, routectl_answer &answer)
-{
-    context_summary summary{};
-    constexpr struct {
-        const char *procedure;
-        bool (*decode)(const std::vector<std::uint8_t> &block, context_summary &to);
-    } HALVES[] = {{"show_rib_summary", context_summary_rib}, {"show_fib_summary", context_summary_fib}};
-    for (const auto &[procedure, decode] : HALVES) {
-        const card_rpc_reply reply = routectl_ask(call, procedure, {rpc_u16(ctx), rpc_block()});
-        if (!reply.ran()) {
-            answer = routectl_not_run(reply, procedure);
-            return false;
-        }
-        if (!decode(reply.blocks[0], summary)) {
-            answer = routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for the summary");
-            return false;
-        }
-    }
-    answer.records.push_back(summary_json(summary, ctx));
-    return true;
-}
-
 routectl_answer route_summary(const routectl_call &call)
 {
-    routectl_answer answer;
+    const context_range range = contexts_of(call);
+    const auto summary = card_summary_ask(routectl_route_manager(call), range);
+    routectl_answer answer = routectl_query_wait(call, *summary, "the summary");
+    if (answer.status != ROUTECTL_DONE)
+        return answer;
     answer.records_key = "contexts";
     answer.columns = {{"ctx", "CTX"},         {"static", "STATIC"}, {"connected_nat", "CONNECTED+NAT"},
                       {"in_fib", "IN FIB"},   {"nodes", "NODES"},   {"leaves", "LEAVES"},
                       {"ecmp", "ECMP BLOCKS"}};
-    const context_range contexts = contexts_of(call);
-    for (std::uint32_t ctx = contexts.first; ctx <= contexts.last; ++ctx)
-        if (!summarise_context(call, ctx, answer))
-            break;
+    for (unsigned ctx = range.first; ctx <= range.last; ++ctx)
+        answer.records.push_back(summary_json(summary->contexts[ctx], ctx));
     return answer;
 }
 
@@ -173,7 +128,7 @@ routectl_answer route_get(const routectl_call &call)
     const card_rpc_reply reply =
         routectl_ask(call, "slowpath_route_lookup", {rpc_u16(context_of(call)), rpc_u32(address.number), rpc_ref32(0)});
     if (!reply.ran())
-        return routectl_not_run(reply, "slowpath_route_lookup");
+        return routectl_not_run(reply.end, "slowpath_route_lookup");
     if (reply.result != 0)
         return routectl_error(ROUTECTL_REFUSED,
                               fmt::format("refused: no route to {} in context {}", address.text, context_of(call)));
@@ -190,7 +145,7 @@ routectl_answer fib_get(const routectl_call &call)
                      {rpc_u32(context_of(call)), rpc_u32(prefix.number), rpc_u32(prefix.mask), rpc_ref32(0)});
     const std::string name = prefix_text(prefix.number, address_mask_length(prefix.mask));
     if (!reply.ran())
-        return routectl_not_run(reply, "mtrie_lookup_exact_stub");
+        return routectl_not_run(reply.end, "mtrie_lookup_exact_stub");
     if (reply.result != 0)
         return routectl_error(ROUTECTL_REFUSED, fmt::format("refused: the trie of context {} has no leaf for {}",
                                                             context_of(call), name));
@@ -207,7 +162,7 @@ routectl_answer route_full(const routectl_call &call)
         call, "rib_max_ecmp_route",
         {rpc_u16(ctx), rpc_u32(routectl_number(call, "id", ctx)), rpc_u32(prefix.number), rpc_u32(prefix.mask)});
     if (!reply.ran())
-        return routectl_not_run(reply, "rib_max_ecmp_route");
+        return routectl_not_run(reply.end, "rib_max_ecmp_route");
     routectl_answer answer;
     answer.facts = {{"ctx", ctx},
                     {"prefix", prefix_text(prefix.number, address_mask_length(prefix.mask))},

@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "card_tool/card_rpc.h"
+#include "card_tool/card_query.h"
 
 // Exit statuses.
 enum routectl_status : int {
@@ -62,6 +62,8 @@ struct routectl_call {
 const routectl_value *routectl_given(const routectl_call &call, const std::string &name);
 // Its number, or `otherwise`.
 std::uint32_t routectl_number(const routectl_call &call, const std::string &name, std::uint32_t otherwise);
+// The time that "age" says, in nanoseconds since 1970; 0 when it was not given.
+std::uint64_t routectl_since(const routectl_call &call);
 
 // A column of the plain and the one-line listing: a key of the records and its heading.
 struct routectl_column {
@@ -123,7 +125,10 @@ card_rpc &routectl_card(const routectl_call &call);
 card_rpc_reply routectl_ask(const routectl_call &call, const std::string &procedure,
                             const std::vector<card_rpc_arg> &args);
 // What a call that did not run means for the user: status 3 (or 2 for what the server does not accept) and a sentence.
-routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure);
+routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure);
+// Waits until a query of the route manager is over. Returns what it means for the user when it failed; else an answer
+// with status 0. what: there was no memory for.
+routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query, const std::string &what);
 
 // How to be understood next time: ends the message about a route manager, or a card, that cannot be reached.
 std::string routectl_where();

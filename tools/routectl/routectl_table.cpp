@@ -1,4 +1,5 @@
 // routectl_table.cpp - joins the rows of all sources into the table of commands.
+#include "card_view/history_view.h"
 #include "routectl_commands.h"
 
 const std::vector<const routectl_command *> &routectl_table()
@@ -25,6 +26,12 @@ std::uint32_t routectl_number(const routectl_call &call, const std::string &name
 {
     const routectl_value *const value = routectl_given(call, name);
     return value == nullptr ? otherwise : value->number;
+}
+
+std::uint64_t routectl_since(const routectl_call &call)
+{
+    const routectl_value *const age = routectl_given(call, "age");
+    return age == nullptr ? 0 : history_time_before(history_age_of(age->text).value_or(0));
 }
 
 routectl_answer routectl_error(int status, std::string error)

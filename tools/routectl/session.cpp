@@ -27,11 +27,11 @@ std::string routectl_where()
     return " in " + card_dir_path() + " (start it there, or name its card directory with -c or CARD_DIR)";
 }
 
-routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string &procedure)
+routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure)
 {
-    const std::string reason = card_rpc_reason(reply, procedure);
+    const std::string reason = card_rpc_reason(end, procedure);
     const std::string who = procedure.rfind("cardsim_", 0) == 0 ? "the card's other processes" : "the route manager";
-    switch (reply.end) {
+    switch (end) {
     case CARD_RPC_BAD_ARGUMENTS:
     case CARD_RPC_OUT_OF_RANGE:
         return routectl_error(ROUTECTL_USAGE, reason);
@@ -40,4 +40,15 @@ routectl_answer routectl_not_run(const card_rpc_reply &reply, const std::string 
     default:
         return routectl_error(ROUTECTL_UNREACHABLE, who + ": " + reason);
     }
+}
+
+routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query, const std::string &what)
+{
+    while (!query.is_over())
+        card_rpc_wait(routectl_route_manager(call), 1);
+    if (query.failed != CARD_RPC_RAN)
+        return routectl_not_run(query.failed, query.procedure);
+    if (query.is_refused)
+        return routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for " + what);
+    return {};
 }

@@ -6,7 +6,6 @@
 #include "watch_data.h"
 
 #include <algorithm>
-#include <ctime>
 #include <deque>
 #include <map>
 
@@ -57,13 +56,6 @@ void watch_data_delete::operator()(watch_data *data) const { delete data; }
 
 namespace
 {
-std::uint64_t now_ns()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail
-    return static_cast<std::uint64_t>(now.tv_sec) * 1000000000u + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
 bool has_owner() { return card_dir_owner(("rpc/" + std::to_string(ROUTE_RPC_ENDPOINT)).c_str()) == card_owner::other; }
 
 // Opens the first copy that is there, or opens it again when its file was replaced.
@@ -177,7 +169,8 @@ void show_state(watch_data &data)
         return;
     }
     frame.state = has_owner() ? manager_state::silent : manager_state::not_running;
-    frame.note = data.summary->is_refused ? "the route manager has no memory for a summary" : data.summary->why;
+    frame.note = data.summary->is_refused ? "the route manager has no memory for a summary"
+                                          : card_rpc_reason(data.summary->failed, data.summary->procedure);
     frame.note += data.table.is_open() ? "; pools are counted in the tables it left" : "; there are no tables";
 }
 
@@ -187,7 +180,7 @@ void end_round(watch_data &data)
     round_marks marks = {steady::now(), std::nullopt, data.own_calls, data.own_messages};
     if (!data.answer.counters.empty())
         marks.counters = data.answer.counters;
-    data.frame.time_ns = now_ns();
+    data.frame.time_ns = history_time_before(0);
     data.frame.kinds.reset();
     if (!data.answer.memory.empty())
         data.frame.kinds = kinds_of(data.answer.memory);
@@ -207,7 +200,7 @@ watch_data_ptr watch_data_open(unsigned timeout_ms, int queue)
     data->timeout = std::chrono::milliseconds(timeout_ms);
     data->rpc = card_rpc_open("show_fib_summary", timeout_ms);
     data->frame.card = data->card;
-    data->frame.time_ns = now_ns();
+    data->frame.time_ns = history_time_before(0);
     return data;
 }
 

@@ -1,0 +1,32 @@
+// card_query.h - many calls that make one answer together, such as the listings of all contexts.
+//
+// A record of the answer begins with its card_query. The calls are queued at once and the record is filled inside later
+// card_rpc_process or card_rpc_wait calls, so nothing waits.
+// Always: the first call that did not run is kept; what other calls brought stays in the record.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "card_rpc.h"
+#include "route_ids.h"
+
+struct card_query {
+    unsigned waiting = 0;               // calls that have not ended
+    card_rpc_end failed = CARD_RPC_RAN; // how the first call ended that did not run
+    const char *procedure = "";         // of that call
+    bool is_refused = false;            // a procedure ran and had no memory for its answer
+    bool is_over() const { return waiting == 0; }
+    bool is_good() const { return waiting == 0 && failed == CARD_RPC_RAN && !is_refused; }
+};
+
+struct context_range {
+    unsigned first = 0, last = ROUTE_CONTEXTS - 1;
+};
+
+// Queues a call. `take` gets the reply of one that ran and returns false when the procedure had no memory; it may queue
+// further ones.
+void card_query_call(card_rpc &rpc, const std::shared_ptr<card_query> &query, const char *procedure,
+                     const std::vector<card_rpc_arg> &args, std::function<bool(const card_rpc_reply &)> take);
