@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -204,9 +205,9 @@ int run(card &c)
             (void)tnrpc_process(c.server); // a connection that ends is an event too
     }
 }
-} // namespace
 
-int main(int argc, char **argv)
+// Takes the command line and plays the card until it ends. Returns the program's status.
+int play_card(int argc, char **argv)
 {
     static card c; // procedures and answers refer to it until the end
     if (const auto status = options_read(argc, argv, &c.opts))
@@ -231,4 +232,15 @@ int main(int argc, char **argv)
     procedures_close();
     if_db_close(&c.db);
     return status;
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return play_card(argc, argv);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "cardsim: %s\n", error.what());
+        return EXIT_WRONG;
+    }
 }
