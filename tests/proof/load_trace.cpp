@@ -17,6 +17,9 @@
 #include <cpuid.h>
 #include <ucontext.h>
 
+namespace harness
+{
+
 namespace
 {
 constexpr std::uintptr_t PAGE = 4096, TRACED_BYTES = (HW_TABLE_BYTES + PAGE - 1) / PAGE * PAGE;
@@ -182,11 +185,16 @@ void load_trace::run(const std::function<void()> &reader, const listener &before
     current = nullptr;
 }
 
+} // namespace harness
+
 #else // the frame of a signal, and a gather, are known for x86 alone
 
+namespace harness
+{
 bool load_trace::runs() { return false; }
 load_trace::load_trace() = default;
 load_trace::~load_trace() = default;
 void load_trace::run(const std::function<void()> &, const listener &) {}
+} // namespace harness
 
 #endif

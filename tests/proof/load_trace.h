@@ -11,6 +11,8 @@
 #include <functional>
 #include <random>
 
+namespace harness
+{
 constexpr unsigned NO_LANE = 8; // of a load that is no element of a gather
 
 struct load_trace {
@@ -34,3 +36,4 @@ struct load_trace {
     std::uintptr_t gather = 0;    // address of the gather of which one lane runs, else 0
     unsigned lanes_left = 0;      // of it: a bit for each lane that is still to run
 };
+} // namespace harness

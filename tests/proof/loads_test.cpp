@@ -20,6 +20,8 @@
 #include "load_trace.h"
 #include "walk_machine.h"
 
+using namespace harness;
+
 namespace
 {
 // So many addresses that the vector implementation has a group of vectors, a vector, and an end that fills none.
