@@ -97,7 +97,7 @@ const char *apply(card_conf &conf, std::string_view key, std::string_view value)
             continue;
         std::uint32_t number = 0;
         if (!read_number(value, number))
-            return "is no number of 32 bits";
+            return "is not a number of 32 bits";
         if (number < known.min || number > known.max)
             return "is out of range";
         if (number % known.multiple_of != 0)
@@ -132,7 +132,7 @@ std::FILE *open_conf(const std::string &path)
     if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
         return fdopen(fd, "r");
     (void)std::fprintf(stderr, "%s: %s: %s; the defaults stand\n", program_invocation_short_name, path.c_str(),
-                       fd < 0 ? std::strerror(errno) : "is no plain file");
+                       fd < 0 ? std::strerror(errno) : "is not a plain file");
     if (fd >= 0)
         (void)close(fd);
     return nullptr;

@@ -3,9 +3,9 @@
 // A process that can enter the directory can speak for every process of the card, so the directory is refused unless
 // its owner alone can. A socket has a lock file beside it, because the socket of a dead process looks like that of a
 // live one; the lock ends with its process, however that ends.
-// Always: nothing opened here survives an exec; a socket is replaced only under its lock; a new file appears under its
-// name complete and with all its blocks, so a full disk is an error here and never a fault in a later store; the
-// descriptors 0 to 2 are open before anything of the card is.
+// Always: nothing of the card stays open over an exec; a socket is replaced only under its lock; a new file appears
+// under its name complete and with all its blocks, so a full disk is an error here and never a fault in a later store;
+// the descriptors 0 to 2 are open before anything of the card is.
 // Elsewhere: what is sent through the sockets (mts.cpp, tnrpc_server.cpp, scp.cpp), the settings (card_conf.cpp).
 #include "card_dir.h"
 

@@ -97,7 +97,7 @@ std::uint32_t *database()
     let_go(db);
     if (!reported) {
         reported = true;
-        (void)std::fprintf(stderr, "%s: %s: is no interface database; no interface exists\n",
+        (void)std::fprintf(stderr, "%s: %s: is not an interface database; no interface exists\n",
                            program_invocation_short_name, path.c_str());
     }
     return nullptr;

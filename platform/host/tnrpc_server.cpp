@@ -160,7 +160,8 @@ void link_publish(const char *name)
     const link_text fresh = link_path(("." + std::to_string(getpid())).c_str());
     (void)unlink(fresh.text); // left by a process that ended between the next two steps
     if (symlink(link_target().text, fresh.text) != 0 || rename(fresh.text, path.text) != 0) {
-        std::fprintf(stderr, "tnrpc: %s: %s; callers do not find it\n", path.text, std::strerror(errno));
+        std::fprintf(stderr, "%s: %s: %s; callers can not find it\n", program_invocation_short_name, path.text,
+                     std::strerror(errno));
         (void)unlink(fresh.text);
     }
 }

@@ -67,7 +67,7 @@ TEST(if_mgr, a_database_that_is_cut_while_it_is_mapped_is_looked_for_again)
         EXPECT_EQ(if_get_status(5), 1);
         std::filesystem::resize_file(card_file("interfaces"), 64); // a manager that starts anew, in the same file
         const std::string said = stderr_of([] { EXPECT_EQ(if_get_status(8191), -1); }); // on a page that is gone
-        EXPECT_NE(said.find("is no interface database"), std::string::npos) << said;
+        EXPECT_NE(said.find("is not an interface database"), std::string::npos) << said;
         put_database({2, 1, 1, 0, 0, 0, 0, 0});
         EXPECT_EQ(if_get_status(5), 0);
     });
