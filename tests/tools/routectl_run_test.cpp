@@ -78,6 +78,27 @@ TEST(routectl_run, a_change_is_done_or_refused_with_the_line_of_the_history)
               "refused: could not find static route for ip=a010000/16\n");
 }
 
+// Eight static paths, then a host with the prefix as the ninth: from there on no path is refused.
+TEST(routectl_run, a_set_that_no_page_of_a_listing_holds_ends_the_listing_with_its_prefix)
+{
+    const live_card card;
+    std::string lines;
+    for (unsigned i = 0; i < 8; ++i)
+        lines += "route add 10.1.1.9/32 via 192.0.2." + std::to_string(i) + "\n";
+    lines += "arp add 10.1.1.9 if 5 encap 0x1001\n";
+    for (unsigned i = 0; i < 2550; ++i)
+        lines += "route add 10.1.1.9/32 via 192.1." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "\n";
+    EXPECT_EQ(card.run("-b -", lines).status, 0);
+    for (const char *words : {"route show", "route show all", "fib show"}) {
+        const tool_result result = card.run(words);
+        EXPECT_EQ(result.status, 1) << words;
+        EXPECT_EQ(result.err, "refused: the route manager does not go on with the listing of context 0 at 10.1.1.9/32: "
+                              "it has no memory for a page, or a set of more than 2550 paths stands there, which no "
+                              "page holds\n")
+            << words;
+    }
+}
+
 TEST(routectl_run, a_refusal_of_which_the_history_holds_no_line_says_so)
 {
     const live_card card;

@@ -17,16 +17,16 @@ struct card_query {
     unsigned waiting = 0;               // calls that have not ended
     card_rpc_end failed = CARD_RPC_RAN; // how the first call ended that did not run
     const char *procedure = "";         // of that call
-    bool is_refused = false;            // a procedure ran and had no memory for its answer
+    std::string refused;                // what the route manager, whose procedure ran, did not do; empty: nothing
     bool is_over() const { return waiting == 0; }
-    bool is_good() const { return waiting == 0 && failed == CARD_RPC_RAN && !is_refused; }
+    bool is_good() const { return waiting == 0 && failed == CARD_RPC_RAN && refused.empty(); }
 };
 
 struct context_range {
     unsigned first = 0, last = ROUTE_CONTEXTS - 1;
 };
 
-// Queues a call. `take` gets the reply of one that ran and returns false when the procedure had no memory; it may queue
-// further ones.
+// Queues a call. `take` gets the reply of one that ran and returns what stands in `refused` then; it may queue further
+// ones.
 void card_query_call(card_rpc &rpc, const std::shared_ptr<card_query> &query, const char *procedure,
-                     const std::vector<card_rpc_arg> &args, std::function<bool(const card_rpc_reply &)> take);
+                     const std::vector<card_rpc_arg> &args, std::function<std::string(const card_rpc_reply &)> take);

@@ -35,7 +35,9 @@ std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc, context_range rang
         for (const auto &call : CALLS)
             card_query_call(rpc, summary, call.procedure, {rpc_u16(ctx), rpc_block()},
                             [summary, ctx, &call](const card_rpc_reply &reply) {
-                                return reply.result == 0 && call.decode(reply.blocks[0], summary->contexts[ctx]);
+                                const bool is_there =
+                                    reply.result == 0 && call.decode(reply.blocks[0], summary->contexts[ctx]);
+                                return is_there ? "" : "has no memory for a summary";
                             });
     return summary;
 }

@@ -1,10 +1,21 @@
 // route_record.cpp - decodes the records of a listing and turns the pages of all contexts.
 #include "route_record.h"
 
+#include <fmt/format.h>
+
 #include "big_endian.h"
+#include "card_tool/address_text.h"
 
 namespace
 {
+// A page without a record whose cursor is the one that was sent.
+std::string stopped_at(unsigned ctx, const std::vector<std::uint32_t> &cursor)
+{
+    return fmt::format("does not go on with the listing of context {} at {}: it has no memory for a page, or a set of "
+                       "more than {} paths stands there, which no page holds",
+                       ctx, prefix_text(cursor[2], cursor[0]), ROUTE_PAGE_RECORDS);
+}
+
 // Asks for the page at the cursor, and from its reply on for the next one.
 void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, const char *procedure, unsigned ctx,
               const std::vector<std::uint32_t> &cursor)
@@ -12,12 +23,12 @@ void ask_page(card_rpc &rpc, const std::shared_ptr<route_listing> &listing, cons
     const auto take = [&rpc, listing, procedure, ctx, cursor](const card_rpc_reply &reply) {
         const std::vector<std::uint8_t> &page = reply.blocks[0];
         if (reply.refs == cursor || page.size() != reply.result * ROUTE_RECORD_BYTES)
-            return false;
+            return stopped_at(ctx, cursor);
         for (std::size_t at = 0; at < page.size(); at += ROUTE_RECORD_BYTES)
             listing->contexts[ctx].push_back(route_record_decode(&page[at]));
         if (reply.refs[2] != ROUTE_WALK_DONE)
             ask_page(rpc, listing, procedure, ctx, reply.refs);
-        return true;
+        return std::string();
     };
     card_query_call(rpc, listing, procedure,
                     {rpc_u16(ctx), rpc_ref16(cursor[0]), rpc_ref16(cursor[1]), rpc_ref32(cursor[2]), rpc_block()},

@@ -121,7 +121,7 @@ routectl_answer pools_show(const routectl_call &call)
     if (routectl_given(call, "--direct") != nullptr || routectl_given(call, "copy") != nullptr)
         return pools_direct(call);
     const auto summary = card_summary_ask(routectl_route_manager(call));
-    routectl_answer answer = routectl_query_wait(call, *summary, "the summary");
+    routectl_answer answer = routectl_query_wait(call, *summary);
     if (answer.status == ROUTECTL_UNREACHABLE)
         answer.error += ROUTECTL_TRY_DIRECT;
     return answer.status == ROUTECTL_DONE ? pools_answer(pools_from_summary(*summary)) : answer;

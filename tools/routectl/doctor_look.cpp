@@ -31,9 +31,9 @@ bool ask_manager(const routectl_call &call, doctor_look &look)
 {
     look.listing = route_listing_ask(routectl_route_manager(call), "show_fib_print");
     look.counts = card_summary_ask(routectl_route_manager(call));
-    look.unserved = routectl_query_wait(call, *look.listing, "its listings");
+    look.unserved = routectl_query_wait(call, *look.listing);
     if (look.unserved.status == ROUTECTL_DONE)
-        look.unserved = routectl_query_wait(call, *look.counts, "its counts");
+        look.unserved = routectl_query_wait(call, *look.counts);
     return look.unserved.status == ROUTECTL_DONE;
 }
 

@@ -73,7 +73,7 @@ routectl_answer list_routes(const routectl_call &call, const char *procedure)
 {
     const context_range range = contexts_of(call);
     const auto listing = route_listing_ask(routectl_route_manager(call), procedure, range);
-    routectl_answer answer = routectl_query_wait(call, *listing, "the listing");
+    routectl_answer answer = routectl_query_wait(call, *listing);
     if (answer.status != ROUTECTL_DONE)
         return answer;
     answer.records_key = "routes";
@@ -110,7 +110,7 @@ routectl_answer route_summary(const routectl_call &call)
 {
     const context_range range = contexts_of(call);
     const auto summary = card_summary_ask(routectl_route_manager(call), range);
-    routectl_answer answer = routectl_query_wait(call, *summary, "the summary");
+    routectl_answer answer = routectl_query_wait(call, *summary);
     if (answer.status != ROUTECTL_DONE)
         return answer;
     answer.records_key = "contexts";

@@ -127,8 +127,8 @@ card_rpc_reply routectl_ask(const routectl_call &call, const std::string &proced
 // What a call that did not run means for the user: status 3 (or 2 for what the server does not accept) and a sentence.
 routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure);
 // Waits until a query of the route manager is over. Returns what it means for the user when it failed; else an answer
-// with status 0. what: there was no memory for.
-routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query, const std::string &what);
+// with status 0.
+routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query);
 
 // How to be understood next time: ends the message about a route manager, or a card, that cannot be reached.
 std::string routectl_where();

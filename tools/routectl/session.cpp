@@ -42,13 +42,13 @@ routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure)
     }
 }
 
-routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query, const std::string &what)
+routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query)
 {
     while (!query.is_over())
         card_rpc_wait(routectl_route_manager(call), 1);
     if (query.failed != CARD_RPC_RAN)
         return routectl_not_run(query.failed, query.procedure);
-    if (query.is_refused)
-        return routectl_error(ROUTECTL_REFUSED, "refused: the route manager has no memory for " + what);
+    if (!query.refused.empty())
+        return routectl_error(ROUTECTL_REFUSED, "refused: the route manager " + query.refused);
     return {};
 }

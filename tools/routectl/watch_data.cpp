@@ -169,8 +169,8 @@ void show_state(watch_data &data)
         return;
     }
     frame.state = has_owner() ? manager_state::silent : manager_state::not_running;
-    frame.note = data.summary->is_refused ? "the route manager has no memory for a summary"
-                                          : card_rpc_reason(data.summary->failed, data.summary->procedure);
+    frame.note = !data.summary->refused.empty() ? "the route manager " + data.summary->refused
+                                                : card_rpc_reason(data.summary->failed, data.summary->procedure);
     frame.note += data.table.is_open() ? "; pools are counted in the tables it left" : "; there are no tables";
 }
 
