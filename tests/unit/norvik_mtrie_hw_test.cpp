@@ -486,6 +486,15 @@ TEST_F(tables, a_walk_that_ends_at_an_empty_slot_prints_a_null_leaf_without_its_
     EXPECT_EQ(card.printed(), expected);
 }
 
+TEST(tables_of_one_processor, the_second_processors_copy_reads_as_zeros)
+{
+    fake_card card(1);
+    ASSERT_EQ(mtrie_pool_init(), 0);
+    (void)card.printed();
+    mtrie_hw_lookup_ixp_2(255, IP(10, 0, 0, 1));
+    EXPECT_EQ(card.printed(), "\nSearch terminating successfully, Leaf 0x0 found.\n");
+}
+
 TEST_F(tables, a_walk_reaches_a_leaf_below_four_nodes_and_gives_up_below_the_fourth)
 {
     mtrie_node *levels[4];

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "rpc_record.h"
 
 namespace
@@ -99,7 +100,7 @@ void connection_lost(card_rpc &rpc, finished_calls &finished)
 // The endpoint behind the procedure's link, as a path in the card directory; empty when nobody serves it.
 std::string endpoint_name(const std::string &procedure)
 {
-    const std::string path = card_dir_path() + "/rpc/names/" + procedure;
+    const std::string path = card_dir_path() + "/" + RPC_NAMES_FOLDER + "/" + procedure;
     char target[64];
     if (card_dir_path().empty() || !tnrpc_is_link_name(procedure.c_str()))
         return "";
@@ -107,7 +108,7 @@ std::string endpoint_name(const std::string &procedure)
     std::uint32_t endpoint = 0;
     if (length < 0 || tnrpc_link_endpoint(target, static_cast<std::size_t>(length), endpoint) != 0)
         return "";
-    return "rpc/" + std::to_string(endpoint);
+    return RPC_FOLDER + ("/" + std::to_string(endpoint));
 }
 
 // Connects, or leaves backlog_full set to try again later. Returns 0, or -1 when there is no server.

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "rpc_record.h"
+
 constexpr unsigned CARD_RPC_WINDOW = 128; // calls outstanding
 
 // How a call ended.
@@ -33,12 +35,12 @@ struct card_rpc_arg {
     unsigned bytes;      // of a number; 0 for a block
     std::uint32_t value; // of a number
 };
-constexpr card_rpc_arg rpc_small(std::uint32_t value) { return {0, 1, value}; }
-constexpr card_rpc_arg rpc_u16(std::uint32_t value) { return {1, 2, value}; }
-constexpr card_rpc_arg rpc_u32(std::uint32_t value) { return {2, 4, value}; }
-constexpr card_rpc_arg rpc_ref16(std::uint32_t value) { return {8, 2, value}; }
-constexpr card_rpc_arg rpc_ref32(std::uint32_t value) { return {8, 4, value}; }
-constexpr card_rpc_arg rpc_block() { return {9, 0, 0}; }
+constexpr card_rpc_arg rpc_small(std::uint32_t value) { return {RPC_ARG_SMALL, 1, value}; }
+constexpr card_rpc_arg rpc_u16(std::uint32_t value) { return {RPC_ARG_U16, 2, value}; }
+constexpr card_rpc_arg rpc_u32(std::uint32_t value) { return {RPC_ARG_U32, 4, value}; }
+constexpr card_rpc_arg rpc_ref16(std::uint32_t value) { return {RPC_ARG_REF, 2, value}; }
+constexpr card_rpc_arg rpc_ref32(std::uint32_t value) { return {RPC_ARG_REF, 4, value}; }
+constexpr card_rpc_arg rpc_block() { return {RPC_ARG_BLOCK, 0, 0}; }
 
 struct card_rpc_reply {
     card_rpc_end end = CARD_RPC_UNREACHABLE;

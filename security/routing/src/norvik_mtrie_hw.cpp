@@ -267,10 +267,10 @@ int reg_invoke_hw_add_child_block_to_mnode(const mtrie_node *node, std::uint32_t
 
 namespace
 {
-// Walks a copy as a processor does.
+// Walks a copy as a processor does. One that the card has not reads as zeros.
 void walk_copy(const mtrie_hw_copy &copy, std::uint32_t tree, std::uint32_t address)
 {
-    std::uint32_t word = word_at(copy.base)[tree];
+    std::uint32_t word = copy.base == 0 ? 0 : word_at(copy.base)[tree];
     for (unsigned level = 0; level < 4 && (word & HW_NODE_TAG) != 0; ++level) {
         const std::uint32_t index = address >> (24 - 8 * level) & 0xFF;
         word = word_at(copy.base + ((word & ~HW_NODE_TAG) - copy.form))[index];
