@@ -185,13 +185,13 @@ struct trial {
     }
 };
 
-void own_words(trial &t, ixp_body body)
+void own_words(trial &t, ixp_implementation implementation)
 {
-    ixp_lookup(table_of_processor_1(), body, TREE, t.addresses.data(), t.words.data(), t.words.size());
+    ixp_lookup(table_of_processor_1(), implementation, TREE, t.addresses.data(), t.words.data(), t.words.size());
 }
-void own_paths(trial &t, ixp_body body)
+void own_paths(trial &t, ixp_implementation implementation)
 {
-    ixp_forward(table_of_processor_1(), body, TREE,
+    ixp_forward(table_of_processor_1(), implementation, TREE,
                 {t.addresses.data(), t.hashes.data(), t.words.data(), t.paths.data(), t.words.size()});
 }
 void lpm_words(trial &t) { peer_lpm_find(t.p.lpm, t.addresses.data(), t.words.data(), t.words.size(), MISSING); }
@@ -225,20 +225,20 @@ void fib_paths(trial &t)
     choose_hops(t, t.wide);
 }
 
-// Every body of ours and both peers answer alike, before any is timed.
+// Every implementation of ours and both peers answer alike, before any is timed.
 void check(trial &t)
 {
     own_words(t, IXP_SCALAR);
     const std::vector<std::uint32_t> own = t.words;
     own_paths(t, IXP_SCALAR);
     const std::vector<std::uint32_t> chosen = t.words, paths = t.paths;
-    for (const ixp_body body : {IXP_BATCH, IXP_AVX2}) {
-        if (!ixp_body_runs(body))
+    for (const ixp_implementation implementation : {IXP_BATCH, IXP_AVX2}) {
+        if (!ixp_implementation_runs(implementation))
             continue;
-        own_words(t, body);
-        bench_require(own == t.words, "the bodies answer alike");
-        own_paths(t, body);
-        bench_require(chosen == t.words && paths == t.paths, "the bodies choose alike");
+        own_words(t, implementation);
+        bench_require(own == t.words, "the implementations answer alike");
+        own_paths(t, implementation);
+        bench_require(chosen == t.words && paths == t.paths, "the implementations choose alike");
     }
     if (t.p.lpm == nullptr)
         return;
@@ -305,7 +305,7 @@ void measure_vectors(const bench_options &options, const std::string &name, tria
                      std::vector<bench_row> &rows)
 {
     const auto side = [&](auto work) { return per_lookup(options, t.addresses.size(), work); };
-    const ixp_body best = ixp_best_body();
+    const ixp_implementation best = ixp_best_implementation();
     std::vector<std::function<double()>> sides = {side([&t, best] { own_words(t, best); }),
                                                   side([&t, best] { own_paths(t, best); })};
     const bool with_peers = t.p.lpm != nullptr;
@@ -314,7 +314,7 @@ void measure_vectors(const bench_options &options, const std::string &name, tria
             sides.push_back(side([&t, peer] { peer(t); }));
     const auto m = bench_rounds(options, 9, sides);
     const auto theirs = [&](std::size_t i) { return with_peers ? std::optional(m[i]) : std::nullopt; };
-    const std::string what = name + ", " + ixp_body_name(best);
+    const std::string what = name + ", " + ixp_implementation_name(best);
     add_rows(what, m[0], theirs(2), theirs(3), t.p, wanted.vector, rows);
     add_rows(what + ", path choice", m[1], theirs(4), theirs(5), t.p, wanted.paths, rows);
 }
@@ -324,7 +324,7 @@ void measure_loads(const bench_options &options, const std::string &name, trial 
 {
     const std::vector<std::uint32_t> loads = loads_of(t);
     const std::uint32_t *const words = table_of_processor_1().words;
-    const ixp_body best = ixp_best_body();
+    const ixp_implementation best = ixp_best_implementation();
     const auto m = bench_rounds(options, 9,
                                 {per_lookup(options, t.addresses.size(), [&t, best] { own_words(t, best); }),
                                  per_lookup(options, t.addresses.size(), [&loads, words] {
@@ -333,10 +333,11 @@ void measure_loads(const bench_options &options, const std::string &name, trial 
                                          sum += words[at];
                                      asm volatile("" : : "r"(sum)); // it is wanted
                                  })});
-    rows.push_back({name + ", " + ixp_body_name(best), "ns", m[0], "its loads alone", m[1], "", 0, false, ""});
+    rows.push_back(
+        {name + ", " + ixp_implementation_name(best), "ns", m[0], "its loads alone", m[1], "", 0, false, ""});
 }
 
-// The portable body. After the others, since the library's table keeps the scalar lookup from now on.
+// The portable implementation. After the others, since the library's table keeps the scalar lookup from now on.
 void measure_scalars(const bench_options &options, const std::string &name, trial &t, wanted_ratio wanted,
                      std::vector<bench_row> &rows)
 {
@@ -349,9 +350,9 @@ void measure_scalars(const bench_options &options, const std::string &name, tria
     for (void (*const peer)(trial &) : {lpm_words_one_by_one, fib_words, lpm_paths_one_by_one, fib_paths})
         sides.push_back(side([&t, peer] { peer(t); }));
     const auto m = bench_rounds(options, 9, sides);
-    rows.push_back({name + ", the portable body", "ns", m[0], "the better scalar peer", std::min(m[2], m[3]), "",
-                    wanted.scalar, wanted.scalar != 0, ""});
-    rows.push_back({name + ", the portable body, path choice", "ns", m[1], "the better scalar peer",
+    rows.push_back({name + ", the portable implementation", "ns", m[0], "the better scalar peer", std::min(m[2], m[3]),
+                    "", wanted.scalar, wanted.scalar != 0, ""});
+    rows.push_back({name + ", the portable implementation, path choice", "ns", m[1], "the better scalar peer",
                     std::min(m[4], m[5]), "", 0, false, ""});
 }
 
@@ -436,8 +437,8 @@ void measure_contexts(const bench_options &options, std::vector<bench_row> &rows
         addresses[i] = 0x0A000000 + (static_cast<std::uint32_t>(random()) & 0x01FFFFFF);
     }
     const auto lookup = [&] {
-        ixp_lookup_trees(table_of_processor_1(), ixp_best_body(), trees.data(), addresses.data(), words.data(),
-                         ADDRESSES);
+        ixp_lookup_trees(table_of_processor_1(), ixp_best_implementation(), trees.data(), addresses.data(),
+                         words.data(), ADDRESSES);
     };
     lookup();
     for (std::size_t i = 0; i < ADDRESSES; ++i)

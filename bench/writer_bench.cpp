@@ -57,7 +57,10 @@ struct reader {
     std::vector<bool> changes;
 };
 
-void look_up(reader &r) { ixp_lookup(r.table, ixp_best_body(), 0, r.addresses.data(), r.words.data(), ADDRESSES); }
+void look_up(reader &r)
+{
+    ixp_lookup(r.table, ixp_best_implementation(), 0, r.addresses.data(), r.words.data(), ADDRESSES);
+}
 
 // Answers of one pass that no moment of the table could have given, and how many were those of changing routes there.
 struct judged {
@@ -139,7 +142,8 @@ int main(int argc, char **argv)
     usleep(options.brief ? 1000 : 200000);
     const bool busy = bench_cpu_ns(daemon.pid) > cpu;
     bench_print(options, "Processor lookup beside a writer",
-                {{std::string("beside the daemon changing routes without pause, ") + ixp_body_name(ixp_best_body()),
+                {{std::string("beside the daemon changing routes without pause, ") +
+                      ixp_implementation_name(ixp_best_implementation()),
                   "ns", m[0], "the same while it is idle", m[1], "", 1 / 1.1, true,
                   std::to_string(2 * passes * ADDRESSES) + " answers judged, none wrong" +
                       (busy ? "" : "; the writer stood still")}});

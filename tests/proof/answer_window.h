@@ -5,7 +5,7 @@
 // one after it: right is whatever was written down for one of the changes in between, and what stood before them.
 // A path is a bit of a mask, so a set of paths is one word.
 // Always: the record lies in memory that processes share, and every word of it is atomic.
-// Elsewhere: the changes (random_changes.h), the lookups (window_reader.h), the named ways astray
+// Elsewhere: the changes (random_changes.h), the lookups (window_reader.h), the named wrong answers
 // (docs/interleavings.md).
 #pragma once
 

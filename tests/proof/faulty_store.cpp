@@ -1,8 +1,8 @@
 // faulty_store.cpp - the daemon's store with a known fault in it, named by $PROOF_FAULT.
 //
-// Linked in front of the platform's own body, so that the large proof can be shown to notice: "header first", "slot
-// before child" or "word after slot". Without the variable it stores as it should. Between a store that comes too early
-// and those that it should have followed the daemon dawdles, as one that is interrupted there would: a reader of
+// Linked in front of the platform's own implementation, so that the large proof can be shown to notice: "header first",
+// "slot before child" or "word after slot". Without the variable it stores as it should. Between a store that comes too
+// early and those that it should have followed the daemon dawdles, as one that is interrupted there would: a reader of
 // another processor must have the time to look.
 #include <atomic>
 #include <chrono>

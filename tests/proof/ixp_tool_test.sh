@@ -43,9 +43,9 @@ expect 2 'No such file' "$ixp" -m ixp2 lookup 10.1.2.3
 expect 2 'ixp: .*subcommand' "$ixp"
 expect 2 'ixp: --tree' "$ixp" -t 256 lookup 10.1.2.3
 expect 0 '^ixp [0-9.]+$' "$ixp" --version
-expect 2 'no such body' "$ixp" --body fast lookup 10.1.2.3
-for body in scalar batch auto; do
-    expect 0 '"misses": 0,' "$ixp" --json --body "$body" run --addresses zipf --seconds 0.05
+expect 2 'no such implementation' "$ixp" --implementation fast lookup 10.1.2.3
+for implementation in scalar batch auto; do
+    expect 0 '"misses": 0,' "$ixp" --json --implementation "$implementation" run --addresses zipf --seconds 0.05
 done
 expect 0 'path 1 ' "$ixp" run --addresses zipf --seconds 0.05
 echo '10.0.0.1 # a comment' >"$card/list"

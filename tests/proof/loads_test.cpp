@@ -28,7 +28,7 @@ namespace
 constexpr std::uint32_t OWNERS = 64 + 8 + 3;
 constexpr std::uint32_t NODES_EACH = 6, LEAVES_EACH = 2, WALKS = 4;
 constexpr std::uint32_t ONE_TREE = 200, SHARED_ROOT = OWNERS * NODES_EACH; // a node
-constexpr std::uint32_t NOBODYS_LEAF = HW_LEAF_COUNT - 1;
+constexpr std::uint32_t NOIMPLEMENTATIONS_LEAF = HW_LEAF_COUNT - 1;
 
 std::uint32_t node_index(std::uint32_t node) { return (HW_NODES + node * HW_NODE_BYTES) / 4; }
 std::uint32_t leaf_index(std::uint32_t leaf) { return (HW_LEAVES + leaf * HW_LEAF_BYTES) / 4; }
@@ -49,7 +49,7 @@ struct owned_word {
 
 // What an implementation is asked: all addresses in one tree, or each in its own; the leaf's word, or the path too.
 struct question {
-    ixp_body body;
+    ixp_implementation implementation;
     bool one_tree, forwards;
 };
 
@@ -148,7 +148,7 @@ struct loads : testing::Test {
         }
         // What the unused lanes of a vector look up, address 0, has a leaf.
         trace.words[ONE_TREE] = named(node_index(SHARED_ROOT), HW_NODE_TAG);
-        trace.words[node_index(SHARED_ROOT)] = named(leaf_index(NOBODYS_LEAF));
+        trace.words[node_index(SHARED_ROOT)] = named(leaf_index(NOIMPLEMENTATIONS_LEAF));
         // What a null word leads to is the last word: a set's leaf and a valid header, if it were taken for one.
         trace.words[HW_TABLE_BYTES / 4 - 1] = ecmp_header(7, 1);
     }
@@ -190,7 +190,8 @@ struct loads : testing::Test {
 
     static std::string description(const question &asked, const follower &f)
     {
-        std::string text = std::string(ixp_body_name(asked.body)) + (asked.forwards ? ", forward" : ", lookup") +
+        std::string text = std::string(ixp_implementation_name(asked.implementation)) +
+                           (asked.forwards ? ", forward" : ", lookup") +
                            (asked.one_tree ? ", one tree, loads" : ", a tree each, loads");
         for (const std::uint32_t index : f.loads)
             text += " " + std::to_string(index);
@@ -208,7 +209,7 @@ struct loads : testing::Test {
         follower &f = followers[at->second.owner];
         f.loads.push_back(index);
         const bool is_of_set = at->second.kind != word_kind::SLOT && at->second.kind != word_kind::LEAF;
-        const bool may_read_on = is_of_set && asked.body == IXP_AVX2 && asked.forwards;
+        const bool may_read_on = is_of_set && asked.implementation == IXP_AVX2 && asked.forwards;
         if (f.at.stage != WALK_POINTER) {
             EXPECT_TRUE(asks_for(f.at, index) || may_read_on) << "not the next load: " << description(asked, f);
             if (asks_for(f.at, index))
@@ -244,26 +245,26 @@ struct loads : testing::Test {
         const ixp_packets packets{addresses, hashes, words, paths, OWNERS};
         const auto reader = [&] {
             if (asked.forwards && asked.one_tree)
-                ixp_forward(table, asked.body, ONE_TREE, packets);
+                ixp_forward(table, asked.implementation, ONE_TREE, packets);
             else if (asked.forwards)
-                ixp_forward_trees(table, asked.body, trees, packets);
+                ixp_forward_trees(table, asked.implementation, trees, packets);
             else if (asked.one_tree)
-                ixp_lookup(table, asked.body, ONE_TREE, addresses, words, OWNERS);
+                ixp_lookup(table, asked.implementation, ONE_TREE, addresses, words, OWNERS);
             else
-                ixp_lookup_trees(table, asked.body, trees, addresses, words, OWNERS);
+                ixp_lookup_trees(table, asked.implementation, trees, addresses, words, OWNERS);
         };
         trace.run(reader, [&](std::uint32_t index, unsigned lane) { loading(asked, index, lane, may_change); });
         for (std::uint32_t owner = 0; owner < OWNERS; ++owner)
             ASSERT_TRUE(followers[owner].ends_in(words[owner], paths[owner]))
                 << "word " << words[owner] << " path " << paths[owner] << ": " << description(asked, followers[owner]);
     }
-    void ask_everything(ixp_body body, unsigned rounds, bool may_change)
+    void ask_everything(ixp_implementation implementation, unsigned rounds, bool may_change)
     {
         for (unsigned round = 0; round < rounds && !HasFailure(); ++round)
             for (const bool one_tree : {true, false})
                 for (const bool forwards : {true, true, false}) {
                     draw_table();
-                    ask({body, one_tree, forwards}, may_change);
+                    ask({implementation, one_tree, forwards}, may_change);
                 }
     }
     void expect_all_ways(bool changed) const
@@ -277,14 +278,14 @@ struct loads : testing::Test {
     }
 };
 
-class loads_of : public loads, public testing::WithParamInterface<ixp_body>
+class loads_of : public loads, public testing::WithParamInterface<ixp_implementation>
 {
 };
 } // namespace
 
 TEST_P(loads_of, a_table_at_rest_are_those_of_the_walk_taken_apart)
 {
-    if (!ixp_body_runs(GetParam()))
+    if (!ixp_implementation_runs(GetParam()))
         GTEST_SKIP() << "not on this processor";
     ask_everything(GetParam(), 3, false);
     expect_all_ways(false);
@@ -292,11 +293,11 @@ TEST_P(loads_of, a_table_at_rest_are_those_of_the_walk_taken_apart)
 
 TEST_P(loads_of, a_table_that_changes_between_them_are_those_of_the_walk_taken_apart)
 {
-    if (!ixp_body_runs(GetParam()))
+    if (!ixp_implementation_runs(GetParam()))
         GTEST_SKIP() << "not on this processor";
     ask_everything(GetParam(), 6, true);
     expect_all_ways(true);
 }
 
 INSTANTIATE_TEST_SUITE_P(each, loads_of, testing::Values(IXP_SCALAR, IXP_BATCH, IXP_AVX2),
-                         [](const auto &param) { return std::string(ixp_body_name(param.param)); });
+                         [](const auto &param) { return std::string(ixp_implementation_name(param.param)); });

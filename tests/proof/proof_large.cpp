@@ -1,10 +1,10 @@
 // proof_large.cpp - the real daemon under random changes, while other processes look up in both processors' memories.
 //
 // This process drives: it makes each change by a remote call, and publishes before and after it what every address
-// answers from then on. Two readers, one a processor's memory, look up without pause with all bodies and judge each
-// answer by what was right during its window. At the start, between and at the end the run prints what the daemon costs
-// and compares what it lists and what its tables hold with what has to stand there (card_look.h). It ends with status 0
-// when no answer was wrong and nothing drifted or grew (with --expect-wrong: when an answer was wrong).
+// answers from then on. Two readers, one a processor's memory, look up without pause with all implementations and judge
+// each answer by what was right during its window. At the start, between and at the end the run prints what the daemon
+// costs and compares what it lists and what its tables hold with what has to stand there (card_look.h). It ends with
+// status 0 when no answer was wrong and nothing drifted or grew (with --expect-wrong: when an answer was wrong).
 // Always: daemon, readers and card directory are gone when it ends.
 // Elsewhere: the changes (random_changes.h, side_changes.h), what is right (answer_window.h), the lookups
 // (window_reader.h).
@@ -298,7 +298,7 @@ void print_result(const proof_run &run, double seconds)
     print_count("answers checked", checked);
     print_count("  by an entry of a set", over_paths);
     print_count("overruns", sum_of(shared, WINDOW_OVERRUN));
-    print_count("astray over more changes",
+    print_count("wrong over more changes",
                 sum_of(shared, WINDOW_LEFT_BEHIND) + sum_of(shared, WINDOW_CAME_BACK) + sum_of(shared, WINDOW_FOLDED));
     print_count("  leaf left behind", sum_of(shared, WINDOW_LEFT_BEHIND));
     print_count("  header came back", sum_of(shared, WINDOW_CAME_BACK));

@@ -1,6 +1,6 @@
 // several_changes_test.cpp - what a reader can be answered that sleeps through more than one change.
 //
-// Over one change no reader is led astray (every_change_test.cpp). Over several there are three ways in which one can
+// Over one change no reader answers wrong (every_change_test.cpp). Over several there are three ways in which one can
 // be, all of them bound to the order of stores that is laid down for the tables. Each stands here with its smallest
 // example, which is as small as it says: without its last change there is nothing to find. Random windows then show
 // that there is no fourth.
@@ -119,7 +119,7 @@ struct random_windows : testing::TestWithParam<std::uint32_t> {
 };
 } // namespace
 
-TEST_P(random_windows, lead_readers_astray_in_these_ways_only)
+TEST_P(random_windows, give_wrong_answers_of_these_kinds_only)
 {
     std::mt19937 random(GetParam());
     unsigned named = 0;
@@ -139,7 +139,7 @@ TEST_P(random_windows, lead_readers_astray_in_these_ways_only)
             named += found.interleavings();
         }
     }
-    EXPECT_GT(named, 0u) << "windows of this kind are known to lead astray";
+    EXPECT_GT(named, 0u) << "windows of this kind are known to give wrong answers";
 }
 
 INSTANTIATE_TEST_SUITE_P(seeds, random_windows, testing::Values(1u, 2u, 3u));

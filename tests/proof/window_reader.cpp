@@ -1,4 +1,4 @@
-// window_reader.cpp - looking up and judging, with windows as short as a body allows.
+// window_reader.cpp - looking up and judging, with windows as short as a implementation allows.
 #include "window_reader.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@ namespace harness
 {
 namespace
 {
-constexpr unsigned BATCH = 32; // addresses that the batch and vector bodies take at a time
+constexpr unsigned BATCH = 32; // addresses that the batch and vector implementations take at a time
 constexpr auto RELAXED = std::memory_order_relaxed;
 
 window_answer answer_of(std::uint32_t word, std::uint32_t path)
@@ -39,10 +39,10 @@ void note(const window_board &board, const window_span &span, unsigned index, st
 }
 } // namespace
 
-void window_read_pass(const window_board &board, const ixp_table &table, ixp_body body, std::uint32_t hash,
-                      window_tally &tally)
+void window_read_pass(const window_board &board, const ixp_table &table, ixp_implementation implementation,
+                      std::uint32_t hash, window_tally &tally)
 {
-    const unsigned step = body == IXP_SCALAR ? 1 : BATCH;
+    const unsigned step = implementation == IXP_SCALAR ? 1 : BATCH;
     std::uint32_t trees[BATCH], addresses[BATCH], hashes[BATCH], words[BATCH], paths[BATCH];
     for (unsigned at = 0; at < board.count; at += step) {
         const unsigned count = std::min(step, board.count - at);
@@ -52,7 +52,7 @@ void window_read_pass(const window_board &board, const ixp_table &table, ixp_bod
             hashes[i] = hash + i;
         }
         const window_start start = window_begin(board);
-        ixp_forward_trees(table, body, trees, {addresses, hashes, words, paths, count});
+        ixp_forward_trees(table, implementation, trees, {addresses, hashes, words, paths, count});
         const window_span span = window_end(board, start);
         for (unsigned i = 0; i < count; ++i)
             note(board, span, at + i, words[i], paths[i], tally);
@@ -64,9 +64,9 @@ void window_read(const window_board &board, const ixp_table &table, std::uint32_
 {
     std::mt19937 random(seed);
     while (!board.stop.load())
-        for (unsigned body = 0; body < IXP_BODIES; ++body)
-            if (ixp_body_runs(static_cast<ixp_body>(body)))
-                window_read_pass(board, table, static_cast<ixp_body>(body), static_cast<std::uint32_t>(random()),
-                                 tally);
+        for (unsigned implementation = 0; implementation < IXP_IMPLEMENTATIONS; ++implementation)
+            if (ixp_implementation_runs(static_cast<ixp_implementation>(implementation)))
+                window_read_pass(board, table, static_cast<ixp_implementation>(implementation),
+                                 static_cast<std::uint32_t>(random()), tally);
 }
 } // namespace harness

@@ -20,9 +20,9 @@ struct window_tally {
     std::atomic<std::uint64_t> wrong_from, wrong_to;
 };
 
-// Looks up every address of the board, with each body that runs here, until the board says stop.
+// Looks up every address of the board, with each implementation that runs here, until the board says stop.
 void window_read(const window_board &board, const ixp_table &table, std::uint32_t seed, window_tally &tally);
-// One pass over all addresses with one body, answers judged one by one or a batch at a time.
-void window_read_pass(const window_board &board, const ixp_table &table, ixp_body body, std::uint32_t hash,
-                      window_tally &tally);
+// One pass over all addresses with one implementation, answers judged one by one or a batch at a time.
+void window_read_pass(const window_board &board, const ixp_table &table, ixp_implementation implementation,
+                      std::uint32_t hash, window_tally &tally);
 } // namespace harness

@@ -28,13 +28,13 @@ std::uint32_t base_of(const ixp_options &options)
     return options.base.value_or(wired ? HW_WIRED_BASE_DEFAULT : HW_IXP_BASE);
 }
 
-using mode = int (*)(const ixp_options &, const ixp_table &, ixp_body);
+using mode = int (*)(const ixp_options &, const ixp_table &, ixp_implementation);
 
 int run(const ixp_options &options, mode chosen)
 {
-    const ixp_body body = ixp_chosen_body(options);
-    if (body == IXP_BODIES) {
-        std::fprintf(stderr, "ixp: %s: no such body on this machine\n", options.body.c_str());
+    const ixp_implementation implementation = ixp_chosen_implementation(options);
+    if (implementation == IXP_IMPLEMENTATIONS) {
+        std::fprintf(stderr, "ixp: %s: no such implementation on this machine\n", options.implementation.c_str());
         return TOOL_USAGE;
     }
     const ixp_memory memory(memory_path(options), base_of(options));
@@ -42,7 +42,7 @@ int run(const ixp_options &options, mode chosen)
         std::fprintf(stderr, "ixp: %s\n", memory.error.c_str());
         return TOOL_USAGE;
     }
-    return chosen(options, memory.table, body);
+    return chosen(options, memory.table, implementation);
 }
 
 void shared_options(CLI::App &app, ixp_options &options)
@@ -56,19 +56,23 @@ void shared_options(CLI::App &app, ixp_options &options)
         ->type_name("ID")
         ->check(CLI::Range(0, 255).description(""))
         ->capture_default_str();
-    app.add_option("--body", options.body, "auto, scalar, batch or avx2")->type_name("NAME")->capture_default_str();
+    app.add_option("--implementation", options.implementation, "auto, scalar, batch or avx2")
+        ->type_name("NAME")
+        ->capture_default_str();
     app.add_flag("-j,--json", options.json, "JSON instead of text");
 }
 } // namespace
 
-ixp_body ixp_chosen_body(const ixp_options &options)
+ixp_implementation ixp_chosen_implementation(const ixp_options &options)
 {
-    if (options.body == "auto")
-        return ixp_best_body();
-    for (unsigned i = 0; i < IXP_BODIES; ++i)
-        if (const auto body = static_cast<ixp_body>(i); options.body == ixp_body_name(body) && ixp_body_runs(body))
-            return body;
-    return IXP_BODIES;
+    if (options.implementation == "auto")
+        return ixp_best_implementation();
+    for (unsigned i = 0; i < IXP_IMPLEMENTATIONS; ++i)
+        if (const auto implementation = static_cast<ixp_implementation>(i);
+            options.implementation == ixp_implementation_name(implementation) &&
+            ixp_implementation_runs(implementation))
+            return implementation;
+    return IXP_IMPLEMENTATIONS;
 }
 
 namespace

@@ -49,14 +49,15 @@ void print_line(const ixp_options &options, std::uint32_t address, const ixp_ans
 } // namespace
 
 // A header counts seven entries at most, so the hashes 0 to 7 come to every path.
-ixp_answer ixp_answer_of(const ixp_table &table, ixp_body body, std::uint32_t tree, std::uint32_t address)
+ixp_answer ixp_answer_of(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                         std::uint32_t address)
 {
     std::array<std::uint32_t, IXP_PATHS> addresses, hashes, words, paths;
     for (unsigned i = 0; i < IXP_PATHS; ++i) {
         addresses[i] = address;
         hashes[i] = i;
     }
-    ixp_forward(table, body, tree, {addresses.data(), hashes.data(), words.data(), paths.data(), IXP_PATHS});
+    ixp_forward(table, implementation, tree, {addresses.data(), hashes.data(), words.data(), paths.data(), IXP_PATHS});
     ixp_answer answer;
     for (unsigned i = 0; i < IXP_PATHS && words[i] != IXP_MISS; ++i) {
         answer.found = true;
@@ -94,18 +95,18 @@ nlohmann::json ixp_answer_json(const ixp_answer &answer)
     return json;
 }
 
-int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_body body)
+int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
 {
     bool missed = false;
     for (const std::uint32_t address : addresses_of(options)) {
-        const ixp_answer answer = ixp_answer_of(table, body, options.tree, address);
+        const ixp_answer answer = ixp_answer_of(table, implementation, options.tree, address);
         missed = missed || !answer.found;
         print_line(options, address, answer, -1);
     }
     return missed ? 1 : 0;
 }
 
-int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_body body)
+int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
 {
     using clock = std::chrono::steady_clock;
     const std::vector<std::uint32_t> addresses = addresses_of(options);
@@ -114,7 +115,7 @@ int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_body
     double at = 0;
     do {
         for (std::size_t i = 0; i < addresses.size(); ++i) {
-            const ixp_answer answer = ixp_answer_of(table, body, options.tree, addresses[i]);
+            const ixp_answer answer = ixp_answer_of(table, implementation, options.tree, addresses[i]);
             if (last[i] == answer)
                 continue;
             print_line(options, addresses[i], answer, at);

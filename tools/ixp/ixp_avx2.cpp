@@ -1,4 +1,4 @@
-// ixp_avx2.cpp - the vector body: eight addresses a gather, four vectors in flight.
+// ixp_avx2.cpp - the vector implementation: eight addresses a gather, four vectors in flight.
 //
 // A group of addresses goes down level by level in registers. A gather costs the same however many of its lanes are
 // wanted, and packing those that go on costs more than the gathers that it saves; so lanes stay where they are, and one

@@ -1,4 +1,4 @@
-// ixp_lookup.cpp - the scalar and the batch body, and the choice among the three.
+// ixp_lookup.cpp - the scalar and the batch implementation, and the choice among the three.
 //
 // The batch takes a block of addresses level by level, without a branch that an address decides: nothing is guessed
 // wrong, and a processor has as many loads in flight as its window holds. Each address has a cell with its last word.
@@ -187,58 +187,63 @@ ixp_packets packets_from(const ixp_packets &p, std::size_t at, std::size_t count
     return {p.addresses + at, p.hashes + at, p.words + at, p.paths + at, count};
 }
 
-void lookup(const ixp_table &table, ixp_body body, const ixp_trees &trees, const std::uint32_t *addresses,
-            std::uint32_t *words, std::size_t count)
+void lookup(const ixp_table &table, ixp_implementation implementation, const ixp_trees &trees,
+            const std::uint32_t *addresses, std::uint32_t *words, std::size_t count)
 {
-    if (body == IXP_AVX2 && ixp_avx2_runs())
+    if (implementation == IXP_AVX2 && ixp_avx2_runs())
         return ixp_avx2_lookup(table, trees, addresses, words, count);
-    if (body == IXP_SCALAR || !batch_tells_null(table))
+    if (implementation == IXP_SCALAR || !batch_tells_null(table))
         return scalar_lookup(table, trees, addresses, words, count);
     for (std::size_t at = 0; at < count; at += BLOCK)
         batch_lookup(table, ixp_trees_from(trees, at), addresses + at, words + at, std::min(BLOCK, count - at));
 }
 
-void forward(const ixp_table &table, ixp_body body, const ixp_trees &trees, const ixp_packets &p)
+void forward(const ixp_table &table, ixp_implementation implementation, const ixp_trees &trees, const ixp_packets &p)
 {
-    if (body == IXP_AVX2 && ixp_avx2_runs())
+    if (implementation == IXP_AVX2 && ixp_avx2_runs())
         return ixp_avx2_forward(table, trees, p);
-    if (body == IXP_SCALAR || !batch_tells_null(table))
+    if (implementation == IXP_SCALAR || !batch_tells_null(table))
         return scalar_forward(table, trees, p);
     for (std::size_t at = 0; at < p.count; at += BLOCK)
         batch_forward(table, ixp_trees_from(trees, at), packets_from(p, at, std::min(BLOCK, p.count - at)));
 }
 } // namespace
 
-const char *ixp_body_name(ixp_body body)
+const char *ixp_implementation_name(ixp_implementation implementation)
 {
-    constexpr const char *NAMES[IXP_BODIES] = {"scalar", "batch", "avx2"};
-    return body < IXP_BODIES ? NAMES[body] : "none";
+    constexpr const char *NAMES[IXP_IMPLEMENTATIONS] = {"scalar", "batch", "avx2"};
+    return implementation < IXP_IMPLEMENTATIONS ? NAMES[implementation] : "none";
 }
 
-bool ixp_body_runs(ixp_body body) { return body < IXP_AVX2 || (body == IXP_AVX2 && ixp_avx2_runs()); }
-
-ixp_body ixp_best_body() { return ixp_avx2_runs() ? IXP_AVX2 : IXP_BATCH; }
-
-void ixp_lookup(const ixp_table &table, ixp_body body, std::uint32_t tree, const std::uint32_t *addresses,
-                std::uint32_t *words, std::size_t count)
+bool ixp_implementation_runs(ixp_implementation implementation)
 {
-    lookup(table, body, {nullptr, tree}, addresses, words, count);
+    return implementation < IXP_AVX2 || (implementation == IXP_AVX2 && ixp_avx2_runs());
 }
 
-void ixp_lookup_trees(const ixp_table &table, ixp_body body, const std::uint32_t *trees, const std::uint32_t *addresses,
-                      std::uint32_t *words, std::size_t count)
+ixp_implementation ixp_best_implementation() { return ixp_avx2_runs() ? IXP_AVX2 : IXP_BATCH; }
+
+void ixp_lookup(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                const std::uint32_t *addresses, std::uint32_t *words, std::size_t count)
 {
-    lookup(table, body, {trees, 0}, addresses, words, count);
+    lookup(table, implementation, {nullptr, tree}, addresses, words, count);
 }
 
-void ixp_forward(const ixp_table &table, ixp_body body, std::uint32_t tree, const ixp_packets &packets)
+void ixp_lookup_trees(const ixp_table &table, ixp_implementation implementation, const std::uint32_t *trees,
+                      const std::uint32_t *addresses, std::uint32_t *words, std::size_t count)
 {
-    forward(table, body, {nullptr, tree}, packets);
+    lookup(table, implementation, {trees, 0}, addresses, words, count);
 }
 
-void ixp_forward_trees(const ixp_table &table, ixp_body body, const std::uint32_t *trees, const ixp_packets &packets)
+void ixp_forward(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                 const ixp_packets &packets)
 {
-    forward(table, body, {trees, 0}, packets);
+    forward(table, implementation, {nullptr, tree}, packets);
+}
+
+void ixp_forward_trees(const ixp_table &table, ixp_implementation implementation, const std::uint32_t *trees,
+                       const ixp_packets &packets)
+{
+    forward(table, implementation, {trees, 0}, packets);
 }
 
 ixp_hop ixp_hop_of(std::uint32_t word, std::uint32_t path)

@@ -7,16 +7,16 @@
 //     most (one change folds at most three nodes under one address). Null a fourth time is a miss.
 //   - The leaf's adjacency word is read once. With its ECMP flag the path is chosen by pointer, header, entry and once
 //     more the header. A null pointer, an invalid header and one that has changed leave path 0: the leaf's own word.
-//   - A word that leads out of the table is taken for its last word, so that no memory can lead a reader astray.
-// Three bodies do the same: one address after the other; a batch, portable, with the loads of all its addresses in
-// flight; and eight addresses a gather. Their answers are alike, word for word.
-// Elsewhere: mapping a card's memory (ixp_memory.h), the numbers of the format (hw_table.h, mtrie_records.h).
+//   - A word that leads out of the table is taken for its last word, so that no memory lets a reader leave the table.
+// Three implementations do the same: one address after the other; a batch, portable, with the loads of all its
+// addresses in flight; and eight addresses a gather. Their answers are alike, word for word. Elsewhere: mapping a
+// card's memory (ixp_memory.h), the numbers of the format (hw_table.h, mtrie_records.h).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-enum ixp_body : unsigned { IXP_SCALAR, IXP_BATCH, IXP_AVX2, IXP_BODIES };
+enum ixp_implementation : unsigned { IXP_SCALAR, IXP_BATCH, IXP_AVX2, IXP_IMPLEMENTATIONS };
 
 // One table memory and the address at which its processor sees it.
 struct ixp_table {
@@ -27,16 +27,17 @@ struct ixp_table {
 // No leaf. No leaf's word is this one: a route either resolves addresses or translates them.
 constexpr std::uint32_t IXP_MISS = 0xFFFFFFFF;
 
-const char *ixp_body_name(ixp_body body);
-bool ixp_body_runs(ixp_body body); // whether this processor has what the body needs
-ixp_body ixp_best_body();          // the fastest of those
+const char *ixp_implementation_name(ixp_implementation implementation);
+bool ixp_implementation_runs(
+    ixp_implementation implementation);       // whether this processor has what the implementation needs
+ixp_implementation ixp_best_implementation(); // the fastest of those
 
 // Reads the adjacency words of `count` addresses (host order) in tree `tree` (0 to 255) into `words`, IXP_MISS without
 // a leaf. The second form takes each address's own tree.
-void ixp_lookup(const ixp_table &table, ixp_body body, std::uint32_t tree, const std::uint32_t *addresses,
-                std::uint32_t *words, std::size_t count);
-void ixp_lookup_trees(const ixp_table &table, ixp_body body, const std::uint32_t *trees, const std::uint32_t *addresses,
-                      std::uint32_t *words, std::size_t count);
+void ixp_lookup(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                const std::uint32_t *addresses, std::uint32_t *words, std::size_t count);
+void ixp_lookup_trees(const ixp_table &table, ixp_implementation implementation, const std::uint32_t *trees,
+                      const std::uint32_t *addresses, std::uint32_t *words, std::size_t count);
 
 // Packets to be forwarded and where their answers go; every array holds `count`.
 struct ixp_packets {
@@ -46,8 +47,10 @@ struct ixp_packets {
     std::uint32_t *paths; // 0 the leaf's own word, 1 to 7 the entry; 0 for a miss
     std::size_t count;
 };
-void ixp_forward(const ixp_table &table, ixp_body body, std::uint32_t tree, const ixp_packets &packets);
-void ixp_forward_trees(const ixp_table &table, ixp_body body, const std::uint32_t *trees, const ixp_packets &packets);
+void ixp_forward(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                 const ixp_packets &packets);
+void ixp_forward_trees(const ixp_table &table, ixp_implementation implementation, const std::uint32_t *trees,
+                       const ixp_packets &packets);
 
 // Where an answer sends a packet.
 struct ixp_hop {

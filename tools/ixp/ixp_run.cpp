@@ -57,29 +57,35 @@ void tell_progress(const tally &sum, double at, double limit)
                  static_cast<unsigned long long>(sum.misses));
 }
 
-void print_table(const ixp_options &options, ixp_body body, const tally &sum)
+void print_table(const ixp_options &options, ixp_implementation implementation, const tally &sum)
 {
-    std::printf("memory      %s, tree %u\nbody        %s\naddresses   %s\n", options.memory.c_str(), options.tree,
-                ixp_body_name(body), options.source.c_str());
-    std::printf("lookups     %llu\nrate        %.1f million a second\neach        %.2f ns\nmisses      %llu\n",
-                static_cast<unsigned long long>(sum.lookups), rate(sum) / 1e6, ns_each(sum),
-                static_cast<unsigned long long>(sum.misses));
+    std::printf("memory          %s, tree %u\nimplementation  %s\naddresses       %s\n", options.memory.c_str(),
+                options.tree, ixp_implementation_name(implementation), options.source.c_str());
+    std::printf(
+        "lookups         %llu\nrate            %.1f million a second\neach            %.2f ns\nmisses          %llu\n",
+        static_cast<unsigned long long>(sum.lookups), rate(sum) / 1e6, ns_each(sum),
+        static_cast<unsigned long long>(sum.misses));
     for (unsigned path = 0; path < IXP_PATHS; ++path)
         if (sum.paths[path] != 0)
-            std::printf("path %u      %llu\n", path, static_cast<unsigned long long>(sum.paths[path]));
+            std::printf("path %u          %llu\n", path, static_cast<unsigned long long>(sum.paths[path]));
 }
 
-void print_json(const ixp_options &options, ixp_body body, const tally &sum)
+void print_json(const ixp_options &options, ixp_implementation implementation, const tally &sum)
 {
-    const nlohmann::json json{
-        {"memory", options.memory},      {"tree", options.tree},   {"body", ixp_body_name(body)},
-        {"addresses", options.source},   {"lookups", sum.lookups}, {"lookups_per_second", rate(sum)},
-        {"ns_per_lookup", ns_each(sum)}, {"misses", sum.misses},   {"paths", sum.paths}};
+    const nlohmann::json json{{"memory", options.memory},
+                              {"tree", options.tree},
+                              {"implementation", ixp_implementation_name(implementation)},
+                              {"addresses", options.source},
+                              {"lookups", sum.lookups},
+                              {"lookups_per_second", rate(sum)},
+                              {"ns_per_lookup", ns_each(sum)},
+                              {"misses", sum.misses},
+                              {"paths", sum.paths}};
     std::printf("%s\n", json.dump(2).c_str());
 }
 } // namespace
 
-int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_body body)
+int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
 {
     const std::vector<std::uint32_t> addresses = run_addresses(options, table);
     const std::vector<std::uint32_t> hashes = ixp_random_addresses(PASS, options.seed + 1);
@@ -90,7 +96,7 @@ int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_body bo
     double at = 0, next = TOLD_EVERY;
     for (const auto start = seconds_clock::now(); at < limit; at = since(start)) {
         const auto before = seconds_clock::now();
-        ixp_forward(table, body, options.tree,
+        ixp_forward(table, implementation, options.tree,
                     {addresses.data(), hashes.data(), words.data(), paths.data(), addresses.size()});
         sum.busy += since(before);
         count_answers(words, paths, sum);
@@ -101,6 +107,6 @@ int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_body bo
     }
     if (told)
         std::fprintf(stderr, "\r%79s\r", "");
-    options.json ? print_json(options, body, sum) : print_table(options, body, sum);
+    options.json ? print_json(options, implementation, sum) : print_table(options, implementation, sum);
     return 0;
 }

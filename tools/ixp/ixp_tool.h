@@ -17,7 +17,7 @@ struct ixp_options {
     std::string memory = "ixp1"; // file in the card directory's mem/, or a path with a slash
     std::optional<std::uint32_t> base;
     std::uint32_t tree = 0;
-    std::string body = "auto";
+    std::string implementation = "auto";
     bool json = false;
     std::vector<std::string> addresses; // of lookup and follow, dotted
     std::string source = "random";      // of run: a file, random or zipf
@@ -26,7 +26,8 @@ struct ixp_options {
     unsigned every_ms = 10;
 };
 
-ixp_body ixp_chosen_body(const ixp_options &options); // IXP_BODIES when there is none of that name here
+ixp_implementation
+ixp_chosen_implementation(const ixp_options &options); // IXP_IMPLEMENTATIONS when there is none of that name here
 
 // Addresses. Both throw std::runtime_error with a readable reason.
 std::uint32_t ixp_parse_address(const std::string &text);
@@ -44,11 +45,12 @@ struct ixp_answer {
     std::array<std::uint32_t, IXP_PATHS> words{};
     bool operator==(const ixp_answer &) const = default;
 };
-ixp_answer ixp_answer_of(const ixp_table &table, ixp_body body, std::uint32_t tree, std::uint32_t address);
+ixp_answer ixp_answer_of(const ixp_table &table, ixp_implementation implementation, std::uint32_t tree,
+                         std::uint32_t address);
 std::string ixp_answer_text(const ixp_answer &answer);
 nlohmann::json ixp_answer_json(const ixp_answer &answer);
 
 // The modes. Each returns the tool's exit status.
-int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_body body);
-int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_body body);
-int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_body body);
+int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);
+int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);
+int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);

@@ -1,7 +1,8 @@
-// ixp_walk.h - the walk of one address, and the pieces that the bodies share.
+// ixp_walk.h - the walk of one address, and the pieces that the implementations share.
 //
 // Always: every load is one aligned word with acquire order, at an index inside the table.
-// Elsewhere: the rules (ixp_lookup.h), the bodies that do many addresses at once (ixp_lookup.cpp, ixp_avx2.cpp).
+// Elsewhere: the rules (ixp_lookup.h), the implementations that do many addresses at once (ixp_lookup.cpp,
+// ixp_avx2.cpp).
 #pragma once
 
 #include <atomic>
@@ -102,7 +103,7 @@ inline ixp_trees ixp_trees_from(const ixp_trees &trees, std::size_t i)
     return {trees.each == nullptr ? nullptr : trees.each + i, trees.one};
 }
 
-// The vector body. Only called where ixp_avx2_runs.
+// The vector implementation. Only called where ixp_avx2_runs.
 bool ixp_avx2_runs();
 void ixp_avx2_lookup(const ixp_table &table, const ixp_trees &trees, const std::uint32_t *addresses,
                      std::uint32_t *words, std::size_t count);

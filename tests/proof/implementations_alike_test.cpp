@@ -1,7 +1,7 @@
-// bodies_alike_test.cpp - the scalar, the batch and the vector lookup answer alike, word for word.
+// implementations_alike_test.cpp - the scalar, the batch and the vector lookup answer alike, word for word.
 //
 // Also alike to the walk taken apart (walk_machine.h), which is written a second time and knows nothing of them. Tables
-// come from the process at random; memories of chance words show that nothing in one leads a body out of it.
+// come from the process at random; memories of chance words show that nothing in one leads a implementation out of it.
 #include <algorithm>
 #include <random>
 
@@ -16,7 +16,7 @@ using namespace harness;
 namespace
 {
 constexpr std::uint32_t TREES[] = {0, 4, 255};
-constexpr std::uint32_t WRITTEN_BY_NOBODY = 0xABCD1234;
+constexpr std::uint32_t WRITTEN_BY_NOIMPLEMENTATION = 0xABCD1234;
 
 struct batch_of {
     std::vector<std::uint32_t> addresses, hashes, trees;
@@ -29,25 +29,26 @@ struct answers_of {
 
 ixp_table table_of(const table_copy &copy) { return {copy.words.data(), copy.base}; }
 
-// All lookups of a body; one word behind the end of each array must stay as it was.
-answers_of ask(const table_copy &copy, ixp_body body, const batch_of &batch, bool one_tree)
+// All lookups of a implementation; one word behind the end of each array must stay as it was.
+answers_of ask(const table_copy &copy, ixp_implementation implementation, const batch_of &batch, bool one_tree)
 {
     const std::size_t count = batch.addresses.size();
     answers_of answers;
     for (std::vector<std::uint32_t> *all : {&answers.words, &answers.paths, &answers.leaf_words})
-        all->assign(count + 1, WRITTEN_BY_NOBODY);
+        all->assign(count + 1, WRITTEN_BY_NOIMPLEMENTATION);
     const ixp_packets packets{batch.addresses.data(), batch.hashes.data(), answers.words.data(), answers.paths.data(),
                               count};
     if (one_tree) {
-        ixp_forward(table_of(copy), body, batch.trees[0], packets);
-        ixp_lookup(table_of(copy), body, batch.trees[0], packets.addresses, answers.leaf_words.data(), count);
+        ixp_forward(table_of(copy), implementation, batch.trees[0], packets);
+        ixp_lookup(table_of(copy), implementation, batch.trees[0], packets.addresses, answers.leaf_words.data(), count);
     } else {
-        ixp_forward_trees(table_of(copy), body, batch.trees.data(), packets);
-        ixp_lookup_trees(table_of(copy), body, batch.trees.data(), packets.addresses, answers.leaf_words.data(), count);
+        ixp_forward_trees(table_of(copy), implementation, batch.trees.data(), packets);
+        ixp_lookup_trees(table_of(copy), implementation, batch.trees.data(), packets.addresses,
+                         answers.leaf_words.data(), count);
     }
-    EXPECT_EQ(answers.words.back(), WRITTEN_BY_NOBODY);
-    EXPECT_EQ(answers.paths.back(), WRITTEN_BY_NOBODY);
-    EXPECT_EQ(answers.leaf_words.back(), WRITTEN_BY_NOBODY);
+    EXPECT_EQ(answers.words.back(), WRITTEN_BY_NOIMPLEMENTATION);
+    EXPECT_EQ(answers.paths.back(), WRITTEN_BY_NOIMPLEMENTATION);
+    EXPECT_EQ(answers.leaf_words.back(), WRITTEN_BY_NOIMPLEMENTATION);
     return answers;
 }
 
@@ -68,15 +69,15 @@ void expect_alike(const table_copy &copy, const batch_of &batch)
 {
     for (const bool one_tree : {true, false}) {
         const answers_of scalar = ask(copy, IXP_SCALAR, batch, one_tree);
-        for (const ixp_body body : {IXP_BATCH, IXP_AVX2})
-            if (ixp_body_runs(body)) {
-                EXPECT_EQ(ask(copy, body, batch, one_tree), scalar)
-                    << ixp_body_name(body) << ", " << batch.addresses.size() << " addresses";
+        for (const ixp_implementation implementation : {IXP_BATCH, IXP_AVX2})
+            if (ixp_implementation_runs(implementation)) {
+                EXPECT_EQ(ask(copy, implementation, batch, one_tree), scalar)
+                    << ixp_implementation_name(implementation) << ", " << batch.addresses.size() << " addresses";
             }
     }
 }
 
-struct bodies : testing::Test {
+struct implementations : testing::Test {
     proof_card proof;
     std::mt19937 random{99};
 
@@ -105,7 +106,7 @@ struct bodies : testing::Test {
 };
 } // namespace
 
-TEST_F(bodies, answer_alike_on_random_tables_and_at_every_boundary)
+TEST_F(implementations, answer_alike_on_random_tables_and_at_every_boundary)
 {
     for (unsigned round = 0; round < 8; ++round) {
         random_routes(20);
@@ -119,7 +120,7 @@ TEST_F(bodies, answer_alike_on_random_tables_and_at_every_boundary)
     }
 }
 
-TEST_F(bodies, answer_alike_for_runs_of_every_length)
+TEST_F(implementations, answer_alike_for_runs_of_every_length)
 {
     random_routes(40);
     const std::vector<std::uint32_t> all = boundaries();
@@ -132,7 +133,7 @@ TEST_F(bodies, answer_alike_for_runs_of_every_length)
     }
 }
 
-TEST_F(bodies, choose_the_path_that_the_hash_gives_for_every_count)
+TEST_F(implementations, choose_the_path_that_the_hash_gives_for_every_count)
 {
     ASSERT_EQ(proof_add(4, IP(10, 0, 0, 0), 8, {1, 1}, 0), 1u);
     for (std::uint32_t paths = 1; paths <= 8; ++paths) {
@@ -145,10 +146,11 @@ TEST_F(bodies, choose_the_path_that_the_hash_gives_for_every_count)
         std::fill(batch.trees.begin(), batch.trees.end(), 4);
         for (std::uint32_t i = 0; i < 2000; ++i) // both ends of the hashes, where a division's rounding would show
             batch.hashes[i] = i < 1000 ? i : 0xFFFFFFFF - i;
-        for (unsigned body = 0; body < IXP_BODIES; ++body) {
-            if (!ixp_body_runs(static_cast<ixp_body>(body)))
+        for (unsigned implementation = 0; implementation < IXP_IMPLEMENTATIONS; ++implementation) {
+            if (!ixp_implementation_runs(static_cast<ixp_implementation>(implementation)))
                 continue;
-            const answers_of answers = ask(proof.copies[1], static_cast<ixp_body>(body), batch, true);
+            const answers_of answers =
+                ask(proof.copies[1], static_cast<ixp_implementation>(implementation), batch, true);
             for (std::size_t i = 0; i < batch.hashes.size(); ++i) {
                 const std::uint32_t path = batch.hashes[i] % paths;
                 ASSERT_EQ(answers.paths[i], path) << "hash " << batch.hashes[i] << " of " << paths;
@@ -159,7 +161,7 @@ TEST_F(bodies, choose_the_path_that_the_hash_gives_for_every_count)
     }
 }
 
-TEST_F(bodies, answer_what_the_walk_taken_apart_answers)
+TEST_F(implementations, answer_what_the_walk_taken_apart_answers)
 {
     random_routes(60);
     const std::vector<std::uint32_t> all = boundaries();
@@ -177,7 +179,7 @@ TEST_F(bodies, answer_what_the_walk_taken_apart_answers)
     }
 }
 
-TEST_F(bodies, choose_paths_alike_where_every_leaf_is_a_set_or_missing)
+TEST_F(implementations, choose_paths_alike_where_every_leaf_is_a_set_or_missing)
 {
     for (const std::uint32_t tree : TREES)
         for (std::uint32_t path = 0; path < 8; ++path) {
@@ -202,7 +204,7 @@ TEST_F(bodies, choose_paths_alike_where_every_leaf_is_a_set_or_missing)
     }
 }
 
-TEST_F(bodies, miss_alike_in_trees_without_a_root_and_in_empty_slots)
+TEST_F(implementations, miss_alike_in_trees_without_a_root_and_in_empty_slots)
 {
     for (table_copy &copy : proof.copies) {
         copy.words[4] = 0;                                  // no root
@@ -213,7 +215,7 @@ TEST_F(bodies, miss_alike_in_trees_without_a_root_and_in_empty_slots)
     }
 }
 
-TEST_F(bodies, follow_memories_of_chance_words_alike_and_stay_inside)
+TEST_F(implementations, follow_memories_of_chance_words_alike_and_stay_inside)
 {
     table_copy chance{HW_IXP_BASE, std::vector<std::uint32_t>(HW_TABLE_BYTES / 4)};
     for (unsigned round = 0; round < 4; ++round) {
@@ -226,7 +228,7 @@ TEST_F(bodies, follow_memories_of_chance_words_alike_and_stay_inside)
     }
 }
 
-TEST_F(bodies, follow_words_that_lead_to_the_end_of_the_table_and_beyond_alike)
+TEST_F(implementations, follow_words_that_lead_to_the_end_of_the_table_and_beyond_alike)
 {
     constexpr std::uint32_t WORDS = HW_TABLE_BYTES / 4, AROUND = 32;
     for (const std::uint32_t base : {HW_IXP_BASE, 0u, 0xFFF00000u}) {
