@@ -1,6 +1,9 @@
 // route_record.cpp - decodes the records of a listing and turns the pages of all contexts.
 #include "route_record.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include <fmt/format.h>
 
 #include "big_endian.h"
@@ -43,18 +46,18 @@ route_record route_record_decode(const std::uint8_t *from)
             get_be32(from + ROUTE_AT_ENCAP)};
 }
 
-const char *route_record_kind(std::uint32_t flags)
+route_kind route_kind_of(std::uint32_t flags)
 {
-    constexpr struct {
-        std::uint32_t flag;
-        const char *kind;
-    } KINDS[] = {{RIB_F_MCAST_DROP, "drop"},     {RIB_F_NAT, "nat"},
-                 {RIB_F_GATEWAY, "static"},      {RIB_F_ARP_HOST, "host"},
-                 {RIB_F_CONNECTED, "connected"}, {RIB_F_INTERFACE, "interface"}};
-    for (const auto &[flag, kind] : KINDS)
-        if ((flags & flag) != 0)
-            return kind;
-    return "other";
+    constexpr std::uint32_t FLAGS[] = {RIB_F_MCAST_DROP, RIB_F_NAT,       RIB_F_GATEWAY,
+                                       RIB_F_ARP_HOST,   RIB_F_CONNECTED, RIB_F_INTERFACE}; // in the order of the kinds
+    const auto found = std::find_if(std::begin(FLAGS), std::end(FLAGS), [=](auto flag) { return (flags & flag) != 0; });
+    return static_cast<route_kind>(found - std::begin(FLAGS));
+}
+
+const char *route_kind_name(route_kind kind)
+{
+    constexpr const char *NAMES[] = {"drop", "nat", "static", "host", "connected", "interface", "other"};
+    return NAMES[static_cast<std::size_t>(kind)];
 }
 
 std::shared_ptr<route_listing> route_listing_ask(card_rpc &rpc, const char *procedure, context_range range)

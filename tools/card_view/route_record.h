@@ -19,8 +19,11 @@ struct route_record {
 };
 route_record route_record_decode(const std::uint8_t *from); // ROUTE_RECORD_BYTES of them
 
-// "static", "host", "connected", "interface", "nat", "drop" or "other".
-const char *route_record_kind(std::uint32_t flags);
+// What a route is, by its flags, and the word for it: "drop", "nat", "static", "host", "connected", "interface",
+// "other".
+enum class route_kind { drop, nat, static_route, host, connected, interface, other };
+route_kind route_kind_of(std::uint32_t flags);
+const char *route_kind_name(route_kind kind);
 
 // What a procedure lists, context by context, in the order of the route manager: a set's head, then its paths.
 struct route_listing : card_query {

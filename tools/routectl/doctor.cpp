@@ -2,16 +2,16 @@
 //
 // A route manager in service changes while it is looked at. So what a look finds is looked for again, and only what
 // both show is told; when the tables changed during one of the two, it is looked at further, a few times, and only what
-// all show is told. A dead one
-// has left its tables and its history: these are looked at, and the rest is said to be missing.
+// all show is told. A dead one has left its tables and its history: these are looked at, and what could not be looked
+// at is said.
+// Always: a finding that is told was in the last look and in the one before it.
+// Elsewhere: the judges (doctor_judge.h), what their findings are called (doctor_finding.cpp).
 #include <algorithm>
 
+#include <fmt/format.h>
 #include <poll.h>
 
-#include "card_view/history_view.h"
-#include "doctor_counts.h"
-#include "doctor_history.h"
-#include "doctor_tables.h"
+#include "doctor_judge.h"
 
 namespace
 {
@@ -19,21 +19,26 @@ using json = nlohmann::ordered_json;
 constexpr unsigned MOST_LOOKS = 8;
 constexpr int BUSY_PAUSE_MS = 50; // between looks while routes change
 
-const char *level_name(doctor_level level)
+std::string what_text(const doctor_finding &finding)
+{
+    return fmt::format(fmt::runtime(finding.kind->what), finding.subject.empty() ? finding.object : finding.subject);
+}
+
+const char *level_name(const doctor_finding &finding)
 {
     constexpr const char *NAMES[] = {"fault", "warning", "note"};
-    return NAMES[static_cast<unsigned>(level)];
+    return NAMES[static_cast<unsigned>(finding.kind->level)];
 }
 
 // Asks for the routes that no slot shows; those that the trie lacks are findings and no longer hidden.
-void judge_hidden(const routectl_call &call, doctor_tables &tables)
+void judge_hidden(const routectl_call &call, std::vector<doctor_hidden> &hidden, doctor_findings &findings)
 {
-    for (auto at = tables.hidden.begin(); at != tables.hidden.end();) {
-        const bool is_held = doctor_trie_holds(call, at->tree, at->prefix);
-        if (!is_held && at->route.listed != 0)
-            tables.findings.push_back(doctor_tables_absent(*at));
-        at = is_held ? std::next(at) : tables.hidden.erase(at);
-    }
+    std::erase_if(hidden, [&](const doctor_hidden &route) {
+        const bool is_held = doctor_trie_holds(call, route.tree, {route.route.prefix, route.route.length});
+        if (!is_held && route.route.listed != 0)
+            doctor_judge_absent(route, findings);
+        return !is_held;
+    });
 }
 
 // One look, and what it shows.
@@ -46,12 +51,11 @@ examination examine(const routectl_call &call, std::uint64_t since_ns)
 {
     examination e;
     e.look = doctor_look_take(call);
-    doctor_tables tables = doctor_tables_judge(e.look);
+    std::vector<doctor_hidden> hidden = doctor_judge_tables(e.look, e.findings);
     if (e.look.is_served)
-        judge_hidden(call, tables);
-    e.findings = std::move(tables.findings);
+        judge_hidden(call, hidden, e.findings);
     doctor_judge_pools(e.look, e.findings);
-    doctor_judge_held(e.look, tables.hidden, e.findings);
+    doctor_judge_held(e.look, hidden, e.findings);
     doctor_judge_unlisted(e.look, e.findings);
     doctor_judge_listing(e.look, e.findings);
     doctor_judge_interfaces(e.look, e.findings);
@@ -64,10 +68,10 @@ examination examine(const routectl_call &call, std::uint64_t since_ns)
 // is: another leaf is another moment of a route that changes.
 const doctor_finding *seen_in(const doctor_findings &findings, const doctor_finding &finding)
 {
-    for (const doctor_finding &other : findings)
-        if (other.is_same(finding) && (finding.copies.empty() || other.seen == finding.seen))
-            return &other;
-    return nullptr;
+    const auto found = std::find_if(findings.begin(), findings.end(), [&](const doctor_finding &other) {
+        return other.is_same(finding) && other.marks == finding.marks;
+    });
+    return found == findings.end() ? nullptr : &*found;
 }
 
 // Leaves out what is not in `others`, and what is there twice. Of two counts the lower one is sure.
@@ -114,43 +118,29 @@ doctor_result look_until_sure(const routectl_call &call, std::uint64_t since_ns)
 
 void keep_context(const routectl_call &call, doctor_findings &findings)
 {
-    const routectl_value *const ctx = routectl_given(call, "ctx");
-    if (ctx == nullptr)
-        return;
-    findings.erase(std::remove_if(findings.begin(), findings.end(),
-                                  [&](const doctor_finding &f) {
-                                      return f.ctx != DOCTOR_WHOLE_CARD && f.ctx != static_cast<int>(ctx->number);
-                                  }),
-                   findings.end());
+    if (const routectl_value *const ctx = routectl_given(call, "ctx"))
+        std::erase_if(findings, [&](const doctor_finding &f) {
+            return f.ctx != DOCTOR_WHOLE_CARD && f.ctx != static_cast<int>(ctx->number);
+        });
 }
 
 json finding_json(const doctor_finding &f)
 {
-    return {{"finding", f.kind},
-            {"level", level_name(f.level)},
+    return {{"finding", f.kind->name},
+            {"level", level_name(f)},
             {"ctx", f.ctx == DOCTOR_WHOLE_CARD ? json(nullptr) : json(f.ctx)},
             {"object", f.object.empty() ? json(nullptr) : json(f.object)},
-            {"what", f.what},
+            {"what", what_text(f)},
             {"seen", f.seen},
             {"copies", f.copies},
-            {"do", f.todo}};
-}
-
-std::string joined(const std::vector<std::string> &words)
-{
-    std::string text;
-    for (const std::string &word : words)
-        text += (text.empty() ? "" : ", ") + word;
-    return text;
+            {"do", f.kind->todo}};
 }
 
 std::string finding_text(const doctor_finding &f)
 {
-    std::string text = std::string(level_name(f.level)) + ": " + f.kind +
-                       (f.ctx == DOCTOR_WHOLE_CARD ? "" : ", context " + std::to_string(f.ctx)) + "\n";
-    text += "  what  " + f.what + "\n";
-    text += "  seen  " + f.seen + (f.copies.empty() ? "" : " (" + joined(f.copies) + ")") + "\n";
-    return text + "  do    " + f.todo + "\n";
+    return fmt::format("{}: {}{}\n  what  {}\n  seen  {}{}\n  do    {}\n", level_name(f), f.kind->name,
+                       f.ctx == DOCTOR_WHOLE_CARD ? "" : fmt::format(", context {}", f.ctx), what_text(f), f.seen,
+                       f.copies.empty() ? "" : fmt::format(" ({})", fmt::join(f.copies, ", ")), f.kind->todo);
 }
 
 std::string findings_text(const doctor_result &result)
@@ -161,20 +151,20 @@ std::string findings_text(const doctor_result &result)
     if (result.words_changed != 0)
         text += "routes were changing all the time: a small loss may be hidden, look again when it is quiet\n";
     for (const std::string &what : result.last.look.not_looked_at)
-        text += "not looked at: " + what + "\n";
+        text += fmt::format("not looked at: {}\n", what);
     return result.last.findings.empty() ? text + "nothing found\n" : text;
 }
 
 std::string number_text(std::size_t findings)
 {
-    return findings == 0 ? "nothing found" : std::to_string(findings) + (findings == 1 ? " finding" : " findings");
+    return findings == 0 ? "nothing found" : fmt::format("{} finding{}", findings, findings == 1 ? "" : "s");
 }
 
 routectl_answer answer_of(doctor_result &result)
 {
     doctor_findings &findings = result.last.findings;
     std::stable_sort(findings.begin(), findings.end(),
-                     [](const doctor_finding &a, const doctor_finding &b) { return a.level < b.level; });
+                     [](const doctor_finding &a, const doctor_finding &b) { return a.kind->level < b.kind->level; });
     routectl_answer answer;
     answer.facts = {{"route_manager", result.last.look.is_served ? "serves" : "cannot be reached"},
                     {"looks", result.looks},

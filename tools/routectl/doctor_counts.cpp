@@ -1,34 +1,32 @@
-// doctor_counts.cpp - holds what the route manager counts against what it lists and what the slots lead to.
+// doctor_counts.cpp - holds what the route manager counts and lists against each other, the slots and the interfaces.
 //
 // Each count has a second one that should say the same; what is known of a difference, and what is not, is said.
-#include "doctor_counts.h"
-
+// Elsewhere: the slots themselves (doctor_tables.cpp), what a finding means (doctor_finding.h).
 #include <algorithm>
-#include <map>
+#include <numeric>
 #include <set>
-#include <string_view>
 
 #include <fmt/format.h>
 
 #include "card_tool/address_text.h"
 #include "card_view/pools_view.h"
+#include "doctor_judge.h"
 #include "if_mgr.h"
+#include "interface_db.h"
 #include "route_entry.h"
 
 namespace
 {
 constexpr unsigned NEARLY_FULL_PERCENT = 90;
 
-// A finding that no copy of the tables showed.
-void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std::string object, std::string what,
-         std::string seen, std::string todo, std::uint64_t amount = 0)
-{
-    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}, amount});
-}
-
 std::string name_of(const route_record &route) { return prefix_text(route.prefix, route.length); }
 bool is_static(const route_record &route) { return (route.flags & RIB_F_GATEWAY) != 0; }
-bool is_host(const route_record &route) { return (route.flags & RIB_F_ARP_HOST) != 0; }
+bool is_other(const route_record &route) { return (route.flags & (RIB_F_GATEWAY | RIB_F_NAT)) == 0; }
+
+std::string counted(std::uint64_t number, const char *one, const char *many)
+{
+    return fmt::format("{} {}", number, number == 1 ? one : many);
+}
 
 // What slots lead to, as the counts of a context have it.
 context_summary reached(const tree_view &tree)
@@ -37,69 +35,71 @@ context_summary reached(const tree_view &tree)
     for (const auto &[number, leaf] : tree.leaves)
         if (leaf.block.kind == table_kind::block)
             blocks.insert(leaf.block.index);
-    return {0,
-            0,
-            0,
-            static_cast<std::int32_t>(tree.nodes.size()),
-            static_cast<std::int32_t>(tree.leaves.size()),
-            static_cast<std::int32_t>(blocks.size())};
+    context_summary counts{};
+    counts.nodes = static_cast<std::int32_t>(tree.nodes.size());
+    counts.leaves = static_cast<std::int32_t>(tree.leaves.size());
+    counts.blocks = static_cast<std::int32_t>(blocks.size());
+    return counts;
 }
 
-// One kind of record: where its counts stand, and what it is called.
+// One kind of record: where its counts stand, what it is called, and from how many paths on a hidden route has one.
 struct record_kind {
     std::int32_t context_summary::*count;
-    const char *kind, *name;
+    const doctor_kind &lost;
+    const char *one, *many;
+    std::size_t least_paths;
 };
-constexpr record_kind KINDS[] = {{&context_summary::nodes, "nodes-lost", "node"},
-                                 {&context_summary::leaves, "leaves-lost", "leaf"},
-                                 {&context_summary::blocks, "blocks-lost", "ECMP block"}};
+constexpr record_kind KINDS[] = {
+    {&context_summary::nodes, DOCTOR_NODES_LOST, "node", "nodes", SIZE_MAX},
+    {&context_summary::leaves, DOCTOR_LEAVES_LOST, "leaf", "leaves", 0},
+    {&context_summary::blocks, DOCTOR_BLOCKS_LOST, "ECMP block", "ECMP blocks", 2},
+};
 
-std::string counted(std::uint64_t number, const std::string &name)
-{
-    const bool is_leaf = name == "leaf";
-    return std::to_string(number) + " " + (number == 1 ? name : is_leaf ? "leaves" : name + "s");
-}
-
-using context_counts = std::array<std::int64_t, ROUTE_CONTEXTS>;
-
-// What each context holds and cannot be accounted for. A tree that several contexts use may be charged to any of them,
-// so a context may also have less than it should.
-context_counts unaccounted(const doctor_look &look, const std::vector<doctor_hidden> &hidden, const record_kind &kind)
-{
-    context_counts left{};
-    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        left[ctx] = std::int64_t{look.counts->contexts[ctx].*kind.count} -
-                    std::int64_t{reached(look.copies[0]->trees[ctx]).*kind.count};
-    for (const doctor_hidden &route : hidden) {
-        if (kind.count == &context_summary::leaves)
-            left[static_cast<std::size_t>(route.route.ctx)] -= 1;
-        if (kind.count == &context_summary::blocks && route.route.paths.size() > 1)
-            left[static_cast<std::size_t>(route.route.ctx)] -= 1;
-    }
-    return left;
-}
-
+// What each context holds and cannot be accounted for is lost, as far as all of them together hold too much: a tree
+// that several contexts use may be charged to any of them, so a context may also have less than it should.
 void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidden, const record_kind &kind,
                 doctor_findings &findings)
 {
-    const context_counts left = unaccounted(look, hidden, kind);
-    std::int64_t sum = 0;
-    for (const std::int64_t number : left)
-        sum += number;
+    std::array<std::int64_t, ROUTE_CONTEXTS> left{};
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        left[ctx] = std::int64_t{look.counts->contexts[ctx].*kind.count} -
+                    std::int64_t{reached(look.copies[0]->trees[ctx]).*kind.count};
+    for (const doctor_hidden &route : hidden)
+        left[static_cast<std::size_t>(route.route.ctx)] -= route.route.paths.size() >= kind.least_paths ? 1 : 0;
+    std::int64_t sum = std::accumulate(left.begin(), left.end(), std::int64_t{0});
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS && sum > 0; ++ctx) {
         if (left[ctx] <= 0)
             continue;
-        const std::uint64_t lost = static_cast<std::uint64_t>(std::min(left[ctx], sum));
-        sum -= left[ctx];
+        const auto lost = static_cast<std::uint64_t>(std::min(left[ctx], sum));
         const auto held = static_cast<std::uint64_t>(look.counts->contexts[ctx].*kind.count); // more than reached
-        add(findings, kind.kind, doctor_level::fault, static_cast<int>(ctx), "",
-            counted(lost, kind.name) + " of the context " + (lost == 1 ? "is" : "are") + " used up and in no slot",
-            "the route manager counts " + counted(held, kind.name) + ", of which slots and listed routes explain " +
-                std::to_string(held - lost),
-            "only a restart of the route manager gives them back; withdraw a host before it is reported again, use one "
-            "context for each route id",
-            lost);
+        sum -= left[ctx];
+        findings.push_back(
+            {&kind.lost, static_cast<int>(ctx), "",
+             fmt::format("the route manager counts {}, of which slots and listed routes explain {}",
+                         counted(held, kind.one, kind.many), held - lost),
+             counted(lost, kind.one, kind.many) + (lost == 1 ? " of the context is" : " of the context are"), lost});
     }
+}
+
+std::uint64_t count_listed(const doctor_look &look, bool (*is_wanted)(const route_record &))
+{
+    std::uint64_t number = 0;
+    for (const std::vector<route_record> &routes : look.listing->contexts)
+        number += static_cast<std::uint64_t>(std::count_if(routes.begin(), routes.end(), is_wanted));
+    return number;
+}
+
+// Whether the listing shows one path of a set: the others wait.
+bool has_waiting_paths(const doctor_group &group) { return group.size() == 1 && (group[0]->flags & RIB_F_ECMP) != 0; }
+
+std::vector<std::string> sets_with_waiting_paths(const doctor_look &look)
+{
+    std::vector<std::string> names;
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        for (const auto &[prefix, group] : look.groups[ctx])
+            if (has_waiting_paths(group))
+                names.push_back(fmt::format("{} of context {}", name_of(*group[0]), ctx));
+    return names;
 }
 } // namespace
 
@@ -108,17 +108,10 @@ void doctor_judge_pools(const doctor_look &look, doctor_findings &findings)
     if (!look.is_served && look.copies.empty())
         return;
     const pools_view pools = look.is_served ? pools_from_summary(*look.counts) : pools_from_table(look.copies[0]->view);
-    for (const pool_use &pool : pools.pools) {
-        const bool is_full = pool.used >= pool.total;
-        if (pool.used * 100 < pool.total * NEARLY_FULL_PERCENT)
-            continue;
-        add(findings, is_full ? "pool-full" : "pool-low", is_full ? doctor_level::fault : doctor_level::warning,
-            DOCTOR_WHOLE_CARD, pool.name,
-            is_full ? std::string("the pool of ") + pool.name + " is empty: the next route that needs one is refused"
-                    : std::string("the pool of ") + pool.name + " is nearly empty",
-            std::to_string(pool.used) + " of " + std::to_string(pool.total) + " in use (" + pools.source + ")",
-            "remove routes; a host that is reported again with an empty pool is removed itself");
-    }
+    for (const pool_use &pool : pools.pools)
+        if (pool.used * 100 >= pool.total * NEARLY_FULL_PERCENT)
+            findings.push_back({pool.used >= pool.total ? &DOCTOR_POOL_FULL : &DOCTOR_POOL_LOW, DOCTOR_WHOLE_CARD,
+                                pool.name, fmt::format("{} of {} in use ({})", pool.used, pool.total, pools.source)});
 }
 
 void doctor_judge_held(const doctor_look &look, const std::vector<doctor_hidden> &hidden, doctor_findings &findings)
@@ -129,146 +122,76 @@ void doctor_judge_held(const doctor_look &look, const std::vector<doctor_hidden>
         judge_kind(look, hidden, kind, findings);
 }
 
-namespace
-{
-std::uint64_t count_listed(const doctor_look &look, bool (*is_wanted)(const route_record &))
-{
-    std::uint64_t number = 0;
-    for (const std::vector<route_record> &routes : look.listing->contexts)
-        number += static_cast<std::uint64_t>(std::count_if(routes.begin(), routes.end(), is_wanted));
-    return number;
-}
-
-// Sets of which the listing shows one path: the others wait.
-std::string sets_with_waiting_paths(const doctor_look &look)
-{
-    std::string names;
-    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx) {
-        const std::vector<route_record> &routes = look.listing->contexts[ctx];
-        for (const route_record &route : routes) {
-            const auto shown = std::count_if(routes.begin(), routes.end(), [&](const route_record &r) {
-                return r.prefix == route.prefix && r.length == route.length;
-            });
-            if ((route.flags & RIB_F_ECMP) != 0 && shown == 1)
-                names += (names.empty() ? "" : ", ") + name_of(route) + " of context " + std::to_string(ctx);
-        }
-    }
-    return names;
-}
-
-// "1 static route is", "2 static routes are".
-std::string number_of(std::uint64_t number, const char *name)
-{
-    return counted(number, name) + (number == 1 ? " is" : " are");
-}
-
-bool is_other_than_static_and_nat(const route_record &route)
-{
-    return (route.flags & (RIB_F_GATEWAY | RIB_F_NAT)) == 0;
-}
-} // namespace
-
 void doctor_judge_unlisted(const doctor_look &look, doctor_findings &findings)
 {
     const auto hosts = look.blocks.find(MTRACK_ROUTE_ENTRY_1), statics = look.blocks.find(MTRACK_ROUTE_ENTRY_3);
     if (!look.is_served || hosts == look.blocks.end() || statics == look.blocks.end())
         return;
-    const std::uint64_t listed_hosts = count_listed(look, is_other_than_static_and_nat);
-    const std::uint64_t listed_statics = count_listed(look, is_static);
-    if (hosts->second > listed_hosts)
-        add(findings, "hosts-lost", doctor_level::fault, DOCTOR_WHOLE_CARD, "",
-            number_of(hosts->second - listed_hosts, "host or interface route") + " in no list any more",
-            "memory holds " + std::to_string(hosts->second) + ", the listings " + std::to_string(listed_hosts),
-            "they went with an entry of the same prefix in front of them; only a restart gives their memory back",
-            hosts->second - listed_hosts);
-    if (statics->second <= listed_statics)
-        return;
-    const std::string sets = sets_with_waiting_paths(look);
-    add(findings, "statics-unlisted", doctor_level::warning, DOCTOR_WHOLE_CARD, "",
-        std::to_string(statics->second - listed_statics) + " static route(s) are in no table: their gateway is not "
-                                                           "there, or they were lost with a host of their prefix",
-        "memory holds " + std::to_string(statics->second) + ", the listings " + std::to_string(listed_statics) +
-            "; which of the two it is cannot be seen from outside" +
-            (sets.empty() ? "" : "; a path of " + sets + " waits"),
-        "look that each gateway is reported; `route del` of one that was lost answers that it is not there",
-        statics->second - listed_statics);
+    const std::uint64_t listed_hosts = count_listed(look, is_other), listed_statics = count_listed(look, is_static);
+    if (hosts->second > listed_hosts) {
+        const std::uint64_t lost = hosts->second - listed_hosts;
+        findings.push_back({&DOCTOR_HOSTS_LOST, DOCTOR_WHOLE_CARD, "",
+                            fmt::format("memory holds {}, the listings {}", hosts->second, listed_hosts),
+                            counted(lost, "host or interface route is", "host or interface routes are"), lost});
+    }
+    if (statics->second > listed_statics) {
+        const std::vector<std::string> sets = sets_with_waiting_paths(look);
+        const std::uint64_t unlisted = statics->second - listed_statics;
+        findings.push_back(
+            {&DOCTOR_STATICS_UNLISTED, DOCTOR_WHOLE_CARD, "",
+             fmt::format("memory holds {}, the listings {}; which of the two it is cannot be seen from outside{}",
+                         statics->second, listed_statics,
+                         sets.empty() ? "" : fmt::format("; a path of {} waits", fmt::join(sets, ", "))),
+             std::to_string(unlisted), unlisted});
+    }
 }
 
 namespace
 {
-// The entries that share a prefix, in the order of the route manager: the head first.
-using prefix_key = std::pair<std::uint32_t, std::uint32_t>;
-using prefix_groups = std::map<prefix_key, std::vector<const route_record *>>;
-
-prefix_groups groups_of(const std::vector<route_record> &routes)
+const doctor_kind &mixed_kind(route_kind head)
 {
-    prefix_groups groups;
-    for (const route_record &route : routes)
-        groups[{route.prefix, route.length}].push_back(&route);
-    return groups;
-}
-
-// A static route that waits leaves its mark on the head of its set.
-bool has_unlisted(const std::vector<const route_record *> &group)
-{
-    return group.size() == 1 && (group[0]->flags & RIB_F_ECMP) != 0 && !is_static(*group[0]);
-}
-
-const char *mixed_consequence(std::string_view head, bool is_order_known)
-{
-    if (!is_order_known)
-        return "the one that came first hides the other, which is lost or cannot be removed";
-    if (head == "host")
-        return "the withdrawal of the host takes the others out of the list with it";
-    if (head == "interface" || head == "connected")
-        return "the host behind it cannot be withdrawn, and is lost when the interface goes down";
-    return "what stands behind it can neither be withdrawn nor serve as a gateway";
-}
-
-void judge_mixed(const prefix_groups &groups, int ctx, doctor_findings &findings)
-{
-    for (const auto &[key, group] : groups) {
-        std::set<std::string> kinds;
-        std::string names;
-        for (const route_record *route : group)
-            if (kinds.insert(route_record_kind(route->flags)).second)
-                names += (names.empty() ? "" : ", then ") + std::string(route_record_kind(route->flags));
-        if (kinds.size() < 2 && !has_unlisted(group))
-            continue;
-        if (kinds.size() < 2)
-            names += "; with it a static route that waits";
-        const std::string head = route_record_kind(group[0]->flags);
-        add(findings, "kinds-mixed", doctor_level::warning, ctx, name_of(*group[0]),
-            "routes of several kinds share " + name_of(*group[0]) + ": " + mixed_consequence(head, kinds.size() > 1),
-            "listed: " + names,
-            head == "interface" ? "take the interface down; the ARP service should not report the card's own addresses"
-                                : "remove the static route before the host is withdrawn");
+    switch (head) {
+    case route_kind::host:
+        return DOCTOR_MIXED_HOST;
+    case route_kind::connected:
+        return DOCTOR_MIXED_CONNECTED;
+    case route_kind::interface:
+        return DOCTOR_MIXED_INTERFACE;
+    default:
+        return DOCTOR_MIXED_OTHER;
     }
 }
 
-// The host that a gateway is: the first of its address, as the route manager looks for it.
-const route_record *host_of(const prefix_groups &groups, std::uint32_t address)
+void judge_mixed(const doctor_group &group, int ctx, doctor_findings &findings)
 {
-    const auto found = groups.find({address, 32});
-    return found != groups.end() && is_host(*found->second[0]) ? found->second[0] : nullptr;
+    std::vector<const char *> names; // of the kinds in the group, each once
+    for (const route_record *route : group)
+        if (const char *const name = route_kind_name(route_kind_of(route->flags));
+            std::find(names.begin(), names.end(), name) == names.end())
+            names.push_back(name);
+    const route_record &head = *group[0];
+    if (names.size() > 1)
+        findings.push_back({&mixed_kind(route_kind_of(head.flags)), ctx, name_of(head),
+                            fmt::format("listed: {}", fmt::join(names, ", then "))});
+    else if (has_waiting_paths(group) && !is_static(head))
+        findings.push_back({route_kind_of(head.flags) == route_kind::interface ? &DOCTOR_MIXED_WAITING_INTERFACE
+                                                                               : &DOCTOR_MIXED_WAITING,
+                            ctx, name_of(head),
+                            fmt::format("listed: {}; with it a static route that waits", names[0])});
 }
 
-void judge_gateway(const prefix_groups &hosts, const route_record &route, int ctx, doctor_findings &findings)
+// A gateway is the first host of its address, as the route manager looks for it.
+void judge_gateway(const doctor_groups &groups, const route_record &route, int ctx, doctor_findings &findings)
 {
-    const route_record *const host = host_of(hosts, route.nexthop);
-    const std::string name = name_of(route) + " via " + address_text(route.nexthop);
-    const std::string used =
-        "interface " + std::to_string(route.ifid) + " encap " + fmt::format("0x{:04x}", route.encap);
-    if (host == nullptr)
-        add(findings, "gateway-gone", doctor_level::warning, ctx, name,
-            name + " is in the tables and its gateway is not reported", "it forwards to " + used,
-            "let the ARP service report the gateway, or remove the route");
-    else if (host->encap != route.encap || host->ifid != route.ifid)
-        add(findings, "gateway-stale", doctor_level::fault, ctx, name,
-            name + " goes on using what its gateway had before",
-            "it forwards to " + used + ", the gateway has interface " + std::to_string(host->ifid) + " encap " +
-                fmt::format("0x{:04x}", host->encap),
-            "withdraw the gateway and report it again");
+    const auto found = groups.find({route.nexthop, 32});
+    const std::string name = fmt::format("{} via {}", name_of(route), address_text(route.nexthop));
+    const std::string used = fmt::format("it forwards to interface {} encap 0x{:04x}", route.ifid, route.encap);
+    if (found == groups.end() || (found->second[0]->flags & RIB_F_ARP_HOST) == 0)
+        findings.push_back({&DOCTOR_GATEWAY_GONE, ctx, name, used});
+    else if (const route_record &host = *found->second[0]; host.encap != route.encap || host.ifid != route.ifid)
+        findings.push_back(
+            {&DOCTOR_GATEWAY_STALE, ctx, name,
+             fmt::format("{}, the gateway has interface {} encap 0x{:04x}", used, host.ifid, host.encap)});
 }
 } // namespace
 
@@ -276,35 +199,34 @@ void doctor_judge_listing(const doctor_look &look, doctor_findings &findings)
 {
     if (!look.is_served)
         return;
-    std::vector<prefix_groups> groups;
-    for (const std::vector<route_record> &routes : look.listing->contexts)
-        groups.push_back(groups_of(routes));
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx) {
-        judge_mixed(groups[ctx], static_cast<int>(ctx), findings);
+        for (const auto &[prefix, group] : look.groups[ctx])
+            judge_mixed(group, static_cast<int>(ctx), findings);
         for (const route_record &route : look.listing->contexts[ctx])
             if (is_static(route) && route.route_id < ROUTE_CONTEXTS)
-                judge_gateway(groups[route.route_id], route, static_cast<int>(ctx), findings);
+                judge_gateway(look.groups[route.route_id], route, static_cast<int>(ctx), findings);
     }
 }
 
 namespace
 {
 struct interface_state {
-    std::uint32_t ifid, address, mask;
-    std::int32_t ctx;
+    std::uint32_t address = 0, mask = 0;
+    std::int32_t ctx = -1;
 };
 
 // Whether the routes of the interface are in the listing: its address, subnet, first and last address.
 bool has_routes(const doctor_look &look, const interface_state &i)
 {
-    const unsigned length = address_mask_length(i.mask);
-    const prefix_key wanted[] = {
-        {i.address, 32}, {i.address & i.mask, length}, {i.address & i.mask, 32}, {i.address | ~i.mask, 32}};
-    const auto &routes = look.listing->contexts[static_cast<std::size_t>(i.ctx)];
-    return std::all_of(std::begin(wanted), std::end(wanted), [&](const prefix_key &key) {
-        return std::any_of(routes.begin(), routes.end(), [&](const route_record &r) {
-            return r.prefix == key.first && r.length == key.second && (r.flags & RIB_F_INTERFACE) != 0;
-        });
+    const std::uint32_t first = i.address & i.mask;
+    const doctor_prefix wanted[] = {
+        {i.address, 32}, {first, address_mask_length(i.mask)}, {first, 32}, {i.address | ~i.mask, 32}};
+    const doctor_groups &groups = look.groups[static_cast<std::size_t>(i.ctx)];
+    return std::all_of(std::begin(wanted), std::end(wanted), [&](const doctor_prefix &prefix) {
+        const auto found = groups.find(prefix);
+        return found != groups.end() &&
+               std::any_of(found->second.begin(), found->second.end(),
+                           [](const route_record *r) { return (r->flags & RIB_F_INTERFACE) != 0; });
     });
 }
 
@@ -314,25 +236,9 @@ bool is_in_service(std::uint32_t ifid, interface_state &state)
     std::uint32_t mode = 0;
     if (if_get_status(ifid) != 1 || if_get_address(ifid, &mode, nullptr) != 0 || mode != IF_RMODE_ROUTED)
         return false;
-    state.ifid = ifid;
     state.ctx = if_get_context_id(ifid);
     return if_get_ip(ifid, &state.address, &state.mask) == 0 && address_is_mask(state.mask) && state.ctx >= 0 &&
            state.ctx < static_cast<std::int32_t>(ROUTE_CONTEXTS);
-}
-} // namespace
-
-namespace
-{
-// Routes that an interface left behind when it went.
-void judge_left_behind(const doctor_look &look, doctor_findings &findings)
-{
-    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        for (const route_record &route : look.listing->contexts[ctx])
-            if ((route.flags & RIB_F_INTERFACE) != 0 && if_get_status(route.ifid) != 1)
-                add(findings, "interface-stale", doctor_level::fault, static_cast<int>(ctx), name_of(route),
-                    name_of(route) + " is still there of interface " + std::to_string(route.ifid) + ", which is not up",
-                    "the interface database has the interface down, or has none of this number",
-                    "if it stays, remove static routes to the interface's addresses, and let it go up and down again");
 }
 } // namespace
 
@@ -340,18 +246,21 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
 {
     if (!look.is_served || !look.has_interfaces)
         return;
-    judge_left_behind(look, findings);
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        for (const route_record &route : look.listing->contexts[ctx])
+            if ((route.flags & RIB_F_INTERFACE) != 0 && if_get_status(route.ifid) != 1)
+                findings.push_back({&DOCTOR_INTERFACE_STALE, static_cast<int>(ctx), name_of(route),
+                                    "the interface database has the interface down, or has none of this number",
+                                    fmt::format("{} is still there of interface {}", name_of(route), route.ifid)});
     for (std::uint32_t ifid = 0; ifid < IFDB_RECORDS; ++ifid) {
-        interface_state state{};
+        interface_state state;
         if (!is_in_service(ifid, state) || has_routes(look, state))
             continue;
         const unsigned length = address_mask_length(state.mask);
-        const bool is_usable = length > 0 && length < 31;
-        add(findings, "interface-missing", doctor_level::fault, state.ctx, "interface " + std::to_string(ifid),
-            "interface " + std::to_string(ifid) + " is up and its routes are not all there",
-            "the interface database has it up with " + address_text(state.address) + "/" + std::to_string(length) +
-                " in the context, the listing lacks routes of it",
-            is_usable ? "let the interface manager report it again: down, then up"
-                      : "give it a mask of 1 to 30 bits: with any other the route manager refuses its routes");
+        findings.push_back(
+            {length > 0 && length < 31 ? &DOCTOR_INTERFACE_MISSING : &DOCTOR_INTERFACE_REFUSED, state.ctx,
+             fmt::format("interface {}", ifid),
+             fmt::format("the interface database has it up with {} in the context, the listing lacks routes of it",
+                         prefix_text(state.address, length))});
     }
 }

@@ -3,96 +3,63 @@
 
 #include <algorithm>
 #include <bit>
+#include <iterator>
 #include <map>
+#include <numeric>
 
 #include "card_tool/address_text.h"
 #include "routectl_commands.h"
 
 namespace
 {
-constexpr std::uint64_t LAST_ADDRESS = 0xFFFFFFFF;
+constexpr std::uint64_t ADDRESSES = std::uint64_t{1} << 32;
 
-std::uint64_t last_of(const cover_route &route)
+// What each address is answered with, by the first address of a stretch that ends where the next one begins.
+using address_map = std::map<std::uint64_t, int>;
+
+// Lets a stretch begin at `at`, and returns it.
+address_map::iterator cut(address_map &map, std::uint64_t at)
 {
-    return route.prefix | static_cast<std::uint64_t>(~address_mask_of(route.length));
+    return map.try_emplace(at, std::prev(map.upper_bound(at))->second).first;
 }
 
-// Addresses that one route should answer; `what` is its place in the list. Of a tree: a leaf.
-struct stretch {
-    std::uint64_t first, last;
-    int what;
-};
-
-// Appends, joined with the stretch before it when that is the same.
-void append(std::vector<stretch> &to, stretch next)
+// first to last: within the map, as all stretches are within ADDRESSES.
+void paint(address_map &map, std::uint64_t first, std::uint64_t last, int what)
 {
-    if (next.first >= next.last + 1)
-        return;
-    if (!to.empty() && to.back().what == next.what && to.back().last + 1 == next.first)
-        to.back().last = next.last;
-    else
-        to.push_back(next);
+    const auto from = cut(map, first), to = cut(map, last + 1);
+    map.erase(std::next(from), to);
+    from->second = what;
 }
 
-// Which route is the longest for each address. routes: by prefix and length, the first of them /0.
-std::vector<stretch> spread(const std::vector<cover_route> &routes)
+// The place in `routes` of the longest one for each address. routes: by prefix and length, the first of them /0.
+address_map spread(const std::vector<cover_route> &routes)
 {
-    std::vector<stretch> to;
-    std::vector<int> open; // routes around the point, the longest at the back
-    std::uint64_t at = 0;
-    const auto go_to = [&](std::uint64_t before) { // up to, without, `before`
-        while (!open.empty() && at < before) {
-            const std::uint64_t end = last_of(routes[static_cast<std::size_t>(open.back())]) + 1;
-            const std::uint64_t next = std::max(at, std::min(before, end));
-            append(to, {at, next - 1, open.back()}); // nothing of one that ended with a longer one
-            at = next;
-            if (at >= end)
-                open.pop_back();
+    address_map map = {{0, 0}, {ADDRESSES, 0}};
+    std::vector<std::size_t> order(routes.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return routes[a].length < routes[b].length; });
+    for (const std::size_t i : order)
+        paint(map, routes[i].prefix, routes[i].prefix | std::uint64_t{~address_mask_of(routes[i].length)},
+              static_cast<int>(i));
+    return map;
+}
+
+// The leaf that each address is answered with.
+address_map read_tree(const tree_view &tree)
+{
+    address_map map = {{0, COVER_EMPTY}, {ADDRESSES, COVER_EMPTY}};
+    for (const tree_node &node : tree.nodes) { // parents before their children, which paint over one slot
+        const unsigned shift = 24 - 8 * node.level;
+        for (const tree_run &run : node.runs) {
+            const int what = run.target.kind == table_kind::leaf    ? static_cast<int>(run.target.index)
+                             : run.target.kind == table_kind::empty ? COVER_EMPTY
+                                                                    : COVER_FAULT;
+            paint(map, node.prefix + (std::uint64_t{run.first} << shift),
+                  node.prefix + (std::uint64_t{run.last + 1} << shift) - 1, what);
         }
-    };
-    for (std::size_t i = 0; i < routes.size(); ++i) {
-        go_to(routes[i].prefix);
-        open.push_back(static_cast<int>(i));
     }
-    go_to(LAST_ADDRESS + 1);
-    return to;
-}
-
-struct slot_reader {
-    std::map<std::uint32_t, const tree_node *> nodes; // by number
-    std::vector<stretch> to;
-};
-
-void read_slots(slot_reader &reader, const tree_node &node)
-{
-    const unsigned shift = 24 - 8 * node.level;
-    for (const tree_run &run : node.runs) {
-        const std::uint64_t first = node.prefix + (static_cast<std::uint64_t>(run.first) << shift);
-        const std::uint64_t last = node.prefix + (static_cast<std::uint64_t>(run.last + 1) << shift) - 1;
-        const auto child =
-            run.target.kind == table_kind::node ? reader.nodes.find(run.target.index) : reader.nodes.end();
-        const bool is_child = child != reader.nodes.end() && child->second->level == node.level + 1 &&
-                              child->second->prefix == first && run.first == run.last;
-        if (is_child)
-            read_slots(reader, *child->second);
-        else if (run.target.kind == table_kind::leaf)
-            append(reader.to, {first, last, static_cast<int>(run.target.index)});
-        else
-            append(reader.to, {first, last, run.target.kind == table_kind::empty ? COVER_EMPTY : COVER_FAULT});
-    }
-}
-
-// What each address is answered with.
-std::vector<stretch> read_tree(const tree_view &tree)
-{
-    slot_reader reader;
-    for (const tree_node &node : tree.nodes)
-        reader.nodes[node.index] = &node;
-    if (!tree.nodes.empty())
-        read_slots(reader, tree.nodes[0]);
-    else
-        reader.to.push_back({0, LAST_ADDRESS, COVER_EMPTY});
-    return reader.to;
+    return map;
 }
 } // namespace
 
@@ -130,18 +97,17 @@ std::vector<cover_answer> cover_tree(const std::vector<cover_route> &routes, con
     answers.reserve(routes.size());
     for (const cover_route &route : routes)
         answers.push_back({route, {}});
-    const std::vector<stretch> wanted = spread(routes), found = read_tree(tree);
-    std::size_t w = 0, f = 0;
-    while (w < wanted.size() && f < found.size()) {
-        const std::uint64_t first = std::max(wanted[w].first, found[f].first);
-        const std::uint64_t last = std::min(wanted[w].last, found[f].last);
-        std::vector<cover_piece> &pieces = answers[static_cast<std::size_t>(wanted[w].what)].pieces;
-        if (!pieces.empty() && pieces.back().leaf == found[f].what && pieces.back().last + 1 == first)
+    address_map wanted = spread(routes), found = read_tree(tree);
+    for (const auto &[at, leaf] : found)
+        cut(wanted, at);
+    for (auto at = wanted.begin(); at->first < ADDRESSES; ++at) {
+        const std::uint64_t last = std::next(at)->first - 1;
+        const int leaf = std::prev(found.upper_bound(at->first))->second;
+        std::vector<cover_piece> &pieces = answers[static_cast<std::size_t>(at->second)].pieces;
+        if (!pieces.empty() && pieces.back().leaf == leaf && pieces.back().last + 1 == at->first)
             pieces.back().last = last;
         else
-            pieces.push_back({first, last, found[f].what});
-        w += wanted[w].last == last ? 1u : 0u;
-        f += found[f].last == last ? 1u : 0u;
+            pieces.push_back({at->first, last, leaf});
     }
     return answers;
 }

@@ -1,27 +1,24 @@
 // doctor_history.cpp - judges the history: refusals that left something behind, and a history that keeps no errors.
 //
 // A life of the route manager begins when it binds its endpoint, so the age of that socket tells its records from those
-// of the life before. Whether errors are kept nobody tells: a lookup that finds nothing is one, so one is provoked.
+// of the life before. The route manager cannot be asked whether it keeps errors, so a lookup that fails is made and its
+// line looked for.
+// Always: a line is decoded by the fixed text that it was written with, once; what is judged is its kind.
 // Elsewhere: what the tables and listings still show of what went wrong (doctor_tables.cpp, doctor_counts.cpp).
-#include "doctor_history.h"
-
 #include <algorithm>
 #include <cstdio>
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "card_tool/address_text.h"
 #include "card_view/history_view.h"
+#include "doctor_judge.h"
 
 namespace
 {
-void add(doctor_findings &to, const char *kind, doctor_level level, int ctx, std::string object, std::string what,
-         std::string seen, std::string todo)
-{
-    to.push_back({kind, level, ctx, std::move(object), std::move(what), std::move(seen), std::move(todo), {}, 0});
-}
-
 std::uint64_t life_began_ns()
 {
     struct stat st = {};
@@ -31,65 +28,81 @@ std::uint64_t life_began_ns()
     return static_cast<std::uint64_t>(st.st_mtim.tv_sec) * 1000000000u + static_cast<std::uint64_t>(st.st_mtim.tv_nsec);
 }
 
+// A NAT prefix and the value of its pool.
+struct nat_prefix {
+    std::uint32_t prefix = 0, length = 0, value = 0;
+    bool operator==(const nat_prefix &) const = default;
+};
+
+enum class error_kind { other, nat_duplicate, nat_absent, nat_pool_refused, install_failed };
+struct error_record {
+    history_entry entry;
+    std::string line;
+    error_kind kind = error_kind::other;
+    nat_prefix nat; // of a duplicate or an absent one
+};
+
+error_record error_of(history_entry entry)
+{
+    error_record error = {std::move(entry), "", error_kind::other, {}};
+    error.line = history_line(error.entry);
+    const char *const line = error.line.c_str();
+    nat_prefix &nat = error.nat;
+    if (std::sscanf(line, "nat DUPLICATE %8x/%u encap %u", &nat.prefix, &nat.length, &nat.value) == 3)
+        error.kind = error_kind::nat_duplicate;
+    else if (std::sscanf(line, "nat entry not found in rib 0x%x/%u encap %u", &nat.prefix, &nat.length, &nat.value) ==
+             3)
+        error.kind = error_kind::nat_absent;
+    else if (error.line.starts_with("rib_add_nat_pool: add NAT failed"))
+        error.kind = error_kind::nat_pool_refused;
+    else if (error.line.find("tree_add  FAILED") != std::string::npos)
+        error.kind = error_kind::install_failed;
+    return error;
+}
+
 // The errors since `since_ns`. Damage is a finding.
-std::vector<history_entry> errors_since(history_view &view, std::uint64_t since_ns, doctor_findings &findings)
+std::vector<error_record> errors_since(history_view &view, std::uint64_t since_ns, doctor_findings &findings)
 {
     std::vector<history_entry> entries;
     if (history_read(view, entries) == history_end::damaged)
-        add(findings, "history-damaged", doctor_level::warning, DOCTOR_WHOLE_CARD, "",
-            "a part of the event history cannot be read", view.path + " holds a record that is none",
-            "nothing: it heals as new records replace it");
+        findings.push_back(
+            {&DOCTOR_HISTORY_DAMAGED, DOCTOR_WHOLE_CARD, "", view.path + " holds a record that is none"});
     const history_filter filter = {{ROUTE_DBG_ERRORS}, {}, std::max(since_ns, life_began_ns())};
-    entries.erase(std::remove_if(entries.begin(), entries.end(),
-                                 [&](const history_entry &entry) { return !history_passes(filter, entry); }),
-                  entries.end());
-    return entries;
+    std::vector<error_record> errors;
+    for (history_entry &entry : entries)
+        if (history_passes(filter, entry))
+            errors.push_back(error_of(std::move(entry)));
+    return errors;
 }
 
-// A line of a NAT pool: the prefix and the value of the pool.
-struct nat_line {
-    std::uint32_t prefix = 0, length = 0, value = 0;
-    bool operator==(const nat_line &) const = default;
-};
-bool read_duplicate(const history_entry &entry, nat_line &to)
+bool is_listed(const doctor_look &look, const error_record &error)
 {
-    return std::sscanf(history_line(entry).c_str(), "nat DUPLICATE %8x/%u encap %u", &to.prefix, &to.length,
-                       &to.value) == 3;
-}
-bool read_not_there(const history_entry &entry, nat_line &to)
-{
-    return std::sscanf(history_line(entry).c_str(), "nat entry not found in rib 0x%x/%u encap %u", &to.prefix,
-                       &to.length, &to.value) == 3;
+    const int ctx = error.entry.context;
+    return ctx >= 0 && ctx < static_cast<int>(ROUTE_CONTEXTS) &&
+           look.groups[static_cast<std::size_t>(ctx)].contains({error.nat.prefix, error.nat.length});
 }
 
-bool is_listed(const doctor_look &look, int ctx, const nat_line &line)
+std::string record_text(const error_record &error)
 {
-    if (!look.is_served || ctx < 0 || ctx >= static_cast<int>(ROUTE_CONTEXTS))
-        return false;
-    const auto &routes = look.listing->contexts[static_cast<std::size_t>(ctx)];
-    return std::any_of(routes.begin(), routes.end(),
-                       [&](const route_record &r) { return r.prefix == line.prefix && r.length == line.length; });
+    return fmt::format("{} {}", history_time(error.entry.time_ns), error.line);
 }
 
 // A roll-back follows the duplicate at once and tells of what it did not find: of what it does not tell, it removed.
-void judge_nat_twins(const std::vector<history_entry> &errors, const doctor_look &look, doctor_findings &findings)
+void judge_nat_twins(const std::vector<error_record> &errors, const doctor_look &look, doctor_findings &findings)
 {
     for (auto at = errors.begin(); at != errors.end(); ++at) {
-        nat_line twin;
-        if (!read_duplicate(*at, twin) || is_listed(look, at->context, twin))
+        if (at->kind != error_kind::nat_duplicate || is_listed(look, *at))
             continue;
-        auto after = std::next(at);
-        nat_line next;
-        while (after != errors.end() && after->context == at->context && !read_duplicate(*after, next) &&
-               !(read_not_there(*after, next) && next == twin))
-            ++after;
-        if (after != errors.end() && read_not_there(*after, next) && next == twin)
+        const auto is_absent = [&](const error_record &e) {
+            return e.kind == error_kind::nat_absent && e.nat == at->nat;
+        };
+        const auto after = std::find_if(std::next(at), errors.end(), [&](const error_record &e) {
+            return e.entry.context != at->entry.context || e.kind == error_kind::nat_duplicate || is_absent(e);
+        });
+        if (after != errors.end() && is_absent(*after))
             continue; // another pool's value: it stands
-        const std::string name = prefix_text(twin.prefix, twin.length);
-        add(findings, "nat-twin-lost", doctor_level::warning, at->context, name,
-            "a NAT pool was refused, and what stood at " + name + " with the same value went with it",
-            history_time(at->time_ns) + " " + history_line(*at) + "; no listing has it",
-            "add the pool again; list before adding, and give each pool a value of its own");
+        findings.push_back({&DOCTOR_NAT_TWIN_LOST, at->entry.context, prefix_text(at->nat.prefix, at->nat.length),
+                            record_text(*at) + "; no listing has it"});
     }
 }
 
@@ -102,49 +115,36 @@ bool is_same_call(const history_entry &before, const history_entry &entry)
 }
 
 // Removals that found nothing, but for the roll-back of an addition that was refused.
-void judge_nat_absent(const std::vector<history_entry> &errors, const doctor_look &look, doctor_findings &findings)
+void judge_nat_absent(const std::vector<error_record> &errors, const doctor_look &look, doctor_findings &findings)
 {
     const history_entry *roll_back = nullptr; // the last line of one
-    for (const history_entry &entry : errors) {
-        nat_line line;
-        const std::string text = history_line(entry);
-        const bool is_refusal = text.rfind("rib_add_nat_pool: add NAT failed", 0) == 0;
-        if (is_refusal || (roll_back != nullptr && is_same_call(*roll_back, entry))) {
-            roll_back = &entry;
+    for (const error_record &error : errors) {
+        if (error.kind == error_kind::nat_pool_refused ||
+            (roll_back != nullptr && is_same_call(*roll_back, error.entry))) {
+            roll_back = &error.entry;
             continue;
         }
         roll_back = nullptr;
-        if (!read_not_there(entry, line) || is_listed(look, entry.context, line))
+        if (error.kind != error_kind::nat_absent || is_listed(look, error))
             continue; // what was added since is nothing to ask about
-        const std::string name = prefix_text(line.prefix, line.length);
-        add(findings, "nat-not-there", doctor_level::note, entry.context, name,
-            "the removal of a NAT pool answered 0 and " + name + " was not there",
-            history_time(entry.time_ns) + " " + text,
-            "nothing, if it was removed before; else remove it with the value that it was added with");
+        findings.push_back({&DOCTOR_NAT_NOT_THERE, error.entry.context, prefix_text(error.nat.prefix, error.nat.length),
+                            record_text(error)});
     }
 }
 
 // Installs that the trie refused: they are over, and their callers know.
-void judge_refused_installs(const std::vector<history_entry> &errors, doctor_findings &findings)
+void judge_refused_installs(const std::vector<error_record> &errors, doctor_findings &findings)
 {
-    const auto is_one = [](const history_entry &e) { return e.text.find("tree_add  FAILED") != std::string::npos; };
-    const auto number = std::count_if(errors.begin(), errors.end(), is_one);
-    if (number == 0)
-        return;
+    const auto is_one = [](const error_record &e) { return e.kind == error_kind::install_failed; };
     const auto last = std::find_if(errors.rbegin(), errors.rend(), is_one);
-    add(findings, "install-refused", doctor_level::note, DOCTOR_WHOLE_CARD, "",
-        std::to_string(number) + " route(s) could not be put into the tables",
-        "the last: " + history_time(last->time_ns) + " " + history_line(*last),
-        "see the pools; a host that was reported again with an empty pool is gone and has to be reported anew");
+    if (last != errors.rend())
+        findings.push_back({&DOCTOR_INSTALL_REFUSED, DOCTOR_WHOLE_CARD, "", "the last: " + record_text(*last),
+                            std::to_string(std::count_if(errors.begin(), errors.end(), is_one))});
 }
 
-// Provokes an error and looks whether the history has it.
-void judge_kept(const routectl_call &call, doctor_findings &findings)
+// Makes an error and looks whether the history has it.
+void judge_kept(const routectl_call &call, history_view &view, doctor_findings &findings)
 {
-    std::string why;
-    history_view view = history_open_errors(card_dir_path(), ROUTE_HIST_ID, &why);
-    if (!view.is_open())
-        return;
     view.next = history_head(view);
     constexpr doctor_prefix NEVER_THERE = {1, 0}; // an address behind its mask
     (void)doctor_trie_holds(call, 0, NEVER_THERE);
@@ -152,9 +152,8 @@ void judge_kept(const routectl_call &call, doctor_findings &findings)
     (void)history_read(view, entries); // however it ended: what was read is what there is
     if (std::none_of(entries.begin(), entries.end(),
                      [](const history_entry &e) { return e.category == ROUTE_DBG_ERRORS; }))
-        add(findings, "errors-not-kept", doctor_level::warning, DOCTOR_WHOLE_CARD, "",
-            "the event history keeps no errors: refusals cannot be explained, and what is found here may be less",
-            "a lookup that finds nothing left no line at category 100", "`keep errors on`");
+        findings.push_back({&DOCTOR_ERRORS_NOT_KEPT, DOCTOR_WHOLE_CARD, "",
+                            "a lookup that finds nothing left no line at category 100"});
 }
 } // namespace
 
@@ -162,16 +161,15 @@ void doctor_judge_history(const routectl_call &call, const doctor_look &look, st
                           doctor_findings &findings)
 {
     std::string why;
-    history_view view = history_open_errors(card_dir_path(), ROUTE_HIST_ID, &why);
+    history_view view = history_open(card_dir_path(), ROUTE_HIST_ID, &why);
     if (!view.is_open()) {
-        add(findings, "history-missing", doctor_level::warning, DOCTOR_WHOLE_CARD, "",
-            "there is no event history to be read", why, "restart the route manager; it makes the file when it starts");
+        findings.push_back({&DOCTOR_HISTORY_MISSING, DOCTOR_WHOLE_CARD, "", why});
         return;
     }
-    const std::vector<history_entry> errors = errors_since(view, since_ns, findings);
+    const std::vector<error_record> errors = errors_since(view, since_ns, findings);
     judge_nat_twins(errors, look, findings);
     judge_nat_absent(errors, look, findings);
     judge_refused_installs(errors, findings);
     if (look.is_served)
-        judge_kept(call, findings);
+        judge_kept(call, view, findings);
 }

@@ -34,6 +34,9 @@ bool ask_manager(const routectl_call &call, doctor_look &look)
     look.unserved = routectl_query_wait(call, *look.listing);
     if (look.unserved.status == ROUTECTL_DONE)
         look.unserved = routectl_query_wait(call, *look.counts);
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
+        for (const route_record &route : look.listing->contexts[ctx])
+            look.groups[ctx][{route.prefix, route.length}].push_back(&route);
     return look.unserved.status == ROUTECTL_DONE;
 }
 

@@ -23,10 +23,19 @@ struct doctor_copy {
     std::array<tree_view, ROUTE_CONTEXTS> trees;
 };
 
+struct doctor_prefix {
+    std::uint32_t prefix, length;
+    auto operator<=>(const doctor_prefix &) const = default;
+};
+// The entries of a context that share a prefix, in the order of the route manager: the head first.
+using doctor_group = std::vector<const route_record *>;
+using doctor_groups = std::map<doctor_prefix, doctor_group>;
+
 struct doctor_look {
     bool is_served = false;   // a route manager answers: listing and counts hold
     routectl_answer unserved; // else why not
     std::shared_ptr<route_listing> listing;
+    std::array<doctor_groups, ROUTE_CONTEXTS> groups; // of the listing, by context
     std::shared_ptr<card_summary> counts;
     std::map<std::uint32_t, std::uint64_t> blocks;    // live memory blocks by type; empty: not known
     std::vector<std::unique_ptr<doctor_copy>> copies; // those that could be mapped
@@ -40,11 +49,6 @@ doctor_look doctor_look_take(const routectl_call &call);
 // How many words of the tables have changed since the look began.
 std::size_t doctor_look_changes(doctor_look &look);
 
-// A leaf of the trie by its prefix.
-struct doctor_prefix {
-    std::uint32_t prefix, length;
-    auto operator<=>(const doctor_prefix &) const = default;
-};
 // Asks whether the trie of `tree` holds a leaf for exactly this prefix; one that it does not leaves a line in the
 // history.
 bool doctor_trie_holds(const routectl_call &call, std::uint32_t tree, doctor_prefix prefix);

@@ -39,7 +39,7 @@ json record_json(const route_record &r, std::uint32_t ctx)
 {
     return {{"ctx", ctx},
             {"prefix", prefix_text(r.prefix, r.length)},
-            {"kind", route_record_kind(r.flags)},
+            {"kind", route_kind_name(route_kind_of(r.flags))},
             {"nexthop", r.nexthop == 0 ? json(nullptr) : json(address_text(r.nexthop))},
             {"ifid", r.ifid},
             {"encap", r.encap},
