@@ -61,9 +61,10 @@ void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidde
                 doctor_findings &findings)
 {
     std::array<std::int64_t, ROUTE_CONTEXTS> left{};
-    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
-        left[ctx] = std::int64_t{look.counts->contexts[ctx].*kind.count} -
-                    std::int64_t{reached(look.copies[0]->trees[ctx]).*kind.count};
+    for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx) {
+        const std::int64_t counted_there = look.counts->contexts[ctx].*kind.count;
+        left[ctx] = counted_there - reached(look.copies[0]->trees[ctx]).*kind.count;
+    }
     for (const doctor_hidden &route : hidden)
         left[static_cast<std::size_t>(route.route.ctx)] -= route.route.paths.size() >= kind.least_paths ? 1 : 0;
     std::int64_t sum = std::accumulate(left.begin(), left.end(), std::int64_t{0});
