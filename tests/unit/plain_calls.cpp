@@ -94,7 +94,7 @@ const std::map<std::string, model_procedure> &procedures()
          {5,
           {0, 1},
           [](plain_model &m, const argument_list &a, model_reply &r) {
-              r.result = model_static_add(m, a[0], key_of(a[2], a[3]), a[4]);
+              r.result = model_static_add(m, {a[0], a[1], key_of(a[2], a[3]), a[4]});
           }}},
         {"rib_remove_route",
          {5,

@@ -241,7 +241,7 @@ bool add_block(plain_model &m, std::uint32_t ctx, std::uint16_t ifid, const nat_
         model_error(m, ctx, "nat rib malloc fail " + what + " \n");
         return false;
     }
-    model_path path = {MODEL_NAT, 0, ifid, encap, RIB_F_NAT};
+    model_path path = {MODEL_NAT, 0, ifid, encap, RIB_F_NAT, ctx};
     if (model_is_up(m, ifid)) {
         if (!model_fib_add(m, ctx, key, path)) {
             model_error(

@@ -34,7 +34,10 @@ model_path take_out(model_table &table, model_key key, std::size_t i)
     return path;
 }
 
-plain_way way_of(const model_path &path) { return {path.encap & 0xFFFF, path.ifid, path.flags}; }
+plain_way way_of(const model_path &path, std::uint32_t ctx)
+{
+    return {path.encap & 0xFFFF, path.ifid, path.flags, ctx};
+}
 
 bool is_default(model_key key) { return key == model_key(0, 0); }
 bool in_fib(const model_path &path) { return (path.flags & RIB_F_IN_MTRIE) != 0; }
@@ -44,14 +47,14 @@ bool waits_for(const model_path &path, std::uint32_t host)
 }
 
 // What both lines about an entry and the forwarding table say of it.
-std::string route_text(std::uint32_t ctx, model_key key)
+std::string route_text(std::uint32_t route_id, model_key key)
 {
-    return text("(%u) %s%08x/%u", ctx, "", key.second, key.first);
+    return text("(%u) %08x/%u", route_id, key.second, key.first);
 }
 
 bool program(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
 {
-    const bool done = is_default(key) ? plain_set_default(m.trees.at(ctx), way_of(path), true) != 0
+    const bool done = is_default(key) ? plain_set_default(m.trees.at(path.route_id), way_of(path, ctx), true) != 0
                                       : model_fib_add(m, ctx, key, path);
     if (done)
         path.flags |= RIB_F_IN_MTRIE;
@@ -59,7 +62,7 @@ bool program(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
         model_error(m, ctx,
                     text("rib_add_mtrie_route: Failed to add mtrie for route_id (%u) route/mask %08x/%u->nexthop "
                          "%08x encap %04x\n",
-                         ctx, key.second, key.first, path.nexthop, path.encap));
+                         path.route_id, key.second, key.first, path.nexthop, path.encap));
     return done;
 }
 
@@ -152,7 +155,7 @@ model_path *host_add(plain_model &m, const model_host &h)
             }
     if (!model_alloc(m))
         return nullptr;
-    model_path path = {MODEL_HOST, 0, h.ifid, h.encap, 0};
+    model_path path = {MODEL_HOST, 0, h.ifid, h.encap, 0, h.ctx};
     if (h.object == MODEL_OBJ_INTERFACE)
         path.flags = RIB_F_INTERFACE;
     else if (!learn_interface(m, h, path))
@@ -203,7 +206,7 @@ void discard(plain_model &m, std::uint32_t ctx, model_key key, model_path path)
     path.flags &= static_cast<std::uint16_t>(~RIB_F_GATEWAY);
     const std::uint16_t ifid = path.ifid;
     model_withdraw(m, ctx, key, path);
-    request(m, path.nexthop, ctx, ifid, 0);
+    request(m, path.nexthop, path.route_id, ifid, 0); // odd: it was made under the context
 }
 
 // Whether a new static path is refused for what its prefix has already.
@@ -272,12 +275,12 @@ bool model_is_up(const plain_model &m, std::uint32_t ifid)
 
 bool model_fib_add(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path)
 {
-    return plain_route_add(m.trees.at(ctx), key.second, plain_mask(key.first), way_of(path)) != 0;
+    return plain_route_add(m.trees.at(path.route_id), key.second, plain_mask(key.first), way_of(path, ctx)) != 0;
 }
 
 bool model_fib_remove(plain_model &m, std::uint32_t ctx, model_key key, const model_path &path)
 {
-    return plain_route_remove(m.trees.at(ctx), key.second, plain_mask(key.first), way_of(path)) != 0;
+    return plain_route_remove(m.trees.at(path.route_id), key.second, plain_mask(key.first), way_of(path, ctx)) != 0;
 }
 
 void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path &path)
@@ -285,7 +288,7 @@ void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path
     if (in_fib(path)) {
         bool done = true;
         if (is_default(key))
-            (void)plain_set_default(m.trees.at(ctx), way_of(path), false);
+            (void)plain_set_default(m.trees.at(path.route_id), way_of(path, ctx), false);
         else
             done = model_fib_remove(m, ctx, key, path);
         if (done)
@@ -294,7 +297,7 @@ void model_withdraw(plain_model &m, std::uint32_t ctx, model_key key, model_path
             model_error(m, ctx,
                         text("rib_remove_mtrie_route: (1) Unable to remove routeid %s nexthop %08x encapid "
                              "%04x\n",
-                             route_text(ctx, key).c_str(), path.nexthop, path.encap));
+                             route_text(path.route_id, key).c_str(), path.nexthop, path.encap));
     }
     path.ifid = 0; // also when the forwarding table refused
     path.encap = 0;
@@ -319,8 +322,8 @@ void model_flush(plain_model &m)
 
 std::string model_line(model_key key, unsigned place, const model_path &path, std::uint32_t count)
 {
-    return text("%08x/%u #%u nexthop %08x ifid %u encap %x flags %04x count %u", key.second, key.first, place,
-                path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
+    return text("%08x/%u #%u route id %u nexthop %08x ifid %u encap %x flags %04x count %u", key.second, key.first,
+                place, path.route_id, path.nexthop, unsigned{path.ifid}, path.encap, unsigned{path.flags}, count);
 }
 
 model_path *model_combined_add(plain_model &m, const model_host &host)
@@ -392,16 +395,17 @@ std::uint32_t model_arp_remove(plain_model &m, const model_host &host)
     return 0;
 }
 
-std::uint32_t model_static_add(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t nexthop)
+std::uint32_t model_static_add(plain_model &m, const model_static &route)
 {
+    const auto &[ctx, route_id, key, nexthop] = route;
     if (is_refused(m, ctx, key, nexthop))
         return 1;
     if (!model_alloc(m)) {
         model_error(m, ctx, "rib_add_route: Failed to allocate route entry\n");
         return 1;
     }
-    join(m.rib[ctx][key], {MODEL_STATIC, nexthop, 0, 0, RIB_F_GATEWAY});
-    const model_path *host = known_host(m, ctx, nexthop);
+    join(m.rib[ctx][key], {MODEL_STATIC, nexthop, 0, 0, RIB_F_GATEWAY, route_id});
+    const model_path *host = known_host(m, route_id, nexthop);
     request(m, nexthop, ctx, host == nullptr ? 0u : host->ifid, 1);
     if (host == nullptr)
         return 0;
@@ -441,7 +445,7 @@ plain_model::plain_model(const std::vector<std::uint32_t> &contexts)
     for (const std::uint32_t ctx : contexts) {
         trees.emplace(ctx, plain_tree(ctx, &pools));
         model_path &drop = rib[ctx][{3, 0xE0000000}].emplace_back();
-        drop = {MODEL_HOST, 0, 0, 0x8001, RIB_F_MCAST_DROP};
+        drop = {MODEL_HOST, 0, 0, 0x8001, RIB_F_MCAST_DROP, ctx};
         (void)model_fib_add(*this, ctx, {3, 0xE0000000}, drop);
     }
 }

@@ -3,7 +3,7 @@
 // It takes the same remote calls and messages as the process and says what comes of them: the answer, each error line,
 // each call and message that goes out, and what RIB, forwarding table and memory hold afterwards. What the process does
 // that a reader would not expect is written down here as a rule of its own, marked "odd".
-// Always: exact while a route's route id is its context, as callers have it. Lines of other categories than the errors
+// Always: exact, also where a static route's route id names another context. Lines of other categories than the errors
 // and what is printed are not in it.
 // Elsewhere: the forwarding table of one tree (plain_trie.cpp), the messages (plain_events.cpp), what only looks
 // (plain_show.cpp), the arguments of calls (plain_calls.cpp).
@@ -29,6 +29,7 @@ struct model_path {
     std::uint16_t ifid;
     std::uint32_t encap;
     std::uint16_t flags;
+    std::uint32_t route_id; // whose tree it goes into; the context for all but static routes
 };
 
 struct model_interface {
@@ -111,7 +112,12 @@ model_path *model_combined_add(plain_model &m, const model_host &host);
 bool model_combined_remove(plain_model &m, const model_host &host, model_path *taken);
 std::uint32_t model_arp_add(plain_model &m, const model_host &host);
 std::uint32_t model_arp_remove(plain_model &m, const model_host &host);
-std::uint32_t model_static_add(plain_model &m, std::uint32_t ctx, model_key key, std::uint32_t nexthop);
+struct model_static {
+    std::uint32_t ctx, route_id;
+    model_key key;
+    std::uint32_t nexthop;
+};
+std::uint32_t model_static_add(plain_model &m, const model_static &route);
 std::uint32_t model_static_remove(plain_model &m, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t len,
                                   std::uint32_t nexthop);
 

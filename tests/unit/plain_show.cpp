@@ -31,9 +31,9 @@ bool is_listed(const model_path &path, bool fib)
     return !waits && !is_down;
 }
 
-void append(model_page &page, std::uint32_t ctx, model_key key, const model_path &path)
+void append(model_page &page, model_key key, const model_path &path)
 {
-    for (const std::uint32_t value : {key.second, key.first, path.nexthop, ctx})
+    for (const std::uint32_t value : {key.second, key.first, path.nexthop, path.route_id})
         put(page.records, value, 4);
     put(page.records, path.ifid, 2);
     put(page.records, path.flags, 2);
@@ -109,7 +109,7 @@ model_page model_list(const plain_model &m, std::uint32_t ctx, model_cursor &cur
         }
         for (const model_path &path : set)
             if (is_listed(path, fib))
-                append(page, ctx, key, path);
+                append(page, key, path);
     }
     cursor = {33, 0, 0xFFFFFFFF};
     return page;
@@ -137,10 +137,10 @@ byte_string model_fib_summary(const plain_model &m, std::uint32_t ctx)
     for (const auto &[key, set] : m.rib.at(ctx))
         for (const model_path &path : set)
             listed += is_listed(path, true) ? 1u : 0u;
-    const plain_tree &tree = m.trees.at(ctx);
     byte_string summary;
-    for (const std::uint32_t value : {plain_nodes_held(tree), plain_leaves_held(tree), tree.blocks, listed})
-        put(summary, value, 4);
+    for (const std::int32_t held : m.pools.held.at(ctx))
+        put(summary, static_cast<std::uint32_t>(held), 4);
+    put(summary, listed, 4);
     for (const std::uint32_t value : {1024u, 8u, 32u})
         put(summary, value, 2);
     return summary; // two more bytes say nothing

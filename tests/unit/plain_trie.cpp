@@ -37,10 +37,17 @@ void compact(plain_tree &tree)
         range = range->second == std::prev(range)->second ? tree.ranges.erase(range) : std::next(range);
 }
 
+void charge(plain_pools &pools, std::uint32_t ctx, plain_record kind, std::int32_t count)
+{
+    std::uint32_t *const totals[] = {&pools.nodes, &pools.leaves, &pools.blocks};
+    *totals[kind] += static_cast<std::uint32_t>(count);
+    pools.held[ctx][kind] += count;
+}
+
 // A leaf is in use while it answers, while it hangs below another, or while another hangs below it. Odd: so a prefix
 // with nothing of these left is lost without having been deleted, and one that only hangs stays though no lookup finds
 // it. A block goes down with its leaf and stays taken.
-void release_unused(plain_tree &tree)
+void release_unused(plain_tree &tree, std::uint32_t ctx)
 {
     std::set<const plain_leaf *> used;
     for (const auto &[first, leaf] : tree.ranges)
@@ -57,7 +64,7 @@ void release_unused(plain_tree &tree)
         }
         if (tree.standard == &*leaf)
             tree.standard = nullptr;
-        --tree.pools->leaves;
+        charge(*tree.pools, ctx, PLAIN_LEAF, -1);
         leaf = tree.leaves.erase(leaf);
     }
 }
@@ -84,7 +91,7 @@ void spread(plain_tree &tree, plain_leaf *leaf)
 std::uint32_t node_mask(unsigned level) { return plain_mask(8 * level); }
 
 // The nodes on the way to a prefix. False when one was lacking; odd: those made until then stay.
-bool make_nodes(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
+bool make_nodes(plain_tree &tree, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t mask)
 {
     const auto length = static_cast<unsigned>(std::popcount(mask));
     for (unsigned level = 1; 8 * level < length; ++level) {
@@ -92,7 +99,7 @@ bool make_nodes(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
             continue;
         if (tree.pools->nodes == plain_pools::NODES)
             return false;
-        ++tree.pools->nodes;
+        charge(*tree.pools, ctx, PLAIN_NODE, 1);
         tree.nodes.insert({level, prefix & node_mask(level)});
     }
     return true;
@@ -117,7 +124,7 @@ bool answers_alike(const plain_tree &tree, std::uint32_t first, std::uint32_t la
 
 // Nodes on the way to a deleted prefix and below it fold when all of their addresses have one answer, or none. Odd: an
 // insertion folds nothing, so a gap that it fills keeps its node.
-void fold_nodes(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
+void fold_nodes(plain_tree &tree, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t mask)
 {
     for (unsigned level = 3; level >= 1; --level)
         for (auto node = tree.nodes.begin(); node != tree.nodes.end();) {
@@ -126,7 +133,7 @@ void fold_nodes(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
             if (its_level == level && ((first ^ prefix) & shared) == 0 && !has_node_below(tree, level, first) &&
                 answers_alike(tree, first, first | ~node_mask(level))) {
                 node = tree.nodes.erase(node);
-                --tree.pools->nodes;
+                charge(*tree.pools, ctx, PLAIN_NODE, -1);
             } else {
                 ++node;
             }
@@ -147,13 +154,13 @@ bool is_linked(const plain_tree &tree, const plain_leaf *leaf)
 }
 
 // The trie's own result: 1, 2 or 0. The leaf is charged by the caller.
-std::uint32_t insert(plain_tree &tree, const plain_leaf &route)
+std::uint32_t insert(plain_tree &tree, std::uint32_t ctx, const plain_leaf &route)
 {
     if (plain_exact(tree, route.prefix, route.mask) != nullptr) {
         ++tree.lost_leaves; // odd: a repeat keeps its leaf
         return 2;
     }
-    if (!make_nodes(tree, route.prefix, route.mask)) {
+    if (!make_nodes(tree, ctx, route.prefix, route.mask)) {
         ++tree.lost_leaves; // odd: as above
         return 0;
     }
@@ -164,12 +171,12 @@ std::uint32_t insert(plain_tree &tree, const plain_leaf &route)
         tree.leaves.pop_back();
         ++tree.lost_leaves;
     }
-    release_unused(tree);
+    release_unused(tree, ctx);
     compact(tree);
     return 1;
 }
 
-std::uint32_t remove(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
+std::uint32_t remove(plain_tree &tree, std::uint32_t ctx, std::uint32_t prefix, std::uint32_t mask)
 {
     plain_leaf *leaf = plain_exact(tree, prefix, mask);
     if (leaf == nullptr)
@@ -189,8 +196,8 @@ std::uint32_t remove(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask)
     }
     leaf->back = nullptr;
     compact(tree);
-    fold_nodes(tree, first_address, its_mask);
-    release_unused(tree);
+    fold_nodes(tree, ctx, first_address, its_mask);
+    release_unused(tree, ctx);
     return 1;
 }
 
@@ -198,18 +205,18 @@ std::uint32_t ecmp_flag(const plain_leaf *leaf) { return leaf->adjacency >> 30 &
 
 std::string path_text(const plain_way &way) { return text("ifid %x. encap %x\n", way.ifid, way.encap & 0xFFFF); }
 
-std::uint32_t refuse(plain_tree &tree, const std::string &message)
+std::uint32_t refuse(plain_tree &tree, std::uint32_t ctx, const std::string &message)
 {
-    plain_error(*tree.pools, tree.id, message);
+    plain_error(*tree.pools, ctx, message);
     return 0;
 }
 
 std::uint32_t first_block(plain_tree &tree, plain_leaf *leaf, const plain_way &added)
 {
     if (tree.pools->blocks == plain_pools::BLOCKS)
-        return refuse(tree, text("\n Cannot allocate memory for ecmp , flags %x, ", added.flags) + path_text(added));
-    ++tree.pools->blocks;
-    ++tree.blocks;
+        return refuse(tree, added.ctx,
+                      text("\n Cannot allocate memory for ecmp , flags %x, ", added.flags) + path_text(added));
+    charge(*tree.pools, added.ctx, PLAIN_BLOCK, 1);
     leaf->has_block = true;
     leaf->block = {1, {0x92000000, ecmp_entry(added.ifid, added.encap)}};
     leaf->adjacency |= ADJ_ECMP;
@@ -219,16 +226,18 @@ std::uint32_t first_block(plain_tree &tree, plain_leaf *leaf, const plain_way &a
 std::uint32_t add_path(plain_tree &tree, plain_leaf *leaf, const plain_way &added)
 {
     if ((added.flags & MTRIE_F_ECMP) == 0)
-        return refuse(tree, text("\n ecmp_insert invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
-                                path_text(added));
+        return refuse(tree, added.ctx,
+                      text("\n ecmp_insert invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
+                          path_text(added));
     if (!leaf->has_block)
         return first_block(tree, leaf, added);
     plain_block &block = leaf->block;
     if (block.words[0] >> 31 == 0)
-        return refuse(tree, text("\n ecmp exists but invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
-                                path_text(added));
+        return refuse(tree, added.ctx,
+                      text("\n ecmp exists but invalid, flags %x, leaf flag %x, ", added.flags, ecmp_flag(leaf)) +
+                          path_text(added));
     if (block.npaths == 7)
-        return refuse(tree, text("\n ecmp full, flags %x, ", added.flags) + path_text(added));
+        return refuse(tree, added.ctx, text("\n ecmp full, flags %x, ", added.flags) + path_text(added));
     ++block.npaths; // odd: a block whose leaf lost the ECMP flag grows without giving it back
     block.words[block.npaths] = ecmp_entry(added.ifid, added.encap);
     block.words[0] = ecmp_header(ecmp_count(block.words[0]) + 1, ecmp_sequence(block.words[0]) + 1);
@@ -252,11 +261,12 @@ std::uint32_t remove_path(plain_tree &tree, plain_leaf *leaf, const plain_way &r
 {
     plain_block &block = leaf->block;
     if (block.words[0] >> 31 == 0)
-        return refuse(tree, text("\n remove ecmp but invlaid, flags %x, ", removed.flags) + path_text(removed));
+        return refuse(tree, removed.ctx,
+                      text("\n remove ecmp but invlaid, flags %x, ", removed.flags) + path_text(removed));
     block.words[0] &= 0x7FFFFFFF; // odd: an unknown path leaves the block invalid for good
     const unsigned entry = entry_of(leaf, removed);
     if (entry == 8)
-        return refuse(tree,
+        return refuse(tree, removed.ctx,
                       text("\n remove ecmp but can't locate entry, flags %x, ", removed.flags) + path_text(removed));
 
     const std::uint32_t last = block.words[block.npaths];
@@ -269,8 +279,7 @@ std::uint32_t remove_path(plain_tree &tree, plain_leaf *leaf, const plain_way &r
     if (--block.npaths == 0) {
         leaf->has_block = false;
         leaf->adjacency &= ~ADJ_ECMP;
-        --tree.pools->blocks;
-        --tree.blocks;
+        charge(*tree.pools, removed.ctx, PLAIN_BLOCK, -1);
     }
     return 1;
 }
@@ -286,8 +295,8 @@ plain_tree::plain_tree(std::uint32_t route_id, plain_pools *shared) : id(route_i
 {
     standard = &leaves.emplace_back();
     ranges[0] = standard;
-    ++pools->leaves;
-    ++pools->nodes;
+    charge(*pools, id, PLAIN_LEAF, 1);
+    charge(*pools, id, PLAIN_NODE, 1);
 }
 
 std::uint32_t plain_mask(std::uint32_t length) { return length == 0 ? 0 : 0xFFFFFFFFu << (32 - length); }
@@ -311,11 +320,6 @@ unsigned plain_levels(const plain_tree &tree, std::uint32_t address)
     return levels;
 }
 
-std::uint32_t plain_leaves_held(const plain_tree &tree)
-{
-    return static_cast<std::uint32_t>(tree.leaves.size()) + tree.lost_leaves;
-}
-
 std::uint32_t plain_nodes_held(const plain_tree &tree) { return static_cast<std::uint32_t>(tree.nodes.size()) + 1; }
 
 std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask, const plain_way &way)
@@ -325,25 +329,25 @@ std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint3
         return add_path(tree, leaf, way);
     std::uint32_t result = 0;
     if (tree.pools->leaves == plain_pools::LEAVES) {
-        plain_error(*tree.pools, tree.id, "leaf alloc fail:" + prefix_text(prefix, mask));
+        plain_error(*tree.pools, way.ctx, "leaf alloc fail:" + prefix_text(prefix, mask));
     } else {
-        ++tree.pools->leaves;
+        charge(*tree.pools, way.ctx, PLAIN_LEAF, 1);
         plain_leaf route;
         route.prefix = prefix;
         route.mask = mask;
         const std::uint32_t resolve = (way.flags & MTRIE_F_IP_RESOLVE) != 0 ? ADJ_IP_RESOLVE : 0,
                             nat = (way.flags & MTRIE_F_NAT) != 0 ? ADJ_NAT : 0;
         route.adjacency = adj_pack(resolve | nat, way.ifid, way.encap);
-        result = insert(tree, route);
+        result = insert(tree, way.ctx, route);
         if (result != 1)
-            plain_error(*tree.pools, tree.id, text("leaf insert fail(%u):", result) + prefix_text(prefix, mask));
+            plain_error(*tree.pools, way.ctx, text("leaf insert fail(%u):", result) + prefix_text(prefix, mask));
     }
     if (result != 0)
         return result;
-    plain_error(*tree.pools, tree.id,
+    plain_error(*tree.pools, way.ctx,
                 text("prefix_mgr_route_add: tree_add  FAILED w/ address and mask: %08x/%d, treeid %x\n", prefix,
                      std::popcount(mask), tree.id));
-    (void)remove(tree, prefix, mask); // odd: the clean-up finds the route that was there before
+    (void)remove(tree, way.ctx, prefix, mask); // odd: the clean-up finds the route that was there before
     return 0;
 }
 
@@ -352,21 +356,23 @@ std::uint32_t plain_route_remove(plain_tree &tree, std::uint32_t prefix, std::ui
     plain_leaf *leaf = plain_exact(tree, prefix, mask);
     if (leaf != nullptr && ecmp_flag(leaf) != 0 && leaf->has_block)
         return remove_path(tree, leaf, way);
-    if (remove(tree, prefix, mask) != 0)
+    if (remove(tree, way.ctx, prefix, mask) != 0)
         return 1;
-    return refuse(tree, text("prefix_mgr_route_remove: tree_remove  FAILED w/ address and mask: %08x/%d, treeid %x\n",
-                             prefix, std::popcount(mask), tree.id));
+    return refuse(tree, way.ctx,
+                  text("prefix_mgr_route_remove: tree_remove  FAILED w/ address and mask: %08x/%d, treeid %x\n", prefix,
+                       std::popcount(mask), tree.id));
 }
 
 std::uint32_t plain_set_default(plain_tree &tree, const plain_way &way, bool add)
 {
+    const plain_way of_tree = {way.encap, way.ifid, way.flags, tree.id}; // the route id is all that it is told
     plain_leaf *leaf = tree.standard;
     if (leaf == nullptr)
-        return refuse(tree, text("set FAILED, norvik_leaf_default is NULL for routeId %u \n", tree.id));
+        return refuse(tree, tree.id, text("set FAILED, norvik_leaf_default is NULL for routeId %u \n", tree.id));
     if (!add && ecmp_flag(leaf) != 0 && leaf->has_block)
-        return remove_path(tree, leaf, way);
+        return remove_path(tree, leaf, of_tree);
     if (add && (way.flags & MTRIE_F_ECMP) != 0 && (leaf->adjacency & 0x1FFFFFFF) != 0)
-        return add_path(tree, leaf, way);
+        return add_path(tree, leaf, of_tree);
     // Odd: the ECMP flag goes and a block stays.
     leaf->adjacency = adj_pack(leaf->adjacency & ADJ_NAT, add ? way.ifid : 0, add ? way.encap : 0);
     return 1;

@@ -7,6 +7,7 @@
 // default leaf was given back and where a pool has run out.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -33,21 +34,23 @@ struct plain_leaf {
 };
 
 // What all trees of a card share.
+enum plain_record : unsigned { PLAIN_NODE, PLAIN_LEAF, PLAIN_BLOCK };
 struct plain_pools {
     static constexpr std::uint32_t LEAVES = 1024, BLOCKS = 128, NODES = 1024;
     std::uint32_t leaves = 0, blocks = 0, nodes = 0; // in use
-    std::vector<std::string> errors;                 // lines of category 100, with their context
+    // Charged to each context, by kind of record. Odd: below 0 where another context gave back what this one took.
+    std::map<std::uint32_t, std::array<std::int32_t, 3>> held;
+    std::vector<std::string> errors; // lines of category 100, with their context
 };
 
 struct plain_tree {
-    std::uint32_t id; // route id; the lines and the pools know it as the context
+    std::uint32_t id; // route id
     plain_pools *pools;
     std::list<plain_leaf> leaves;                               // in use
     std::map<std::uint32_t, plain_leaf *> ranges;               // first address to what answers up to the next range
     std::set<std::pair<unsigned, std::uint32_t>> nodes;         // below the root: level 1 to 3, first address
     plain_leaf *standard = nullptr;                             // the default leaf; null once it was given back
     std::uint32_t lost_leaves = 0;                              // taken and never linked
-    std::uint32_t blocks = 0;                                   // taken
     explicit plain_tree(std::uint32_t id, plain_pools *shared); // takes the root node and the default leaf
     plain_tree(const plain_tree &) = delete;                    // leaves point at each other
     plain_tree(plain_tree &&) = default;
@@ -56,14 +59,14 @@ struct plain_tree {
 // A way for packets, as the RIB hands it over.
 struct plain_way {
     std::uint32_t encap, ifid, flags; // of encap the low 16 bits count
+    std::uint32_t ctx;                // whom records are charged to and given back for, and whose lines
 };
 
 std::uint32_t plain_mask(std::uint32_t length);
 const plain_leaf *plain_find(const plain_tree &tree, std::uint32_t address); // null: nothing answers
 plain_leaf *plain_exact(const plain_tree &tree, std::uint32_t prefix, std::uint32_t mask);
 unsigned plain_levels(const plain_tree &tree, std::uint32_t address); // nodes on the way, the root included
-std::uint32_t plain_leaves_held(const plain_tree &tree);              // charged to it
-std::uint32_t plain_nodes_held(const plain_tree &tree);
+std::uint32_t plain_nodes_held(const plain_tree &tree);               // the root included
 
 // Results as the process's functions have them: 0 for a failure.
 std::uint32_t plain_route_add(plain_tree &tree, std::uint32_t prefix, std::uint32_t mask, const plain_way &way);

@@ -3,7 +3,8 @@
 //
 // The model follows every run exactly: also where prefixes are wholly covered by longer ones, where a /0 host takes the
 // default leaf's place, and up to and beyond the last leaf, node and ECMP block.
-// Always: the seed is fixed and stands in every failure line. Route ids equal contexts, as callers have them.
+// Always: the seed is fixed and stands in every failure line. Route ids equal contexts, as callers have them, but for
+// the run that is about those that do not.
 // Elsewhere: how a step is drawn (random_run.cpp) and compared (random_compare.cpp); the same at length (./dev soak).
 #include <algorithm>
 #include <cstdio>
@@ -43,6 +44,21 @@ TEST_P(random_routes, of_prefixes_that_cover_each_other_leave_the_card_as_the_pl
 {
     random_run run(GetParam() + 1000, run_kind::COVERING, 2);
     take_steps(run, 120);
+}
+
+TEST_P(random_routes, whose_route_ids_name_other_contexts_leave_the_card_as_the_plain_model_says)
+{
+    random_run run(GetParam() + 7000, run_kind::FOREIGN, 2);
+    unsigned foreign = 0; // looks at which a tree held another context's route
+    for (unsigned i = 0; i < 16; ++i) {
+        ASSERT_NO_FATAL_FAILURE(take_steps(run, 10));
+        for (const auto &[ctx, table] : run.model.rib)
+            for (const auto &[key, paths] : table)
+                foreign += std::any_of(paths.begin(), paths.end(), [c = ctx](const model_path &path) {
+                    return path.route_id != c && (path.flags & RIB_F_IN_MTRIE) != 0;
+                });
+    }
+    EXPECT_GE(foreign, 5u) << "the run programmed no route in another context's tree";
 }
 
 TEST_P(random_routes, of_few_prefixes_with_many_paths_leave_the_card_as_the_plain_model_says)

@@ -102,7 +102,7 @@ prefix any_prefix(random_run &run)
         return one_of(run, APART);
     if (run.kind == run_kind::CROWDED)
         return one_of(run, CROWDED);
-    if (run.kind == run_kind::COVERING || !run.one_in(3))
+    if (run.kind == run_kind::COVERING || run.kind == run_kind::FOREIGN || !run.one_in(3))
         return one_of(run, COVERING);
     const std::uint32_t len = 9 + run.below(24);
     return {far_address(run) & plain_mask(len), len};
@@ -163,7 +163,8 @@ std::vector<std::uint32_t> static_args(random_run &run, bool add)
                                   : run.one_in(10) ? one_of(run, INTERFACE_ADDRESSES)
                                                    : any_host(run);
     // A removal does not look at its route id.
-    return {ctx, add ? ctx : any_context(run), route.addr | host_bits, mask, nexthop};
+    const bool own_tree = add && (run.kind != run_kind::FOREIGN || run.one_in(2));
+    return {ctx, own_tree ? ctx : any_context(run), route.addr | host_bits, mask, nexthop};
 }
 
 std::vector<std::uint32_t> pool_args(random_run &run)

@@ -23,8 +23,9 @@ enum class run_kind : unsigned {
     COVERING, // they cover each other
     WIDE,     // hosts all over the place, until the nodes are used up
     CROWDED,  // few, with more paths than a set takes
+    FOREIGN,  // as COVERING, and many a static route goes into another context's tree
 };
-constexpr unsigned RUN_KINDS = 4;
+constexpr unsigned RUN_KINDS = 5;
 
 struct random_step {
     bool is_call = true; // else a message

@@ -30,7 +30,7 @@ struct random_trie {
     const std::uint32_t seed;
     const trie_kind kind;
     fake_card card{2};
-    plain_pools pools{256, 0, 256, {}}; // all trees' roots and default leaves
+    plain_pools pools{256, 0, 256, {}, {}}; // all trees' roots and default leaves
     std::deque<plain_tree> trees;
     std::uint32_t most_nodes = 0; // in use after a step
 
