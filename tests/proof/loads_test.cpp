@@ -10,7 +10,9 @@
 // blocks are followed lane by lane, and one lane must have been led to the answer. No other implementation may make a
 // load that the machine does not ask for.
 #include <algorithm>
+#include <array>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -61,14 +63,16 @@ struct seen_ways {
 
 bool asks_for(const walker &machine, std::uint32_t index) { return !machine.ended() && machine.index == index; }
 
-// One address: the machine, as far as the loads have led it.
+// One address: the machine, as far as the loads have led it. It hears of them in a handler of signals, so it takes its
+// memory before.
 struct follower {
     walk_key key{};
     std::uint32_t hash = 0;
     bool forwards = false;
     walker at;
-    std::map<unsigned, walker> lanes;      // from the pointer on
-    std::vector<std::uint32_t> loads = {}; // indexes
+    std::array<std::optional<walker>, NO_LANE + 1> lanes; // from the pointer on
+    std::vector<std::uint32_t> loads = {};                // indexes
+    std::vector<walker> next = {};                        // of a step
 
     void start(const walk_key &of, std::uint32_t with_hash, bool chooses)
     {
@@ -77,11 +81,13 @@ struct follower {
         hash = with_hash;
         forwards = chooses;
         at = walk_start(key);
+        loads.reserve(200);
+        next.reserve(ECMP_WORDS);
     }
-    void step(walker &machine, std::uint32_t word, seen_ways &seen) const
+    void step(walker &machine, std::uint32_t word, seen_ways &seen)
     {
         const walker before = machine;
-        std::vector<walker> next;
+        next.clear();
         walk_step(key, HW_IXP_BASE, before, word, next);
         // Behind a valid header follow the ways of all hashes, path 0 first.
         machine = next[next.size() == 1 ? 0 : hash % (ecmp_count(word) + 1)];
@@ -107,7 +113,7 @@ struct follower {
         if (at.stage == WALK_DONE)
             return word == at.own && path == at.path;
         return std::any_of(lanes.begin(), lanes.end(), [&](const auto &lane) {
-            return lane.second.stage == WALK_DONE && lane.second.own == word && lane.second.path == path;
+            return lane.has_value() && lane->stage == WALK_DONE && lane->own == word && lane->path == path;
         });
     }
 };
@@ -217,7 +223,9 @@ struct loads : testing::Test {
             pass_root(asked, f);
             return;
         }
-        walker &machine = f.lanes.try_emplace(lane, f.at).first->second;
+        if (!f.lanes[lane].has_value())
+            f.lanes[lane] = f.at;
+        walker &machine = *f.lanes[lane];
         if (asks_for(machine, index))
             return f.step(machine, trace.words[index], seen);
         EXPECT_TRUE(may_read_on) << "not the next load: " << description(asked, f);
@@ -269,7 +277,7 @@ struct loads : testing::Test {
     }
     void expect_all_ways(bool changed) const
     {
-        EXPECT_GT(seen.answered_in_walk[1], 500u);
+        EXPECT_GT(seen.answered_in_walk[1], 300u);
         for (unsigned walk = 2; walk <= WALKS; ++walk)
             EXPECT_GE(seen.answered_in_walk[walk], changed ? 5u : 0u) << "walk " << walk;
         for (const unsigned often : {seen.missed, seen.null_pointer, seen.invalid, seen.own_path, seen.other_path})
@@ -287,7 +295,7 @@ TEST_P(loads_of, a_table_at_rest_are_those_of_the_walk_taken_apart)
 {
     if (!ixp_implementation_runs(GetParam()))
         GTEST_SKIP() << "not on this processor";
-    ask_everything(GetParam(), 3, false);
+    ask_everything(GetParam(), 2, false);
     expect_all_ways(false);
 }
 
@@ -295,7 +303,7 @@ TEST_P(loads_of, a_table_that_changes_between_them_are_those_of_the_walk_taken_a
 {
     if (!ixp_implementation_runs(GetParam()))
         GTEST_SKIP() << "not on this processor";
-    ask_everything(GetParam(), 6, true);
+    ask_everything(GetParam(), 4, true);
     expect_all_ways(true);
 }
 
