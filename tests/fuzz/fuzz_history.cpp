@@ -17,9 +17,9 @@
 #include <unistd.h>
 
 #include "card_view/history_view.h"
-#include "execute.h"
 #include "fuzz_input.h"
 #include "output.h"
+#include "run.h"
 
 namespace
 {

@@ -39,7 +39,7 @@ expect 1 'miss' "$ixp" lookup 11.1.2.3
 expect 1 'miss' "$ixp" -t 7 lookup 10.1.2.3
 expect 0 '"interface":6' "$ixp" --json lookup 10.1.2.3
 expect 2 'not an address' "$ixp" lookup 10.1.2
-expect 2 'No such file' "$ixp" -m ixp2 lookup 10.1.2.3
+expect 2 'no route manager has run' "$ixp" -m ixp2 lookup 10.1.2.3
 expect 2 'ixp: .*subcommand' "$ixp"
 expect 2 'ixp: --tree' "$ixp" -t 256 lookup 10.1.2.3
 expect 0 '^ixp [0-9.]+$' "$ixp" --version

@@ -25,8 +25,8 @@
 #include <unistd.h>
 
 #include "card_look.h"
+#include "card_view/mapped_file.h"
 #include "daemon.h"
-#include "ixp_memory.h"
 #include "random_changes.h"
 #include "route_table.h"
 #include "side_changes.h"
@@ -89,10 +89,12 @@ struct reader_process {
             return;
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         stay_on(processors() - 1);
-        const ixp_memory memory(card.at(MEMORIES[number]), HW_IXP_BASE);
-        if (!memory.error.empty())
+        std::string why;
+        const mapped_file memory = mapped_file_open(card.at(MEMORIES[number]), HW_TABLE_BYTES, &why);
+        if (!memory.is_open())
             ::_exit(3);
-        window_read(shared.board, memory.table, number + 1, shared.tallies[number]);
+        window_read(shared.board, {static_cast<const std::uint32_t *>(memory.bytes), HW_IXP_BASE}, number + 1,
+                    shared.tallies[number]);
         ::_exit(0);
     }
     ~reader_process()

@@ -4,7 +4,10 @@
 // makes the walk faulty, so a change of the procedure's texts cannot be misread.
 #include "hw_walk.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 namespace
 {
@@ -80,27 +83,34 @@ struct dump_state {
     hw_walk *walk;
     hw_path own = {1, std::nullopt, 0};
     bool is_over = false; // a line that ends the search was there
+    const char *line = "";
+    int used = 0; // bytes of it that a format fitted
 };
 
-using dump_line = bool (*)(dump_state &state, const char *line);
+// Whether `format`, which ends with %n for `used`, fits the whole line with `count` numbers.
+[[gnu::format(scanf, 2, 4)]] bool fits(dump_state &state, const char *format, int count, ...)
+{
+    state.used = 0;
+    va_list args;
+    va_start(args, count);
+    const bool is_fit = std::vsscanf(state.line, format, args) == count;
+    va_end(args);
+    return is_fit && state.used > 0 && state.line[state.used] == '\0';
+}
 
-// Whether `used` is the end of the line: a format that stops early has not fitted it.
-bool is_whole(const char *line, int used) { return used > 0 && line[used] == '\0'; }
-
-bool level_line(dump_state &state, const char *line)
+bool level_line(dump_state &state)
 {
     unsigned level = 0, index = 0;
-    int used = -1;
-    if (std::sscanf(line, "\n level %u Mnode found, next_index=%u.\n%n", &level, &index, &used) != 2 ||
-        !is_whole(line, used) || level != state.walk->steps.size() || index > 255)
+    if (!fits(state, "\n level %u Mnode found, next_index=%u.\n%n", 2, &level, &index, &state.used) ||
+        level != state.walk->steps.size() || index > 255)
         return false;
     state.walk->steps.push_back({level, index, std::nullopt, std::nullopt});
     return true;
 }
 
-bool end_line(dump_state &state, const char *line)
+bool end_line(dump_state &state)
 {
-    const std::string_view text = line;
+    const std::string_view text = state.line;
     const bool is_null = text == "\nSearch terminating unsuccessfully. Null leaf.\n";
     if (!is_null && text != "\nSearch terminating successfully, Leaf found.\n")
         return false;
@@ -110,12 +120,10 @@ bool end_line(dump_state &state, const char *line)
     return true;
 }
 
-bool flags_line(dump_state &state, const char *line)
+bool flags_line(dump_state &state)
 {
     unsigned resolve = 0, ecmp = 0, nat = 0;
-    int used = -1;
-    if (std::sscanf(line, "\nip resolve flag %x, ecmp flag %x, nat flag %x\n%n", &resolve, &ecmp, &nat, &used) != 3 ||
-        !is_whole(line, used))
+    if (!fits(state, "\nip resolve flag %x, ecmp flag %x, nat flag %x\n%n", 3, &resolve, &ecmp, &nat, &state.used))
         return false;
     state.walk->has_leaf = true;
     state.walk->ip_resolve = resolve != 0;
@@ -124,28 +132,24 @@ bool flags_line(dump_state &state, const char *line)
     return true;
 }
 
-bool nat_line(dump_state &state, const char *line)
+bool nat_line(dump_state &state)
 {
-    int used = -1;
-    return std::sscanf(line, "\nNAT result,  IXP value %u\n%n", &state.own.encap, &used) == 1 && is_whole(line, used);
+    return fits(state, "\nNAT result,  IXP value %u\n%n", 1, &state.own.encap, &state.used);
 }
 
-bool result_line(dump_state &state, const char *line)
+bool result_line(dump_state &state)
 {
     unsigned ifid = 0;
-    int used = -1;
-    if (std::sscanf(line, "\nRoute/ECMP result #1 encaps id %u if_id %x \n%n", &state.own.encap, &ifid, &used) != 2 ||
-        !is_whole(line, used))
+    if (!fits(state, "\nRoute/ECMP result #1 encaps id %u if_id %x \n%n", 2, &state.own.encap, &ifid, &state.used))
         return false;
     state.own.ifid = ifid;
     return true;
 }
 
-bool block_line(dump_state &state, const char *line)
+bool block_line(dump_state &state)
 {
     unsigned copy = 0, address = 0;
-    int used = -1;
-    if (std::sscanf(line, "\n ixp %u  ecmp node 0x%x found.\n%n", &copy, &address, &used) != 2 || !is_whole(line, used))
+    if (!fits(state, "\n ixp %u  ecmp node 0x%x found.\n%n", 2, &copy, &address, &state.used))
         return false;
     state.walk->block = hw_block{std::nullopt, address, false, 0, 0, {}};
     if (address == 0)
@@ -153,42 +157,30 @@ bool block_line(dump_state &state, const char *line)
     return true;
 }
 
-bool header_line(dump_state &state, const char *line)
+bool header_line(dump_state &state)
 {
-    unsigned valid = 0, count = 0, sequence = 0;
-    int used = -1;
-    if (!state.walk->block ||
-        std::sscanf(line, "\n valid %x, count %u, seq %u, \n%n", &valid, &count, &sequence, &used) != 3 ||
-        !is_whole(line, used))
+    unsigned valid = 0;
+    hw_block *const block = state.walk->block ? &*state.walk->block : nullptr;
+    if (block == nullptr ||
+        !fits(state, "\n valid %x, count %u, seq %u, \n%n", 3, &valid, &block->count, &block->sequence, &state.used))
         return false;
-    state.walk->block->valid = valid != 0;
-    state.walk->block->count = count;
-    state.walk->block->sequence = sequence;
+    block->valid = valid != 0;
     return true;
 }
 
-bool entry_line(dump_state &state, const char *line)
+bool entry_line(dump_state &state)
 {
     unsigned number = 0, encap = 0, ifid = 0;
-    int used = -1;
     if (!state.walk->block ||
-        std::sscanf(line, "\n ECMP result #%u  encaps id %u if_id %x \n%n", &number, &encap, &ifid, &used) != 3 ||
-        !is_whole(line, used))
+        !fits(state, "\n ECMP result #%u  encaps id %u if_id %x \n%n", 3, &number, &encap, &ifid, &state.used))
         return false;
     state.walk->block->entries.push_back({number, ifid, encap});
     return true;
 }
 
+using dump_line = bool (*)(dump_state &state);
 constexpr dump_line DUMP_LINES[] = {level_line,  end_line,   flags_line,  nat_line,
                                     result_line, block_line, header_line, entry_line};
-
-bool take_line(dump_state &state, const std::string &line)
-{
-    for (const dump_line take : DUMP_LINES)
-        if (take(state, line.c_str()))
-            return true;
-    return false;
-}
 } // namespace
 
 hw_walk hw_walk_from_dump(std::string_view text, table_copy copy, std::uint32_t ctx, std::uint32_t address)
@@ -198,7 +190,8 @@ hw_walk hw_walk_from_dump(std::string_view text, table_copy copy, std::uint32_t 
     for (std::size_t at = 0; at < text.size(); at += HW_DUMP_LINE_BYTES) {
         std::string line(text.substr(at, HW_DUMP_LINE_BYTES));
         line.resize(line.find('\0') == std::string::npos ? line.size() : line.find('\0'));
-        if (!take_line(state, line)) {
+        state.line = line.c_str();
+        if (std::none_of(std::begin(DUMP_LINES), std::end(DUMP_LINES), [&](dump_line take) { return take(state); })) {
             walk.fault = "the dump holds a line that is none of a walk";
             return walk;
         }

@@ -8,7 +8,7 @@
 
 #include "card_files.h"
 #include "card_tool/tool_app.h"
-#include "ixp_memory.h"
+#include "card_view/mapped_file.h"
 #include "ixp_tool.h"
 #include "route_table.h"
 
@@ -37,12 +37,13 @@ int run(const ixp_options &options, mode chosen)
         std::fprintf(stderr, "ixp: %s: no such implementation on this machine\n", options.implementation.c_str());
         return TOOL_USAGE;
     }
-    const ixp_memory memory(memory_path(options), base_of(options));
-    if (!memory.error.empty()) {
-        std::fprintf(stderr, "ixp: %s\n", memory.error.c_str());
+    std::string why;
+    const mapped_file memory = mapped_file_open(memory_path(options), HW_TABLE_BYTES, &why);
+    if (!memory.is_open()) {
+        std::fprintf(stderr, "ixp: %s\n", why.c_str());
         return TOOL_USAGE;
     }
-    return chosen(options, memory.table, implementation);
+    return chosen(options, {static_cast<const std::uint32_t *>(memory.bytes), base_of(options)}, implementation);
 }
 
 void shared_options(CLI::App &app, ixp_options &options)

@@ -9,8 +9,8 @@
 //     more the header. A null pointer, an invalid header and one that has changed leave path 0: the leaf's own word.
 //   - A word that leads out of the table is taken for its last word, so that no memory lets a reader leave the table.
 // Three implementations do the same: one address after the other; a batch, portable, with the loads of all its
-// addresses in flight; and eight addresses a gather. Their answers are alike, word for word. Elsewhere: mapping a
-// card's memory (ixp_memory.h), the numbers of the format (hw_table.h, mtrie_records.h).
+// addresses in flight; and eight addresses a gather. Their answers are alike, word for word.
+// Elsewhere: the walk of one address (ixp_walk.h), the numbers of the format (route_table.h).
 #pragma once
 
 #include <cstddef>

@@ -4,8 +4,6 @@
 // the order of the lines. So when a line is refused, lines behind it are on their way already: they are carried out
 // too, and the answer says up to which. Any other command waits for all before it.
 // A route manager that is not there ends the batch whatever the options say: every further line would fail alike.
-#include "batch.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -19,10 +17,10 @@
 #include <unistd.h>
 
 #include "card_tool/shown_text.h"
-#include "execute.h"
 #include "grammar.h"
 #include "output.h"
 #include "refusal.h"
+#include "run.h"
 
 namespace
 {

@@ -6,18 +6,13 @@
 #include <string>
 #include <vector>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include "batch.h"
-#include "card_dir.h"
-#include "card_files.h"
 #include "card_tool/tool_app.h"
-#include "execute.h"
 #include "grammar.h"
 #include "options.h"
 #include "output.h"
-#include "prompt.h"
+#include "run.h"
 
 namespace
 {
@@ -32,19 +27,6 @@ int print_completions(std::vector<std::string> words)
     return ROUTECTL_DONE;
 }
 
-// The card directory has to be there: nothing that could answer meets in one that this program would make.
-std::string card_missing(const routectl_options &options)
-{
-    if (!options.card.empty())
-        (void)setenv(CARD_DIR_VARIABLE, options.card.c_str(), 1);
-    const char *const given = std::getenv(CARD_DIR_VARIABLE);
-    const std::string path = given != nullptr && *given != 0 ? given : CARD_DIR_DEFAULT;
-    struct stat st = {};
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return path + ": there is no card directory (-c or CARD_DIR names another; the route manager makes it)";
-    return card_dir_path().empty() ? path + ": the card directory is refused" : "";
-}
-
 int end_with(const routectl_options &options, const std::string &command, const routectl_answer &answer)
 {
     output_answer(options, command, answer);
@@ -54,12 +36,14 @@ int end_with(const routectl_options &options, const std::string &command, const 
 int run(const routectl_options &options, const std::vector<std::string> &words)
 {
     routectl_session session;
-    if (!options.batch.empty())
-        return end_with(options, "batch", batch_run(options, session));
-    if (words.empty())
-        return prompt_run(options, session);
-    const executed_command ended = execute_words(options, session, words);
-    return end_with(options, ended.command, ended.answer);
+    if (!words.empty()) {
+        const executed_command ended = execute_words(options, session, words);
+        return end_with(options, ended.command, ended.answer);
+    }
+    if (const std::string missing = card_missing(options); !missing.empty())
+        return end_with(options, "", routectl_error(ROUTECTL_UNREACHABLE, missing));
+    return options.batch.empty() ? prompt_run(options, session)
+                                 : end_with(options, "batch", batch_run(options, session));
 }
 
 bool is_terminal() { return isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0; }
@@ -86,11 +70,5 @@ int main(int argc, char **argv)
         wrong = "no command; -b - reads commands from standard input, help lists them";
     if (!wrong.empty())
         return end_with(options, "", routectl_error(ROUTECTL_USAGE, wrong));
-    // What is not understood is said before what is missing.
-    const grammar_result parsed = words.empty() ? grammar_result{} : grammar_parse(words);
-    if (words.empty() || parsed.command != nullptr)
-        if (const std::string missing = card_missing(options); !missing.empty())
-            return end_with(options, parsed.command == nullptr ? "" : parsed.command->words,
-                            routectl_error(ROUTECTL_UNREACHABLE, missing));
     return run(options, words);
 }

@@ -1,6 +1,4 @@
 // prompt.cpp - the prompt: editing, history and completion by the table of commands.
-#include "prompt.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -12,10 +10,10 @@
 #include <histedit.h>
 #include <sys/stat.h>
 
-#include "execute.h"
 #include "grammar.h"
 #include "options.h"
 #include "output.h"
+#include "run.h"
 
 namespace
 {
