@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "daemon.h"
 #include "tables.h"
@@ -262,6 +265,26 @@ INSTANTIATE_TEST_SUITE_P(signals, daemon_end, testing::Values(SIGINT, SIGHUP, SI
                          [](const testing::TestParamInfo<int> &tested) {
                              return tested.param == SIGINT ? "SIGINT" : tested.param == SIGHUP ? "SIGHUP" : "SIGQUIT";
                          });
+
+TEST(daemon_output, that_nobody_reads_any_more_ends_the_daemon_without_a_clean_up)
+{
+    (void)::signal(SIGPIPE, SIG_DFL); // as the daemon inherits it
+    const card_dir card;
+    ASSERT_EQ(::mkfifo(card.at("first.out").c_str(), 0600), 0);
+    const int reader = ::open(card.at("first.out").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(::fcntl(reader, F_SETPIPE_SZ, 1 << 20), 0) << "room for the trace of a start";
+    daemon_process daemon(card);
+    ASSERT_EQ(daemon_notification(daemon), "READY=1") << file_text(daemon.err);
+    {
+        const rpc_client caller(card);
+        ::close(reader);
+        rpc_send(caller.fd, rpc_record(1, call_pool_add(IP(10, 8, 0, 16), 8))); // which is traced
+        EXPECT_EQ(daemon_exit_status(daemon), 1000 + SIGPIPE);
+    }
+    EXPECT_TRUE(path_exists(card.at("rpc/names/rib_add_route"))) << "the clean-up would have taken it";
+    const daemon_process again(card, "again");
+    EXPECT_EQ(daemon_notification(again), "READY=1") << file_text(again.err);
+}
 
 TEST(daemon_restart, after_a_crash_serves_again_with_fresh_tables_and_the_history_goes_on)
 {

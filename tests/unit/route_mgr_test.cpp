@@ -472,6 +472,37 @@ TEST(route_mgr, a_signal_cleans_up_twice_and_exits_with_1)
     }
 }
 
+TEST(route_mgr, another_signal_in_any_call_of_the_clean_up_begins_it_anew_and_the_status_stays_1)
+{
+    const std::size_t calls = cleanup_calls("", "", "", "").size();
+    for (std::size_t at = 0; at < 2 * calls; ++at) { // of the handler's clean-up, and of the one at exit
+        fake_card card;
+        bool has_begun = false;
+        std::size_t made = 0;
+        const auto raise_at = [&] {
+            const std::string &entry = the_card().calls.back();
+            has_begun = has_begun || begins(entry, CLEANUP_BEGINS);
+            if (has_begun && !begins(entry, "log ") && made++ == at)
+                raise(SIGHUP);
+        };
+        const fake_child_result child = run_process({{FIRST_POLL, [] { raise(SIGINT); }}, {"", raise_at}});
+        EXPECT_TRUE(exited_with(child.status, 1)) << "call " << at << " status " << child.status;
+        const strings cleaned = without(cleanup_part(child.calls), "log ");
+        ASSERT_GE(cleaned.size(), at + 1 + calls) << "call " << at;
+        EXPECT_TRUE(begins(cleaned[at + 1], CLEANUP_BEGINS)) << "call " << at << " goes on with " << cleaned[at + 1];
+        EXPECT_EQ(cleaned.back(), "syscall_close 0");
+    }
+}
+
+TEST(route_mgr, the_same_signal_in_the_clean_up_waits_for_ever)
+{
+    fake_card card;
+    const fake_child_result child =
+        run_process({{FIRST_POLL, [] { raise(SIGINT); }}, {"fb_adj_cleanup", [] { raise(SIGINT); }}});
+    EXPECT_TRUE(exited_with(child.status, 1)) << child.status;
+    EXPECT_EQ(without(cleanup_part(child.calls), "log ").size(), 2 * cleanup_calls("", "", "", "").size());
+}
+
 TEST(route_mgr, clean_up_frees_the_multicast_entries)
 {
     fake_card card;
