@@ -245,6 +245,45 @@ TEST(routectl_doctor, a_static_route_in_front_of_its_loss_is_warned_of_and_after
     EXPECT_EQ(found.count("stray-leaf 3 10.1.0.9/32"), 1u) << "its path goes on forwarding";
 }
 
+TEST(routectl_doctor, entries_that_a_removal_by_next_hop_0_took_are_stray_leaves)
+{
+    const sick_card card;
+    card.play(std::string(HOST) + "nat add 198.51.100.16 count 16 if 5 ixp 7 ctx 3\n" +
+              "route del 10.1.0.1/32 via 0.0.0.0 ctx 3\nroute del 198.51.100.16/28 via 0.0.0.0 ctx 3\n" +
+              "route del 10.1.0.9/32 via 10.1.0.1 ctx 3\n");
+    EXPECT_EQ(card.findings(), (words{"interface-missing 3 interface 5", "stray-leaf 3 10.1.0.1/32",
+                                      "stray-leaf 3 10.1.0.9/32", "stray-leaf 3 198.51.100.16/28"}));
+    card.play(HOST);
+    EXPECT_EQ(card.findings().count("stray-leaf 3 10.1.0.9/32"), 0u);
+    EXPECT_EQ(card.findings().count("leaves-lost 3"), 1u) << "the price of its report";
+}
+
+TEST(routectl_doctor, a_host_as_the_ninth_path_is_of_several_kinds_with_routes_in_no_table)
+{
+    const sick_card card;
+    std::string lines;
+    for (unsigned i = 21; i < 29; ++i)
+        lines += "route add 10.1.0.9/32 via 10.1.0." + std::to_string(i) + " ctx 3\n";
+    card.play(lines + HOST + "route add 10.1.0.9/32 via 10.1.0.29 ctx 3\n");
+    EXPECT_EQ(card.findings(), (words{"kinds-mixed 3 10.1.0.9/32", "statics-unlisted"}));
+    EXPECT_EQ(card.ask().at("findings")[0].at("what").get<std::string>().substr(0, 1), "9");
+}
+
+TEST(routectl_doctor, a_host_that_found_no_leaf_is_listed_and_not_in_the_tables)
+{
+    const sick_card card;
+    std::string lines;
+    for (unsigned i = 0; i < 510; ++i)
+        lines += HOST; // the last but one takes the host away, the last takes the leaf that it gave back
+    card.play(lines);
+    EXPECT_EQ(card.findings(), (words{"install-refused", "leaves-lost 3", "pool-full leaves"}));
+    card.play("route add 10.1.0.50/32 via 10.1.0.77 ctx 3\narp add 10.1.0.50 if 5 encap 0x5050 ctx 3\n");
+    EXPECT_EQ(card.findings(), (words{"install-refused", "kinds-mixed 3 10.1.0.50/32", "leaves-lost 3",
+                                      "not-in-tables 3 10.1.0.50/32", "pool-full leaves", "statics-unlisted"}));
+    card.play("route del 10.1.0.50/32 via 10.1.0.77 ctx 3\narp del 10.1.0.50 ctx 3\n");
+    EXPECT_EQ(card.findings(), (words{"install-refused", "leaves-lost 3", "pool-full leaves"})) << "mended";
+}
+
 TEST(routectl_doctor, a_static_route_that_waits_is_counted)
 {
     const sick_card card;

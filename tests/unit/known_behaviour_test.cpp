@@ -169,6 +169,62 @@ TEST(known_behaviour, a_host_at_the_address_of_an_interface_cannot_be_removed)
     EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "rib_remove_host_route, wrong entry").size(), 1u);
 }
 
+TEST(known_behaviour, a_removal_by_next_hop_0_or_by_an_interfaces_address_takes_any_entry_and_leaves_its_leaf)
+{
+    served_card card;
+    EXPECT_EQ(deliver(MTS_OPC_NORVIK_IF_UP, state_payload({.mask = MASK16})), 0);
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    ASSERT_EQ(add_pool(card, NET, 16), 0u);
+    const unsigned before = entries_of(CTX);
+    EXPECT_EQ(remove_route(card, IF_ADDR, MASK32, 0), 0u);
+    EXPECT_EQ(remove_route(card, NET, 0xFFFFFFF0, 0), 0u);
+    EXPECT_EQ(remove_route(card, GATEWAY, MASK32, IF_ADDR), 0u);
+    EXPECT_EQ(entries_of(CTX), before - 3);
+    EXPECT_EQ(adjacency(card, IF_ADDR), adj_pack(0, IFID, 0x8001));
+    EXPECT_EQ(adjacency(card, NET), adj_pack(ADJ_NAT, IFID, ENCAP));
+    EXPECT_EQ(adjacency(card, GATEWAY), adj_pack(0, IFID, ENCAP));
+    EXPECT_EQ(forget_host(card, GATEWAY), 1u);
+    const std::uint32_t left = free_leaves();
+    EXPECT_EQ(learn(card, GATEWAY), 0u) << "a report brings it back";
+    EXPECT_EQ(free_leaves(), left - 1) << "and costs a leaf";
+}
+
+TEST(known_behaviour, a_set_that_a_host_joined_as_the_ninth_path_takes_static_routes_without_a_limit)
+{
+    served_card card;
+    for (std::uint32_t i = 0; i < 8; ++i)
+        ASSERT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY + i), 0u);
+    EXPECT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY + 8), 1u);
+    ASSERT_EQ(learn(card, GATEWAY), 0u);
+    for (std::uint32_t i = 8; i < 40; ++i)
+        ASSERT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY + i), 0u) << i;
+    EXPECT_EQ(gateways(CTX, GATEWAY, 32).size(), 41u);
+    EXPECT_EQ(card.call("rib_max_ecmp_route", {CTX, CTX, GATEWAY, MASK32}).result, 0u);
+
+    for (std::uint32_t i = 0; i < 10; ++i)
+        ASSERT_EQ(learn(card, ANY_GATEWAY + i), 0u);
+    EXPECT_EQ(np_find(card, 1, CTX, GATEWAY).ecmp[0], ecmp_header(7, 7)) << "eight paths in the tables";
+    EXPECT_EQ(card.with(ROUTE_DBG_ERRORS, "ecmp full").size(), 3u) << "the host and ten routes, less eight";
+    EXPECT_EQ(card.call(call_route_add(GATEWAY, MASK32, ANY_GATEWAY + 9)).result, 1u) << "a duplicate: it waits";
+    ASSERT_EQ(learn(card, IP(10, 1, 0, 77)), 0u);
+    EXPECT_EQ(add_route(card, GATEWAY, MASK32, IP(10, 1, 0, 77)), 1u) << "refused while its gateway is known";
+}
+
+TEST(known_behaviour, a_host_that_found_no_leaf_stays_listed_beside_a_route_that_waits)
+{
+    served_card card;
+    while (free_leaves() > 0)
+        ASSERT_NE(mtrie_leaf_alloc_pool(CTX), nullptr);
+    ASSERT_EQ(add_route(card, GATEWAY, MASK32, ANY_GATEWAY), 0u);
+    EXPECT_EQ(learn(card, GATEWAY), 1u);
+    EXPECT_EQ(card.call("show_fib_print", {CTX, 0, 0, 0, 0}).result, 1u) << "listed";
+    EXPECT_EQ(adjacency(card, GATEWAY), 0u) << "and in no table";
+    EXPECT_EQ(forget_host(card, GATEWAY), 1u);
+    ASSERT_EQ(remove_route(card, GATEWAY, MASK32, ANY_GATEWAY), 0u);
+    EXPECT_EQ(forget_host(card, GATEWAY), 0u);
+    EXPECT_EQ(entries_of(CTX), 0u);
+}
+
 TEST(known_behaviour, a_route_of_another_context_in_the_same_tree_spoils_a_set_when_it_is_removed)
 {
     served_card card;
