@@ -1,7 +1,8 @@
 // sdwrap_history.cpp - the event history: a ring in a mapped file, so that it can be read after a crash.
 //
-// A reader loads `tail` and `head` and walks the records between them, at any moment and also when the writer died in
-// the middle of a record. So the writer first makes room (tail moves), then writes the record, and then moves head.
+// A reader loads `tail` and `head` and copies the records between them, at any moment and also when the writer died in
+// the middle of a record. Then it loads tail again: what lies below it may have been overwritten while it was copied.
+// So the writer first makes room (tail moves), then writes the record, and then moves head.
 // A signal may stop the process at any instruction of that; its handler writes records too and then ends the process.
 // They begin at head, which one store moves behind a record's last byte; one that was stopped before it is overwritten.
 // Always: tail and head are multiples of 8, head - tail <= capacity, and the records between them fill it exactly. The

@@ -90,7 +90,8 @@ template <unsigned Ixps> void fill_words_ixp(card_addr to, std::uint32_t word, s
 template <unsigned Ixps> constexpr mtrie_hw_writers WRITERS = {
     copy_pairs<Ixps>, copy_words<Ixps>, fill_pairs_wired, fill_words_wired, fill_pairs_ixp<Ixps>, fill_words_ixp<Ixps>};
 
-// A card without processors has no writers, and nothing is written: no tree gets a root, no route is ever installed.
+// With any number of processors but one and two there are no writers, and nothing is written. No tree gets a root then,
+// so the start-up ends at its first route.
 bool has_writers() { return mtrie_hw_ops.fill_words_wired != nullptr; }
 
 // Writes `count` words from byte `at` of the table on: the address of the slot at `offset`, in each copy's form, with

@@ -10,8 +10,10 @@
 [[nodiscard]] route_entry *rib_remove_host_route(std::uint16_t obj, std::uint32_t ctx, std::uint32_t addr,
                                                  std::uint32_t len); // unlinked, not freed; FIB untouched
 
-// Adds a host route to the RIB and to the forwarding table. Returns the entry (new or refreshed), or null with neither
-// table changed, except that a refreshed entry is removed.
+// Adds a host route to the RIB and to the forwarding table. Returns the entry, new or refreshed, or null. After a
+// refusal of the forwarding table the prefix's chain entry is removed, if it is one of the object's: the new entry
+// mostly, or the refreshed one. A new entry that joined a set of another kind stays, a member in no table. Nodes and
+// the leaf that the forwarding table had taken stay taken; a refreshed entry for which it had no leaf loses its own.
 [[nodiscard]] route_entry *route_add_rib_and_mtrie_entry(std::uint16_t flag_bits, std::uint16_t encap_id,
                                                          std::uint16_t obj, std::uint32_t addr, std::uint32_t len,
                                                          std::uint16_t ifid, std::uint32_t ctx);

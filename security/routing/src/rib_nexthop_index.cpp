@@ -3,11 +3,11 @@
 // A host that is added or removed changes only the routes through it, which may be a handful among a hundred thousand.
 // The table is ordered by prefix and would have to be visited whole, so this index has the same entries by gateway.
 // Within a gateway they have the order of that visit, which is the order of a change's log lines.
-// Always: an entry is in the index exactly while it is a static route that a visit of its context finds (rib_check
-// proves it). A key consists of what never changes in an entry.
+// Always: an entry is in the index exactly while it is a static route that a visit of its context finds, until a signal
+// freezes the index (rib_check proves it). A key consists of what never changes in an entry.
 //
-// Odd, and meant: where a chain entry is unlinked and the members of its set with it, the members are not freed, but
-// they leave the index, so that a host no longer finds them.
+// Odd, and meant: where a chain entry is unlinked and the members of its set with it, nobody frees the members. They
+// leave the index, so that no host completes or withdraws them any more; what they have in the tables stays there.
 //
 // Elsewhere: the table (rib_table.cpp), which routes are added and removed (rib_static.cpp).
 #include "rib_nexthop_index.h"
