@@ -6,7 +6,7 @@
 #include "norvik_mtrie_check.h"
 
 #include <map>
-#include <set>
+#include <vector>
 
 #include "norvik_mtrie_hw.h"
 #include "norvik_mtrie_slot.h"
@@ -54,19 +54,19 @@ void audit_node(const mtrie_node *node, std::uint32_t base, unsigned shift, bool
 // Adds every leaf that is linked to one already found, and counts each link as a reference.
 void audit_links(tree_audit &audit)
 {
-    std::set<const mtrie_leaf *> pending, done;
+    std::vector<const mtrie_leaf *> pending;
     for (const auto &[leaf, count] : audit.references)
-        pending.insert(leaf);
+        pending.push_back(leaf);
     while (!pending.empty()) {
-        const mtrie_leaf *leaf = *pending.begin();
-        pending.erase(pending.begin());
-        done.insert(leaf);
+        const mtrie_leaf *leaf = pending.back();
+        pending.pop_back();
         for (const mtrie_leaf *other : {leaf->back.get(), leaf->fwd.get(), leaf->left.get(), leaf->right.get()}) {
             if (other == nullptr)
                 continue;
-            audit.references[other] += 1;
-            if (done.count(other) == 0)
-                pending.insert(other);
+            const auto [met, is_new] = audit.references.try_emplace(other, 0);
+            met->second += 1;
+            if (is_new)
+                pending.push_back(other);
         }
     }
 }
