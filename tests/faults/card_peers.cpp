@@ -91,6 +91,14 @@ arp_service::~arp_service()
 
 std::uint32_t arp_service::served() const { return shared->count.load(); }
 
+// A call that the daemon gave up on may reach the service later.
+bool arp_service::has_served_more_than(std::uint32_t calls) const
+{
+    for (int waited_ms = 0; served() <= calls && waited_ms < DAEMON_WAIT_MS; ++waited_ms)
+        (void)::poll(nullptr, 0, 1);
+    return served() > calls;
+}
+
 void arp_service::answer(arp_manner manner) { shared->manner = static_cast<std::uint32_t>(manner); }
 
 void interface_database(const card_dir &card)
@@ -114,7 +122,7 @@ std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const
             return call.name + ": no reply";
         if (reply.status != 0 || reply.result != 0 || (call.name == look.name && get32(reply.record, 24) != IFID))
             return call.name + ": status " + std::to_string(reply.status) + ", result " + std::to_string(reply.result);
-        if (arp.served() == before)
+        if (!arp.has_served_more_than(before))
             return "the ARP service was not asked";
     }
     mts_send(manager, EVENT_DOWN, state_payload());
@@ -124,12 +132,17 @@ std::string daemon_trouble(const card_dir &card, const mts_queue &manager, const
 // Broadcasts come into the same queue, and an answer that finds it full is lost: then it is asked for again.
 std::string counters_of(const mts_queue &manager)
 {
-    constexpr int ANSWER_MS = 250;
-    byte_string datagram(2048);
-    for (int asked = 0; asked < DAEMON_WAIT_MS / ANSWER_MS; ++asked) {
-        while (::recv(manager.fd, datagram.data(), datagram.size(), MSG_DONTWAIT) > 0) {
+    constexpr int ANSWER_MS = 1000;
+    const byte_string request = message_bytes(DEBUG_REQUEST, manager.sap, word_bytes({5, 0, 0, 0}));
+    byte_string dropped(2048);
+    const auto make_room = [&] {
+        while (::recv(manager.fd, dropped.data(), dropped.size(), MSG_DONTWAIT) > 0) {
         }
-        debug_request(manager, 5, 0, 0, 0);
+        return true;
+    };
+    for (int asked = 0; asked < DAEMON_WAIT_MS / ANSWER_MS; ++asked) {
+        while (make_room() && !mts_offer(manager, request))
+            (void)::poll(nullptr, 0, 1);
         for (pollfd waited = {manager.fd, POLLIN, 0}; ::poll(&waited, 1, ANSWER_MS) == 1;) {
             const received_message message = mts_receive(manager);
             if (message.opcode == DEBUG_ANSWER)

@@ -41,8 +41,9 @@ const testing::Environment *const environment =
     testing::AddGlobalTestEnvironment(new card_environment({{&first_life, job_server}, {&second_life, job_server}}));
 
 constexpr std::chrono::milliseconds FULL{TIMEOUT_MS * 9 / 10}; // a queue that did not grow for so long is full
+constexpr std::chrono::seconds TOO_LONG{10}; // for one time-out, on a machine however busy
 
-// A signal every 20 ms, until a test ends or for four seconds: so a wait that each of them renews ends, too.
+// A signal every 20 ms, until a test ends or for so long that a wait which each of them renews is seen.
 class alarms
 {
 public:
@@ -52,7 +53,7 @@ public:
         };
         action.sa_handler = [](int) {
             count = count + 1;
-            if (count == 4000 / 20)
+            if (count == 2 * TOO_LONG / std::chrono::milliseconds(20))
                 (void)setitimer(ITIMER_REAL, &NEVER, nullptr);
         };
         count = 0;
@@ -133,6 +134,7 @@ protected:
     {
         (void)!send(connection, record.data(), record.size(), MSG_NOSIGNAL);
     }
+    std::chrono::nanoseconds wait_for_room();
     std::uint64_t failed() const { return platform_counters.remote_calls_failed - before.remote_calls_failed; }
     std::uint64_t attempted() const { return platform_counters.remote_calls - before.remote_calls; }
 };
@@ -263,7 +265,7 @@ TEST_F(tnrpc_client, a_late_reply_is_not_taken_for_the_next_calls)
     EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
+    EXPECT_LT(waited, TOO_LONG);
     timed_out = true;
     timed_out.notify_one();
     EXPECT_EQ(tnrpc_call(NAME, 0), 222u);
@@ -307,14 +309,21 @@ TEST_F(tnrpc_client, a_call_that_may_have_run_is_not_sent_twice)
 
 TEST_F(tnrpc_client, a_call_without_a_server_fails_at_once)
 {
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(tnrpc_call("never_served", 0), TNRPC_FAILED);
-    EXPECT_EQ(tnrpc_call("../9", 0), TNRPC_FAILED);
     listen_at(38);
     close_listener();
-    EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED) << "the socket of a dead server";
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_EQ(failed(), 3u);
+    const auto fails_at_once = [](const char *name) {
+        for (int tries = 0; tries < 5; ++tries) { // a busy machine may hold one up
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(tnrpc_call(name, 0), TNRPC_FAILED);
+            if (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(TIMEOUT_MS))
+                return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(fails_at_once("never_served"));
+    EXPECT_TRUE(fails_at_once("../9"));
+    EXPECT_TRUE(fails_at_once(NAME)) << "the socket of a dead server";
+    EXPECT_EQ(failed(), attempted());
 }
 
 TEST_F(tnrpc_client, the_time_out_covers_the_wait_for_a_place_in_the_servers_queue)
@@ -325,7 +334,7 @@ TEST_F(tnrpc_client, the_time_out_covers_the_wait_for_a_place_in_the_servers_que
     EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
+    EXPECT_LT(waited, TOO_LONG);
 }
 
 TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out)
@@ -336,11 +345,12 @@ TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out)
     EXPECT_EQ(tnrpc_call(NAME, 0), TNRPC_FAILED);
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
+    EXPECT_LT(waited, TOO_LONG);
 }
 
 // A server that answers calls which it leaves in its queue: sooner or later the queue is full.
-TEST_F(tnrpc_client, the_time_out_covers_a_wait_for_room_on_a_kept_connection)
+// Returns how long the caller waited in the end.
+std::chrono::nanoseconds tnrpc_client::wait_for_room()
 {
     listen_at(42);
     std::atomic<bool> is_over = false;
@@ -378,9 +388,19 @@ TEST_F(tnrpc_client, the_time_out_covers_a_wait_for_room_on_a_kept_connection)
     is_over = true;
     is_over.notify_one();
     join(); // before what its steps look at goes
+    close_listener();
     EXPECT_GT(answered, 1u) << "the connection was kept";
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_LT(waited, std::chrono::milliseconds(TIMEOUT_MS) + FULL * 3 / 4) << "not the whole time again";
+    return waited;
+}
+
+TEST_F(tnrpc_client, the_time_out_covers_a_wait_for_room_on_a_kept_connection)
+{
+    constexpr auto NOT_TWICE = std::chrono::milliseconds(TIMEOUT_MS) + FULL * 3 / 4;
+    int tries = 1;
+    while (wait_for_room() >= NOT_TWICE && tries < 5) // a busy machine may hold one up
+        ++tries;
+    EXPECT_LT(tries, 5) << "the whole time again";
 }
 
 TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out_on_a_kept_connection)
@@ -402,7 +422,7 @@ TEST_F(tnrpc_client, signals_do_not_lengthen_the_time_out_on_a_kept_connection)
     is_over.notify_one();
     join(); // before what its steps look at goes
     EXPECT_GE(waited, std::chrono::milliseconds(TIMEOUT_MS));
-    EXPECT_LT(waited, std::chrono::milliseconds(5 * TIMEOUT_MS));
+    EXPECT_LT(waited, TOO_LONG);
 }
 
 TEST_F(tnrpc_client, standard_output_is_flushed_before_the_wait)
