@@ -6,15 +6,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include <unistd.h>
 
 #include "bench.h"
-#include "interface_db.h"
+#include "daemon.h"
 #include "mtrack.h"
 #include "mts.h"
 #include "norvik_init.h"
@@ -25,26 +22,15 @@
 #include "sdwrap.h"
 #include "sdwrap_gates.h"
 
+using namespace harness;
+
 namespace
 {
-constexpr std::uint32_t IFID = 5, IF_ADDRESS = 0x0A010001, IF_MASK = 0xFFFF0000;
-
-std::string folder;
+card_dir *card = nullptr;
 constexpr const char *NAMES[ROUTE_DBG_COUNT] = {};
 constexpr const char *TYPES[MTRACK_ROUTE_ENTRY_MAX] = {};
 
-void remove_folder() { std::filesystem::remove_all(folder); }
-
-// The interface manager's database with the one interface.
-void write_interfaces()
-{
-    std::vector<std::uint32_t> words(IFDB_BYTES / 4);
-    std::memcpy(words.data(), IFDB_HEADER, sizeof IFDB_HEADER);
-    const std::uint32_t record[] = {2, 0x0F, 1, 0, IF_ADDRESS, IF_MASK, 0, 0};
-    std::memcpy(words.data() + IFDB_HEADER_WORDS + IFDB_RECORD_WORDS * IFID, record, sizeof record);
-    std::ofstream(bench_card_file("interfaces"), std::ios::binary)
-        .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
-}
+void remove_card() { delete card; }
 
 void start_logging()
 {
@@ -60,12 +46,10 @@ void start_logging()
 
 void bench_card_start()
 {
-    char made[] = "/tmp/bench.XXXXXX";
-    bench_require(mkdtemp(made) != nullptr, "a card directory");
-    folder = made;
-    (void)std::atexit(remove_folder);
-    (void)setenv("CARD_DIR", made, 1);
-    write_interfaces();
+    card = new card_dir;
+    (void)std::atexit(remove_card);
+    (void)setenv("CARD_DIR", card->path.c_str(), 1);
+    interfaces_write(*card, {{IFID, IF_USUAL, 1, 0, IF_ADDR, MASK16, 0, 0}});
 
     bench_report = fdopen(dup(STDOUT_FILENO), "w");
     bench_require(bench_report != nullptr && std::freopen(bench_card_file("stdout").c_str(), "a", stdout) != nullptr,
@@ -83,7 +67,7 @@ void bench_card_start()
                       "multicast drop entries");
 }
 
-std::string bench_card_file(const char *name) { return folder + "/" + name; }
+std::string bench_card_file(const char *name) { return card->at(name); }
 
 void bench_card_drop_output()
 {

@@ -4,41 +4,34 @@
 // caller's cleverness. The daemon and the bare peer run on the last processor, everybody else on the first.
 #include "bench_daemon.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "bench.h"
-#include "big_endian.h"
-#include "interface_db.h"
-#include "interface_events.h"
-#include "mts.h"
-#include "mts_datagram.h"
-#include "route_table.h"
-#include "rpc_record.h"
+#include "daemon.h"
+
+using namespace harness;
 
 namespace
 {
 constexpr std::size_t ARP_CALL_BYTES = 90;
 constexpr unsigned ARP_ENDPOINT = 10;
-constexpr std::uint32_t IF_ADDRESS = 0x0A010001, IF_MASK = 0xFFFF0000, IFID = 5, WIRED_BASE = 0x08000000;
+constexpr std::uint32_t BENCH_CTX = 0;
 
-std::string folder;
+card_dir *card = nullptr;
 std::vector<pid_t> running;
 
 void end_all()
@@ -47,8 +40,7 @@ void end_all()
         (void)kill(pid, SIGKILL);
         (void)waitpid(pid, nullptr, 0);
     }
-    std::error_code gone; // another process of this run may be removing it, too
-    (void)std::filesystem::remove_all(folder, gone);
+    delete card;
 }
 
 void run_on(int processor)
@@ -59,24 +51,6 @@ void run_on(int processor)
     (void)sched_setaffinity(0, sizeof set, &set);
 }
 int last_processor() { return static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1; }
-
-sockaddr_un address_of(const std::string &name)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", folder.c_str(), name.c_str());
-    return address;
-}
-
-int listen_at(const std::string &name)
-{
-    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of(name);
-    bench_require(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-                      listen(listener, 8) == 0,
-                  "a socket at " + name);
-    return listener;
-}
 
 // Starts a child; in it the answer is 0.
 pid_t start_child()
@@ -98,62 +72,28 @@ double now_ms()
     return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
-// The answer 0 to the call in `record`.
-void make_answer(std::uint8_t (&answer)[TNRPC_REPLY_HEAD], const std::uint8_t *record)
+// Answers every call on `connection` with 0, after a call of the service on `arp` if there is one.
+void answer_all(int connection, int arp)
 {
-    std::memset(answer, 0, sizeof answer);
-    (void)tnrpc_put(answer, 4, TNRPC_REPLY_MAGIC);
-    std::memcpy(answer + 4, record + 4, 4);
+    byte_string record(4096), reply(4096), answer = rpc_reply_record(0, 0, 0);
+    const byte_string request(ARP_CALL_BYTES);
+    while (recv(connection, record.data(), record.size(), 0) > 0) {
+        if (arp >= 0 && (send(arp, request.data(), request.size(), MSG_NOSIGNAL) < 0 ||
+                         recv(arp, reply.data(), reply.size(), 0) < 0))
+            break;
+        std::copy_n(record.begin() + 4, 4, answer.begin() + 4); // the call's transaction
+        if (send(connection, answer.data(), answer.size(), MSG_NOSIGNAL) < 0)
+            break;
+    }
+    (void)close(connection);
 }
 
 // Answers the connections of a listener one after the other, for ever.
 [[noreturn]] void serve(int listener, bool with_arp)
 {
-    std::uint8_t record[4096], answer[TNRPC_REPLY_HEAD], reply[TNRPC_REPLY_HEAD];
-    const std::uint8_t request[ARP_CALL_BYTES] = {};
     const int arp = with_arp ? bench_connect(ARP_ENDPOINT) : -1;
-    for (;;) {
-        const int connection = accept(listener, nullptr, nullptr);
-        while (recv(connection, record, sizeof record, 0) > 0) {
-            if (with_arp &&
-                (send(arp, request, sizeof request, MSG_NOSIGNAL) < 0 || recv(arp, reply, sizeof reply, 0) < 0))
-                break;
-            make_answer(answer, record);
-            if (send(connection, answer, sizeof answer, MSG_NOSIGNAL) < 0)
-                break;
-        }
-        (void)close(connection);
-    }
-}
-
-void put_argument(bench_bytes &to, unsigned type, std::uint32_t bytes, std::uint32_t value)
-{
-    std::uint8_t text[TNRPC_VALUE_HEAD + 4];
-    const std::uint8_t *const end = tnrpc_put(tnrpc_put_value_head(text, type, bytes), bytes, value);
-    for (const std::uint8_t *at = text; at != end; ++at)
-        to.push_back(*at);
-}
-
-bench_bytes call_head(const char *procedure, unsigned arguments)
-{
-    std::uint8_t head[TNRPC_CALL_HEAD];
-    const std::size_t length = std::strlen(procedure);
-    std::uint8_t *at = tnrpc_put(tnrpc_put(head, 4, TNRPC_CALL_MAGIC), 4, 1);
-    (void)tnrpc_put(tnrpc_put(at, 2, static_cast<std::uint32_t>(length)), 2, arguments);
-    bench_bytes call(head, head + sizeof head);
-    for (const char *c = procedure; *c != '\0'; ++c)
-        call.push_back(static_cast<std::uint8_t>(*c));
-    return call;
-}
-
-void write_interfaces()
-{
-    std::vector<std::uint32_t> words(IFDB_BYTES / 4);
-    const std::uint32_t record[] = {2, 0x0F, 1, 0, IF_ADDRESS, IF_MASK, 0, 0};
-    std::memcpy(words.data(), IFDB_HEADER, sizeof IFDB_HEADER);
-    std::memcpy(words.data() + IFDB_HEADER_WORDS + IFDB_RECORD_WORDS * IFID, record, sizeof record);
-    std::ofstream(folder + "/interfaces", std::ios::binary)
-        .write(reinterpret_cast<const char *>(words.data()), static_cast<std::streamsize>(words.size() * 4));
+    for (;;)
+        answer_all(accept(listener, nullptr, nullptr), arp);
 }
 
 void redirect(int descriptor, const std::string &path)
@@ -166,32 +106,26 @@ void redirect(int descriptor, const std::string &path)
 
 std::string bench_folder()
 {
-    char made[] = "/tmp/bench.XXXXXX";
-    bench_require(mkdtemp(made) != nullptr, "a card directory");
-    folder = made;
+    card = new card_dir;
     (void)std::atexit(end_all);
-    (void)setenv("CARD_DIR", made, 1);
-    for (const char *name : {"rpc", "rpc/names", "mts"})
-        std::filesystem::create_directory(folder + "/" + name);
-    write_interfaces();
+    (void)setenv("CARD_DIR", card->path.c_str(), 1);
+    interfaces_write(*card, {{IFID, IF_USUAL, 1, 0, IF_ADDR, MASK16, BENCH_CTX, 0}});
     run_on(0);
-    return folder;
+    return card->path;
 }
 
 bench_process bench_daemon_start()
 {
-    const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of("notify");
-    (void)unlink(address.sun_path);
-    bench_require(bind(notify, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "a notify socket");
+    const std::string path = card->at("notify");
+    const int notify = bound_socket(SOCK_DGRAM, path);
     bench_process daemon;
     const double start = now_ms();
     daemon.pid = start_child();
     if (daemon.pid == 0) {
         run_on(last_processor());
-        (void)setenv("NOTIFY_SOCKET", address.sun_path, 1);
-        redirect(STDOUT_FILENO, folder + "/stdout");
-        redirect(STDERR_FILENO, folder + "/stderr");
+        (void)setenv("NOTIFY_SOCKET", path.c_str(), 1);
+        redirect(STDOUT_FILENO, card->at("stdout"));
+        redirect(STDERR_FILENO, card->at("stderr"));
         (void)execl(ROUTEMGR_PATH, "routemgr", static_cast<char *>(nullptr));
         _exit(127);
     }
@@ -204,40 +138,33 @@ bench_process bench_daemon_start()
 
 bench_process bench_echo_start(unsigned endpoint, bool with_arp)
 {
-    const int listener = listen_at("rpc/" + std::to_string(endpoint));
+    const rpc_server server(*card, endpoint, "bench_echo");
     bench_process echo;
     echo.pid = start_child();
     if (echo.pid == 0) {
         run_on(last_processor());
-        serve(listener, with_arp);
+        serve(server.listener, with_arp);
     }
-    (void)close(listener);
     return echo;
 }
 
 bench_process bench_arp_start()
 {
-    const int listener = listen_at("rpc/" + std::to_string(ARP_ENDPOINT));
-    std::filesystem::create_symlink("../" + std::to_string(ARP_ENDPOINT), folder + "/rpc/names/tn_arp_add_entry");
+    const rpc_server server(*card, ARP_ENDPOINT, "tn_arp_add_entry");
     bench_process arp;
     arp.pid = start_child();
     if (arp.pid == 0) {
         // Two callers at once: the daemon and the bare peer.
         for (;;) {
-            const int connection = accept(listener, nullptr, nullptr);
+            const int connection = accept(server.listener, nullptr, nullptr);
             if (fork() == 0) {
                 (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-                std::uint8_t record[4096], answer[TNRPC_REPLY_HEAD];
-                while (recv(connection, record, sizeof record, 0) > 0) {
-                    make_answer(answer, record);
-                    (void)send(connection, answer, sizeof answer, MSG_NOSIGNAL);
-                }
+                answer_all(connection, -1);
                 _exit(0);
             }
             (void)close(connection);
         }
     }
-    (void)close(listener);
     return arp;
 }
 
@@ -251,43 +178,35 @@ void bench_end(bench_process &process, int signo)
 
 int bench_connect(unsigned endpoint)
 {
-    const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of("rpc/" + std::to_string(endpoint));
-    bench_require(connect(connection, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0,
-                  "a connection to " + std::to_string(endpoint));
+    const int connection = rpc_connect(*card, "rpc/" + std::to_string(endpoint));
+    bench_require(connection >= 0, "a connection to " + std::to_string(endpoint));
     return connection;
 }
 
-bench_bytes bench_route_call(const char *procedure, std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop)
+byte_string bench_route_add(std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop)
 {
-    bench_bytes call = call_head(procedure, 5);
-    put_argument(call, RPC_ARG_U16, 2, 0);
-    for (const std::uint32_t value : {0u, prefix, mask, nexthop})
-        put_argument(call, RPC_ARG_U32, 4, value);
-    return call;
+    return rpc_record(1, call_route_add(prefix, mask, nexthop, BENCH_CTX));
 }
 
-bench_bytes bench_host_add_call(std::uint32_t address, std::uint16_t encap)
+byte_string bench_route_remove(std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop)
 {
-    bench_bytes call = call_head("arp_prefix_mgr_add_route", 6);
-    put_argument(call, RPC_ARG_U16, 2, 1);
-    put_argument(call, RPC_ARG_U32, 4, address);
-    put_argument(call, RPC_ARG_U32, 4, 32);
-    put_argument(call, RPC_ARG_U16, 2, encap);
-    put_argument(call, RPC_ARG_U16, 2, IFID);
-    put_argument(call, RPC_ARG_U32, 4, 0);
-    return call;
+    return rpc_record(1, call_route_remove(prefix, mask, nexthop, BENCH_CTX));
 }
 
-std::size_t bench_call_all(int connection, const std::vector<bench_bytes> &calls, unsigned window)
+byte_string bench_host_add(std::uint32_t address, std::uint32_t encap)
+{
+    return rpc_record(1, call_host_add(address, encap, IFID, BENCH_CTX));
+}
+
+std::size_t bench_call_all(int connection, const std::vector<byte_string> &calls, unsigned window)
 {
     std::size_t sent = 0, answered = 0, right = 0;
-    std::uint8_t reply[256];
+    byte_string reply(256);
     while (answered < calls.size()) {
         for (; sent < calls.size() && sent - answered < window; ++sent)
             bench_require(send(connection, calls[sent].data(), calls[sent].size(), MSG_NOSIGNAL) > 0, "a call");
-        bench_require(recv(connection, reply, sizeof reply, 0) >= static_cast<ssize_t>(TNRPC_REPLY_HEAD), "a reply");
-        right += tnrpc_get(reply + 8, 4) == 0 && tnrpc_get(reply + 12, 4) == 0 ? 1u : 0u;
+        bench_require(recv(connection, reply.data(), reply.size(), 0) >= 16, "a reply");
+        right += get32(reply, 8) == 0 && get32(reply, 12) == 0 ? 1u : 0u;
         ++answered;
     }
     return right;
@@ -295,49 +214,35 @@ std::size_t bench_call_all(int connection, const std::vector<bench_bytes> &calls
 
 void bench_send_if_down()
 {
-    std::uint8_t message[MTS_HEADER_BYTES + IFEV_BYTES] = {};
-    put_be32(message + MTS_AT_MAGIC, MTS_MAGIC);
-    put_be32(message + MTS_AT_OPCODE, MTS_OPC_NORVIK_IF_DOWN);
-    std::uint8_t *const payload = message + MTS_HEADER_BYTES;
-    put_be16(payload + IFEV_AT_IFID, IFID);
-    put_be32(payload + IFEV_AT_ADDR, IF_ADDRESS);
-    put_be32(payload + IFEV_AT_MASK, IF_MASK);
-    put_be32(payload + IFEV_AT_RMODE, IF_RMODE_ROUTED);
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un to = address_of("mts/514");
-    bench_require(sendto(sender, message, sizeof message, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to) > 0,
-                  "an event");
+    const byte_string message =
+        message_bytes(EVENT_DOWN, 0, state_payload({.ctx = BENCH_CTX, .addr = IF_ADDR, .mask = MASK16}));
+    const int sender = connected_socket(SOCK_DGRAM, card->at("mts/514"));
+    bench_require(send(sender, message.data(), message.size(), 0) > 0, "an event");
     (void)close(sender);
 }
 
-std::array<bench_memory, 3> bench_memories()
+std::array<np_table, 3> bench_memories()
 {
-    std::array<bench_memory, 3> memories{};
-    const char *const names[] = {"wired", "ixp1", "ixp2"};
+    std::array<np_table, 3> memories{};
+    const char *const names[] = {"mem/wired", "mem/ixp1", "mem/ixp2"};
     for (unsigned i = 0; i < 3; ++i) {
-        const int fd = open((folder + "/mem/" + names[i]).c_str(), O_RDONLY | O_CLOEXEC);
-        void *const at = mmap(nullptr, HW_TABLE_BYTES, PROT_READ, MAP_SHARED, fd, 0);
+        const int fd = open(card->at(names[i]).c_str(), O_RDONLY | O_CLOEXEC);
+        void *const at = mmap(nullptr, TABLE_BYTES, PROT_READ, MAP_SHARED, fd, 0);
         bench_require(fd >= 0 && at != MAP_FAILED, "a table memory");
         (void)close(fd);
-        memories[i] = {static_cast<const std::uint32_t *>(at), i == 0 ? WIRED_BASE : HW_IXP_BASE};
+        memories[i] = {static_cast<const std::uint32_t *>(at), i == 0 ? TABLE_WIRED : TABLE_IXP};
     }
     return memories;
 }
 
-std::uint32_t bench_find(const bench_memory &memory, std::uint32_t address)
+std::uint32_t bench_find(const np_table &memory, std::uint32_t address)
 {
-    const auto load = [&memory](std::uint32_t offset) {
-        return __atomic_load_n(memory.words + offset / 4, __ATOMIC_ACQUIRE);
-    };
-    std::uint32_t word = load(0);
-    for (unsigned shift = 24; (word & HW_NODE_TAG) != 0; shift -= 8)
-        word = load((word & ~HW_NODE_TAG) - memory.form + 4 * (address >> shift & 0xFF));
-    return word == 0 ? 0 : load(word - memory.form);
+    return np_find(memory, BENCH_CTX, address).adjacency;
 }
 
 void bench_bird_conf(unsigned count)
 {
-    std::ofstream out(folder + "/bird.conf");
+    std::ofstream out(card->at("bird.conf"));
     out << "router id 10.1.0.1;\nprotocol device { }\nprotocol direct { ipv4; interface \"d0\"; }\n"
         << "protocol kernel { ipv4 { export where source = RTS_STATIC; import none; }; }\n"
         << "protocol static bench_routes { ipv4;\n";
@@ -346,16 +251,13 @@ void bench_bird_conf(unsigned count)
     out << "}\n";
 }
 
-int bench_birdc(const std::string &command) { return bench_run({"birdc", "-s", folder + "/bird.ctl", command}); }
+int bench_birdc(const std::string &command) { return bench_run({"birdc", "-s", card->at("bird.ctl"), command}); }
 
 int bench_bird_control()
 {
-    const int control = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of("bird.ctl");
+    const int control = connected_socket(SOCK_STREAM, card->at("bird.ctl"));
     char text[256];
-    bench_require(connect(control, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-                      recv(control, text, sizeof text, 0) > 0, // its greeting
-                  "bird's control socket");
+    bench_require(recv(control, text, sizeof text, 0) > 0, "bird's greeting");
     return control;
 }
 
@@ -382,7 +284,7 @@ bool bench_bird_holds(int control, unsigned count)
 bench_process bench_bird_start()
 {
     bench_process bird;
-    const std::string conf = folder + "/bird.conf", control = folder + "/bird.ctl", pid = folder + "/bird.pid";
+    const std::string conf = card->at("bird.conf"), control = card->at("bird.ctl"), pid = card->at("bird.pid");
     (void)unlink(control.c_str());
     const double start = now_ms();
     bird.pid = start_child();

@@ -6,11 +6,17 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-using bench_bytes = std::vector<std::uint8_t>;
+#include "card_bytes.h"
+#include "tables.h"
+
+// Calls of the daemon's one context, 0.
+using harness::byte_string;
+byte_string bench_route_add(std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop);
+byte_string bench_route_remove(std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop);
+byte_string bench_host_add(std::uint32_t address, std::uint32_t encap);
 
 // A fresh card directory with interface 5 up (10.1.0.1/16, context 0), in CARD_DIR from now on; removed at exit, when
 // the processes started here end too. Ends the program with status 1 when something cannot be had.
@@ -30,22 +36,14 @@ bench_process bench_arp_start();
 void bench_end(bench_process &process, int signo);
 
 int bench_connect(unsigned endpoint);
-// A call of five arguments (context, route id, prefix, mask, next hop).
-bench_bytes bench_route_call(const char *procedure, std::uint32_t prefix, std::uint32_t mask, std::uint32_t nexthop);
-bench_bytes bench_host_add_call(std::uint32_t address, std::uint16_t encap);
 // Sends the calls, `window` outstanding, and receives the replies. Returns the number of those that answered 0.
-std::size_t bench_call_all(int connection, const std::vector<bench_bytes> &calls, unsigned window);
+std::size_t bench_call_all(int connection, const std::vector<byte_string> &calls, unsigned window);
 
 void bench_send_if_down(); // IF_DOWN of interface 5
 
-// A table memory, mapped to be read.
-struct bench_memory {
-    const std::uint32_t *words;
-    std::uint32_t form; // what is subtracted from its addresses to get an offset
-};
-std::array<bench_memory, 3> bench_memories(); // wired, ixp1, ixp2
+std::array<harness::np_table, 3> bench_memories(); // wired, ixp1, ixp2, mapped to be read
 // The word of the leaf (its adjacency) that `address` finds in tree 0; 0 when there is none.
-std::uint32_t bench_find(const bench_memory &memory, std::uint32_t address);
+std::uint32_t bench_find(const harness::np_table &memory, std::uint32_t address);
 
 // Writes a configuration of bird with `count` static /24 routes from 20.0.0.0 on, through 10.1.0.9, for the kernel.
 void bench_bird_conf(unsigned count);

@@ -28,19 +28,17 @@ constexpr std::uint32_t GATEWAY = 0x0A010009, MASK = 0xFFFFFF00, FIRST = 0x14000
 constexpr std::uint16_t ENCAP = 0x1234;
 constexpr unsigned DAEMON = 9, STATICS = 250, HOSTS = 250;
 
-void call(int connection, const bench_bytes &record)
+void call(int connection, const byte_string &record)
 {
     bench_require(bench_call_all(connection, {record}, 1) == 1, "a call answers 0");
 }
 
-bench_bytes route_call(const char *procedure, unsigned i)
-{
-    return bench_route_call(procedure, FIRST + (i << 8), MASK, GATEWAY);
-}
+byte_string route_add(unsigned i) { return bench_route_add(FIRST + (i << 8), MASK, GATEWAY); }
+byte_string route_remove(unsigned i) { return bench_route_remove(FIRST + (i << 8), MASK, GATEWAY); }
 
-double until_visible(int connection, const bench_memory &ixp1)
+double until_visible(int connection, const harness::np_table &ixp1)
 {
-    const bench_bytes add = route_call("rib_add_route", 0);
+    const byte_string add = route_add(0);
     std::uint8_t reply[256];
     const double ns = bench_time(bench_clock::wall, [&] {
         bench_require(send(connection, add.data(), add.size(), 0) > 0, "a call");
@@ -48,7 +46,7 @@ double until_visible(int connection, const bench_memory &ixp1)
             sched_yield(); // to the ARP service, which shares the reader's processor
     });
     bench_require(recv(connection, reply, sizeof reply, 0) > 0, "its reply");
-    call(connection, route_call("rib_remove_route", 0));
+    call(connection, route_remove(0));
     return ns;
 }
 
@@ -129,29 +127,29 @@ double bird_link_down()
 }
 
 // From the event's sending until the last copy has lost the last route.
-double link_down(int connection, const std::array<bench_memory, 3> &memories)
+double link_down(int connection, const std::array<harness::np_table, 3> &memories)
 {
     for (unsigned i = 0; i < HOSTS; ++i)
-        call(connection, bench_host_add_call(HOST_FIRST + i, static_cast<std::uint16_t>(0x2000 + i)));
+        call(connection, bench_host_add(HOST_FIRST + i, 0x2000 + i));
     for (unsigned i = 0; i < STATICS; ++i)
-        call(connection, route_call("rib_add_route", i));
-    const auto answer = [&](const bench_memory &memory, unsigned i) {
+        call(connection, route_add(i));
+    const auto answer = [&](const harness::np_table &memory, unsigned i) {
         return bench_find(memory, i < HOSTS ? HOST_FIRST + i : FIRST + ((i - HOSTS) << 8) + 1) & 0xFFFF;
     };
-    for (const bench_memory &memory : memories)
+    for (const harness::np_table &memory : memories)
         for (unsigned i = 0; i < STATICS + HOSTS; ++i)
             bench_require(answer(memory, i) == (i < HOSTS ? 0x2000 + i : ENCAP), "a dependent route before");
     const double ns = bench_time(bench_clock::wall, [&] {
         bench_send_if_down();
-        for (const bench_memory &memory : memories)
+        for (const harness::np_table &memory : memories)
             for (unsigned i = 0; i < STATICS + HOSTS; ++i)
                 while (const std::uint32_t encap = answer(memory, i))
                     if (encap != (i < HOSTS ? 0x2000 + i : ENCAP))
                         break;
     });
-    call(connection, bench_host_add_call(GATEWAY, ENCAP)); // gone with the interface
+    call(connection, bench_host_add(GATEWAY, ENCAP)); // gone with the interface
     for (unsigned i = 0; i < STATICS; ++i)
-        call(connection, route_call("rib_remove_route", i));
+        call(connection, route_remove(i));
     return ns;
 }
 
@@ -248,7 +246,7 @@ int main(int argc, char **argv)
                     "nothing wakes it but the 60-second time-out"});
     const int connection = bench_connect(DAEMON);
     const auto memories = bench_memories();
-    call(connection, bench_host_add_call(GATEWAY, ENCAP));
+    call(connection, bench_host_add(GATEWAY, ENCAP));
 
     std::vector<std::function<double()>> visible = {[&] { return until_visible(connection, memories[1]); }};
     bench_process bird;

@@ -19,16 +19,16 @@ constexpr double WANTED = 0.9; // of the bare peer
 constexpr unsigned DAEMON = 9, ECHO = 11, ECHO_WITH_ARP = 12, WINDOW = 64;
 
 // Adds of `count` prefixes, then their removals.
-std::vector<bench_bytes> adds_and_removals(unsigned count, std::uint32_t gateway)
+std::vector<byte_string> adds_and_removals(unsigned count, std::uint32_t gateway)
 {
-    std::vector<bench_bytes> calls;
-    for (const char *procedure : {"rib_add_route", "rib_remove_route"})
+    std::vector<byte_string> calls;
+    for (const auto call : {bench_route_add, bench_route_remove})
         for (unsigned i = 0; i < count; ++i)
-            calls.push_back(bench_route_call(procedure, FIRST + (i << 8), MASK, gateway));
+            calls.push_back(call(FIRST + (i << 8), MASK, gateway));
     return calls;
 }
 
-double per_call(int connection, const std::vector<bench_bytes> &calls, unsigned window)
+double per_call(int connection, const std::vector<byte_string> &calls, unsigned window)
 {
     return bench_time(bench_clock::wall,
                       [&] {
@@ -44,7 +44,7 @@ struct server {
 };
 
 // One server's side of a comparison: wall time a call as the figure, its processor time a call beside it.
-std::function<double()> side_of(const server &s, const std::vector<bench_bytes> &calls, unsigned window,
+std::function<double()> side_of(const server &s, const std::vector<byte_string> &calls, unsigned window,
                                 std::vector<double> &cpu)
 {
     return [&s, &calls, window, &cpu] {
@@ -56,7 +56,7 @@ std::function<double()> side_of(const server &s, const std::vector<bench_bytes> 
 }
 
 void compare(const bench_options &options, const std::string &what, const server &daemon, const server &echo,
-             const std::vector<bench_bytes> &calls, double wanted, std::vector<bench_row> &rows)
+             const std::vector<byte_string> &calls, double wanted, std::vector<bench_row> &rows)
 {
     for (const unsigned window : {1u, WINDOW}) {
         std::vector<double> own_cpu, echo_cpu;
@@ -105,7 +105,7 @@ double bird_configure(unsigned count)
 }
 
 void compare_with_users_choice(const bench_options &options, const std::string &folder, int daemon,
-                               const std::vector<bench_bytes> &calls, std::vector<bench_row> &rows)
+                               const std::vector<byte_string> &calls, std::vector<bench_row> &rows)
 {
     const unsigned count = static_cast<unsigned>(calls.size() / 2);
     std::string missing = options.brief ? "brief" : bench_own_network(), no_bird = missing;
@@ -144,7 +144,7 @@ int main(int argc, char **argv)
     const int without_arp = bench_connect(DAEMON);
     const server own = {daemon.pid, without_arp};
     bench_process echo = bench_echo_start(ECHO, false);
-    const std::vector<bench_bytes> waiting = adds_and_removals(count, UNKNOWN_GATEWAY);
+    const std::vector<byte_string> waiting = adds_and_removals(count, UNKNOWN_GATEWAY);
     compare(options, "no ARP service, gateway unknown", own, {echo.pid, bench_connect(ECHO)}, waiting, 0, rows);
     compare_with_users_choice(options, folder, without_arp, waiting, rows);
     bench_end(echo, SIGKILL);
@@ -153,11 +153,11 @@ int main(int argc, char **argv)
     bench_process echo_with_arp = bench_echo_start(ECHO_WITH_ARP, true);
     const server with_arp = {echo_with_arp.pid, bench_connect(ECHO_WITH_ARP)};
     compare(options, "ARP call answered, gateway unknown", own, with_arp, waiting, WANTED, rows);
-    bench_require(bench_call_all(without_arp, {bench_host_add_call(GATEWAY, ENCAP)}, 1) == 1, "a host is learned");
+    bench_require(bench_call_all(without_arp, {bench_host_add(GATEWAY, ENCAP)}, 1) == 1, "a host is learned");
     const auto memories = bench_memories();
-    const std::vector<bench_bytes> known = adds_and_removals(count, GATEWAY);
+    const std::vector<byte_string> known = adds_and_removals(count, GATEWAY);
     bench_require(bench_call_all(without_arp, {known.front()}, 1) == 1, "a route through it");
-    for (const bench_memory &memory : memories)
+    for (const harness::np_table &memory : memories)
         bench_require((bench_find(memory, FIRST + 1) & 0xFFFF) == ENCAP, "the route in every copy");
     bench_require(bench_call_all(without_arp, {known[count]}, 1) == 1, "its removal");
     compare(options, "ARP call answered, gateway known, programmed", own, with_arp, known, WANTED, rows);

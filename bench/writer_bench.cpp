@@ -43,10 +43,10 @@ pid_t start_writer(int connection)
     CPU_ZERO(&last);
     CPU_SET(static_cast<std::size_t>(sysconf(_SC_NPROCESSORS_ONLN) - 1), &last);
     (void)sched_setaffinity(0, sizeof last, &last);
-    std::vector<bench_bytes> calls;
-    for (const char *procedure : {"rib_add_route", "rib_remove_route"})
+    std::vector<byte_string> calls;
+    for (const auto call : {bench_route_add, bench_route_remove})
         for (unsigned i = 0; i < CHANGING; ++i)
-            calls.push_back(bench_route_call(procedure, changing(i), MASK_24, OTHER_GATEWAY));
+            calls.push_back(call(changing(i), MASK_24, OTHER_GATEWAY));
     for (;;)
         bench_require(bench_call_all(connection, calls, WINDOW) == calls.size(), "the writer's calls answer 0");
 }
@@ -98,11 +98,10 @@ int main(int argc, char **argv)
     (void)bench_folder();
     bench_process daemon = bench_daemon_start();
     const int connection = bench_connect(DAEMON);
-    std::vector<bench_bytes> calls = {bench_host_add_call(GATEWAY, ENCAP),
-                                      bench_host_add_call(OTHER_GATEWAY, OTHER_ENCAP),
-                                      bench_route_call("rib_add_route", BASE, 0xFF000000, GATEWAY)};
+    std::vector<byte_string> calls = {bench_host_add(GATEWAY, ENCAP), bench_host_add(OTHER_GATEWAY, OTHER_ENCAP),
+                                      bench_route_add(BASE, 0xFF000000, GATEWAY)};
     for (unsigned i = 0; i < STAYING; ++i)
-        calls.push_back(bench_route_call("rib_add_route", staying(i), MASK_24, GATEWAY));
+        calls.push_back(bench_route_add(staying(i), MASK_24, GATEWAY));
     bench_require(bench_call_all(connection, calls, WINDOW) == calls.size(), "the routes are added");
 
     reader r;

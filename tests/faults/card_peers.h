@@ -27,7 +27,7 @@ struct arp_service {
     ~arp_service();
     arp_service(const arp_service &) = delete;
     arp_service &operator=(const arp_service &) = delete;
-    std::uint32_t served() const; // calls taken so far
+    std::uint32_t served() const;                         // calls taken so far
     bool has_served_more_than(std::uint32_t calls) const; // waits for it
     void answer(arp_manner manner);
 

@@ -45,8 +45,7 @@ struct peers : testing::Test {
     {
         const std::uint64_t failed = counter("remote_calls_failed");
         const rpc_client client(card);
-        const rpc_reply reply =
-            rpc_call(client.fd, call_route_add(0x15000000 + (++routes << 16), MASK16, GATEWAY));
+        const rpc_reply reply = rpc_call(client.fd, call_route_add(0x15000000 + (++routes << 16), MASK16, GATEWAY));
         EXPECT_TRUE(reply.arrived && reply.status == 0 && reply.result == 0) << "an unanswered request harms no route";
         return counter("remote_calls_failed") == failed;
     }
@@ -82,8 +81,8 @@ struct stalled_peers : peers {
 
 TEST_F(peers, an_arp_service_may_answer_in_any_manner_and_is_asked_again_in_the_same_life)
 {
-    for (const arp_manner manner : {arp_manner::garbage, arp_manner::old_transaction, arp_manner::cut, arp_manner::huge,
-                                    arp_manner::closing}) {
+    for (const arp_manner manner :
+         {arp_manner::garbage, arp_manner::old_transaction, arp_manner::cut, arp_manner::huge, arp_manner::closing}) {
         SCOPED_TRACE(static_cast<unsigned>(manner));
         arp.answer(manner);
         const std::uint32_t asked = arp.served();

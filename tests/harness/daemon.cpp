@@ -42,16 +42,6 @@ sockaddr_un address_of(const std::string &path)
 
 const sockaddr *as_sockaddr(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
 
-int bound_socket(int type, const std::string &path)
-{
-    ::unlink(path.c_str());
-    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of(path);
-    if (fd < 0 || ::bind(fd, as_sockaddr(address), sizeof address) != 0)
-        fail(path);
-    return fd;
-}
-
 // The lock by which a peer shows that it lives.
 int held_lock(const std::string &path)
 {
@@ -272,14 +262,29 @@ void path_set_mode(const std::string &path, unsigned mode)
         fail(path);
 }
 
-int rpc_connect(const card_dir &card, std::string_view socket)
+int bound_socket(int type, const std::string &path)
 {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of(card.at(socket));
+    ::unlink(path.c_str());
+    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = address_of(path);
+    if (fd < 0 || ::bind(fd, as_sockaddr(address), sizeof address) != 0)
+        fail(path);
+    return fd;
+}
+
+int connected_socket(int type, const std::string &path)
+{
+    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = address_of(path);
     if (fd >= 0 && ::connect(fd, as_sockaddr(address), sizeof address) == 0)
         return fd;
     ::close(fd);
     return -1;
+}
+
+int rpc_connect(const card_dir &card, std::string_view socket)
+{
+    return connected_socket(SOCK_SEQPACKET, card.at(socket));
 }
 
 void rpc_send(int connection, const byte_string &record)

@@ -61,6 +61,10 @@ unsigned path_mode(const std::string &path);                     // permission b
 void make_folder(const std::string &path);                       // mode 0700; may exist
 void path_set_mode(const std::string &path, unsigned mode);
 
+// Sockets of a peer: bound at `path` (what stands there goes), and connected to it (-1 when nobody listens).
+int bound_socket(int type, const std::string &path);
+int connected_socket(int type, const std::string &path);
+
 // RPC.
 struct rpc_reply {
     bool arrived = false;

@@ -51,7 +51,7 @@ namespace
 {
 constexpr std::uint32_t NODE_TAG = 1; // in a slot: a node, not a leaf
 
-// A table of the copy: [first, end), records of so many bytes.
+// A table of the copy: [first, end), records of so many bytes, a power of two.
 struct record_table {
     std::uint32_t first, end, bytes;
 };
@@ -69,7 +69,7 @@ std::uint32_t record_named(const np_table &table, std::uint32_t address, const r
 {
     const std::uint32_t offset = address - table.base;
     const bool inside =
-        offset >= records.first && offset < records.end && (offset - records.first) % records.bytes == 0;
+        offset >= records.first && offset < records.end && ((offset - records.first) & (records.bytes - 1)) == 0;
     return inside ? offset : NP_UNSOUND;
 }
 

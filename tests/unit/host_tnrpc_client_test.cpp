@@ -41,7 +41,7 @@ const testing::Environment *const environment =
     testing::AddGlobalTestEnvironment(new card_environment({{&first_life, job_server}, {&second_life, job_server}}));
 
 constexpr std::chrono::milliseconds FULL{TIMEOUT_MS * 9 / 10}; // a queue that did not grow for so long is full
-constexpr std::chrono::seconds TOO_LONG{10}; // for one time-out, on a machine however busy
+constexpr std::chrono::seconds TOO_LONG{10};                   // for one time-out, on a machine however busy
 
 // A signal every 20 ms, until a test ends or for so long that a wait which each of them renews is seen.
 class alarms
