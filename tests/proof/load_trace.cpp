@@ -37,14 +37,12 @@ struct sigaction before_fault, before_trap; // as they were
 
 void protect(std::uintptr_t page, int rights)
 {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the page of an address that a fault told
     if (mprotect(reinterpret_cast<void *>(page), PAGE, rights) != 0)
         give_up("mprotect");
 }
 
 std::uint8_t code_at(std::uintptr_t at, unsigned byte)
 {
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): an instruction of the reader
     return reinterpret_cast<const std::uint8_t *>(at)[byte];
 }
 
