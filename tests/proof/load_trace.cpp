@@ -41,10 +41,7 @@ void protect(std::uintptr_t page, int rights)
         give_up("mprotect");
 }
 
-std::uint8_t code_at(std::uintptr_t at, unsigned byte)
-{
-    return reinterpret_cast<const std::uint8_t *>(at)[byte];
-}
+std::uint8_t code_at(std::uintptr_t at, unsigned byte) { return reinterpret_cast<const std::uint8_t *>(at)[byte]; }
 
 // VPGATHERDD of eight lanes: a VEX prefix of three bytes for map 2, a vector of 256 bits and W 0, then the opcode.
 bool is_gather(std::uintptr_t at)
