@@ -74,7 +74,7 @@ TEST(card_rpc, nobody_there_ends_every_call_as_unreachable)
     card_rpc_process(*rpc);
     ASSERT_EQ(ended.size(), 2u);
     EXPECT_EQ(ended[1].end, CARD_RPC_UNREACHABLE);
-    EXPECT_EQ(card_rpc_reason(ended[0].end, "asked"), "nobody serves asked");
+    EXPECT_EQ(card_rpc_reason(ended[0].end, "asked"), "no process serves asked");
 }
 
 TEST(card_rpc, a_socket_whose_owner_is_gone_is_unreachable)

@@ -86,7 +86,7 @@ TEST(cardsim_scenario, a_second_file_goes_behind_the_first_and_knows_its_interfa
     std::string error;
     ASSERT_EQ(scenario_parse("a.card", IF5 + "at 2s interface 5 down", &plan, &error), 0) << error;
     EXPECT_EQ(scenario_parse("b.card", "at 1s interface 5 up", &plan, &error), 1);
-    EXPECT_EQ(error, "b.card:1: 1s: earlier than a line above; 2000ms or later would fit");
+    EXPECT_EQ(error, "b.card:1: 1s: earlier than a line above; expected 2000ms or later");
     EXPECT_EQ(plan.steps.size(), 2u) << "a faulty file leaves the scenario as it was";
     EXPECT_EQ(scenario_parse("b.card", "host 5 10.1.1.9", &plan, &error), 0) << error;
 }
@@ -96,36 +96,36 @@ TEST(cardsim_scenario, a_fault_is_named_with_its_line_and_what_would_fit)
     const struct {
         std::string text, error;
     } faults[] = {
-        {"hots 5 10.1.1.2", "x.card:1: hots: interface, host, route, nat, advertise, no, at, expect or show would fit"},
-        {"interface 0 ctx 3", "x.card:1: 0: an interface id (1 to 8191) would fit"},
-        {"interface 8192 ctx 3", "x.card:1: 8192: an interface id (1 to 8191) would fit"},
-        {"interface 5 ctx 256", "x.card:1: 256: a context (0 to 255) would fit"},
-        {"interface 5 contxt 3", "x.card:1: contxt: \"ctx\" would fit"},
-        {"interface 5 ctx", "x.card:1: the line ends: a context (0 to 255) would fit"},
-        {"interface 5 ctx 3 10.1.1.1/33", "x.card:1: 10.1.1.1/33: an address such as 10.1.1.1/24 would fit"},
-        {"interface 5 ctx 3 10.1.1/24", "x.card:1: 10.1.1/24: an address such as 10.1.1.1/24 would fit"},
-        {"interface 5 ctx 3 bridge 6", "x.card:1: 6: no such interface here; none is declared yet"},
-        {IF5 + "interface 5 ctx 3", "x.card:2: 5: declared already; up, down, delete or address would fit behind it"},
-        {IF5 + "interface 5 sideways", "x.card:2: sideways: up, down, delete or address would fit"},
-        {IF5 + "interface 5 up down", "x.card:2: down: the end of the line would fit"},
-        {IF5 + "\nhost 7 10.1.1.2", "x.card:3: 7: no such interface here; 5 would fit"},
-        {IF5 + "interface 5 delete\nhost 5 10.1.1.2", "x.card:3: 5: no such interface here; none is declared yet"},
+        {"hots 5 10.1.1.2", "x.card:1: hots: expected interface, host, route, nat, advertise, no, at, expect or show"},
+        {"interface 0 ctx 3", "x.card:1: 0: expected an interface id (1 to 8191)"},
+        {"interface 8192 ctx 3", "x.card:1: 8192: expected an interface id (1 to 8191)"},
+        {"interface 5 ctx 256", "x.card:1: 256: expected a context (0 to 255)"},
+        {"interface 5 contxt 3", "x.card:1: contxt: expected \"ctx\""},
+        {"interface 5 ctx", "x.card:1: the line ends: expected a context (0 to 255)"},
+        {"interface 5 ctx 3 10.1.1.1/33", "x.card:1: 10.1.1.1/33: expected an address such as 10.1.1.1/24"},
+        {"interface 5 ctx 3 10.1.1/24", "x.card:1: 10.1.1/24: expected an address such as 10.1.1.1/24"},
+        {"interface 5 ctx 3 bridge 6", "x.card:1: 6: unknown interface; none is declared yet"},
+        {IF5 + "interface 5 ctx 3", "x.card:2: 5: declared already; expected up, down, delete or address after it"},
+        {IF5 + "interface 5 sideways", "x.card:2: sideways: expected up, down, delete or address"},
+        {IF5 + "interface 5 up down", "x.card:2: down: expected the end of the line"},
+        {IF5 + "\nhost 7 10.1.1.2", "x.card:3: 7: unknown interface; expected 5"},
+        {IF5 + "interface 5 delete\nhost 5 10.1.1.2", "x.card:3: 5: unknown interface; none is declared yet"},
         {IF5 + "host 5 10.1.2.2",
-         "x.card:2: 10.1.2.2: not in the subnet of interface 5; an address of 10.1.1.0/24 would fit"},
-        {IF5 + "host 5 10.1.1.2 encap 0x8001", "x.card:2: 0x8001: an encapsulation id (1 to 32767) would fit"},
-        {IF5 + "host 5 10.1.1.2 mac 02:00:00:00:10", "x.card:2: 02:00:00:00:10: a MAC address such as "
-                                                     "02:00:00:00:10:01 would fit"},
-        {IF5 + "host 5 10.1.1.2 delay 5", "x.card:2: 5: a time such as 50ms or 2s would fit"},
-        {"route 10.1.1.0/16 via 10.1.1.2 ctx 3", "x.card:1: 10.1.1.0/16: 10.1.0.0/16 would fit"},
-        {"route 010.1.0.0/16 via 10.1.1.2 ctx 3", "x.card:1: 010.1.0.0/16: a prefix such as 10.1.0.0/16 would fit"},
-        {"route 10.1.0.0/16 10.1.1.2", "x.card:1: 10.1.1.2: \"via\" would fit"},
-        {"at 2h interface 5 up", "x.card:1: 2h: a time such as 50ms or 2s would fit"},
-        {"no interface 5", "x.card:1: interface: host, route, nat or advertise would fit"},
-        {"expect lookup ctx 3 10.1.1.2 = miss", "x.card:1: =: \"->\" would fit"},
-        {"expect lookup ctx 3 10.1.1.2 -> hit", "x.card:1: hit: miss, nat, paths or interface would fit"},
-        {"expect lookup ctx 3 10.1.1.2 -> paths 9", "x.card:1: 9: a number of paths (1 to 8) would fit"},
-        {"expect routes ctx 3", "x.card:1: the line ends: connected, static or fib would fit"},
-        {"show", "x.card:1: the line ends: the words of a routectl command would fit"},
+         "x.card:2: 10.1.2.2: not in the subnet of interface 5; expected an address of 10.1.1.0/24"},
+        {IF5 + "host 5 10.1.1.2 encap 0x8001", "x.card:2: 0x8001: expected an encapsulation id (1 to 32767)"},
+        {IF5 + "host 5 10.1.1.2 mac 02:00:00:00:10", "x.card:2: 02:00:00:00:10: expected a MAC address such as "
+                                                     "02:00:00:00:10:01"},
+        {IF5 + "host 5 10.1.1.2 delay 5", "x.card:2: 5: expected a time such as 50ms or 2s"},
+        {"route 10.1.1.0/16 via 10.1.1.2 ctx 3", "x.card:1: 10.1.1.0/16: expected 10.1.0.0/16"},
+        {"route 010.1.0.0/16 via 10.1.1.2 ctx 3", "x.card:1: 010.1.0.0/16: expected a prefix such as 10.1.0.0/16"},
+        {"route 10.1.0.0/16 10.1.1.2", "x.card:1: 10.1.1.2: expected \"via\""},
+        {"at 2h interface 5 up", "x.card:1: 2h: expected a time such as 50ms or 2s"},
+        {"no interface 5", "x.card:1: interface: expected host, route, nat or advertise"},
+        {"expect lookup ctx 3 10.1.1.2 = miss", "x.card:1: =: expected \"->\""},
+        {"expect lookup ctx 3 10.1.1.2 -> hit", "x.card:1: hit: expected miss, nat, paths or interface"},
+        {"expect lookup ctx 3 10.1.1.2 -> paths 9", "x.card:1: 9: expected a number of paths (1 to 8)"},
+        {"expect routes ctx 3", "x.card:1: the line ends: expected connected, static or fib"},
+        {"show", "x.card:1: the line ends: expected the words of a routectl command"},
     };
     for (const auto &fault : faults)
         EXPECT_EQ(error_of(fault.text), fault.error);
@@ -145,5 +145,5 @@ TEST(cardsim_scenario, a_time_is_a_day_at_most)
     EXPECT_EQ(last_step("at 86400000ms interface 5 ctx 3").at_ms, 86'400'000u);
     for (const char *const time : {"86401s", "86400001ms", "5000000s", "18446744073709551615s"})
         EXPECT_EQ(error_of(IF5 + "host 5 10.1.1.2 delay " + time),
-                  std::string("x.card:2: ") + time + ": a time such as 50ms or 2s would fit");
+                  std::string("x.card:2: ") + time + ": expected a time such as 50ms or 2s");
 }

@@ -174,7 +174,7 @@ TEST(routectl_doctor, repeated_reports_of_a_host_are_leaves_lost)
     EXPECT_EQ(found[0].at("finding"), "leaves-lost");
     EXPECT_EQ(found[0].at("level"), "fault");
     EXPECT_EQ(found[0].at("ctx"), 3);
-    EXPECT_EQ(found[0].at("what"), "3 leaves of the context are used up and in no slot");
+    EXPECT_EQ(found[0].at("what"), "3 leaves of the context are in use and cannot be reached");
     EXPECT_EQ(card.findings(" ctx 4"), words{});
     EXPECT_EQ(card.findings(" ctx 3"), words{"leaves-lost 3"});
 }
@@ -459,9 +459,9 @@ TEST(routectl_doctor, each_finding_says_what_it_is_how_it_was_seen_and_what_to_d
     EXPECT_EQ(plain.err, "1 finding\n");
     EXPECT_EQ(plain.out,
               "fault: leaves-lost, context 3\n"
-              "  what  1 leaf of the context is used up and in no slot\n"
-              "  seen  the route manager counts 8 leaves, of which slots and listed routes explain 7\n"
-              "  do    only a restart of the route manager gives them back; withdraw a host before it is reported "
+              "  what  1 leaf of the context is in use and cannot be reached\n"
+              "  seen  the route manager counts 8 leaves; tables and listed routes account for 7\n"
+              "  do    restart the route manager: nothing else frees them; withdraw a host before it is reported "
               "again, use one context for each route id\n");
     const std::string line = card.run("-o doctor").out;
     EXPECT_EQ(line.find("finding=leaves-lost level=fault ctx=3 "), 0u) << line;

@@ -71,19 +71,19 @@ TEST(view_dump, a_search_that_ends_without_a_leaf_has_none)
     EXPECT_FALSE(walk_of_lines(lines_of(LEVELS, {FOUND})).has_leaf);
     EXPECT_EQ(walk_of_lines(lines_of(LEVELS, {FOUND})).fault, "");
     EXPECT_EQ(walk_of_lines({"\nSearch terminating unsuccessfully. Null leaf.\n"}).fault,
-              "the walk is over and names a node");
+              "the last level names a node");
 }
 
 TEST(view_dump, lines_of_another_form_are_refused_and_not_guessed_at)
 {
-    const std::string WRONG = "the dump holds a line that is none of a walk";
+    const std::string WRONG = "the dump holds an unknown line";
     EXPECT_EQ(walk_of_lines({"\n level 1 Mnode found, next_index=10.\n"}).fault, WRONG); // a level is missing
     EXPECT_EQ(walk_of_lines({"\n level 0 Mnode found, next_index=256.\n"}).fault, WRONG);
     EXPECT_EQ(walk_of_lines({"\n level 0 Mnode found, next_index=10.\nand more"}).fault, WRONG);
     EXPECT_EQ(walk_of_lines({"\n valid 1, count 1, seq 1, \n"}).fault, WRONG); // of no block
     EXPECT_EQ(walk_of_lines({""}).fault, WRONG);
     EXPECT_EQ(walk_of_lines({std::string(128, 'x')}).fault, WRONG);
-    EXPECT_EQ(walk_of_lines(LEVELS).fault, "the dump ends before the walk does");
+    EXPECT_EQ(walk_of_lines(LEVELS).fault, "the dump is incomplete");
     EXPECT_EQ(walk_of_lines({}).fault, "the route manager had no memory for the dump");
 }
 

@@ -177,7 +177,7 @@ TEST(view_history, a_file_that_is_no_history_is_refused_by_name)
 {
     const card_dir card;
     const std::string path = card.at("history/115");
-    EXPECT_EQ(refusal(card), path + ": not there: no route manager has run on this card");
+    EXPECT_EQ(refusal(card), path + ": missing: no route manager has run on this card");
     history_image image(1024);
     image.write(card);
     std::string bytes = image.bytes();
@@ -190,10 +190,10 @@ TEST(view_history, a_file_that_is_no_history_is_refused_by_name)
     file_write(path, bytes.substr(0, 500));
     EXPECT_EQ(refusal(card), path + ": no event history");
     file_write(path, "");
-    EXPECT_EQ(refusal(card), path + ": no regular file of at least 72 bytes");
+    EXPECT_EQ(refusal(card), path + ": not a regular file of at least 72 bytes");
     std::filesystem::remove(path);
     make_folder(path);
-    EXPECT_EQ(refusal(card), path + ": no regular file of at least 72 bytes");
+    EXPECT_EQ(refusal(card), path + ": not a regular file of at least 72 bytes");
 }
 
 TEST(view_history, a_file_that_was_made_anew_is_noticed)

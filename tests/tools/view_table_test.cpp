@@ -143,11 +143,11 @@ TEST(view_table, a_walk_and_a_tree_end_in_a_table_whose_nodes_name_each_other)
         table_word(tables.ixp1, slot_at(9, slot), TABLE_IXP + slot_at(9, 0) + 1);
     tables_write(card, tables);
     const table_view view = open_copy(card, COPY_IXP1);
-    EXPECT_EQ(hw_walk_direct(view, 9, ip(1, 2, 3, 4)).fault, "the walk is over and names a node");
+    EXPECT_EQ(hw_walk_direct(view, 9, ip(1, 2, 3, 4)).fault, "the last level names a node");
     const tree_view tree = tree_read(view, 9);
     EXPECT_EQ(tree.nodes.size(), 1u);
     ASSERT_EQ(tree.faults.size(), 1u);
-    EXPECT_EQ(tree.faults[0], "node 9 slot 0: the node has been named before");
+    EXPECT_EQ(tree.faults[0], "node 9 slot 0: the node is named twice");
 }
 
 TEST(view_table, what_can_be_reached_is_counted)
@@ -184,11 +184,11 @@ TEST(view_table, a_memory_that_is_missing_or_short_is_not_opened)
     const card_dir card;
     std::string why;
     EXPECT_FALSE(table_open(card.path, COPY_IXP1, TABLE_WIRED, &why).is_open());
-    EXPECT_EQ(why, card.at("mem/ixp1") + ": not there: no route manager has run on this card");
+    EXPECT_EQ(why, card.at("mem/ixp1") + ": missing: no route manager has run on this card");
     make_folder(card.at("mem"));
     file_write(card.at("mem/ixp1"), "short");
     EXPECT_FALSE(table_open(card.path, COPY_IXP1, TABLE_WIRED, &why).is_open());
-    EXPECT_EQ(why, card.at("mem/ixp1") + ": no regular file of at least 1061888 bytes");
+    EXPECT_EQ(why, card.at("mem/ixp1") + ": not a regular file of at least 1061888 bytes");
 }
 
 TEST(view_tree, equal_neighbours_are_one_run)

@@ -1,7 +1,8 @@
 // address_text.cpp - reads and writes addresses, prefixes and numbers.
 //
-// What is ambiguous is refused, not guessed: leading zeros, a short address without a length, a mask with holes, bits
-// behind the mask. The refusal says what was probably meant.
+// What is ambiguous is refused, not guessed: leading zeros, a short address without a length, a mask that is not
+// contiguous, bits outside the mask. The error says what was probably meant.
+// Always: what address_text and prefix_text write is read back to the same numbers.
 #include "address_text.h"
 
 #include <algorithm>
@@ -14,7 +15,7 @@
 
 namespace
 {
-// Reads a mask: a length or four bytes. Returns its error, empty when it is one.
+// Reads a mask: a length or four bytes. Returns what is wrong with it; empty: nothing.
 std::string mask_parse(const std::string &text, std::uint32_t &mask)
 {
     if (const auto length = number_parse(text, 32); length && text.find('x') == std::string::npos) {
@@ -26,7 +27,7 @@ std::string mask_parse(const std::string &text, std::uint32_t &mask)
         return fmt::format("has no mask: \"{}\" is neither a length from 0 to 32 nor a mask such as 255.255.0.0",
                            shown_text(text));
     mask = *dotted;
-    return address_is_mask(mask) ? "" : "has a mask with holes: " + shown_text(text);
+    return address_is_mask(mask) ? "" : "has a mask that is not contiguous: " + shown_text(text);
 }
 } // namespace
 
@@ -60,7 +61,7 @@ address_prefix address_and_mask_parse(const std::string &text, const std::string
             dotted += ".0";
     const auto address = address_parse(dotted);
     if (!address) {
-        prefix.error = "is no address with a mask (such as 10.1.0.0/16, 10.1/16 or 10.1.0.0 255.255.0.0)";
+        prefix.error = "is not an address with a mask (such as 10.1.0.0/16, 10.1/16 or 10.1.0.0 255.255.0.0)";
         return prefix;
     }
     prefix.address = *address;
@@ -78,7 +79,7 @@ address_prefix interface_address_parse(const std::string &text, const std::strin
 {
     address_prefix address = address_and_mask_parse(text, next);
     if (address.error.empty() && !address.took_next && text.find('/') == std::string::npos)
-        address.error = fmt::format("has no mask ({0}/24 and {0} 255.255.255.0 would have one)", text);
+        address.error = fmt::format("has no mask; expected {0}/24 or {0} 255.255.255.0, for example", text);
     return address;
 }
 
@@ -88,7 +89,7 @@ address_prefix prefix_parse(const std::string &text, const std::string &next)
         return {};
     address_prefix prefix = address_and_mask_parse(text, next);
     if (prefix.error.empty() && (prefix.address & ~prefix.mask) != 0)
-        prefix.error = fmt::format("has bits behind its mask: {} would be the prefix",
+        prefix.error = fmt::format("has bits outside its mask; the prefix is {}",
                                    prefix_text(prefix.address & prefix.mask, address_mask_length(prefix.mask)));
     return prefix;
 }

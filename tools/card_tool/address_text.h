@@ -1,6 +1,7 @@
 // address_text.h - addresses, prefixes and numbers as people type them, and as they are shown.
 //
-// Always: addresses and masks are in host order, and a text that could mean two things is none.
+// Always: addresses and masks are in host order, and a text that could mean two things is refused.
+// Elsewhere: which words of a command are addresses (routectl/grammar.cpp).
 #pragma once
 
 #include <bit>
@@ -31,9 +32,9 @@ struct address_prefix {
 // (/32) or "default". next: the word that follows, or empty.
 address_prefix prefix_parse(const std::string &text, const std::string &next);
 
-// The same forms for an address with its mask, such as 10.1.1.1/24: bits behind the mask are its point.
+// The same forms for an address with its mask, such as 10.1.1.1/24: bits outside the mask are allowed.
 address_prefix address_and_mask_parse(const std::string &text, const std::string &next);
-// As before, for an interface: its subnet is not guessed, so the mask has to be there.
+// As before, for an interface: the mask is required, since its subnet is not guessed.
 address_prefix interface_address_parse(const std::string &text, const std::string &next);
 
 std::string address_text(std::uint32_t address);                 // 10.1.0.0

@@ -1,4 +1,6 @@
 // card_query.cpp - counts the calls of a query and keeps how the first failure ended.
+//
+// Always: a query is kept alive by each of its calls, so whoever asked may drop it before the answers come.
 #include "card_query.h"
 
 #include <utility>

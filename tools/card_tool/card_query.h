@@ -1,7 +1,7 @@
 // card_query.h - many calls that make one answer together, such as the listings of all contexts.
 //
-// A record of the answer begins with its card_query. The calls are queued at once and the record is filled inside later
-// card_rpc_process or card_rpc_wait calls, so nothing waits.
+// The record of the answer is derived from card_query. The calls are queued at once and the record is filled inside
+// later card_rpc_process or card_rpc_wait calls, so nothing waits.
 // Always: the first call that did not run is kept; what other calls brought stays in the record.
 #pragma once
 
@@ -26,7 +26,7 @@ struct context_range {
     unsigned first = 0, last = ROUTE_CONTEXTS - 1;
 };
 
-// Queues a call. `take` gets the reply of one that ran and returns what stands in `refused` then; it may queue further
-// ones.
+// Queues a call. `take` gets the reply of a call that ran and returns what `refused` is to say; it may queue further
+// calls.
 void card_query_call(card_rpc &rpc, const std::shared_ptr<card_query> &query, const char *procedure,
                      const std::vector<card_rpc_arg> &args, std::function<std::string(const card_rpc_reply &)> take);

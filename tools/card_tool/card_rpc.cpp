@@ -1,9 +1,9 @@
 // card_rpc.cpp - the asynchronous caller: a queue of calls, a connection that comes and goes, a window between them.
 //
-// Every socket operation is tried without waiting; only card_rpc_wait polls. What ends is first taken off the queue and
-// then told to its caller, in order, so that a `done` may queue further calls and sees the connection as it is.
-// A connection that ends before it has answered anything is taken for a server that turns callers away: the calls that
-// wait fail too, instead of knocking again and again.
+// Every socket operation is tried without waiting; only card_rpc_wait polls. A call that ends is first taken off the
+// queue and then reported to its caller, in order, so that a `done` may queue further calls.
+// A connection that ends before any answer is taken for a server that refuses callers: the calls that wait fail too,
+// instead of connecting again and again.
 // Always: the first `outstanding` calls of the queue were sent on this connection, and no other; with no connection,
 // `outstanding` is 0.
 // Elsewhere: the form of the records (rpc_record.h).
@@ -29,7 +29,7 @@ namespace
 {
 using steady = std::chrono::steady_clock;
 constexpr std::size_t REPLY_BYTES = 256 * 1024; // more than a socket holds
-constexpr int KNOCK_AGAIN_MS = 5;               // while the server's queue of connections is full
+constexpr int CONNECT_AGAIN_MS = 5;             // while the server's queue of connections is full
 
 struct waiting_call {
     std::uint32_t transaction;
@@ -86,7 +86,7 @@ void fail_first(card_rpc &rpc, std::size_t count, card_rpc_end end, finished_cal
     }
 }
 
-// The connection has ended. What was sent is lost; what was not goes over the next one, unless this one was no use.
+// The connection has ended. What was sent is lost; what was not goes over the next one, unless this one never answered.
 void connection_lost(card_rpc &rpc, finished_calls &finished)
 {
     const bool useless = rpc.answered == 0;
@@ -97,7 +97,7 @@ void connection_lost(card_rpc &rpc, finished_calls &finished)
         fail_first(rpc, rpc.queue.size(), sent == 0 ? CARD_RPC_UNREACHABLE : CARD_RPC_LOST, finished);
 }
 
-// The endpoint behind the procedure's link, as a path in the card directory; empty when nobody serves it.
+// The endpoint that the procedure's link names, as a path in the card directory; empty when no process serves it.
 std::string endpoint_name(const std::string &procedure)
 {
     const std::string path = card_dir_path() + "/" + RPC_NAMES_FOLDER + "/" + procedure;
@@ -148,7 +148,7 @@ bool reply_take_values(const std::vector<card_rpc_arg> &returned, tnrpc_rest res
     return rest.length == 0;
 }
 
-// Judges a whole record against the call that it should answer. Returns false when it is no answer to it.
+// Judges a whole record against the call that it should answer. Returns false when it does not answer that call.
 bool reply_decode(const waiting_call &call, const std::uint8_t *bytes, std::size_t length, card_rpc_reply &reply)
 {
     if (length < TNRPC_REPLY_HEAD || tnrpc_get(bytes, 4) != TNRPC_REPLY_MAGIC ||
@@ -201,7 +201,7 @@ void receive_all(card_rpc &rpc, finished_calls &finished)
 
 bool has_unsent(const card_rpc &rpc) { return rpc.outstanding < CARD_RPC_WINDOW && rpc.outstanding < rpc.queue.size(); }
 
-// Sends what the window and the socket take. Returns false when the connection is of no use any more.
+// Sends what the window and the socket take. Returns false when the connection has failed.
 bool send_some(card_rpc &rpc)
 {
     while (has_unsent(rpc)) {
@@ -314,7 +314,7 @@ int card_rpc_timeout_ms(const card_rpc &rpc)
     if (rpc.queue.empty())
         return -1;
     if (rpc.fd < 0)
-        return rpc.backlog_full ? KNOCK_AGAIN_MS : 0;
+        return rpc.backlog_full ? CONNECT_AGAIN_MS : 0;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_of_first(rpc) - steady::now()).count();
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
 }
@@ -365,13 +365,13 @@ std::string card_rpc_reason(card_rpc_end end, const std::string &procedure)
     case CARD_RPC_OUT_OF_RANGE:
         return "an argument of " + procedure + " is out of range";
     case CARD_RPC_UNREACHABLE:
-        return "nobody serves " + procedure;
+        return "no process serves " + procedure;
     case CARD_RPC_TIMED_OUT:
         return "no answer to " + procedure + " in time; it may have run";
     case CARD_RPC_LOST:
         return "the server ended before it answered " + procedure + "; it may have run";
     case CARD_RPC_GARBLED:
-        return "what came back is no answer to " + procedure + "; it may have run";
+        return "the reply to " + procedure + " was malformed; it may have run";
     }
     return procedure + " ran";
 }

@@ -3,7 +3,7 @@
 // One connection to one server of procedures. Calls are queued, sent as the socket takes them, and answered in order;
 // at most CARD_RPC_WINDOW are outstanding. A tool that serves calls itself polls card_rpc_fd beside its own
 // descriptors and hands the events to card_rpc_process, so it never blocks on a peer that may be calling it.
-// A call that was sent is never sent twice: when the connection ends, or an answer is late or is none, every
+// Always: a call that was sent is never sent twice. When the connection ends, or an answer is late or malformed, every
 // outstanding call is answered with the failure, and the next call connects anew.
 #pragma once
 
@@ -23,10 +23,10 @@ enum card_rpc_end : unsigned {
     CARD_RPC_NO_PROCEDURE,  // status 1
     CARD_RPC_BAD_ARGUMENTS, // status 2
     CARD_RPC_OUT_OF_RANGE,  // status 3
-    CARD_RPC_UNREACHABLE,   // nobody serves the procedure: the call was not sent
+    CARD_RPC_UNREACHABLE,   // no process serves the procedure: the call was not sent
     CARD_RPC_TIMED_OUT,     // sent or waiting to be sent, and not answered in time: it may have run
     CARD_RPC_LOST,          // the connection ended before the answer: it may have run
-    CARD_RPC_GARBLED,       // the answer was none, or another call's
+    CARD_RPC_GARBLED,       // the answer was malformed, or another call's
 };
 
 // One argument: a number of 1, 2 or 4 bytes, a by-reference number of 2 or 4 bytes, or a block to be filled.
@@ -57,8 +57,8 @@ struct card_rpc_delete {
 };
 using card_rpc_ptr = std::unique_ptr<card_rpc, card_rpc_delete>;
 
-// A connection to whoever serves `procedure` (followed through its link in the card directory when it is first needed,
-// and again after a failure). timeout_ms: for each call, from card_rpc_call or the last answer on the connection,
+// A connection to the server of `procedure` (found by its link in the card directory when it is first needed, and again
+// after a failure). timeout_ms: for each call, from card_rpc_call or the last answer on the connection,
 // whichever is later, to its own answer: a server that works through a full window is slow, not silent.
 card_rpc_ptr card_rpc_open(std::string procedure, unsigned timeout_ms);
 
@@ -84,5 +84,5 @@ void card_rpc_wait(card_rpc &rpc, std::size_t below);
 // One call, waited for.
 card_rpc_reply card_rpc_call_wait(card_rpc &rpc, const std::string &procedure, const std::vector<card_rpc_arg> &args);
 
-// A sentence's end that says what the end of a call means that did not run: "nobody serves rib_add_route" and the like.
+// What the end of a call that did not run means, for a message: "no process serves rib_add_route" and the like.
 std::string card_rpc_reason(card_rpc_end end, const std::string &procedure);

@@ -1,4 +1,6 @@
-// shown_text.cpp - a word of the user's, as a message quotes it.
+// shown_text.cpp - cuts a quoted word and escapes its control characters.
+//
+// Always: a character of several bytes is shown whole or not at all, unless it is longer than any character can be.
 #include "shown_text.h"
 
 #include <fmt/format.h>

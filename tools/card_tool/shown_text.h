@@ -1,4 +1,6 @@
 // shown_text.h - a word of the user's, as a message quotes it.
+//
+// Always: what is shown is short and holds no control character, whatever the word holds.
 #pragma once
 
 #include <string>

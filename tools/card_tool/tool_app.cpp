@@ -1,4 +1,6 @@
 // tool_app.cpp - the version, and the end of a run whose options are help, version or wrong.
+//
+// The version is the project's, given by the build. Always: no exception of the option parser leaves this file.
 #include "tool_app.h"
 
 #include <cstdio>

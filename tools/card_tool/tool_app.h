@@ -1,7 +1,8 @@
-// tool_app.h - what the options of all tools have in common: --help, --version, and how a wrong one is refused.
+// tool_app.h - what the options of all tools have in common: --help, --version, and how a wrong option is refused.
 //
-// Always: help and version are status 0 on standard output; a wrong option is one line behind the tool's name on
+// Always: help and version are status 0 on standard output; a wrong option is one line after the tool's name on
 // standard error and status 2, and nothing was done.
+// Elsewhere: routectl's own options, which may stand among the words of a command (routectl/options.cpp).
 #pragma once
 
 #include <optional>

@@ -1,4 +1,6 @@
-// card_summary.cpp - asks for the summaries of all contexts and adds them up.
+// card_summary.cpp - asks for the summaries of contexts, decodes their blocks and adds them up.
+//
+// Elsewhere: the form of the blocks (route_listing.h), the counting of the calls (card_tool/card_query.h).
 #include "card_summary.h"
 
 #include "big_endian.h"

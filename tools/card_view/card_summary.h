@@ -2,6 +2,7 @@
 // pools.
 //
 // Asked for with the two summary procedures: 512 calls for all contexts, of which a window is outstanding at a time.
+// Always: the sums over all contexts are what the pools have handed out, though a single context may count below 0.
 #pragma once
 
 #include <array>
@@ -21,7 +22,7 @@ struct context_summary {
     bool operator==(const context_summary &) const = default;
 };
 
-// A context that no route was ever given: the multicast drop entry, the root, and a leaf for each of that and "no
+// A context that no route was ever given: the multicast drop entry, the root, and a leaf for that entry and one for "no
 // route".
 constexpr context_summary CONTEXT_UNUSED = {0, 0, 1, 1, 2, 0};
 
@@ -34,6 +35,6 @@ std::shared_ptr<card_summary> card_summary_ask(card_rpc &rpc, context_range rang
 
 context_summary card_summary_total(const card_summary &summary);
 
-// Decodes the blocks of the two procedures. Return false when a block is not as long as it has to be.
+// Decodes the blocks of the two procedures. Return false when a block has another length than expected.
 bool context_summary_rib(const std::vector<std::uint8_t> &block, context_summary &to);
 bool context_summary_fib(const std::vector<std::uint8_t> &block, context_summary &to);

@@ -1,4 +1,6 @@
 // debug_view.cpp - asks the debug service and decodes its lines.
+//
+// Always: only what the route manager's own address sent counts as an answer; other messages are read and dropped.
 #include "debug_view.h"
 
 #include <array>

@@ -1,7 +1,9 @@
 // history_view.cpp - reads the ring of an event history record by record, and says what the records mean.
 //
-// The ring is loaded in whole 8-byte words, since its writer may be storing beside us: tail, head and every record are
-// multiples of 8. Elsewhere: who writes it and in which order (sdwrap_history.cpp of the platform).
+// The ring is loaded in whole 8-byte words, since its writer may be storing at the same time: tail, head and every
+// record are multiples of 8.
+// Always: a record that tail passed while it was copied is not used.
+// Elsewhere: its form (history_file.h), its writer and the order of the stores (sdwrap_history.cpp of the platform).
 #include "history_view.h"
 
 #include <algorithm>
@@ -40,7 +42,7 @@ struct ring_bounds {
     std::uint64_t tail, head;
 };
 
-// Both of one moment: tail is the same before and after. Returns false beside a writer that is too fast to be caught.
+// Both of one moment: tail is the same before and after. Returns false while the writer is too fast for that.
 bool load_bounds(const history_view &view, ring_bounds &bounds)
 {
     constexpr unsigned TRIES = 1000;
@@ -75,7 +77,7 @@ int context_of(const std::string &text, std::size_t *message_at)
     return context;
 }
 
-// The record at view.next, copied word by word. head: of the moment. Empty when it is none.
+// The record at view.next, copied word by word. head: of the moment. Empty when it is invalid.
 std::vector<std::uint64_t> copy_record(const history_view &view, std::uint64_t head)
 {
     const std::uint64_t left = head - view.next;
@@ -168,7 +170,7 @@ history_end history_read(history_view &view, std::vector<history_entry> &records
 {
     if (mapped_file_is_cut(view.file, view.path))
         return history_end::replaced; // by a shorter one, in place
-    // Judged before reading, so that what stood in a file that is replaced meanwhile is read to its end.
+    // Checked before reading, so that a file that is replaced meanwhile is read to its end.
     const bool replaced = !mapped_file_is_current(view.file, view.path);
     ring_bounds bounds = {};
     if (!load_bounds(view, bounds))

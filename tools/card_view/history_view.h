@@ -1,8 +1,8 @@
 // history_view.h - the event history of a component, read beside its writer or after its end.
 //
-// The writer makes room (tail moves), writes the record, then lets it in (head moves). A reader that is slow may be
-// overtaken while it reads, so each record is copied first and believed only if tail had not passed it afterwards.
-// Always: what a record says of itself is checked against the ring; nothing is trusted, no read leaves the file.
+// The writer makes room (tail moves), writes the record, then publishes it (head moves). A slow reader may be overtaken
+// while it reads, so each record is copied first and used only if tail had not passed it afterwards.
+// Always: the sizes in a record are checked against the ring, and no read leaves the file.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 #include "mapped_file.h"
 
 struct history_entry {
-    std::uint64_t at;       // bytes written before it, ever: its place in the ring and its name
+    std::uint64_t at;       // bytes ever written before it: gives its place in the ring
     std::uint64_t time_ns;  // since 1970
     std::uint32_t type;     // event type
     std::uint32_t category; // first word of the data
@@ -31,8 +31,8 @@ struct history_view {
     bool is_open() const { return file.is_open(); }
 };
 
-// Opens the history of `component` in the card directory `card`, at its oldest record. Returns a view that is open, or
-// one that is not with the reason in `why`.
+// Opens the history of `component` in the card directory `card`, at its oldest record. Returns an open view, or one
+// that is not open with the reason in `why`.
 history_view history_open(const std::string &card, std::uint32_t component, std::string *why);
 
 // The same for its errors: the ring of errors alone, which traces do not push them out of, or else the whole history.
@@ -40,15 +40,16 @@ history_view history_open_errors(const std::string &card, std::uint32_t componen
 
 // How a read went on.
 enum class history_end {
-    caught_up, // all that stood there is read
-    damaged,   // a record that is none: the rest up to the head of that moment was skipped
-    replaced,  // the name holds another file by now, or none, and what was left is read; or a shorter one: open anew
+    caught_up, // all records up to the head are read
+    damaged,   // an invalid record: the rest up to the head of that moment was skipped
+    replaced,  // the name is another file's by now, or no file's, and the rest was read; or the file is shorter: open
+               // anew
 };
 
-// Appends the records from view.next on to `records`, oldest first, and moves next behind them.
+// Appends the records from view.next on to `records`, oldest first, and moves next after them.
 history_end history_read(history_view &view, std::vector<history_entry> &records);
 
-// The byte that follows the newest record: hold it before a call, and what the call logged is what stands behind it.
+// The byte after the newest record: what a call logs comes after the head as it was before the call.
 std::uint64_t history_head(const history_view &view);
 
 // The message without "<Ctx:N>" in one line: line ends at its ends left out, control bytes inside as blanks.
@@ -63,7 +64,7 @@ struct history_category {
 };
 extern const std::vector<history_category> HISTORY_CATEGORIES;
 std::optional<std::uint32_t> history_category_of(std::string_view word);
-const char *history_category_name(std::uint32_t number); // "?" for one that has none
+const char *history_category_name(std::uint32_t number); // "?" for an unknown one
 
 // An age such as "90", "90s", "500ms", "10m", "2h" or "1d", in nanoseconds.
 std::optional<std::uint64_t> history_age_of(std::string_view word);
@@ -71,7 +72,7 @@ std::optional<std::uint64_t> history_age_of(std::string_view word);
 // The time an age ago, since 1970; 0 for an age before that.
 std::uint64_t history_time_before(std::uint64_t age_ns);
 
-// Which records are wanted; what is empty lets all pass.
+// Which records are wanted; an empty list lets all pass.
 struct history_filter {
     std::vector<std::uint32_t> categories;
     std::vector<std::uint32_t> contexts;

@@ -1,7 +1,8 @@
 // hw_walk.cpp - decodes a walk from the words of a copy, or from the lines that the dump procedure gives.
 //
-// A line is decoded by the format it was printed with and nothing else fits it; a line that is none of the known ones
-// makes the walk faulty, so a change of the procedure's texts cannot be misread.
+// A line is decoded by the format that it was printed with. An unknown line makes the walk faulty, so a change of the
+// procedure's texts cannot be misread.
+// Elsewhere: the walk through the memory (table_view.cpp).
 #include "hw_walk.h"
 
 #include <algorithm>
@@ -82,12 +83,12 @@ namespace
 struct dump_state {
     hw_walk *walk;
     hw_path own = {1, std::nullopt, 0};
-    bool is_over = false; // a line that ends the search was there
+    bool is_over = false; // a line that ends the search was read
     const char *line = "";
-    int used = 0; // bytes of it that a format fitted
+    int used = 0; // bytes of it that a format matched
 };
 
-// Whether `format`, which ends with %n for `used`, fits the whole line with `count` numbers.
+// Whether `format`, which ends with %n for `used`, matches the whole line with `count` numbers.
 [[gnu::format(scanf, 2, 4)]] bool fits(dump_state &state, const char *format, int count, ...)
 {
     state.used = 0;
@@ -115,7 +116,7 @@ bool end_line(dump_state &state)
     if (!is_null && text != "\nSearch terminating successfully, Leaf found.\n")
         return false;
     if (is_null)
-        state.walk->fault = "the walk is over and names a node";
+        state.walk->fault = "the last level names a node";
     state.is_over = true;
     return true;
 }
@@ -192,13 +193,12 @@ hw_walk hw_walk_from_dump(std::string_view text, table_copy copy, std::uint32_t 
         line.resize(line.find('\0') == std::string::npos ? line.size() : line.find('\0'));
         state.line = line.c_str();
         if (std::none_of(std::begin(DUMP_LINES), std::end(DUMP_LINES), [&](dump_line take) { return take(state); })) {
-            walk.fault = "the dump holds a line that is none of a walk";
+            walk.fault = "the dump holds an unknown line";
             return walk;
         }
     }
     if (!state.is_over)
-        walk.fault =
-            text.empty() ? "the route manager had no memory for the dump" : "the dump ends before the walk does";
+        walk.fault = text.empty() ? "the route manager had no memory for the dump" : "the dump is incomplete";
     if (walk.has_leaf)
         collect_paths(walk, state.own);
     return walk;

@@ -1,4 +1,7 @@
-// mapped_file.cpp - opens and maps, and tells whether the name has moved on to another file.
+// mapped_file.cpp - opens and maps, and says whether the name still means the same file.
+//
+// A file is known by device and inode: a writer that puts a new one under the name leaves the old one mapped here.
+// Always: opening waits for no one, and no descriptor stays open.
 #include "mapped_file.h"
 
 #include <cerrno>
@@ -33,14 +36,14 @@ mapped_file::~mapped_file()
 mapped_file mapped_file_open(const std::string &path, std::size_t least, std::string *why)
 {
     mapped_file file;
-    // Not waited for: a pipe of this name has no writer.
+    // Without waiting: a pipe of this name would have no writer.
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat found = {};
     if (fd < 0 || fstat(fd, &found) != 0) {
-        *why = path + (errno == ENOENT ? ": not there: no route manager has run on this card" : ": ") +
+        *why = path + (errno == ENOENT ? ": missing: no route manager has run on this card" : ": ") +
                (errno == ENOENT ? "" : std::strerror(errno));
     } else if (!S_ISREG(found.st_mode) || static_cast<std::size_t>(found.st_size) < least) {
-        *why = path + ": no regular file of at least " + std::to_string(least) + " bytes";
+        *why = path + ": not a regular file of at least " + std::to_string(least) + " bytes";
     } else {
         const std::size_t size = static_cast<std::size_t>(found.st_size);
         void *const map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);

@@ -12,7 +12,7 @@
 struct mapped_file {
     const void *bytes = nullptr; // null: not open
     std::size_t size = 0;
-    dev_t device = 0; // which file it is, whatever stands under its name by now
+    dev_t device = 0; // which file it is, whatever its name means by now
     ino_t inode = 0;
 
     mapped_file() = default;
@@ -23,12 +23,12 @@ struct mapped_file {
 };
 
 // Maps the file at `path`, which has to be a regular one of `least` bytes or more. Returns an open one, or one that is
-// not with the reason in `why`, which names the path.
+// not open with the reason, which names the path, in `why`.
 mapped_file mapped_file_open(const std::string &path, std::size_t least, std::string *why);
 
 // Whether `path` still names the file that is mapped, in its size. False for one that is not open.
 bool mapped_file_is_current(const mapped_file &file, const std::string &path);
 
-// Whether the file under `path` is the one that is mapped and has become shorter: what stood behind its end must not be
-// read any more, since that would end the reader.
+// Whether the file under `path` is the one that is mapped and has become shorter: what was beyond its end must not be
+// read any more, since that would be a fault that ends the reader.
 bool mapped_file_is_cut(const mapped_file &file, const std::string &path);

@@ -1,4 +1,6 @@
 // pools_view.cpp - the three pools, from either source.
+//
+// Elsewhere: asking for the counts (card_summary.cpp), counting in a table (table_view.cpp).
 #include "pools_view.h"
 
 namespace

@@ -1,8 +1,8 @@
 // pools_view.h - how full the hardware tables are.
 //
-// A running route manager tells what it has handed out (exact: the sum over the trees is what is in use). Without one
-// the mapped table tells what can be reached from the roots: a leaf that more specific routes hide wholly is handed
-// out and not reachable, so that count may be lower. Which of the two it is, the source says.
+// A running route manager is asked what it has handed out: the sum over the trees is exactly what is in use. Without
+// one, what can be reached from the roots of a mapped table is counted; that may be less, since a leaf that more
+// specific routes hide wholly is in use and cannot be reached. Always: `source` says which of the two counts it is.
 #pragma once
 
 #include <array>

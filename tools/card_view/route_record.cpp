@@ -1,4 +1,8 @@
 // route_record.cpp - decodes the records of a listing and turns the pages of all contexts.
+//
+// Each reply asks for the next page of its context, so the contexts are read side by side.
+// Always: a page that brings no record and no new cursor ends the listing of its context, with the reason.
+// Elsewhere: the form of records and cursor (route_listing.h).
 #include "route_record.h"
 
 #include <algorithm>

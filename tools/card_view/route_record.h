@@ -1,7 +1,8 @@
 // route_record.h - a route as the listings of the route manager give it, and the listings of all contexts at once.
 //
 // A listing holds what is in the forwarding table: a static route that waits for its gateway, or a NAT prefix whose
-// interface is down, is in none.
+// interface is down, is in no listing.
+// Always: the entries of a context keep the order of the route manager, which says what was in front of what.
 #pragma once
 
 #include <array>

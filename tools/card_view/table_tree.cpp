@@ -1,6 +1,6 @@
 // table_tree.cpp - reads a context's trie node by node.
 //
-// A node is read once, however often it is named: in sound tables once, and damaged ones cannot make the reading long.
+// Always: a node is read once, so a damaged table in which nodes name each other cannot make the reading long.
 // Elsewhere: the drawing (table_tree_dot.cpp).
 #include "table_tree.h"
 
@@ -38,11 +38,11 @@ void meet(tree_reader &reader, const tree_node &at, unsigned slot, table_target 
     if (target.kind == table_kind::leaf) {
         meet_leaf(reader, at, slot, target.index);
     } else if (target.kind == table_kind::stray) {
-        add_fault(reader, at, slot, "the word names nothing of the table");
+        add_fault(reader, at, slot, "the word names nothing in the table");
     } else if (target.kind == table_kind::node && at.level + 1 == TABLE_LEVELS) {
-        add_fault(reader, at, slot, "the walk is over and names a node");
+        add_fault(reader, at, slot, "the last level names a node");
     } else if (target.kind == table_kind::node && reader.seen.test(target.index)) {
-        add_fault(reader, at, slot, "the node has been named before");
+        add_fault(reader, at, slot, "the node is named twice");
     } else if (target.kind == table_kind::node) {
         reader.seen.set(target.index);
         reader.waiting.push_back({target.index, at.level + 1, at.prefix | slot << (24 - 8 * at.level), {}});

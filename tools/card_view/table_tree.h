@@ -1,7 +1,8 @@
 // table_tree.h - the whole trie of a context, read out of one copy: for drawings and for data.
 //
 // Equal neighbouring slots are one run, so a node of 256 slots is a few lines. Leaves carry no prefix in the hardware:
-// what an address range answers is told by the slots alone.
+// only the slots say which addresses a leaf answers.
+// Always: the root comes first, and each node after the one that names it.
 #pragma once
 
 #include <cstdint>

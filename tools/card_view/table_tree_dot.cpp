@@ -1,7 +1,8 @@
 // table_tree_dot.cpp - a context's trie as a drawing.
 //
-// A box a node with a row for each different answer, a box a leaf with its words decoded, left to right. The leaf that
-// forwards nowhere answers nearly everything in a young table: its rows say so and carry no line.
+// Each node is a box with a row for each different answer, each leaf a box with its words decoded, from left to right.
+// The leaf that forwards nothing answers nearly everything in a table with few routes: its rows say so and have no
+// line. Elsewhere: reading the trie (table_tree.cpp).
 #include <fmt/format.h>
 
 #include "card_tool/address_text.h"

@@ -1,7 +1,7 @@
 // table_view.cpp - the walk from a tree's root to a leaf, and what can be reached from all roots.
 //
-// The numbers of the format come from hw_table.h and mtrie_records.h; the walk is this file's own, none of it shared
-// with the process that writes the tables.
+// The walk is written anew here and shares no code with the process that writes the tables, so that a mistake there
+// shows. Elsewhere: the numbers of the format (route_table.h).
 #include "table_view.h"
 
 #include <bitset>
@@ -84,7 +84,7 @@ table_answer table_find(const table_view &view, std::uint32_t tree, std::uint32_
             answer.fault = (word & HW_NODE_TAG) != 0 ? "a word names a node outside the table"
                                                      : "a word names a leaf outside the table";
         } else if (target.kind == table_kind::node && level == TABLE_LEVELS) {
-            answer.fault = "the walk is over and names a node";
+            answer.fault = "the last level names a node";
         }
         if (target.kind != table_kind::node || level == TABLE_LEVELS)
             return answer;

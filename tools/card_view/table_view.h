@@ -1,7 +1,7 @@
 // table_view.h - one copy of the hardware route table, read as a network processor reads it.
 //
-// Always: a word is loaded once, whole, with acquire order, and is never trusted: an address that is no element of the
-// copy's own table is a fault to be reported, not followed. So a walk ends in any memory, also beside a writer.
+// Always: a word is loaded once, whole, with acquire order, and checked: an address that names no element of the copy's
+// own table is a fault that is reported, not followed. So a walk ends in any memory, also while it is written.
 #pragma once
 
 #include <array>
@@ -30,8 +30,8 @@ struct table_view {
 // Path of a copy's memory in the card directory `card`.
 std::string table_path(const std::string &card, table_copy copy);
 
-// Maps `copy`. wired_base: physical address of the wired region, for the addresses in its words. Returns a view that
-// is open, or one that is not with the reason in `why`.
+// Maps `copy`. wired_base: physical address of the wired region, for the addresses in its words. Returns an open
+// view, or one that is not open with the reason in `why`.
 table_view table_open(const std::string &card, table_copy copy, std::uint32_t wired_base, std::string *why);
 
 // The word at the byte offset `at` of the table, a multiple of 4 below HW_TABLE_BYTES.
@@ -73,7 +73,7 @@ struct table_answer {
 };
 table_answer table_find(const table_view &view, std::uint32_t tree, std::uint32_t address);
 
-// Elements that can be reached from the roots, and words that lead nowhere.
+// Elements that can be reached from the roots, and words that name none.
 struct table_use {
     unsigned nodes, leaves, blocks; // of HW_NODE_COUNT, HW_LEAF_COUNT, HW_ECMP_COUNT
     unsigned roots;                 // trees that have one

@@ -98,7 +98,7 @@ void arrival(card &c)
         c.show.start_ms = c.model.now_ms;
         return;
     }
-    c.model.out.say("route manager: there");
+    c.model.out.say("route manager: found");
     card_announce_all(c.model);
     play_arrival(c.show, c.model.now_ms);
 }

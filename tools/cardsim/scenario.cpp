@@ -31,15 +31,15 @@ struct reader {
     std::uint64_t last_at_ms = 0;
 };
 
-bool refuse(reader &r, const std::string &word, const std::string &fits)
+bool refuse(reader &r, const std::string &word, const std::string &why)
 {
     if (r.error.empty())
-        r.error = (word.empty() ? "the line ends" : shown_text(word)) + ": " + fits;
+        r.error = (word.empty() ? "the line ends" : shown_text(word)) + ": " + why;
     return false;
 }
 // The word that stands next; empty at the end of the line.
 std::string peek(const reader &r) { return r.at < r.words.size() ? r.words[r.at] : std::string(); }
-bool refuse_next(reader &r, const std::string &fits) { return refuse(r, peek(r), fits + " would fit"); }
+bool refuse_next(reader &r, const std::string &expected) { return refuse(r, peek(r), "expected " + expected); }
 
 bool take(reader &r, const char *word)
 {
@@ -134,7 +134,7 @@ bool need_known(reader &r, std::uint32_t *ifid)
     for (const auto &[id, interface] : r.known)
         ids += (ids.empty() ? "" : ", ") + std::to_string(id);
     return refuse(r, r.words[r.at - 1],
-                  "no such interface here; " + (ids.empty() ? "none is declared yet" : ids + " would fit"));
+                  "unknown interface; " + (ids.empty() ? "none is declared yet" : "expected " + ids));
 }
 
 bool need_end(reader &r) { return r.at == r.words.size() || refuse_next(r, "the end of the line"); }
@@ -145,7 +145,7 @@ bool read_new_interface(reader &r, scenario_step &s)
 {
     s.kind = STEP_IF_CREATE;
     if (r.known.count(s.ifid) != 0)
-        return refuse(r, r.words[r.at - 1], "declared already; up, down, delete or address would fit behind it");
+        return refuse(r, r.words[r.at - 1], "declared already; expected up, down, delete or address after it");
     if (!need(r, "ctx") || !need_ctx(r, &s.ctx))
         return false;
     while (r.at < r.words.size()) {
@@ -207,7 +207,7 @@ bool need_in_subnet(reader &r, const scenario_step &s)
     if (((s.address ^ i.address) & i.mask) == 0)
         return true;
     return refuse(r, address_text(s.address),
-                  fmt::format("not in the subnet of interface {}; an address of {} would fit", routing->first,
+                  fmt::format("not in the subnet of interface {}; expected an address of {}", routing->first,
                               prefix_text(i.address & i.mask, address_mask_length(i.mask))));
 }
 
@@ -407,7 +407,7 @@ bool read_line(reader &r, scenario_step &s)
         if (!need_time(r, &s.at_ms))
             return false;
         if (s.at_ms < r.last_at_ms)
-            return refuse(r, word, fmt::format("earlier than a line above; {}ms or later would fit", r.last_at_ms));
+            return refuse(r, word, fmt::format("earlier than a line above; expected {}ms or later", r.last_at_ms));
         r.last_at_ms = s.at_ms;
     }
     for (std::size_t i = r.at; i < r.words.size(); ++i)

@@ -81,7 +81,7 @@ struct scenario {
 };
 
 // Reads the text of the file `name` and adds it to a scenario, as if it stood behind what is read already. Returns 0,
-// or 1 with the scenario as it was and `error` one line: "branch.card:7: hots: interface, host, route ... would fit".
+// or 1 with the scenario as it was and `error` one line: "branch.card:7: hots: expected interface, host, route ...".
 [[nodiscard]] int scenario_parse(const std::string &name, const std::string &text, scenario *out, std::string *error);
 
 // The same from a file. "-" is the standard input.

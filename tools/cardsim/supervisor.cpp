@@ -64,7 +64,7 @@ std::string sup_take(supervisor &sup, const std::uint8_t *bytes, std::size_t len
     sup_advert advert;
     if (sup_decode(bytes, length, &advert) != 0) {
         ++sup.malformed;
-        return fmt::format("supervisor: a message of {} bytes that is no advertisement", length);
+        return fmt::format("supervisor: ignored a message of {} bytes: not an advertisement", length);
     }
     const auto key = std::make_pair(advert.prefix, advert.mask);
     ++sup.acknowledged;

@@ -122,7 +122,7 @@ void command_run(batch &b, const routectl_call &call, const std::string &text)
     // It would not end, and with -j there would be documents before the batch's own.
     const bool is_endless = routectl_given(call, "follow") != nullptr;
     const routectl_answer answer =
-        is_endless ? routectl_error(ROUTECTL_USAGE, "follow is not for a batch: it ends only when interrupted")
+        is_endless ? routectl_error(ROUTECTL_USAGE, "follow is not allowed in a batch: it ends only when interrupted")
                    : call.command.run(call);
     line_ended(b, b.line, text, answer);
     if (answer.status != ROUTECTL_DONE || answer.is_printed)
@@ -145,9 +145,9 @@ void line_run(batch &b, const std::string &text)
     ++b.lines;
     grammar_result parsed = is_closed ? grammar_parse(words) : grammar_result{};
     if (!is_closed)
-        parsed.error = "a quote is not closed";
+        parsed.error = "unclosed quote";
     else if (!parsed.help.empty())
-        parsed.error = "help is not for a batch";
+        parsed.error = "help is not allowed in a batch";
     if (!parsed.error.empty()) {
         drain(b);
         if (b.is_over)

@@ -89,7 +89,7 @@ routectl_answer if_create(const routectl_call &call)
                        {interface_of(call), routectl_number(call, "ctx", 0), address.number, address.mask,
                         routectl_number(call, "mode", IF_RMODE_ROUTED)},
                        {fmt::format("interface {} exists already (if address changes it)", interface_of(call)),
-                        "interfaces are 1 to 8191, with an address inside a subnet", ""});
+                        "expected an interface from 1 to 8191, and an address other than 0.0.0.0", ""});
 }
 
 routectl_answer if_up(const routectl_call &call)
@@ -109,7 +109,7 @@ routectl_answer if_address(const routectl_call &call)
 {
     const routectl_value &address = *routectl_given(call, "address");
     return card_change(call, "cardsim_if_address", {interface_of(call), address.number, address.mask},
-                       {"", "the address is none inside a subnet", ""});
+                       {"", "expected an address other than 0.0.0.0", ""});
 }
 
 std::string host_of(const routectl_call &call) { return address_text(routectl_number(call, "addr", 0)); }

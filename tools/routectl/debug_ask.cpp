@@ -43,13 +43,13 @@ bool debug_queue_open(const routectl_call &call)
 std::optional<debug_answer> debug_ask(const routectl_call &call, std::uint32_t verb, routectl_answer &error)
 {
     if (!debug_queue_open(call)) {
-        error = routectl_error(ROUTECTL_UNREACHABLE, "no message queue can be had in " + card_dir_path());
+        error = routectl_error(ROUTECTL_UNREACHABLE, "no message queue can be opened in " + card_dir_path());
         return std::nullopt;
     }
     while (debug_view_take(call.session.queue))
         ; // answers to questions that were given up
     if (!debug_view_send(call.session.queue, {verb, 0, 0, 0})) {
-        error = debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
+        error = debug_silent("cannot be reached: its message queue has no reader or is full," + routectl_where());
         return std::nullopt;
     }
     std::optional<debug_answer> answer = answer_wait(call, verb);

@@ -19,7 +19,7 @@ routectl_answer throw_switch(const routectl_call &call, const debug_request &req
 {
     routectl_answer answer;
     if (!debug_queue_open(call) || !debug_view_send(call.session.queue, request))
-        return debug_silent("cannot be reached: nobody reads its message queue, or that is full," + routectl_where());
+        return debug_silent("cannot be reached: its message queue has no reader or is full," + routectl_where());
     (void)debug_ask(call, DEBUG_SHOW_COUNTERS, answer);
     return answer;
 }

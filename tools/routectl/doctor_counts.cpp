@@ -76,7 +76,7 @@ void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidde
         sum -= left[ctx];
         findings.push_back(
             {&kind.lost, static_cast<int>(ctx), "",
-             fmt::format("the route manager counts {}, of which slots and listed routes explain {}",
+             fmt::format("the route manager counts {}; tables and listed routes account for {}",
                          counted(held, kind.one, kind.many), held - lost),
              counted(lost, kind.one, kind.many) + (lost == 1 ? " of the context is" : " of the context are"), lost});
     }
@@ -140,7 +140,7 @@ void doctor_judge_unlisted(const doctor_look &look, doctor_findings &findings)
         const std::uint64_t unlisted = statics->second - listed_statics;
         findings.push_back(
             {&DOCTOR_STATICS_UNLISTED, DOCTOR_WHOLE_CARD, "",
-             fmt::format("memory holds {}, the listings {}; which of the two it is cannot be seen from outside{}",
+             fmt::format("memory holds {}, the listings {}; waiting and lost ones look alike from outside{}",
                          statics->second, listed_statics,
                          sets.empty() ? "" : fmt::format("; a path of {} waits", fmt::join(sets, ", "))),
              std::to_string(unlisted), unlisted});
@@ -250,9 +250,9 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
     for (std::uint32_t ctx = 0; ctx < ROUTE_CONTEXTS; ++ctx)
         for (const route_record &route : look.listing->contexts[ctx])
             if ((route.flags & RIB_F_INTERFACE) != 0 && if_get_status(route.ifid) != 1)
-                findings.push_back({&DOCTOR_INTERFACE_STALE, static_cast<int>(ctx), name_of(route),
-                                    "the interface database has the interface down, or has none of this number",
-                                    fmt::format("{} is still there of interface {}", name_of(route), route.ifid)});
+                findings.push_back(
+                    {&DOCTOR_INTERFACE_STALE, static_cast<int>(ctx), name_of(route),
+                     fmt::format("in the interface database, interface {} is down or missing", route.ifid)});
     for (std::uint32_t ifid = 0; ifid < IFDB_RECORDS; ++ifid) {
         interface_state state;
         if (!is_in_service(ifid, state) || has_routes(look, state))
@@ -261,7 +261,7 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
         findings.push_back(
             {length > 0 && length < 31 ? &DOCTOR_INTERFACE_MISSING : &DOCTOR_INTERFACE_REFUSED, state.ctx,
              fmt::format("interface {}", ifid),
-             fmt::format("the interface database has it up with {} in the context, the listing lacks routes of it",
+             fmt::format("in the interface database it is up with {} in the context; the listing lacks routes of it",
                          prefix_text(state.address, length))});
     }
 }

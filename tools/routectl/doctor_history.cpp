@@ -65,8 +65,7 @@ std::vector<error_record> errors_since(history_view &view, std::uint64_t since_n
 {
     std::vector<history_entry> entries;
     if (history_read(view, entries) == history_end::damaged)
-        findings.push_back(
-            {&DOCTOR_HISTORY_DAMAGED, DOCTOR_WHOLE_CARD, "", view.path + " holds a record that is none"});
+        findings.push_back({&DOCTOR_HISTORY_DAMAGED, DOCTOR_WHOLE_CARD, "", view.path + " holds an invalid record"});
     const history_filter filter = {{ROUTE_DBG_ERRORS}, {}, std::max(since_ns, life_began_ns())};
     std::vector<error_record> errors;
     for (history_entry &entry : entries)
@@ -152,8 +151,8 @@ void judge_kept(const routectl_call &call, history_view &view, doctor_findings &
     (void)history_read(view, entries); // however it ended: what was read is what there is
     if (std::none_of(entries.begin(), entries.end(),
                      [](const history_entry &e) { return e.category == ROUTE_DBG_ERRORS; }))
-        findings.push_back({&DOCTOR_ERRORS_NOT_KEPT, DOCTOR_WHOLE_CARD, "",
-                            "a lookup that finds nothing left no line at category 100"});
+        findings.push_back(
+            {&DOCTOR_ERRORS_NOT_KEPT, DOCTOR_WHOLE_CARD, "", "a lookup that failed left no line in category 100"});
 }
 } // namespace
 

@@ -64,7 +64,7 @@ doctor_look doctor_look_take(const routectl_call &call)
     if (look.is_served)
         ask_memory(call, look);
     else
-        look.not_looked_at.push_back("listings, counts and memory of the route manager: nobody answered");
+        look.not_looked_at.push_back("listings, counts and memory of the route manager: no answer");
     for (const auto &copy : look.copies)
         for (std::uint32_t tree = 0; tree < ROUTE_CONTEXTS; ++tree)
             copy->trees[tree] = tree_read(copy->view, tree);

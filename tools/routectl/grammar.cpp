@@ -207,7 +207,7 @@ bool value_read(const std::string &name, word_span words, std::size_t &at, route
         break;
     }
     if (!is_good)
-        error = fmt::format("{} is no {} ({})", quoted(word), name, kind.what);
+        error = fmt::format("invalid {} {}: expected {}", name, quoted(word), kind.what);
     return is_good;
 }
 
@@ -295,9 +295,9 @@ void not_fitting(argument_walk &walk, const std::string &word, const std::string
     if (!why.empty())
         walk.error = why;
     else if (expected.empty())
-        walk.error = quoted(word) + " is one word too many";
+        walk.error = fmt::format("unexpected {}: the command is complete before it", quoted(word));
     else
-        walk.error = quoted(word) + " does not fit; here would fit: " + joined(expected, ", ");
+        walk.error = fmt::format("unexpected {}; expected {}", quoted(word), joined(expected, ", "));
 }
 
 // Takes what stands at words[at]: a word of the command, else a value by its place, else a word cut short.
@@ -326,7 +326,7 @@ bool argument_step(argument_walk &walk, word_span words, std::size_t &at)
         names.reserve(cut_short.size());
         for (const place &p : cut_short)
             names.push_back(*p.word);
-        why = quoted(word) + " could be " + joined(names, " or ");
+        why = fmt::format("ambiguous {}: {}", quoted(word), joined(names, " or "));
     }
     not_fitting(walk, word, why);
     return false;
@@ -344,7 +344,7 @@ argument_walk walk_arguments(const routectl_command &command, word_span words)
 std::string missing(const argument_walk &walk)
 {
     if (walk.wanting != nullptr)
-        return fmt::format("after {} a value is missing: {}, {}", quoted(walk.wanting->word), walk.wanting->value,
+        return fmt::format("missing value after {}: {}, {}", quoted(walk.wanting->word), walk.wanting->value,
                            kind_of(walk.wanting->value).what);
     for (std::size_t i = 0; i < walk.arguments.size(); ++i)
         if (!walk.used[i] && !walk.arguments[i].optional)
@@ -409,9 +409,9 @@ std::string word_of_place(const std::vector<std::string> &words, const std::stri
     if (fitting.size() == 1)
         return fitting[0];
     if (fitting.empty())
-        error = quoted(word) + " is no word here; here would fit: " + joined(words, ", ");
+        error = fmt::format("unknown word {}; expected {}", quoted(word), joined(words, ", "));
     else
-        error = quoted(word) + " could be " + joined(fitting, " or ");
+        error = fmt::format("ambiguous {}: {}", quoted(word), joined(fitting, " or "));
     return "";
 }
 
@@ -517,8 +517,9 @@ grammar_result grammar_parse(word_span words)
     else if (!words.empty() && is_help(words.back()))
         result.help = help_asked(words.first(walk.words));
     else if (!walk.is_command)
-        result.error = "after " + quoted(words.empty() ? "routectl" : words.back()) +
-                       " a word is missing; here would fit: " + joined(words_at(walk.candidates, walk.words), ", ");
+        result.error =
+            fmt::format("missing word after {}; expected {}", quoted(words.empty() ? "routectl" : words.back()),
+                        joined(words_at(walk.candidates, walk.words), ", "));
     else
         return parse_command(*walk.candidates[0], words.subspan(walk.words));
     return result;

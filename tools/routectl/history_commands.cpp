@@ -98,7 +98,7 @@ routectl_answer history_print(const routectl_call &call, const history_filter &f
         answer.text += record_plain(entry, call.options.colour);
     }
     if (is_damaged)
-        answer.text += "the history is damaged: what stands behind this cannot be read\n";
+        answer.text += "the history is damaged: what follows cannot be read\n";
     if (answer.text.empty())
         answer.text = "no records\n";
     return answer;

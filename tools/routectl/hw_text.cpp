@@ -95,7 +95,7 @@ std::string path_text(const hw_walk &walk, const hw_path &path)
 {
     const bool is_nat = walk.nat && path.number == 1;
     return fmt::format("  path {}  {}  {}\n", path.number,
-                       path.ifid ? fmt::format("interface {:<5}", *path.ifid) : "interface not told",
+                       path.ifid ? fmt::format("interface {:<5}", *path.ifid) : "interface unknown",
                        is_nat ? fmt::format("NAT value {}", path.encap)
                               : fmt::format("encapsulation 0x{:04x}", path.encap));
 }

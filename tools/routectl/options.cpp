@@ -55,7 +55,7 @@ std::string names_take(std::vector<std::string> &words, routectl_options &option
     words = app.remaining();
     for (const std::string &word : words) {
         if (word.size() > 1 && word[0] == '-' && (names == option_names::all || word[1] != '-'))
-            return shown_text(word) + " is no option (routectl --help lists them)";
+            return "unknown option " + shown_text(word) + " (routectl --help lists the options)";
         if (names == option_names::all)
             break; // what stands behind the first word is read next
     }

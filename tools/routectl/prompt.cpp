@@ -105,9 +105,9 @@ int line_run(const routectl_options &options, routectl_session &session, const s
 {
     std::vector<std::string> words;
     routectl_options line_options = options;
-    std::string wrong = grammar_split(line, words) ? options_take(words, line_options) : "a quote is not closed";
+    std::string wrong = grammar_split(line, words) ? options_take(words, line_options) : "unclosed quote";
     if (wrong.empty() && (!line_options.batch.empty() || line_options.card != options.card || line_options.is_version))
-        wrong = "-b, -c and -V are for the start of routectl";
+        wrong = "-b, -c and -V are allowed only when routectl starts";
     if (!wrong.empty()) {
         output_answer(line_options, "", routectl_error(ROUTECTL_USAGE, wrong));
         return ROUTECTL_USAGE;
