@@ -29,7 +29,7 @@ void answer(int queue)
     EXPECT_EQ(mts_send(queue, &CARDSIM, MTS_OPC_DEBUG_ANSWER, "calls_served 0\n", 15), 0);
 }
 
-// A link that has just seen a route manager arrive at time 0, and asked for a sign of it.
+// A link that has just seen a route manager arrive at time 0, and sent it a barrier.
 struct linked {
     manager_link link;
     int manager = -1;
@@ -48,7 +48,7 @@ struct linked {
 };
 } // namespace
 
-TEST(cardsim_link, an_event_waits_for_the_sign_and_is_followed_by_a_request_for_the_next)
+TEST(cardsim_link, an_event_waits_for_the_barrier_and_is_followed_by_a_request_for_the_next)
 {
     on_fresh_card([] {
         linked l;

@@ -1,8 +1,10 @@
-// arp_service.cpp - the ARP service: which hosts there are, and what the route manager has been told of them.
+// arp_service.cpp - the ARP service: which hosts there are, and which of them the route manager knows.
 //
-// Whatever happens only puts a host on the list of those to be looked at; card_arp_run looks at it, compares what
-// should be known with what was told, and makes the one call that comes next. Its answer puts the host on the list
-// again. So a change in the middle of a call, or an answer that never comes, needs no rule of its own.
+// An event only puts a host on the list of those to be looked at; card_arp_run compares what the route manager should
+// know with what was announced, and makes the one call that comes next. Its answer puts the host on the list again. So
+// a change in the middle of a call, or an answer that never comes, needs no rule of its own.
+// Always: at most one call about a host is under way.
+// Elsewhere: what holds of a host's fields (card_model.h).
 
 #include <algorithm>
 
@@ -42,23 +44,23 @@ bool is_wanted(const card_model &m, const card_host_key &key, const card_host &h
 }
 
 // The route manager does not know the host (any more).
-void set_untold(card_model &m, card_host &host)
+void set_not_announced(card_model &m, card_host &host)
 {
-    if (host.told != TOLD_NOTHING && host.told_encap != host.encap)
-        card_encap_give(m, host.told_encap);
-    host.told = TOLD_NOTHING;
-    host.told_encap = host.encap;
+    if (host.announced != ANNOUNCED_NO && host.announced_encap != host.encap)
+        card_encap_give(m, host.announced_encap);
+    host.announced = ANNOUNCED_NO;
+    host.announced_encap = host.encap;
 }
 
 // How a call that did not run leaves the host: a call that was never sent has changed nothing.
 void set_unanswered(card_model &m, const card_host_key &key, card_host &host, const card_rpc_reply &reply)
 {
     if (reply.end == CARD_RPC_UNREACHABLE) {
-        set_untold(m, host);    // nobody is there to know it
-        host.is_refused = true; // not tried again and again: who comes is told everything
+        set_not_announced(m, host); // no route manager knows it
+        host.is_refused = true;     // not tried again: one that starts is sent everything
         return;
     }
-    host.told = TOLD_UNSURE;
+    host.announced = ANNOUNCED_MAYBE;
     host.due_ms = m.now_ms + CARD_RETRY_MS;
     look_at(m, key, host.due_ms);
 }
@@ -72,19 +74,19 @@ void announce(card_model &m, const card_host_key &key, card_host &host)
 {
     host.is_busy = true;
     host.is_refreshed = host.is_doubted = false;
-    host.told = TOLD_UNSURE; // until the answer
-    host.told_ifid = host.ifid;
-    host.told_encap = host.encap;
+    host.announced = ANNOUNCED_MAYBE; // until the answer
+    host.announced_ifid = host.ifid;
+    host.announced_encap = host.encap;
     ++m.busy;
     const auto done = [&m, key, encap = host.encap](const card_rpc_reply &reply) {
         card_host &h = m.hosts.at(key);
         h.is_busy = false;
         --m.busy;
         if (reply.ran() && reply.result == 0) {
-            h.told = h.is_doubted ? TOLD_UNSURE : TOLD_HOST;
+            h.announced = h.is_doubted ? ANNOUNCED_MAYBE : ANNOUNCED_YES;
             m.out.say(host_text(key, encap) + ": announced");
         } else if (reply.ran()) {
-            set_untold(m, h);
+            set_not_announced(m, h);
             h.is_refused = true;
             m.out.say(host_text(key, encap) + ": refused");
         } else {
@@ -108,8 +110,8 @@ void withdraw(card_model &m, const card_host_key &key, card_host &host)
         h.is_busy = false;
         --m.busy;
         if (reply.ran()) {
-            m.out.say(host_text(key, h.told_encap) + (reply.result == 0 ? ": withdrawn" : ": was not known"));
-            set_untold(m, h);
+            m.out.say(host_text(key, h.announced_encap) + (reply.result == 0 ? ": withdrawn" : ": was not known"));
+            set_not_announced(m, h);
         } else {
             set_unanswered(m, key, h, reply);
             m.out.say(card_rpc_reason(reply.end, "arp_prefix_mgr_remove_route"));
@@ -117,8 +119,8 @@ void withdraw(card_model &m, const card_host_key &key, card_host &host)
         look_at(m, key, m.now_ms);
     };
     m.out.call("arp_prefix_mgr_remove_route",
-               {rpc_u16(RIB_OBJ_ARP_HOST), rpc_u32(key.second), rpc_u32(HOST_LEN), rpc_u32(0), rpc_u16(host.told_encap),
-                rpc_u16(host.told_ifid), rpc_u32(key.first)},
+               {rpc_u16(RIB_OBJ_ARP_HOST), rpc_u32(key.second), rpc_u32(HOST_LEN), rpc_u32(0),
+                rpc_u16(host.announced_encap), rpc_u16(host.announced_ifid), rpc_u32(key.first)},
                done);
 }
 
@@ -130,12 +132,13 @@ void step(card_model &m, const card_host_key &key)
         return;
     card_host &host = found->second;
     const bool wanted = is_wanted(m, key, host);
-    const bool is_same = host.told == TOLD_HOST && host.told_encap == host.encap && host.told_ifid == host.ifid;
-    if (host.told != TOLD_NOTHING && (!wanted || !is_same)) {
+    const bool is_same =
+        host.announced == ANNOUNCED_YES && host.announced_encap == host.encap && host.announced_ifid == host.ifid;
+    if (host.announced != ANNOUNCED_NO && (!wanted || !is_same)) {
         // One that is only waiting for its next try is not withdrawn before that.
-        if (host.told != TOLD_UNSURE || m.now_ms >= host.due_ms)
+        if (host.announced != ANNOUNCED_MAYBE || m.now_ms >= host.due_ms)
             withdraw(m, key, host);
-    } else if (wanted && !host.is_refused && (host.told == TOLD_NOTHING || host.is_refreshed)) {
+    } else if (wanted && !host.is_refused && (host.announced == ANNOUNCED_NO || host.is_refreshed)) {
         announce(m, key, host);
     } else if (host.is_gone) {
         card_encap_give(m, host.encap);
@@ -154,7 +157,7 @@ std::uint32_t change_encap(card_model &m, const card_host_key &key, card_host &h
             card_encap_take(m, fresh.encap, {fresh.ifid, fresh.mac.value_or(m.encaps.at(host.encap).mac)});
         if (encap == 0)
             return CARD_BAD_ARGUMENT;
-        if (host.told == TOLD_NOTHING || host.told_encap != host.encap)
+        if (host.announced == ANNOUNCED_NO || host.announced_encap != host.encap)
             card_encap_give(m, host.encap); // one that is announced is given back once it is withdrawn
         host.encap = encap;
     }
@@ -185,12 +188,12 @@ std::uint32_t card_host_add(card_model &m, const card_new_host &fresh)
     host.encap = card_encap_take(m, fresh.encap, {fresh.ifid, fresh.mac.value_or(0x020000000000 | fresh.address)});
     if (host.encap == 0)
         return CARD_BAD_ARGUMENT;
-    host.ifid = host.told_ifid = fresh.ifid;
-    host.told_encap = host.encap;
+    host.ifid = host.announced_ifid = fresh.ifid;
+    host.announced_encap = host.encap;
     host.delay_ms = fresh.delay_ms;
     host.is_quiet = fresh.is_quiet;
     host.is_asked = m.asked.count(key) != 0;
-    host.told = m.is_unsure ? TOLD_UNSURE : TOLD_NOTHING;
+    host.announced = m.is_unsure ? ANNOUNCED_MAYBE : ANNOUNCED_NO;
     host.due_ms = m.now_ms + fresh.delay_ms;
     m.hosts[key] = host;
     look_at(m, key, host.due_ms);
@@ -216,7 +219,7 @@ void card_arp_request(card_model &m, std::uint32_t ctx, std::uint32_t address, b
 {
     const card_host_key key{ctx, address};
     if (!wanted) {
-        m.asked.erase(key); // a host that is announced stays so: it is there, asked for or not
+        m.asked.erase(key); // a host that is announced stays announced, asked for or not
         return;
     }
     m.asked.insert(key);
@@ -224,7 +227,7 @@ void card_arp_request(card_model &m, std::uint32_t ctx, std::uint32_t address, b
     if (found == m.hosts.end())
         return; // a neighbour that does not answer
     card_host &host = found->second;
-    if (host.told == TOLD_NOTHING && !host.is_busy)
+    if (host.announced == ANNOUNCED_NO && !host.is_busy)
         host.due_ms = m.now_ms + host.delay_ms;
     host.is_asked = true;
     host.is_refused = false;
@@ -234,9 +237,9 @@ void card_arp_request(card_model &m, std::uint32_t ctx, std::uint32_t address, b
 void card_if_withdrawn(card_model &m, std::uint32_t ctx, std::uint32_t ifid)
 {
     for (auto &[key, host] : m.hosts) {
-        if (key.first != ctx || host.told_ifid != ifid || host.told != TOLD_UNSURE || host.is_busy)
+        if (key.first != ctx || host.announced_ifid != ifid || host.announced != ANNOUNCED_MAYBE || host.is_busy)
             continue;
-        set_untold(m, host);
+        set_not_announced(m, host);
         look_at(m, key, std::max(m.now_ms, host.due_ms));
     }
 }
@@ -251,8 +254,8 @@ void card_hosts_recheck(card_model &m, std::uint32_t ifid, bool is_unsure)
     for (auto &[key, host] : m.hosts) {
         if (!is_of(host))
             continue;
-        if (is_unsure && host.told == TOLD_HOST)
-            host.told = TOLD_UNSURE;
+        if (is_unsure && host.announced == ANNOUNCED_YES)
+            host.announced = ANNOUNCED_MAYBE;
         host.is_doubted = host.is_doubted || (is_unsure && host.is_busy);
         host.is_refused = false;
         host.due_ms = m.now_ms + (is_unsure ? 0 : host.delay_ms);
@@ -263,7 +266,7 @@ void card_hosts_recheck(card_model &m, std::uint32_t ifid, bool is_unsure)
 void card_realign(card_model &m)
 {
     for (auto &[key, host] : m.hosts) {
-        host.is_refreshed = host.told == TOLD_HOST;
+        host.is_refreshed = host.announced == ANNOUNCED_YES;
         host.is_refused = false;
         look_at(m, key, std::max(m.now_ms, host.due_ms));
     }
@@ -271,7 +274,7 @@ void card_realign(card_model &m)
 
 void card_arp_run(card_model &m)
 {
-    // What a step puts on the list has its turn in the next run.
+    // What a step puts on the list is looked at in the next run.
     std::vector<card_host_key> keys;
     while (!m.due.empty() && m.due.begin()->first <= m.now_ms) {
         keys.push_back(m.due.begin()->second);

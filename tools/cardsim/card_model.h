@@ -1,13 +1,13 @@
-// card_model.h - the interface manager, the ARP service and the slow path: what they know and what they say of it.
+// card_model.h - the interface manager, the ARP service and the slow path: what they know and what they send.
 //
-// Plain state and rules, without sockets or clocks: the time is told, and whatever goes out (records of the database,
-// events, calls) goes through card_outside. A rule never calls out and waits: it hands a call over and goes on when the
-// answer is brought.
+// Plain state and rules, without sockets or clocks: the caller sets the time, and whatever goes out (records of the
+// database, events, calls) goes through card_outside. A rule never waits: it hands a call over and goes on when the
+// answer comes.
 //
-// What always holds of a host: at most one call about it is under way; it is announced only while its interface is up;
-// one whose encapsulation changed is withdrawn before it is announced again, and one that has not changed is not
-// announced twice. `told` is what the route manager knows of it, TOLD_UNSURE when that cannot be said (a call that was
-// not answered, an interface that went down): such a host is withdrawn first, which does no harm to one not there.
+// Always, of a host: at most one call about it is under way; it is announced only while its interface is up; one whose
+// encapsulation changed is withdrawn before it is announced again, and one that has not changed is not announced twice.
+// `announced` says whether the route manager knows it, ANNOUNCED_MAYBE when that cannot be known (a call that was
+// not answered, an interface that went down): such a host is withdrawn first, which does no harm if it is unknown.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,7 @@ struct card_interface {
     bool is_up = false;
 };
 
-enum card_told : unsigned { TOLD_NOTHING, TOLD_HOST, TOLD_UNSURE };
+enum card_announced : unsigned { ANNOUNCED_NO, ANNOUNCED_YES, ANNOUNCED_MAYBE };
 
 struct card_host {
     std::uint32_t ifid = 0, encap = 0;
@@ -51,13 +51,13 @@ struct card_host {
     bool is_asked = false; // it has
     bool is_gone = false;  // to be forgotten once it is withdrawn
 
-    card_told told = TOLD_NOTHING;
-    std::uint32_t told_ifid = 0, told_encap = 0; // as announced
-    bool is_busy = false;                        // a call about it is under way
-    bool is_doubted = false;                     // what that call announces may be gone by the time it is answered
-    bool is_refused = false;                     // not announced again until something changes
-    bool is_refreshed = false;                   // to be announced once more as it is
-    std::uint64_t due_ms = 0;                    // not announced before
+    card_announced announced = ANNOUNCED_NO;
+    std::uint32_t announced_ifid = 0, announced_encap = 0; // as announced
+    bool is_busy = false;                                  // a call about it is under way
+    bool is_doubted = false;   // what that call announces may be gone by the time it is answered
+    bool is_refused = false;   // not announced again until something changes
+    bool is_refreshed = false; // to be announced once more as it is
+    std::uint64_t due_ms = 0;  // not announced before
 };
 using card_host_key = std::pair<std::uint32_t, std::uint32_t>; // context, address
 
@@ -77,7 +77,7 @@ struct card_outside {
 
 struct card_model {
     card_outside out;
-    std::uint64_t now_ms = 0; // told before anything is asked of the model
+    std::uint64_t now_ms = 0; // set before the model is used
     std::map<std::uint32_t, card_interface> interfaces;
     std::map<card_host_key, card_host> hosts;
     std::map<std::uint32_t, card_encap> encaps;
@@ -103,7 +103,7 @@ std::vector<std::uint8_t> card_if_changed_payload(std::uint32_t ifid, std::uint3
 struct card_new_host {
     std::uint32_t ifid, address;
     std::uint32_t encap;              // 0: allocate one
-    std::optional<std::uint64_t> mac; // made up when there is none
+    std::optional<std::uint64_t> mac; // one is made of the address when there is none
     std::uint32_t delay_ms;
     bool is_quiet;
 };
@@ -135,5 +135,5 @@ std::uint32_t card_encap_take(card_model &m, std::uint32_t encap, const card_enc
 void card_encap_give(card_model &m, std::uint32_t encap);
 
 // ---- all of them ----
-// A route manager has started: it knows nothing and is told everything.
+// A route manager has started: it knows nothing and is sent everything.
 void card_announce_all(card_model &m);

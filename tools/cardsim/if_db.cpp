@@ -1,4 +1,7 @@
 // if_db.cpp - writes the interface database.
+//
+// Always: the sequence word of a record is odd before its first field changes and even after its last one.
+// Elsewhere: the form of the file (interface_db.h), its readers (platform/host/if_mgr.cpp).
 
 #include "if_db.h"
 
@@ -103,7 +106,7 @@ void if_db_write(const if_db &db, std::uint32_t ifid, const if_db_record &record
 {
     std::uint32_t *const words = record_at(db, ifid);
     const std::uint32_t before = word_ref(words[IFDB_SEQUENCE]).load(std::memory_order_relaxed);
-    const std::uint32_t changing = before | 1; // odd already when an earlier writer died in the middle
+    const std::uint32_t changing = before | 1; // odd already when an earlier writer died while writing
     word_ref(words[IFDB_SEQUENCE]).store(changing, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
     const std::uint32_t fields[] = {record.flags, record.mode, record.bvi, record.address,

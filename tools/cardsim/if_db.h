@@ -1,4 +1,4 @@
-// if_db.h - the interface database, as its one writer has it.
+// if_db.h - the interface database, for its one writer.
 //
 // The file is mapped and read by other processes while it changes: each record has a sequence word that is odd while
 // the record is being changed and has another even value afterwards.
@@ -19,7 +19,7 @@ struct if_db {
 };
 
 // Maps the database of the card directory, made anew unless a valid one is there; interfaces that an earlier writer
-// left are taken out. Returns 0, or -1 with a line on standard error. The caller is the card's only interface manager.
+// left are removed. Returns 0, or -1 with a line on standard error. The caller is the card's only interface manager.
 [[nodiscard]] int if_db_open(if_db *db);
 void if_db_close(if_db *db);
 

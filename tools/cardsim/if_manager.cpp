@@ -1,8 +1,9 @@
 // if_manager.cpp - the interface manager: keeps the interfaces, writes their records and sends their events.
 //
-// The record is written before the event goes out, so whoever hears the event reads what it is about. The events are
-// those of the card, also where a caller would rather have others: an interface that is deleted while it is up gets no
-// IF_DOWN, and an address that changes while it is down is announced with the next IF_UP.
+// The events are those of the card, also where others would be expected: an interface that is deleted while it is up
+// gets no IF_DOWN, and an address that changes while it is down is announced with the next IF_UP.
+// Always: the record is written before its event is sent, so a receiver of the event reads the new record.
+// Elsewhere: the form of the events (interface_events.h), the writing of records (if_db.cpp).
 
 #include <algorithm>
 
@@ -77,7 +78,7 @@ std::uint32_t card_if_state(card_model &m, std::uint32_t ifid, bool up)
     if (found == m.interfaces.end())
         return CARD_NO_INTERFACE;
     if (found->second.is_up == up)
-        return CARD_DONE; // it is so already: nothing to tell
+        return CARD_DONE; // nothing changed, so no event
     found->second.is_up = up;
     m.out.record(ifid, record_of(found->second));
     send_state(m, up ? MTS_OPC_NORVIK_IF_UP : MTS_OPC_NORVIK_IF_DOWN, ifid);
@@ -129,10 +130,10 @@ void card_announce_all(card_model &m)
             send_state(m, MTS_OPC_NORVIK_IF_UP, ifid);
     m.asked.clear(); // it will ask again for what it still wants
     for (auto &[key, host] : m.hosts) {
-        if (host.told != TOLD_NOTHING && host.told_encap != host.encap)
-            card_encap_give(m, host.told_encap);
-        host.told = TOLD_NOTHING;
-        host.told_encap = host.encap;
+        if (host.announced != ANNOUNCED_NO && host.announced_encap != host.encap)
+            card_encap_give(m, host.announced_encap);
+        host.announced = ANNOUNCED_NO;
+        host.announced_encap = host.encap;
         host.is_asked = host.is_refused = host.is_refreshed = false;
         host.due_ms = m.now_ms + host.delay_ms;
         m.due.emplace(host.due_ms, key);

@@ -1,4 +1,6 @@
 // lookup.cpp - reads every copy of the tables as the processors do, and judges what it finds.
+//
+// Elsewhere: the walk (card_view/hw_walk.cpp), the expectations as they are written (scenario.cpp).
 
 #include "lookup.h"
 
@@ -29,7 +31,7 @@ bool is_right(const scenario_step &step, const hw_walk &walk)
         return walk.nat && walk.paths.size() == 1 && walk.paths[0].encap == *step.nat;
     if (step.resolve_ifid)
         return walk.ip_resolve && walk.paths.size() == 1 && walk.paths[0].ifid == *step.resolve_ifid;
-    // Without a number of paths those that are named are all there are.
+    // Without a number of paths, those that are named have to be all.
     const std::size_t count = step.path_count ? *step.path_count : step.paths.size();
     return !walk.nat && walk.paths.size() == count &&
            std::all_of(step.paths.begin(), step.paths.end(),

@@ -1,4 +1,6 @@
 // lookup.h - what the hardware tables answer for an address, compared with what a scenario expects.
+//
+// Always: an expectation holds only when every copy that the card has answers it.
 #pragma once
 
 #include <string>

@@ -1,8 +1,8 @@
 // main.cpp - cardsim: the card's other processes in one program.
 //
-// One thread, one poll: what the route manager asks is answered within the pass, and nothing here ever waits for the
-// route manager, which may just then be waiting for us.
-// Elsewhere: the options and the scenario's statements for a user (cardsim(1)).
+// Always: one thread, one poll. What the route manager asks is answered within the pass, and nothing here ever waits
+// for the route manager, which may be waiting for us. Elsewhere: the options and the scenario's statements for a user
+// (cardsim(1)).
 
 #include <algorithm>
 #include <chrono>
@@ -55,7 +55,7 @@ struct card {
     manager_link link;
     play show;
     int server = -1, signals = -1;
-    bool is_told = false; // that the scenario stands
+    bool is_said = false; // that the scenario stands
 };
 
 std::uint64_t now_ms()
@@ -92,7 +92,7 @@ std::optional<int> options_read(int argc, char **argv, options *opts)
 void arrival(card &c)
 {
     c.model.now_ms = now_ms();
-    if (c.show.plan == nullptr) { // found while we start: it may know things from an earlier run of ours
+    if (c.show.plan == nullptr) { // found while we start: it may know hosts from an earlier run of ours
         c.model.is_unsure = true;
         c.show.has_started = true;
         c.show.start_ms = c.model.now_ms;
@@ -166,8 +166,8 @@ void work(card &c)
         card_arp_run(c.model);
     play_run(c.show, c.model.now_ms);
     link_process(c.link, c.model.now_ms);
-    if (c.show.is_standing && !c.is_told && !c.opts.check) {
-        c.is_told = true;
+    if (c.show.is_standing && !c.is_said && !c.opts.check) {
+        c.is_said = true;
         std::printf("cardsim: the card stands\n");
         std::fflush(stdout);
     }
@@ -225,7 +225,7 @@ int play_card(int argc, char **argv)
     if (open_card(c) != 0)
         return EXIT_NO_CARD;
     work(c);
-    (void)sysmgr_handshake(c.link.queue, CARDSIM_UUID); // nobody need listen
+    (void)sysmgr_handshake(c.link.queue, CARDSIM_UUID); // without a listener it is lost, which is no error
     std::printf("cardsim: serves %s\n", card_dir_path().c_str());
     std::fflush(stdout);
     const int status = run(c);

@@ -1,8 +1,9 @@
 // manager_link.cpp - one ordered way to the route manager over its two: messages and calls.
 //
-// The route manager is seen by the lock of its message queue; its coming and going is seen by what happens to the names
-// of that queue in the card directory, so nothing is asked again and again. One that restarts between two looks is
-// seen too: it makes its socket anew.
+// A route manager is there while the lock of its message queue is held. Its start and end are seen by what happens to
+// the names of that queue in the card directory, without polling; one that restarts between two looks is seen too,
+// since it makes its socket anew. Always: a barrier is sent only after the last of a run of events, so its answer means
+// that all of them are handled.
 
 #include "manager_link.h"
 
@@ -23,8 +24,8 @@
 
 namespace
 {
-constexpr std::uint64_t FENCE_AGAIN_MS = 500; // an answer may be lost; asking again does no harm
-constexpr unsigned FULL_WAIT_MS = 1;          // for room in the route manager's queue, each time: it may be calling us
+constexpr std::uint64_t BARRIER_AGAIN_MS = 500; // an answer may be lost; asking again does no harm
+constexpr unsigned FULL_WAIT_MS = 1; // for room in the route manager's queue, each time: it may be calling us
 constexpr std::uint64_t FULL_AGAIN_MS = 10;
 constexpr const char *MANAGER_QUEUE = "mts/514", *MANAGER_SOCKET = "514", *MANAGER_LOCK = "514.lock";
 constexpr mts_address MANAGER = {MTS_NODE_LOCAL, ROUTE_MGR_SAP};
@@ -42,16 +43,16 @@ void arrive(manager_link &link)
     link.items.erase(
         std::remove_if(link.items.begin(), link.items.end(), [](const link_item &i) { return i.is_event; }),
         link.items.end());
-    link.is_unfenced = true; // it may not have reached its loop
-    link.signs_due = 0;
+    link.is_unacknowledged = true; // it may not have reached its loop
+    link.barriers_pending = 0;
     link.retry_ms = 0;
     link.on_arrival();
 }
 
 void leave(manager_link &link)
 {
-    link.is_present = link.is_unfenced = false;
-    link.signs_due = 0;
+    link.is_present = link.is_unacknowledged = false;
+    link.barriers_pending = 0;
 }
 
 // What happened to the names of the route manager's queue.
@@ -76,12 +77,12 @@ void watch_process(manager_link &link)
         leave(link);
 }
 
-// A request is answered. Only when all are, the last is: one that stalled answers several at once.
-void sign_take(manager_link &link)
+// A barrier is answered. Only the answer to the last one counts: a route manager that stalled answers several at once.
+void barrier_answered(manager_link &link)
 {
-    link.is_sign_heard = true;
-    if (--link.signs_due == 0)
-        link.is_unfenced = false;
+    link.is_barrier_answered = true;
+    if (--link.barriers_pending == 0)
+        link.is_unacknowledged = false;
 }
 
 void queue_process(manager_link &link)
@@ -92,18 +93,18 @@ void queue_process(manager_link &link)
         errno = 0;
         if (mts_recv(link.queue, &message, &OPTIONS) != 0) {
             if (errno != 0)
-                return; // none waits
+                return; // the queue is empty
             continue;   // a malformed one, consumed
         }
         if (message.opcode != MTS_OPC_DEBUG_ANSWER)
             link.on_message(message);
-        else if (link.signs_due != 0)
-            sign_take(link);
+        else if (link.barriers_pending != 0)
+            barrier_answered(link);
         mts_drop(link.queue, &message);
     }
 }
 
-enum class sent { yes, full, nobody };
+enum class sent { yes, full, unreachable };
 
 sent send_message(manager_link &link, std::uint32_t opcode, const std::vector<std::uint8_t> &payload,
                   std::uint64_t now_ms)
@@ -117,42 +118,42 @@ sent send_message(manager_link &link, std::uint32_t opcode, const std::vector<st
         return sent::full;
     }
     leave(link);
-    return sent::nobody;
+    return sent::unreachable;
 }
 
-// Asks for a sign that the events sent so far are handled.
-void fence_ask(manager_link &link, std::uint64_t now_ms)
+// Sends a barrier: a request whose answer means that the events sent before it are handled.
+void barrier_send(manager_link &link, std::uint64_t now_ms)
 {
-    if (link.signs_due != 0 && now_ms < link.fence_ms)
+    if (link.barriers_pending != 0 && now_ms < link.barrier_ms)
         return;
-    if (link.is_sign_heard)
-        link.signs_due = 0; // it is awake, and what it has not answered by now was lost
+    if (link.is_barrier_answered)
+        link.barriers_pending = 0; // it answers again, so what it has not answered by now was lost
     std::vector<std::uint8_t> request(DEBUG_REQUEST_BYTES);
     debug_request_put(request.data(), {DEBUG_SHOW_COUNTERS, 0, 0, 0}); // answered, and changes nothing
     if (send_message(link, MTS_OPC_DEBUG_REQUEST, request, now_ms) != sent::yes) {
-        link.fence_ms = now_ms + FULL_AGAIN_MS;
+        link.barrier_ms = now_ms + FULL_AGAIN_MS;
         return;
     }
-    ++link.signs_due;
-    link.is_sign_heard = false;
-    link.fence_ms = now_ms + FENCE_AGAIN_MS;
+    ++link.barriers_pending;
+    link.is_barrier_answered = false;
+    link.barrier_ms = now_ms + BARRIER_AGAIN_MS;
 }
 
 // Sends the first item, or lets it go. Returns whether it is off the queue.
 bool send_first(manager_link &link, std::uint64_t now_ms)
 {
     if (link.items.front().is_event) {
-        // A sign that is under way says nothing of an event sent after it was asked for.
-        if (link.is_present && (link.signs_due != 0 || card_rpc_pending(*link.rpc) != 0))
+        // The answer to a pending barrier would not cover this event.
+        if (link.is_present && (link.barriers_pending != 0 || card_rpc_pending(*link.rpc) != 0))
             return false;
         const link_item &event = link.items.front();
         if (link.is_present && send_message(link, event.opcode, event.payload, now_ms) == sent::full)
             return false;
-        link.is_unfenced = link.is_present;
+        link.is_unacknowledged = link.is_present;
         link.items.pop_front();
         return true;
     }
-    if (link.is_unfenced)
+    if (link.is_unacknowledged)
         return false;
     link_item call = std::move(link.items.front());
     link.items.pop_front();
@@ -196,13 +197,13 @@ void link_call(manager_link &link, const std::string &procedure, const std::vect
 
 bool link_has_events(const manager_link &link)
 {
-    return link.is_unfenced ||
+    return link.is_unacknowledged ||
            std::any_of(link.items.begin(), link.items.end(), [](const link_item &i) { return i.is_event; });
 }
 
 bool link_is_at_rest(const manager_link &link)
 {
-    return link.is_present && !link.is_unfenced && link.items.empty() && card_rpc_pending(*link.rpc) == 0;
+    return link.is_present && !link.is_unacknowledged && link.items.empty() && card_rpc_pending(*link.rpc) == 0;
 }
 
 void link_process(manager_link &link, std::uint64_t now_ms)
@@ -212,9 +213,9 @@ void link_process(manager_link &link, std::uint64_t now_ms)
     card_rpc_process(*link.rpc);
     while (!link.items.empty() && send_first(link, now_ms)) {
     }
-    // Behind a run of events: once no further one waits, and again while its answer does not come.
-    if (link.is_unfenced && (link.signs_due != 0 || link.items.empty() || !link.items.front().is_event))
-        fence_ask(link, now_ms);
+    // After a run of events, when no further one waits, and again while no answer comes.
+    if (link.is_unacknowledged && (link.barriers_pending != 0 || link.items.empty() || !link.items.front().is_event))
+        barrier_send(link, now_ms);
     card_rpc_process(*link.rpc); // what was just handed over leaves at once
 }
 
@@ -222,14 +223,15 @@ std::uint64_t link_next_ms(const manager_link &link, std::uint64_t now_ms)
 {
     std::uint64_t next = UINT64_MAX;
     if (!link.items.empty() && link.retry_ms <= now_ms &&
-        (link.items.front().is_event ? link.signs_due == 0 && card_rpc_pending(*link.rpc) == 0 : !link.is_unfenced))
+        (link.items.front().is_event ? link.barriers_pending == 0 && card_rpc_pending(*link.rpc) == 0
+                                     : !link.is_unacknowledged))
         return now_ms;
     const int rpc = card_rpc_timeout_ms(*link.rpc);
     if (rpc >= 0)
         next = now_ms + static_cast<std::uint64_t>(rpc);
     if (link.retry_ms > now_ms)
         next = std::min(next, link.retry_ms);
-    if (link.signs_due != 0)
-        next = std::min(next, link.fence_ms);
+    if (link.barriers_pending != 0)
+        next = std::min(next, link.barrier_ms);
     return next;
 }

@@ -1,12 +1,12 @@
-// manager_link.h - the way to the route manager: events, calls, whether it is there, and whether it has been told.
+// manager_link.h - the way to the route manager: events, calls, whether it is there, and what it has acknowledged.
 //
-// Events and calls reach the route manager on two ways, which it serves in turns; here they are one queue, and what was
-// put in first takes effect first. Before an event is sent the calls ahead of it are answered; before a call is sent
-// the events ahead of it are known to be handled: a request of the debug service behind them is answered (the route
-// manager takes its messages in order). Nothing waits: link_process does what can be done now.
+// Events and calls reach the route manager on two ways, which it serves in turns. Here they are one queue: before an
+// event is sent, the calls ahead of it are answered; before a call is sent, the events ahead of it are acknowledged by
+// a barrier, a request of the debug service sent after them, which the route manager answers in order. Always: what was
+// queued first takes effect first, and nothing waits: link_process does what can be done now.
 //
 // While no route manager is there, events are dropped and calls answered with CARD_RPC_UNREACHABLE: one that starts is
-// told everything anew.
+// sent everything anew.
 #pragma once
 
 #include <cstdint>
@@ -29,15 +29,15 @@ struct link_item {
 
 struct manager_link {
     int queue = -1;   // our message queue
-    int watch = -1;   // tells of route managers that come and go
+    int watch = -1;   // readable when a route manager starts or ends
     card_rpc_ptr rpc; // to the route manager
     std::deque<link_item> items;
     bool is_present = false;
-    bool is_unfenced = false;         // events were sent, and it is not known whether they are handled
-    unsigned signs_due = 0;           // requests for that which are not answered
-    bool is_sign_heard = false;       // one was answered since the last was made
+    bool is_unacknowledged = false;   // events were sent and not acknowledged
+    unsigned barriers_pending = 0;    // sent and not answered
+    bool is_barrier_answered = false; // one was answered since the last was sent
     std::uint64_t retry_ms = 0;       // no message is sent before: the route manager's queue is full
-    std::uint64_t fence_ms = 0;       // when the request is made again
+    std::uint64_t barrier_ms = 0;     // when the next barrier is sent
     std::function<void()> on_arrival; // a route manager has started, or was found
     std::function<void(const mts_message &message)> on_message; // other than the link's own
 };
@@ -53,7 +53,7 @@ void link_call(manager_link &link, const std::string &procedure, const std::vect
 
 // Whether events are on their way: what the route manager knows is about to change.
 bool link_has_events(const manager_link &link);
-// Whether the route manager is there and has handled all there was.
+// Whether the route manager is there and has handled everything.
 bool link_is_at_rest(const manager_link &link);
 
 // Handles what has come in and sends what can be sent.

@@ -1,4 +1,7 @@
 // play.cpp - plays the steps of a scenario.
+//
+// Always: steps are applied in the order of the file, and an expectation is judged only when the card is at rest.
+// Elsewhere: the statements as they are written (scenario.cpp), the judging of lookups (lookup.cpp).
 
 #include "play.h"
 
@@ -48,7 +51,7 @@ void judged(play &p, bool right)
 
 // ---- what is given to the route manager ----
 
-// A call whose result has to be 0. may_stand: the same may stand there from an earlier run, and is refused for that.
+// A call whose result has to be 0. may_stand: it may be refused, since the same may exist from an earlier run.
 void give(play &p, const scenario_step &step, const char *procedure, const std::vector<card_rpc_arg> &args,
           bool may_stand)
 {
@@ -78,7 +81,7 @@ void give_standing(play &p, const scenario_step &s)
         give(p, s, "rib_add_route", route_args(s), may_stand);
         return;
     }
-    // A pool that stands already is not refused and left, but refused and taken out: so it is taken out first.
+    // Adding a pool that exists already is refused and removes it as well: so it is removed first.
     if (may_stand)
         give(p, s, "rib_remove_nat_pool", nat_args(s), false);
     give(p, s, "rib_add_nat_pool", nat_args(s), false);
@@ -104,7 +107,7 @@ void apply_route_or_nat(play &p, const scenario_step &s)
     if (same != p.given.end())
         p.given.erase(same);
     if (!p.link->is_present)
-        return; // who comes is not given it
+        return; // one that starts is not given it
     if (s.kind == STEP_ROUTE_DEL)
         give(p, s, "rib_remove_route", route_args(s), false);
     else

@@ -1,9 +1,9 @@
 // play.h - plays a scenario: applies its steps in their order and at their times, and judges its expectations.
 //
 // Steps without a time are applied at once, route manager or not; times count from when the first route manager was
-// there. Static routes and NAT pools of the scenario that stand are given again to a route manager that restarts.
-// Expectations and `show` count only in a check; otherwise they are passed over.
-// Always: nothing waits; a step that waits for an answer, a child or for the card to come to rest is looked at again.
+// there. Static routes and NAT pools of the scenario that are in force are given again to a route manager that
+// restarts. Expectations and `show` count only in a check; otherwise they are skipped. Always: nothing waits; a step
+// that waits for an answer, a child or for the card to come to rest is looked at again.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ struct play {
     bool has_started = false;
     std::uint64_t start_ms = 0;      // when a route manager was first there
     std::uint64_t rest_since_ms = 0; // when the next expectation was reached; 0: it is not
-    std::vector<std::size_t> given;  // steps whose route or pool stands, in their order
+    std::vector<std::size_t> given;  // steps whose route or pool is in force, in their order
     unsigned answers_due = 0;        // calls that the current expectation waits for
     bool is_wrong = false;           // the current expectation, by what was answered so far
     std::string seen;                // what was found, for the line about it

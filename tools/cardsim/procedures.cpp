@@ -1,7 +1,8 @@
 // procedures.cpp - what the card's other processes answer.
 //
-// Three are the route manager's: it waits for the answer inside a procedure of its own, so nothing may be asked of it
-// from in here; what an answer leads to is done afterwards, by the loop. The others drive the simulation.
+// Four are called by the route manager, the others drive the simulation.
+// Always: a procedure calls nothing: the route manager waits for its answer inside a procedure of its own. What follows
+// from a call is done afterwards, by the loop.
 
 #include "procedures.h"
 
@@ -137,5 +138,5 @@ int procedures_open(card_model *m, supervisor *s)
 void procedures_close()
 {
     for (const served &p : SERVED)
-        (void)tnrpc_unregister(p.name); // ours: nothing can be in the way
+        (void)tnrpc_unregister(p.name); // ours, so it cannot fail
 }

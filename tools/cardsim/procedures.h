@@ -1,4 +1,6 @@
 // procedures.h - the procedures that the card's other processes serve.
+//
+// Elsewhere: what they do (card_model.h), their arguments for a caller (cardsim(1)).
 #pragma once
 
 #include "card_model.h"

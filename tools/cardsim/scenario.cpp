@@ -1,8 +1,8 @@
 // scenario.cpp - reads scenario files.
 //
-// A statement is read word by word. The first word that does not fit ends the reading with a line that names it and
-// says what would fit there; nothing of a faulty file is played. Interfaces are followed through the file, so that a
-// statement about one that is not there (any more) is found before anything runs.
+// A statement is read word by word. Interfaces are followed through the file, so that a statement about one that does
+// not exist at that point is found before anything runs. Always: the first unexpected word ends the reading with a line
+// that names it and what was expected; nothing of a faulty file is played.
 #include "scenario.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace
 struct reader {
     std::vector<std::string> words;
     std::size_t at = 0;
-    std::string error;                                 // empty while all is well
+    std::string error;                                 // empty: no error
     std::map<std::uint32_t, scenario_interface> known; // interfaces at this point of the file
     std::uint64_t last_at_ms = 0;
 };
@@ -37,7 +37,7 @@ bool refuse(reader &r, const std::string &word, const std::string &why)
         r.error = (word.empty() ? "the line ends" : shown_text(word)) + ": " + why;
     return false;
 }
-// The word that stands next; empty at the end of the line.
+// The next word; empty at the end of the line.
 std::string peek(const reader &r) { return r.at < r.words.size() ? r.words[r.at] : std::string(); }
 bool refuse_next(reader &r, const std::string &expected) { return refuse(r, peek(r), "expected " + expected); }
 
@@ -196,7 +196,7 @@ bool read_interface(reader &r, scenario_step &s)
     return need_end(r);
 }
 
-// A host stands in the subnet of the interface that routes for it.
+// A host has an address in the subnet of the interface that routes for it.
 bool need_in_subnet(reader &r, const scenario_step &s)
 {
     const scenario_interface &own = r.known[s.ifid];

@@ -2,7 +2,8 @@
 //
 // One statement a line, words set apart by blanks, `#` starts a comment. The file is a list of steps, played in its
 // order: `at 2s ...` delays a step until two seconds after the start (times never go back), an expectation is judged
-// once everything before it has come to rest. cardsim(1) lists the statements.
+// once everything before it has come to rest.
+// Elsewhere: the statements (cardsim(1)), their playing (play.cpp).
 #pragma once
 
 #include <cstdint>
@@ -49,7 +50,7 @@ struct scenario_step {
     scenario_kind kind = STEP_SHOW;
     std::string source;      // file and line: branch.card:7
     std::uint64_t at_ms = 0; // not before this long after the start
-    std::string text;        // the statement as it stands, without its `at`; for STEP_SHOW the words for routectl
+    std::string text;        // the statement without its `at`; for STEP_SHOW the words for routectl
 
     std::uint32_t ifid = 0, ctx = 0;
     std::uint32_t address = 0, mask = 0; // of the interface, host, prefix or first NAT address; host order
@@ -77,10 +78,10 @@ struct scenario_interface {
 
 struct scenario {
     std::vector<scenario_step> steps;
-    std::map<std::uint32_t, scenario_interface> interfaces; // that stand at its end
+    std::map<std::uint32_t, scenario_interface> interfaces; // that exist at its end
 };
 
-// Reads the text of the file `name` and adds it to a scenario, as if it stood behind what is read already. Returns 0,
+// Reads the text of the file `name` and adds it to a scenario, as if it followed what is read already. Returns 0,
 // or 1 with the scenario as it was and `error` one line: "branch.card:7: hots: expected interface, host, route ...".
 [[nodiscard]] int scenario_parse(const std::string &name, const std::string &text, scenario *out, std::string *error);
 

@@ -1,6 +1,6 @@
-// slow_path.cpp - the slow path: encapsulations, and which interface an address lies behind.
+// slow_path.cpp - the slow path: encapsulations, and the interface through which an address is reached.
 //
-// An encapsulation belongs to one neighbour. It has a valid MAC address unless that is all zeros or a group's.
+// Always: an encapsulation belongs to one neighbour. Its MAC address is valid unless it is all zeros or a group's.
 
 #include "big_endian.h"
 #include "card_model.h"
@@ -10,7 +10,7 @@ namespace
 {
 constexpr std::uint64_t MAC_GROUP = 0x010000000000;
 
-void tell(card_model &m, std::uint32_t opcode, std::uint32_t ifid, std::uint32_t encap)
+void send_event(card_model &m, std::uint32_t opcode, std::uint32_t ifid, std::uint32_t encap)
 {
     std::vector<std::uint8_t> payload(8);
     put_be32(payload.data(), ifid);
@@ -36,7 +36,7 @@ std::uint32_t card_encap_take(card_model &m, std::uint32_t encap, const card_enc
         encap = free_encap(m);
     if (encap == 0 || !m.encaps.emplace(encap, neighbour).second)
         return 0;
-    tell(m, MTS_OPC_NORVIK_ENCAP_ACQUIRE, neighbour.ifid, encap);
+    send_event(m, MTS_OPC_NORVIK_ENCAP_ACQUIRE, neighbour.ifid, encap);
     return encap;
 }
 
@@ -45,7 +45,7 @@ void card_encap_give(card_model &m, std::uint32_t encap)
     const auto found = m.encaps.find(encap);
     if (found == m.encaps.end())
         return;
-    tell(m, MTS_OPC_NORVIK_ENCAP_RELEASE, found->second.ifid, encap);
+    send_event(m, MTS_OPC_NORVIK_ENCAP_RELEASE, found->second.ifid, encap);
     m.encaps.erase(found);
 }
 

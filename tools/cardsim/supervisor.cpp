@@ -1,4 +1,7 @@
 // supervisor.cpp - decodes, keeps and lists route advertisements.
+//
+// Always: a message that is not an advertisement in every fixed byte is counted and changes nothing.
+// Elsewhere: the form of the message (supervisor_advert.h).
 
 #include "supervisor.h"
 

@@ -1,4 +1,6 @@
 // supervisor.h - the supervisor: takes route advertisements and keeps what is advertised.
+//
+// Always: one advertisement a prefix, the last that came.
 #pragma once
 
 #include <cstddef>
@@ -18,21 +20,21 @@ struct sup_advert {
     std::int32_t vlan;
 };
 
-// Decodes a message. Returns 0, or 1 when it is no advertisement.
+// Decodes a message. Returns 0, or 1 when it is not an advertisement.
 [[nodiscard]] int sup_decode(const std::uint8_t *bytes, std::size_t length, sup_advert *out);
 
 struct supervisor {
     int socket = -1;
     std::map<std::pair<std::uint32_t, std::uint32_t>, sup_advert> advertised; // by prefix and mask
     std::uint64_t acknowledged = 0;                                           // messages taken
-    std::uint64_t malformed = 0;                                              // messages that were no advertisement
+    std::uint64_t malformed = 0;                                              // messages that were not advertisements
 };
 
 // Binds scp/supervisor. Returns 0, or -1 with a line on standard error.
 [[nodiscard]] int sup_open(supervisor *sup);
 
 // Takes what has come in; `say` gets a line for each message. An acknowledgement is that line and the count: the sender
-// has no address on which it could hear one.
+// has no address to which one could be sent.
 template <class Say> void sup_process(supervisor &sup, const Say &say);
 
 // The counts and what is advertised, as a JSON object (cardsim(1)).

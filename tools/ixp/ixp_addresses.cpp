@@ -1,4 +1,6 @@
 // ixp_addresses.cpp - where the tool's addresses come from.
+//
+// Always: the same seed gives the same addresses, for the same tree.
 #include <algorithm>
 #include <cmath>
 #include <fstream>

@@ -1,4 +1,7 @@
 // ixp_answers.cpp - what an address is answered, once or as it changes.
+//
+// Always: an answer shows every path that a packet to the address could take at that moment.
+// Elsewhere: the lookups themselves (ixp_lookup.cpp).
 #include <chrono>
 #include <cstdio>
 #include <thread>

@@ -1,6 +1,6 @@
 // ixp_run.cpp - lookups without pause: how fast, how many misses, which paths.
 //
-// Only the lookups are timed; what they answered is counted between the passes.
+// Always: only the lookups are timed; what they answered is counted between the passes.
 #include <chrono>
 #include <cstdio>
 
@@ -11,7 +11,7 @@
 namespace
 {
 constexpr std::size_t PASS = 1 << 16; // addresses of a pass
-constexpr double DEFAULT_SECONDS = 5, TOLD_EVERY = 0.5;
+constexpr double DEFAULT_SECONDS = 5, PROGRESS_EVERY = 0.5;
 using seconds_clock = std::chrono::steady_clock;
 
 struct tally {
@@ -50,7 +50,7 @@ void count_answers(const std::vector<std::uint32_t> &words, const std::vector<st
 double ns_each(const tally &sum) { return sum.lookups == 0 ? 0 : sum.busy * 1e9 / static_cast<double>(sum.lookups); }
 double rate(const tally &sum) { return sum.busy > 0 ? static_cast<double>(sum.lookups) / sum.busy : 0; }
 
-void tell_progress(const tally &sum, double at, double limit)
+void show_progress(const tally &sum, double at, double limit)
 {
     std::fprintf(stderr, "\r%.1f of %.1f s, %llu lookups, %.2f ns each, %llu misses ", at, limit,
                  static_cast<unsigned long long>(sum.lookups), ns_each(sum),
@@ -91,21 +91,21 @@ int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_impleme
     const std::vector<std::uint32_t> hashes = ixp_random_addresses(PASS, options.seed + 1);
     std::vector<std::uint32_t> words(PASS), paths(PASS);
     const double limit = options.seconds == 0 ? DEFAULT_SECONDS : options.seconds;
-    const bool told = ::isatty(STDERR_FILENO) != 0;
+    const bool has_progress = ::isatty(STDERR_FILENO) != 0;
     tally sum;
-    double at = 0, next = TOLD_EVERY;
+    double at = 0, next = PROGRESS_EVERY;
     for (const auto start = seconds_clock::now(); at < limit; at = since(start)) {
         const auto before = seconds_clock::now();
         ixp_forward(table, implementation, options.tree,
                     {addresses.data(), hashes.data(), words.data(), paths.data(), addresses.size()});
         sum.busy += since(before);
         count_answers(words, paths, sum);
-        if (told && at >= next) {
-            tell_progress(sum, at, limit);
-            next += TOLD_EVERY;
+        if (has_progress && at >= next) {
+            show_progress(sum, at, limit);
+            next += PROGRESS_EVERY;
         }
     }
-    if (told)
+    if (has_progress)
         std::fprintf(stderr, "\r%79s\r", "");
     options.json ? print_json(options, implementation, sum) : print_table(options, implementation, sum);
     return 0;

@@ -1,4 +1,6 @@
 // ixp_tool.h - what the modes of the tool share: its options, addresses, and how an answer is shown.
+//
+// Elsewhere: the options as they are typed (ixp.cpp), the lookup (ixp_lookup.h), which knows nothing of the tool.
 #pragma once
 
 #include <array>

@@ -1,9 +1,10 @@
 // batch.cpp - a file of commands, a line each.
 //
 // Changes are sent without waiting for the one before, up to the caller's window, and the route manager makes them in
-// the order of the lines. So when a line is refused, lines behind it are on their way already: they are carried out
-// too, and the answer says up to which. Any other command waits for all before it.
-// A route manager that is not there ends the batch whatever the options say: every further line would fail alike.
+// the order of the lines. So when a line is refused, later lines have been sent already: they are carried out too, and
+// the answer says up to which. Any other command waits for all before it.
+// A route manager that cannot be reached ends the batch whatever the options say: every further line would fail too.
+// Always: lines == done + failed once the batch has ended.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -34,7 +35,7 @@ struct batch {
     refusal_watch watch;
     std::size_t lines = 0, done = 0, failed = 0; // lines: with a command in them
     std::size_t line = 0;                        // number of the last line that was read
-    int status = ROUTECTL_DONE;                  // the worst
+    int status = ROUTECTL_DONE;                  // the highest so far
     bool is_over = false;                        // nothing more is to be read
     json errors = json::array(), answers = json::array();
     steady::time_point started = steady::now(), shown{};
@@ -66,7 +67,7 @@ void bar_show(batch &b)
     std::fputs(line.c_str(), stderr);
 }
 
-// Takes the end of the command in line number `line`.
+// Counts the command of line number `line`, which has ended.
 void line_ended(batch &b, std::size_t line, const std::string &text, const routectl_answer &answer)
 {
     if (answer.status == ROUTECTL_DONE) {
@@ -84,7 +85,7 @@ void line_ended(batch &b, std::size_t line, const std::string &text, const route
     std::fprintf(stderr, "routectl: line %zu: %s: %s\n", line, shown_text(text).c_str(), answer.error.c_str());
 }
 
-// Sends a change; its end is taken when the answer comes.
+// Sends a change; it is counted when the answer comes.
 void change_send(batch &b, const routectl_call &call, const std::string &text)
 {
     routectl_change change = call.command.change(call);

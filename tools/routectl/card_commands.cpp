@@ -1,7 +1,8 @@
-// card_commands.cpp - the card's other processes: interfaces, hosts, what the supervisor was told.
+// card_commands.cpp - the card's other processes: interfaces, hosts, what was advertised to the supervisor.
 //
 // `if show` reads the interface database, which the interface manager writes for all; the rest are procedures of the
 // program that plays these processes (cardsim).
+// Always: an error number of theirs becomes a sentence about the interface or host that the command named.
 
 #include <fmt/format.h>
 #include <unistd.h>

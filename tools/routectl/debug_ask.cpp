@@ -1,4 +1,6 @@
-// debug_ask.cpp - sends a question to the debug service and waits for its answer, for so long and no longer.
+// debug_ask.cpp - sends a question to the debug service and waits for its answer.
+//
+// Always: the wait is no longer than the time-out of the run, whatever else arrives at the queue.
 #include "debug_ask.h"
 
 #include <chrono>
@@ -11,7 +13,7 @@ namespace
 {
 using steady = std::chrono::steady_clock;
 
-// Waits for the answer to a request of `verb`; answers to earlier ones, that came too late for them, are passed over.
+// Waits for the answer to a request of `verb`; late answers to earlier requests are skipped.
 std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t verb)
 {
     const auto deadline = steady::now() + std::chrono::milliseconds(call.options.timeout_ms);
@@ -23,7 +25,7 @@ std::optional<debug_answer> answer_wait(const routectl_call &call, std::uint32_t
         pollfd waited{call.session.queue, POLLIN, 0};
         if (left <= 0)
             return std::nullopt;
-        (void)poll(&waited, 1, static_cast<int>(left)); // whatever ends it: what came is looked at
+        (void)poll(&waited, 1, static_cast<int>(left)); // whatever ends it, the queue is read
     }
 }
 } // namespace

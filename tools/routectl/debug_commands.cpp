@@ -1,7 +1,7 @@
 // debug_commands.cpp - the debug service of the route manager, and how full the pools are.
 //
-// A switch is a message without an answer. So a question is sent behind it: once that is answered, the switch was
-// thrown, and a route manager that is silent does not pass for one that obeyed.
+// A switch is a message without an answer. So a question is sent after it, and messages are handled in order.
+// Always: a switch is reported as done only once the question after it was answered.
 #include "card_dir.h"
 #include "card_view/history_view.h"
 #include "card_view/pools_view.h"
@@ -14,7 +14,7 @@ namespace
 {
 using json = nlohmann::ordered_json;
 
-// Throws a switch and makes sure that it was thrown.
+// Sends a switch and waits until it is known to be handled.
 routectl_answer throw_switch(const routectl_call &call, const debug_request &request)
 {
     routectl_answer answer;

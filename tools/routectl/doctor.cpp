@@ -1,11 +1,11 @@
 // doctor.cpp - the command that looks for traces of what the fixed rules entail, and says what to do about each.
 //
 // A route manager in service changes while it is looked at. So what a look finds is looked for again, and only what
-// both show is told; when the tables changed during one of the two, it is looked at further, a few times, and only what
-// all show is told. A dead one has left its tables and its history: these are looked at, and what could not be looked
-// at is said.
-// Always: a finding that is told was in the last look and in the one before it.
-// Elsewhere: the judges (doctor_judge.h), what their findings are called (doctor_finding.cpp).
+// both looks show is reported; when the tables changed during one of the two, further looks follow, and only what all
+// show is reported. A dead route manager has left its tables and its history: these are looked at, and the answer says
+// what could not be looked at.
+// Always: a finding that is reported was in the last look and in the one before it.
+// Elsewhere: the judges (doctor_judge.h), what their findings are called (doctor_finding.h).
 #include <algorithm>
 
 #include <fmt/format.h>
@@ -30,7 +30,7 @@ const char *level_name(const doctor_finding &finding)
     return NAMES[static_cast<unsigned>(finding.kind->level)];
 }
 
-// Asks for the routes that no slot shows; those that the trie lacks are findings and no longer hidden.
+// Asks the trie for the routes that no slot shows; those that it lacks are findings and no longer hidden.
 void judge_hidden(const routectl_call &call, std::vector<doctor_hidden> &hidden, doctor_findings &findings)
 {
     std::erase_if(hidden, [&](const doctor_hidden &route) {
@@ -64,8 +64,8 @@ examination examine(const routectl_call &call, std::uint64_t since_ns)
     return e;
 }
 
-// The same thing in an earlier look; null when that did not show it. What a fault in the tables looks like stays as it
-// is: another leaf is another moment of a route that changes.
+// The same finding in an earlier look; null when that did not show it. A fault in the tables keeps its marks: others
+// show a route that is being changed.
 const doctor_finding *seen_in(const doctor_findings &findings, const doctor_finding &finding)
 {
     const auto found = std::find_if(findings.begin(), findings.end(), [&](const doctor_finding &other) {
@@ -74,7 +74,7 @@ const doctor_finding *seen_in(const doctor_findings &findings, const doctor_find
     return found == findings.end() ? nullptr : &*found;
 }
 
-// Leaves out what is not in `others`, and what is there twice. Of two counts the lower one is sure.
+// Leaves out what is not in `others`, and duplicates. Of two counts the lower one is certain.
 doctor_findings confirmed(const doctor_findings &findings, const doctor_findings &others)
 {
     doctor_findings both;
@@ -93,7 +93,7 @@ struct doctor_result {
     std::size_t words_changed = 0; // during the last two looks
 };
 
-// Looks until two in a row saw the tables stand still, or often enough for what stays to be told from what passes.
+// Looks until the tables did not change during two looks in a row, or so often that what passes has passed.
 doctor_result look_until_sure(const routectl_call &call, std::uint64_t since_ns)
 {
     doctor_result result;

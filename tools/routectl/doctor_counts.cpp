@@ -1,6 +1,7 @@
-// doctor_counts.cpp - holds what the route manager counts and lists against each other, the slots and the interfaces.
+// doctor_counts.cpp - compares what the route manager counts and lists with each other, the slots and the interfaces.
 //
-// Each count has a second one that should say the same; what is known of a difference, and what is not, is said.
+// Each count has a second one that should be equal.
+// Always: a finding says what of the difference is known, and what cannot be known from outside.
 // Elsewhere: the slots themselves (doctor_tables.cpp), what a finding means (doctor_finding.h).
 #include <algorithm>
 #include <numeric>
@@ -55,8 +56,8 @@ constexpr record_kind KINDS[] = {
     {&context_summary::blocks, DOCTOR_BLOCKS_LOST, "ECMP block", "ECMP blocks", 2},
 };
 
-// What each context holds and cannot be accounted for is lost, as far as all of them together hold too much: a tree
-// that several contexts use may be charged to any of them, so a context may also have less than it should.
+// What a context holds beyond what is accounted for is lost, as far as all contexts together hold too much: a tree that
+// several contexts use may be charged to any of them, so a context may also hold less than it should.
 void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidden, const record_kind &kind,
                 doctor_findings &findings)
 {
@@ -72,7 +73,8 @@ void judge_kind(const doctor_look &look, const std::vector<doctor_hidden> &hidde
         if (left[ctx] <= 0)
             continue;
         const auto lost = static_cast<std::uint64_t>(std::min(left[ctx], sum));
-        const auto held = static_cast<std::uint64_t>(look.counts->contexts[ctx].*kind.count); // more than reached
+        const auto held =
+            static_cast<std::uint64_t>(look.counts->contexts[ctx].*kind.count); // more than can be reached
         sum -= left[ctx];
         findings.push_back(
             {&kind.lost, static_cast<int>(ctx), "",

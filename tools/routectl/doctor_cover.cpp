@@ -1,4 +1,7 @@
 // doctor_cover.cpp - spreads prefixes and slots over the address space and joins the two.
+//
+// Both are painted: shorter prefixes before longer ones, nodes before their children, so the last colour is the answer.
+// Always: the pieces of all routes together are the whole address space, each address once.
 #include "doctor_cover.h"
 
 #include <algorithm>
@@ -17,7 +20,7 @@ constexpr std::uint64_t ADDRESSES = std::uint64_t{1} << 32;
 // What each address is answered with, by the first address of a stretch that ends where the next one begins.
 using address_map = std::map<std::uint64_t, int>;
 
-// Lets a stretch begin at `at`, and returns it.
+// Begins a stretch at `at`, and returns it.
 address_map::iterator cut(address_map &map, std::uint64_t at)
 {
     return map.try_emplace(at, std::prev(map.upper_bound(at))->second).first;

@@ -2,7 +2,7 @@
 // once.
 //
 // Leaves carry no prefix in the hardware. So the listed prefixes of a tree are spread over the address space, the
-// longest on top, and laid beside what the slots answer: each piece has one route and one leaf, or none.
+// longest on top, and compared with what the slots answer: each piece has one route and one leaf, or none.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ struct cover_piece {
     std::uint64_t size() const { return last - first + 1; }
 };
 
-// A route with what answers the addresses that are its own; no piece: longer routes hide it wholly.
+// A route with what answers its own addresses, those of no longer route; no piece: longer routes hide it wholly.
 struct cover_answer {
     cover_route route;
     std::vector<cover_piece> pieces; // ascending, neighbours of one leaf joined
@@ -47,5 +47,5 @@ std::vector<std::vector<cover_route>> cover_routes(const route_listing &listing)
 // routes: of the tree, as cover_routes gives them.
 std::vector<cover_answer> cover_tree(const std::vector<cover_route> &routes, const tree_view &tree);
 
-// "20.0.0.0/8", or "20.0.0.1-20.0.0.7" for addresses that are no prefix.
+// "20.0.0.0/8", or "20.0.0.1-20.0.0.7" for addresses that are not a prefix.
 std::string cover_range(std::uint64_t first, std::uint64_t last);

@@ -1,7 +1,7 @@
 // doctor_finding.h - what `doctor` finds: the table of the kinds of findings, and one finding.
 //
 // Always: findings of two looks are compared by the name of their kind, by context, object and marks, never by their
-// sentences. A name stands for what is wrong; rows that share one differ in how it shows.
+// sentences. A name means one thing that is wrong; rows that share a name differ in how it shows.
 #pragma once
 
 #include <cstdint>
@@ -126,7 +126,7 @@ constexpr doctor_kind DOCTOR_INTERFACE_STALE{
     DOCTOR_FAULT, "interface-stale", "{} is still listed, but its interface is not up",
     "if it stays, remove static routes to the interface's addresses, and let it go up and down again"};
 
-// ---- what the history tells ----
+// ---- what the history holds ----
 constexpr doctor_kind DOCTOR_NAT_TWIN_LOST{
     DOCTOR_WARNING, "nat-twin-lost",
     "a NAT pool was refused, and the entry of {} with the same value was removed with it",
@@ -151,12 +151,12 @@ constexpr int DOCTOR_WHOLE_CARD = -1;
 
 struct doctor_finding {
     const doctor_kind *kind;
-    int ctx;                               // DOCTOR_WHOLE_CARD: of no context
-    std::string object;                    // prefix, range or pool that tells it from others of its kind; may be empty
-    std::string seen;                      // how it shows, a sentence
-    std::string subject = {};              // of the sentence that says what it is; empty: the object
-    std::uint64_t amount = 0;              // of what is counted; 0: nothing is
-    std::vector<std::uint64_t> marks = {}; // the numbers of what stands in a table: others are a moment of a change
+    int ctx;                  // DOCTOR_WHOLE_CARD: of no context
+    std::string object;       // prefix, range or pool that distinguishes it from others of its kind; may be empty
+    std::string seen;         // how it shows, a sentence
+    std::string subject = {}; // of the sentence that says what it is; empty: the object
+    std::uint64_t amount = 0; // of what is counted; 0: nothing is
+    std::vector<std::uint64_t> marks = {}; // numbers of what a table holds: others show a change under way
     std::vector<std::string> copies = {};  // of the tables in which it was seen; none: not seen in a table
 
     // Whether it is the same thing, seen in another copy or at another time.

@@ -1,10 +1,10 @@
 // doctor_history.cpp - judges the history: refusals that left something behind, and a history that keeps no errors.
 //
-// A life of the route manager begins when it binds its endpoint, so the age of that socket tells its records from those
-// of the life before. The route manager cannot be asked whether it keeps errors, so a lookup that fails is made and its
-// line looked for.
-// Always: a line is decoded by the fixed text that it was written with, once; what is judged is its kind.
-// Elsewhere: what the tables and listings still show of what went wrong (doctor_tables.cpp, doctor_counts.cpp).
+// A life of the route manager begins when it binds its endpoint, so the age of that socket separates its records from
+// those of the life before. The route manager cannot be asked whether it keeps errors, so a lookup that fails is made
+// and its line looked for. Always: a line is decoded by the fixed text that it was written with, once; what is judged
+// is its kind. Elsewhere: what the tables and listings still show of what went wrong (doctor_tables.cpp,
+// doctor_counts.cpp).
 #include <algorithm>
 #include <cstdio>
 
@@ -86,7 +86,7 @@ std::string record_text(const error_record &error)
     return fmt::format("{} {}", history_time(error.entry.time_ns), error.line);
 }
 
-// A roll-back follows the duplicate at once and tells of what it did not find: of what it does not tell, it removed.
+// A roll-back follows the duplicate at once and logs each prefix that it did not find; it removed the others.
 void judge_nat_twins(const std::vector<error_record> &errors, const doctor_look &look, doctor_findings &findings)
 {
     for (auto at = errors.begin(); at != errors.end(); ++at) {
@@ -99,14 +99,14 @@ void judge_nat_twins(const std::vector<error_record> &errors, const doctor_look 
             return e.entry.context != at->entry.context || e.kind == error_kind::nat_duplicate || is_absent(e);
         });
         if (after != errors.end() && is_absent(*after))
-            continue; // another pool's value: it stands
+            continue; // another pool's value: it was not removed
         findings.push_back({&DOCTOR_NAT_TWIN_LOST, at->entry.context, prefix_text(at->nat.prefix, at->nat.length),
                             record_text(*at) + "; no listing has it"});
     }
 }
 
-// Whether the line follows its forerunner as one of the same call would. Two calls in such a hurry pass for one, and
-// less is found.
+// Whether the line follows the one before as a line of the same call would. Two calls within that time are taken for
+// one, and less is found.
 bool is_same_call(const history_entry &before, const history_entry &entry)
 {
     constexpr std::uint64_t ONE_CALL_NS = 10'000'000;
@@ -125,7 +125,7 @@ void judge_nat_absent(const std::vector<error_record> &errors, const doctor_look
         }
         roll_back = nullptr;
         if (error.kind != error_kind::nat_absent || is_listed(look, error))
-            continue; // what was added since is nothing to ask about
+            continue; // it was added since
         findings.push_back({&DOCTOR_NAT_NOT_THERE, error.entry.context, prefix_text(error.nat.prefix, error.nat.length),
                             record_text(error)});
     }
@@ -145,10 +145,10 @@ void judge_refused_installs(const std::vector<error_record> &errors, doctor_find
 void judge_kept(const routectl_call &call, history_view &view, doctor_findings &findings)
 {
     view.next = history_head(view);
-    constexpr doctor_prefix NEVER_THERE = {1, 0}; // an address behind its mask
+    constexpr doctor_prefix NEVER_THERE = {1, 0}; // an address outside its mask
     (void)doctor_trie_holds(call, 0, NEVER_THERE);
     std::vector<history_entry> entries;
-    (void)history_read(view, entries); // however it ended: what was read is what there is
+    (void)history_read(view, entries); // however it ended, what was read is used
     if (std::none_of(entries.begin(), entries.end(),
                      [](const history_entry &e) { return e.category == ROUTE_DBG_ERRORS; }))
         findings.push_back(

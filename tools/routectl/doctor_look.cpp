@@ -1,4 +1,6 @@
-// doctor_look.cpp - gathers what is there, and says what is not.
+// doctor_look.cpp - gathers what can be looked at, and says what cannot.
+//
+// Always: the words of the tables are copied first and compared last, so a change during the look is counted.
 #include "doctor_look.h"
 
 #include <unistd.h>
@@ -9,7 +11,7 @@
 
 namespace
 {
-// Maps the copies that the card has. Each is told of when it cannot be read.
+// Maps the copies that the card has. One that cannot be read is reported.
 void map_copies(doctor_look &look)
 {
     const unsigned processors = card_conf_get().num_ixp;

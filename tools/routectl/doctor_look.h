@@ -1,7 +1,7 @@
 // doctor_look.h - all that `doctor` looks at, gathered in one go: listings, counts, memory, the trees of each copy.
 //
-// A running route manager goes on while it is looked at. words_changed says how much the tables changed meanwhile: with
-// 0 the trees are of one moment, and so are listings as far as they are programmed.
+// A running route manager goes on while it is looked at.
+// Always: with words_changed 0 the trees are of one moment, and so are the listings as far as they are programmed.
 #pragma once
 
 #include <array>
@@ -49,6 +49,6 @@ doctor_look doctor_look_take(const routectl_call &call);
 // How many words of the tables have changed since the look began.
 std::size_t doctor_look_changes(doctor_look &look);
 
-// Asks whether the trie of `tree` holds a leaf for exactly this prefix; one that it does not leaves a line in the
+// Asks whether the trie of `tree` holds a leaf for exactly this prefix; a failed lookup leaves a line in the
 // history.
 bool doctor_trie_holds(const routectl_call &call, std::uint32_t tree, doctor_prefix prefix);

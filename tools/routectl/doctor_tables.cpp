@@ -1,9 +1,9 @@
 // doctor_tables.cpp - finds what the listings do not explain in the tables, and what of the listings is not in them.
 //
 // A route's own leaf is looked for among the leaves that answer the addresses that are its own. Shorter routes choose
-// first, so that a leaf which stands in for a missing longer route is known for the shorter one's.
-// Always: what is found in a table has marks, the numbers of what stands there, so that a look a moment later can tell
-// a fault that stays from a route that changes.
+// first, so that a leaf that answers in place of a missing longer route is known as the shorter one's.
+// Always: a finding in a table has marks, the numbers of what the table holds there, so that a later look can separate
+// a fault that stays from a route that is being changed.
 // Elsewhere: which route should answer an address, and which leaf does (doctor_cover.cpp).
 #include <algorithm>
 #include <iterator>
@@ -54,7 +54,7 @@ std::vector<cover_path> leaf_paths(const table_leaf &leaf)
     return paths;
 }
 
-// The paths that are listed; of a tree without default route, one that leads nowhere.
+// The paths that are listed; of a tree without default route, one without interface and encapsulation.
 std::vector<cover_path> listed_paths(const cover_route &route)
 {
     return route.paths.empty() ? std::vector<cover_path>{{0, 0}} : route.paths;
@@ -172,7 +172,7 @@ void judge_absent(judge &at, const cover_answer &answer)
     const std::vector<cover_piece> empty = pieces_of(answer, COVER_EMPTY);
     const std::string name = name_of(answer.route);
     if (answer.route.length == 0) { // no leaf stands for "no route", or for the default route
-        if (!empty.empty())         // else other leaves answer, and each is told of
+        if (!empty.empty())         // else other leaves answer, and each is reported
             add(at, DOCTOR_DEFAULT_GONE, tree_ctx(at), "",
                 "the slots outside all listed routes are empty: " + ranges_text(empty), range_marks(empty));
     } else if (empty.size() == answer.pieces.size()) {
@@ -205,7 +205,7 @@ void judge_strays(judge &at, const cover_answer &answer, const std::map<int, std
     }
 }
 
-// A /0 that is no static route stands over the default leaf.
+// A /0 that is not a static route replaces the default leaf.
 bool is_zero_prefix(const cover_route &route)
 {
     return route.length == 0 && route.listed != 0 && (route.flags & (RIB_F_NAT | RIB_F_INTERFACE)) != 0;

@@ -12,7 +12,7 @@
 #include "grammar.h"
 #include "refusal.h"
 
-// Nothing that could answer meets in a card directory that this program would make.
+// The directory is not made here: no process that could answer would be in it.
 std::string card_missing(const routectl_options &options)
 {
     if (!options.card.empty())
@@ -42,7 +42,7 @@ executed_command execute_words(const routectl_options &options, routectl_session
         help.facts["help"] = parsed.help;
         return {"help", help};
     }
-    // What is not understood is said before what is missing.
+    // An error in the words is reported before a card that is missing.
     if (const std::string missing = card_missing(options); !missing.empty())
         return {parsed.command->words, routectl_error(ROUTECTL_UNREACHABLE, missing)};
     return {parsed.command->words, execute_call({options, session, *parsed.command, std::move(parsed.values)})};

@@ -1,9 +1,9 @@
 // grammar.cpp - parses, completes and explains commands by the rows of the table.
 //
-// A word may be cut short as long as only one word of its place begins so; a whole word always wins over a longer one
-// that begins with it. Parsing and completing walk the arguments in the same way, so what completion offers parses.
-// Always: an error names the word that did not fit and what would have.
-// Elsewhere: addresses and numbers as text (address_text.cpp), the rows (routectl_table.cpp).
+// A word may be cut short as long as only one expected word begins so; a whole word is preferred to a longer one that
+// begins with it. Parsing and completing walk the arguments in the same way, so what completion offers parses.
+// Always: an error names the unexpected word and what was expected.
+// Elsewhere: addresses and numbers as text (card_tool/address_text.cpp), the rows (routectl_table.cpp).
 #include "grammar.h"
 
 #include <algorithm>
@@ -94,7 +94,7 @@ std::string lower_case(std::string text)
     return text;
 }
 
-// Makes the next argument of a usage text, of which `tokens` from `at` on are left.
+// Reads the next argument of a usage text, which begins at tokens[at].
 grammar_argument argument_take(const std::vector<std::string> &tokens, std::size_t &at)
 {
     const auto bare = [](std::string token) {
@@ -211,17 +211,17 @@ bool value_read(const std::string &name, word_span words, std::size_t &at, route
     return is_good;
 }
 
-// The arguments of a command as far as the words go.
+// How far the words of a command have been read.
 struct argument_walk {
     const routectl_command &command;
     const std::vector<grammar_argument> &arguments;
     std::vector<bool> used;
     std::map<std::string, routectl_value> values;
-    const grammar_argument *wanting = nullptr; // its word is there, its value is not
+    const grammar_argument *wanting = nullptr; // its word was read, its value is missing
     std::string error;
 };
 
-// A word of the command that can stand at this place: the argument, and which of its choices.
+// A word that may come next: its argument, and which of the argument's choices it is.
 struct place {
     std::size_t argument;
     std::size_t choice;
@@ -243,7 +243,7 @@ std::vector<place> places_of(const argument_walk &walk)
     return places;
 }
 
-// The first argument without a word whose value is still to come; the number of arguments when there is none.
+// The first argument without a word whose value is still missing; the number of arguments when there is none.
 std::size_t next_by_place(const argument_walk &walk)
 {
     std::size_t i = 0;
@@ -259,7 +259,7 @@ void value_set(argument_walk &walk, std::size_t i, routectl_value value)
     walk.values[walk.arguments[i].name] = std::move(value);
 }
 
-// Takes the argument whose word stands at words[at].
+// Reads the argument whose word is words[at].
 bool word_take(argument_walk &walk, const place &found, word_span words, std::size_t &at)
 {
     const grammar_argument &argument = walk.arguments[found.argument];
@@ -300,7 +300,7 @@ void not_fitting(argument_walk &walk, const std::string &word, const std::string
         walk.error = fmt::format("unexpected {}; expected {}", quoted(word), joined(expected, ", "));
 }
 
-// Takes what stands at words[at]: a word of the command, else a value by its place, else a word cut short.
+// Reads words[at]: a word of the command, else a value by its place, else a word cut short.
 bool argument_step(argument_walk &walk, word_span words, std::size_t &at)
 {
     const std::string &word = words[at];
@@ -377,10 +377,10 @@ std::string help_of(const routectl_command &command)
     return text;
 }
 
-// The commands that the words can still become, and how many words they took.
+// The commands that begin with the words, and how many of them were read.
 struct command_walk {
     std::vector<const routectl_command *> candidates;
-    std::size_t words = 0;   // taken
+    std::size_t words = 0;   // read
     bool is_command = false; // the one candidate has all its words
     std::string error;
 };
@@ -396,7 +396,7 @@ std::vector<std::string> words_at(const std::vector<const routectl_command *> &c
     return words;
 }
 
-// Finds the one word of the place that `word` means. Returns it, or empty with the error.
+// Finds the one of `words` that `word` means. Returns it, or empty with the error.
 std::string word_of_place(const std::vector<std::string> &words, const std::string &word, std::string &error)
 {
     std::vector<std::string> fitting;
@@ -487,7 +487,7 @@ std::vector<std::string> complete_arguments(const routectl_command &command, wor
     if (value < walk.arguments.size())
         list = values_of(walk.arguments[value].value, values);
     for (const place &p : places_of(walk))
-        if (!is_needed || p.argument < value) // first things first
+        if (!is_needed || p.argument < value) // values that are needed come first
             list.push_back(*p.word);
     return list;
 }
@@ -495,7 +495,7 @@ std::vector<std::string> complete_arguments(const routectl_command &command, wor
 
 const std::vector<grammar_argument> &grammar_arguments(const routectl_command &command)
 {
-    static std::map<const char *, std::vector<grammar_argument>> known; // by the usage text, which lives for ever
+    static std::map<const char *, std::vector<grammar_argument>> known; // by the usage text, a constant
     const auto [at, is_new] = known.try_emplace(command.arguments);
     if (is_new)
         at->second = arguments_of(command.arguments);

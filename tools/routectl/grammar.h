@@ -1,4 +1,6 @@
 // grammar.h - words into a command and its values, by the table of commands alone.
+//
+// Always: a result is a command, a help text or an error, exactly one of them; nothing but the words is looked at.
 #pragma once
 
 #include <map>
@@ -22,12 +24,12 @@ struct grammar_result {
     const routectl_command *command = nullptr; // what to run; null with `help` or `error`
     std::map<std::string, routectl_value> values;
     std::string help;  // text that was asked for
-    std::string error; // one line that names the word and what would fit
+    std::string error; // one line that names the word and what was expected
 };
 grammar_result grammar_parse(std::span<const std::string> words);
 
-// The words that can stand after `words` and begin with `begun`; values as their name in capitals only when `begun` is
-// empty and `with_values`.
+// The words that may follow `words` and begin with `begun`. Values are shown as their name in capitals, only when
+// `begun` is empty and `values` says so.
 enum class grammar_values { leave_out, show };
 std::vector<std::string> grammar_complete(std::span<const std::string> words, const std::string &begun,
                                           grammar_values values);

@@ -1,6 +1,7 @@
-// history_commands.cpp - the event history, as it stands or as it grows.
+// history_commands.cpp - the event history, as it is now or as it grows.
 //
-// Read from the ring in the card directory, so it is there after the route manager has died as well.
+// Read from the ring in the card directory, so it can be read after the route manager has died as well.
+// Always: a follower says once what is missing, and each time how much was overwritten before it could be read.
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -62,7 +63,7 @@ std::string record_text(const routectl_options &options, const history_entry &en
     return output_lines(one);
 }
 
-// Errors alone are read where traces do not push them out.
+// Errors alone are read from their own ring, where traces do not push them out.
 history_view open_for(const history_filter &filter, std::string *why)
 {
     const bool errors_alone = filter.categories == std::vector<std::uint32_t>{ROUTE_DBG_ERRORS};
@@ -104,11 +105,11 @@ routectl_answer history_print(const routectl_call &call, const history_filter &f
     return answer;
 }
 
-// What has been told about the file, so that it is told once.
+// What has been reported about the file, so that it is reported once.
 struct follow_state {
     history_view view;
-    std::uint64_t lost_told = 0;
-    bool absent_told = false;
+    std::uint64_t lost_reported = 0;
+    bool absent_reported = false;
 };
 
 bool write_text(const std::string &text)
@@ -116,7 +117,7 @@ bool write_text(const std::string &text)
     return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
 }
 
-// Reads what is new. Opens the history when it is there at last, or there anew.
+// Reads what is new. Opens the history once it exists, and again when it was replaced.
 std::vector<history_entry> follow_step(follow_state &state, const history_filter &filter)
 {
     std::vector<history_entry> entries;
@@ -124,19 +125,19 @@ std::vector<history_entry> follow_step(follow_state &state, const history_filter
     if (!state.view.is_open()) {
         state.view = open_for(filter, &why);
         if (!state.view.is_open()) {
-            if (!state.absent_told)
+            if (!state.absent_reported)
                 std::fprintf(stderr, "routectl: %s; waiting for it\n", why.c_str());
-            state.absent_told = true;
+            state.absent_reported = true;
             return entries;
         }
-        state.lost_told = 0;
+        state.lost_reported = 0;
     }
     const history_end end = history_read(state.view, entries);
-    if (state.view.lost > state.lost_told)
+    if (state.view.lost > state.lost_reported)
         std::fprintf(stderr, "routectl: %s bytes of the history %s\n",
-                     std::to_string(state.view.lost - state.lost_told).c_str(),
+                     std::to_string(state.view.lost - state.lost_reported).c_str(),
                      end == history_end::damaged ? "are damaged" : "were overwritten before they could be read");
-    state.lost_told = state.view.lost;
+    state.lost_reported = state.view.lost;
     if (end == history_end::replaced)
         state.view = {};
     return entries;
@@ -152,8 +153,8 @@ routectl_answer history_follow(const routectl_call &call, const history_filter &
         while (!is_over) {
             for (const history_entry &entry : chosen(follow_step(state, filter), filter, last))
                 is_over = is_over || !write_text(record_text(call.options, entry));
-            last = SIZE_MAX; // of what stood there; what comes is wanted whole
-            // A pipe whose reader has gone is an error that needs no events.
+            last = SIZE_MAX; // only of what was there at the start
+            // A pipe whose reader has gone is reported as an error without being asked for.
             pollfd set[] = {{signals.fd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
             (void)poll(set, 2, LOOK_MS);
             is_over = is_over || (set[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;

@@ -1,7 +1,8 @@
 // hw_commands.cpp - what the hardware tables hold: the walk of one address, the trie of a context.
 //
 // A walk asks the route manager's dump procedure, which reads the words it has mapped; --direct and the export read the
-// memories of the card directory here, so they work when it is dead.
+// memories of the card directory here, so they work after it has died.
+// Always: an answer has the same form whichever way it was got (hw_text.cpp).
 #include "card_dir.h"
 #include "card_view/hw_walk.h"
 #include "card_view/table_tree.h"

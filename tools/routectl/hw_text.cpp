@@ -1,6 +1,6 @@
-// hw_text.cpp - what a walk or a tree says, as JSON and as lines.
+// hw_text.cpp - a walk or a tree as JSON and as lines.
 //
-// The same keys whatever the source: what a dump does not tell is null.
+// Always: the keys are the same whatever the source; what a dump does not hold is null.
 #include "hw_text.h"
 
 #include <optional>

@@ -1,4 +1,7 @@
-// hw_text.h - walks and trees of the hardware tables as data and as text to be read.
+// hw_text.h - walks and trees of the hardware tables as data and as text.
+//
+// Elsewhere: reading them (card_view/hw_walk.cpp, card_view/table_tree.cpp), the drawing
+// (card_view/table_tree_dot.cpp).
 #pragma once
 
 #include <string>

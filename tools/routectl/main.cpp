@@ -1,6 +1,8 @@
 // main.cpp - routectl: see and drive the route manager of a card.
 //
 // A command on the command line, a batch, or a prompt; the exit status says how it ended (routectl_commands.h).
+// Always: a usage error is found before anything is asked or opened.
+// Elsewhere: the options (options.cpp), the ways to run commands (run.h).
 #include <cstdio>
 #include <cstdlib>
 #include <string>

@@ -1,6 +1,7 @@
-// options.cpp - what the options are called, and how they are told from the words of a command.
+// options.cpp - the names of the options, and how they are separated from the words of a command.
 //
 // The words are read twice: up to the command's first one with all names, from there on with the letters alone.
+// Always: of an option that is given twice the last value counts.
 #include "options.h"
 
 #include <fmt/format.h>
@@ -39,7 +40,7 @@ void options_define(CLI::App &app, routectl_options &options, option_names names
                  "this help, or that of a command; also: help, help WORDS, WORDS help");
     app.add_flag(name("V", "version"), options.is_version, "the version");
 }
-// Takes the options of these names out of `words`: all that stand before the first other word, or letters anywhere.
+// Takes the options of these names out of `words`: those before the first other word, or letters anywhere.
 std::string names_take(std::vector<std::string> &words, routectl_options &options, option_names names)
 {
     CLI::App app;
@@ -57,7 +58,7 @@ std::string names_take(std::vector<std::string> &words, routectl_options &option
         if (word.size() > 1 && word[0] == '-' && (names == option_names::all || word[1] != '-'))
             return "unknown option " + shown_text(word) + " (routectl --help lists the options)";
         if (names == option_names::all)
-            break; // what stands behind the first word is read next
+            break; // what follows the first word is read next
     }
     return "";
 }

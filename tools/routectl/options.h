@@ -1,7 +1,7 @@
 // options.h - the options of a run, before the words of its command and among them.
 //
-// Always: behind the first word of a command two dashes begin a word of that command (`hw export --json`), so the long
-// names stand before it; the letters may stand anywhere.
+// Always: after the first word of a command two dashes begin a word of that command (`hw export --json`), so the long
+// names come before it; the letters may come anywhere.
 #pragma once
 
 #include <string>

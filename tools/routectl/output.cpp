@@ -14,7 +14,7 @@ namespace
 using json = nlohmann::ordered_json;
 constexpr const char *BOLD = "\x1b[1m", *RED = "\x1b[31m", *GREEN = "\x1b[32m", *CYAN = "\x1b[36m", *PLAIN = "\x1b[0m";
 
-// A value as a person reads it: no quotes, lists with commas, "-" for what is not there.
+// A value as a person reads it: no quotes, lists with commas, "-" for what is missing.
 std::string cell_text(const json &value)
 {
     if (value.is_null())
@@ -31,7 +31,7 @@ std::string cell_text(const json &value)
     return text.empty() ? "-" : text;
 }
 
-// The value under a key; encapsulation ids as everyone writes them.
+// The value under a key; encapsulation ids in hexadecimal.
 std::string value_text(const std::string &key, const json &value)
 {
     return key == "encap" && value.is_number_unsigned() ? fmt::format("0x{:04x}", value.get<std::uint32_t>())
@@ -137,7 +137,7 @@ std::string output_plain(const routectl_answer &answer, bool colour)
     if (!answer.text.empty())
         return answer.text;
     if (answer.status == ROUTECTL_REFUSED && answer.records_key.empty())
-        return ""; // the error says it all
+        return ""; // the error is printed alone
     std::string text = facts_text(answer.facts, colour);
     if (!answer.records_key.empty() && !answer.records.empty())
         text += table_text(answer, colour);

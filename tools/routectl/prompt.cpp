@@ -1,4 +1,6 @@
 // prompt.cpp - the prompt: editing, history and completion by the table of commands.
+//
+// Always: an interrupt ends the reading of a line, never the program; the kept lines are readable by their owner alone.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -19,7 +21,7 @@ namespace
 {
 constexpr int HISTORY_LINES = 1000;
 
-// The prompt's text, as the editor wants it.
+// The prompt's text, in the form that the editor asks for.
 char *prompt_text(EditLine *)
 {
     static char text[] = "routectl> ";
@@ -122,7 +124,7 @@ int line_run(const routectl_options &options, routectl_session &session, const s
     return ended.answer.status;
 }
 
-void interrupt(int) {} // ends the reading of a line, not the program
+void interrupt(int) {} // only ends the reading of a line
 } // namespace
 
 int prompt_run(const routectl_options &options, routectl_session &session)

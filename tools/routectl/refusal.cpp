@@ -1,9 +1,10 @@
 // refusal.cpp - finds the history line of a refused call.
 //
-// The route manager answers a refusal with a number and logs the reason before it answers. So what it logged since the
-// call was made holds the line; others may have called meanwhile, hence a line of the same context that names an
-// address of the change goes first. The route manager works in the order of the calls, so a line that was found uses up
-// all before it.
+// The route manager answers a refusal with a number and logs the reason before it answers. So the line is among those
+// logged since the call was made. Others may have called meanwhile, hence a line of the same context that names an
+// address of the change is preferred.
+// Always: lines are used in the order of the calls, in which the route manager works; a line that was found uses up all
+// before it.
 #include "refusal.h"
 
 #include <algorithm>
@@ -21,7 +22,7 @@ void errors_read(refusal_watch &watch)
     if (!watch.view.is_open())
         return;
     std::vector<history_entry> records;
-    (void)history_read(watch.view, records); // however it ended: what was read is what there is
+    (void)history_read(watch.view, records); // however it ended, what was read is used
     for (history_entry &record : records)
         if (record.category == ROUTE_DBG_ERRORS)
             watch.errors.push_back(std::move(record));

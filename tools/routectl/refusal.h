@@ -1,4 +1,6 @@
 // refusal.h - why the route manager refused: the line of its event history that belongs to a call.
+//
+// Always: a line explains one call at most.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +18,7 @@ struct refusal_watch {
 };
 refusal_watch refusal_watch_start();
 
-// How a line is found that names no address of the change.
+// Which line is taken when none names an address of the change.
 enum class refusal_match {
     alone,       // it was the only call: any error of its context
     one_of_many, // none: it may be another call's

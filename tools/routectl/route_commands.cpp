@@ -1,7 +1,7 @@
 // route_commands.cpp - what the route manager itself is asked: routes, hosts, NAT pools, advertisements.
 //
-// Listings come in pages behind a cursor that the caller keeps. A page begins with the entry at which the last one
-// stopped; what changed meanwhile may show twice or not at all, as it may for any reader of a table that lives.
+// A listing is read page by page while routes may change: what changes meanwhile may show twice or not at all.
+// Always: a change is one remote call, so that a batch can have many outstanding.
 // Elsewhere: why a change was refused (refusal.cpp), the words (grammar.cpp), how it is printed (output.cpp).
 #include <algorithm>
 #include <utility>

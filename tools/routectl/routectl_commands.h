@@ -1,8 +1,10 @@
 // routectl_commands.h - the table of commands, what a command gets and what it gives back.
 //
 // A row is words, arguments, help and a function. The same table parses, abbreviates, completes and explains, so a
-// command that has a row has all of that. A command prints nothing itself: it answers with records, which are printed
-// plain, a line each (-o) or as JSON (-j) in one place; only what runs on (watch, history follow) writes as it goes.
+// command that has a row has all of that.
+// Always: a command prints nothing itself. It answers with records, which are printed plain, a line each (-o) or as
+// JSON
+// (-j) in one place; only commands that go on until interrupted (watch, history follow) write as they go.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +21,9 @@
 // Exit statuses.
 enum routectl_status : int {
     ROUTECTL_DONE = 0,
-    ROUTECTL_REFUSED = 1,     // the route manager, or the card's other processes, said no
+    ROUTECTL_REFUSED = 1,     // the route manager, or the card's other processes, refused
     ROUTECTL_USAGE = 2,       // not understood, nothing was done
-    ROUTECTL_UNREACHABLE = 3, // nobody there, or no answer
+    ROUTECTL_UNREACHABLE = 3, // no such process, or no answer
 };
 
 struct routectl_options {
@@ -92,12 +94,12 @@ struct routectl_change {
     std::vector<card_rpc_arg> args;
     std::uint32_t ctx = 0;               // of the history lines that explain a refusal
     std::uint32_t address = 0, last = 0; // the range of addresses of which such a line names one
-    bool answers_nothing = false;        // the call answers 0 also when it failed: the history tells
-    std::string error;                   // not empty: the words make no sense, nothing is to be called
+    bool answers_nothing = false;        // the call answers 0 also when it failed; the history has the error
+    std::string error;                   // not empty: the values are impossible together, nothing is called
 };
 
 // One command. `arguments` is its usage and its grammar: capitals are values (the kind by the name, see
-// grammar.cpp: PREFIX, ADDR, CTX, IFID, ENCAP, COUNT, COPY, CATEGORY ...), other words stand for themselves,
+// grammar.cpp: PREFIX, ADDR, CTX, IFID, ENCAP, COUNT, COPY, CATEGORY ...), other words are typed as they are,
 // a|b is a choice of words, [ ] can be left out, "word VALUE" is a value after its word. Values with a word and words
 // in brackets come in any order. A value is found under its word, or under its own name in lower case; a choice of
 // words under the first of them. Example: "PREFIX via NEXTHOP [ctx CTX]" gives values "prefix", "via" and "ctx".
@@ -130,6 +132,6 @@ routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure)
 // with status 0.
 routectl_answer routectl_query_wait(const routectl_call &call, const card_query &query);
 
-// How to be understood next time: ends the message about a route manager, or a card, that cannot be reached.
+// What to do about it: ends the message about a route manager, or a card, that cannot be reached.
 std::string routectl_where();
 constexpr const char *ROUTECTL_TRY_DIRECT = "; --direct reads the tables that are left";

@@ -1,4 +1,6 @@
-// routectl_table.cpp - joins the rows of all sources into the table of commands.
+// routectl_table.cpp - joins the rows of all sources into the table of commands; values by name.
+//
+// Always: the order of the sources is the order of the help.
 #include "card_view/history_view.h"
 #include "routectl_commands.h"
 

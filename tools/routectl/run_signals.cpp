@@ -1,4 +1,6 @@
-// run_signals.cpp - signals as something to be read beside the other descriptors.
+// run_signals.cpp - signals as a descriptor that is polled with the others.
+//
+// Always: while the record is there, the signals are blocked and none is lost.
 #include "run_signals.h"
 
 #include <initializer_list>
@@ -23,7 +25,7 @@ run_signals::~run_signals()
     if (fd < 0)
         return;
     while (run_signals_take(*this) != 0)
-        ; // what came since the last look ends nothing any more
+        ; // what came since they were last read is dropped
     (void)close(fd);
     (void)sigprocmask(SIG_SETMASK, &former, nullptr);
 }

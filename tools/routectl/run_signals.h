@@ -1,12 +1,12 @@
-// run_signals.h - signals for a command that runs on until it is told to stop, taken in its own loop.
+// run_signals.h - signals for a command that goes on until it is interrupted, read in its own loop.
 //
-// Always: the signals' former state is back when the record is gone, whatever way the command ended.
+// Always: the signals have their former state again when the record is gone, however the command ended.
 #pragma once
 
 #include <csignal>
 
 struct run_signals {
-    int fd = -1; // readable when one came; -1: none can be had, they do what they did before
+    int fd = -1; // readable when one came; -1: failed, they act as before
     sigset_t former{};
 
     run_signals(); // takes SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGWINCH and SIGPIPE

@@ -1,4 +1,6 @@
 // session.cpp - the connections that the commands share, and what a call that did not run means.
+//
+// Always: a connection is made when a command first needs it, and kept for the next command.
 #include "card_dir.h"
 #include "routectl_commands.h"
 

@@ -1,7 +1,7 @@
 // watch_commands.cpp - the live view: pictures of the card on the whole screen until a key or a signal ends it.
 //
-// One loop over everything that can happen: a key, a signal, an answer, the time for the next round. So a route manager
-// that is silent never keeps a key waiting.
+// One loop waits for everything at once: a key, a signal, an answer, the time for the next round.
+// Always: a silent route manager delays no key, and the terminal is restored before a signal ends the process.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -109,11 +109,11 @@ void watch_loop(watch_state &state, const run_signals &signals)
 watch_data_ptr open_data(const routectl_call &call)
 {
     if (call.session.queue < 0)
-        call.session.queue = debug_view_open(); // without one the picture lacks what the debug service tells
+        call.session.queue = debug_view_open(); // without one, what the debug service knows is missing
     return watch_data_open(call.options.timeout_ms, call.session.queue);
 }
 
-// One round, whatever the route manager says to it.
+// One round, whether or not the route manager answers.
 routectl_answer watch_once(const routectl_call &call)
 {
     constexpr unsigned HEAD_ROWS = 10, ERROR_ROWS = 10;

@@ -2,7 +2,8 @@
 //
 // Pools come from the route manager while it answers, else from counting in the mapped table of the first copy that is
 // there. Rates are differences between rounds divided by the time between them, without what these rounds themselves
-// cause. Errors are followed in the history's ring, so they stay on the picture when the ring has moved on.
+// cause. Errors are followed in the history's ring, so they stay on the picture when the ring has overwritten
+// them.
 #include "watch_data.h"
 
 #include <algorithm>
@@ -21,7 +22,7 @@ namespace
 {
 constexpr std::size_t ERRORS_KEPT = 100;
 
-// What a round found, kept for the rates of the next.
+// The counts of a round, kept for the rates of the next.
 struct round_marks {
     steady::time_point time;
     std::optional<std::map<std::string, std::uint64_t>> counters;

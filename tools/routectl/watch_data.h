@@ -1,8 +1,8 @@
-// watch_data.h - gathers the picture of the card, round by round, without ever waiting for anybody.
+// watch_data.h - gathers the picture of the card, round by round, without waiting.
 //
 // A round asks the route manager for its summaries and its debug service for memory and counters, and looks into the
 // mapped memories and the history. The caller polls watch_data_poll's descriptors and calls watch_data_process.
-// Always: a route manager that is missing, dead or silent costs a round nothing but its answers.
+// Always: a round ends also when the route manager is missing, dead or silent; only its answers are missing then.
 #pragma once
 
 #include <chrono>
@@ -21,13 +21,13 @@ struct watch_data_delete {
 using watch_data_ptr = std::unique_ptr<watch_data, watch_data_delete>;
 
 // timeout_ms: how long the route manager may take for an answer before it counts as silent. queue: for the answers of
-// its debug service (debug_view_open), or -1: what they tell stays unknown.
+// its debug service (debug_view_open), or -1: what they hold stays unknown.
 watch_data_ptr watch_data_open(unsigned timeout_ms, int queue);
 
 // Starts a round, unless one is under way.
 void watch_data_start(watch_data &data);
 
-// Whether the round's answers are all there, or given up.
+// Whether all answers of the round have come or were given up.
 bool watch_data_is_over(const watch_data &data);
 
 // Adds the descriptors to poll, and gives the time in ms until watch_data_process has to be called (-1: none).

@@ -1,7 +1,7 @@
 // watch_frame.cpp - draws a picture of the card as text.
 //
-// From the top: state, pools, routes, rates; the rest of the height is shared by contexts and errors, errors last. What
-// does not fit is cut, a line at the width, the list of contexts with a line that counts the others.
+// From the top: state, pools, routes, rates; the rest of the height is shared by contexts and errors, errors last.
+// Always: no line is wider and no picture higher than asked for; a line that counts the others ends a cut list.
 #include "watch_frame.h"
 
 #include <algorithm>

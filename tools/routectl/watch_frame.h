@@ -1,6 +1,7 @@
 // watch_frame.h - one picture of the card, and how it is drawn.
 //
-// The drawing is pure: a picture, a size and whether to use colour give lines, so it is tested without a terminal.
+// Always: the drawing depends on the picture, the size and the colour alone, so it is tested without a terminal.
+// Elsewhere: gathering the picture (watch_data.cpp), the terminal (watch_term.cpp).
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@ enum class manager_state {
     running,    // answers
     silent,     // has its sockets, does not answer in time
     starting,   // was not asked yet, or has not answered for the first time
-    not_running // nobody holds its sockets
+    not_running // no process holds its sockets
 };
 
 struct watch_context {
@@ -60,7 +61,7 @@ struct watch_frame {
 struct watch_size {
     unsigned columns, rows;
 };
-constexpr watch_size WATCH_SIZE = {80, 24}; // where no terminal says another
+constexpr watch_size WATCH_SIZE = {80, 24}; // when there is no terminal
 
 enum class watch_colour { off, on };
 

@@ -1,4 +1,6 @@
-// watch_term.cpp - the alternate screen, keys without echo, and back. Plain ANSI sequences, one write a picture.
+// watch_term.cpp - the alternate screen, keys without echo, and back.
+//
+// Plain ANSI sequences. Always: a picture is one write, unless the terminal takes only a part of it.
 #include "watch_term.h"
 
 #include <cerrno>
@@ -22,7 +24,7 @@ bool write_all(const std::string &text)
 }
 } // namespace
 
-watch_term::~watch_term() { (void)watch_term_leave(*this); } // a terminal that has gone needs nothing back
+watch_term::~watch_term() { (void)watch_term_leave(*this); } // nothing to do about a terminal that has gone
 
 bool watch_term_enter(watch_term &term)
 {
@@ -51,7 +53,7 @@ bool watch_term_leave(watch_term &term)
 
 bool watch_term_show(const std::vector<std::string> &lines)
 {
-    // A line is erased before it is written: behind its last column an erasure would take that one too.
+    // A line is erased before it is written: an erasure after its last column would erase that column too.
     // The last one clears what is below it, and no line end follows it, which would scroll a full screen.
     std::string text = "\033[H";
     for (std::size_t i = 0; i < lines.size(); ++i)

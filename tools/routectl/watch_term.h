@@ -1,6 +1,6 @@
 // watch_term.h - the terminal while a full-screen picture is on it.
 //
-// Always: what the terminal was is back when the record is gone or has left: its mode, its screen, its cursor.
+// Always: mode, screen and cursor of the terminal are as before when the record is gone or has left.
 #pragma once
 
 #include <string>
