@@ -445,11 +445,12 @@ std::uint64_t counter_value(const std::string &answer, std::string_view name)
     return ~std::uint64_t{0};
 }
 
-history history_read(const card_dir &card)
+history history_read(const card_dir &card) { return history_at(card.at("history/115")); }
+
+history history_at(const std::string &path)
 {
     constexpr std::size_t HEADER = 64;
     history h;
-    const std::string path = card.at("history/115");
     if (!path_exists(path))
         return h;
     const shared_file file(path);

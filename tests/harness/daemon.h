@@ -130,7 +130,9 @@ void debug_request(const mts_queue &queue, std::uint32_t verb, std::uint32_t cat
 std::string debug_answer(const mts_queue &queue, std::uint32_t verb);
 std::uint64_t counter_value(const std::string &answer, std::string_view name); // ~0 when it is not there
 
-// The event history of the route manager as it stands at this moment, while the daemon may go on writing.
+// An event history as it stands at this moment, while its process may go on writing: the file at `path`, or the route
+// manager's.
+history history_at(const std::string &path);
 history history_read(const card_dir &card);
 
 // The socket of the supervisor card.

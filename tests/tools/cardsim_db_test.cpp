@@ -81,7 +81,7 @@ TEST(cardsim_db, a_new_manager_takes_out_what_an_earlier_one_left_also_a_half_ch
 TEST(cardsim_db, a_file_of_another_form_is_replaced)
 {
     on_fresh_card([] {
-        write_text(card_file("interfaces"), "something else");
+        file_write(card_file("interfaces"), "something else");
         if_db db;
         ASSERT_EQ(if_db_open(&db), 0);
         if_db_write(db, 5, {IFDB_EXISTS, 1, 0, 0, 0, 0, 0});

@@ -29,20 +29,20 @@ int open_flags(int fd) { return fcntl(fd, F_GETFD); }
 // The settings that a card.conf of `text` gives, judged by `check`, and what is said about it.
 std::string with_conf(const std::string &text, const std::function<void(const card_conf &)> &check)
 {
-    const fresh_folder folder;
-    write_text(folder.path + "/card.conf", text);
+    const card_dir folder;
+    file_write(folder.path + "/card.conf", text);
     on_card(folder.path, [&] {
         const std::string said = stderr_of([&] { (void)card_conf_get(); });
         check(card_conf_get());
-        write_text(card_file("said"), said);
+        file_write(card_file("said"), said);
     });
-    return read_text(folder.path + "/said");
+    return file_text(folder.path + "/said");
 }
 } // namespace
 
 TEST(card_dir, is_made_with_its_folders_for_us_alone_whatever_the_umask)
 {
-    const fresh_folder above;
+    const card_dir above;
     on_card(above.path + "/card", [] {
         umask(0777);
         EXPECT_EQ(card_dir_path(), std::getenv("CARD_DIR"));
@@ -54,7 +54,7 @@ TEST(card_dir, is_made_with_its_folders_for_us_alone_whatever_the_umask)
 
 TEST(card_dir, folders_that_exist_get_their_mode_and_a_link_in_place_of_one_is_left_alone)
 {
-    const fresh_folder folder, elsewhere;
+    const card_dir folder, elsewhere;
     constexpr struct {
         const char *name;
         mode_t mode;
@@ -75,7 +75,7 @@ TEST(card_dir, folders_that_exist_get_their_mode_and_a_link_in_place_of_one_is_l
 
 TEST(card_dir, one_that_others_can_enter_is_refused_with_one_line)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     chmod(folder.path.c_str(), 0750);
     on_card(folder.path, [] {
         const std::string said = stderr_of([] {
@@ -92,7 +92,7 @@ TEST(card_dir, one_of_another_user_is_refused)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give a folder away";
-    const fresh_folder folder;
+    const card_dir folder;
     ASSERT_EQ(chown(folder.path.c_str(), 12345, 12345), 0);
     on_card(folder.path, [] {
         const std::string said = stderr_of([] { EXPECT_EQ(card_dir_path(), ""); });
@@ -104,7 +104,7 @@ TEST(card_dir, a_link_of_another_user_is_refused_and_an_own_one_taken)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give a link away";
-    const fresh_folder folder, above;
+    const card_dir folder, above;
     const std::string link = above.path + "/card";
     std::filesystem::create_symlink(folder.path, link);
     on_card(link, [&] { EXPECT_EQ(card_dir_path(), link); });
@@ -117,7 +117,7 @@ TEST(card_dir, a_link_of_another_user_is_refused_and_an_own_one_taken)
 
 TEST(card_dir, a_path_of_64_bytes_is_taken_and_one_more_refused)
 {
-    const fresh_folder above;
+    const card_dir above;
     const std::string fits = above.path + "/" + std::string(64 - above.path.size() - 1, 'x');
     on_card(fits, [&] { EXPECT_EQ(card_dir_path(), fits); });
     on_card(fits + "x", [] {
@@ -129,7 +129,7 @@ TEST(card_dir, a_path_of_64_bytes_is_taken_and_one_more_refused)
 
 TEST(card_dir, a_stale_socket_is_replaced_and_a_live_one_kept)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     on_card(folder.path, [] { EXPECT_GE(card_dir_bind(SOCK_DGRAM, "mts/600"), 0); });
     on_card(folder.path, [&] {
         EXPECT_EQ(card_dir_owner("mts/600"), card_owner::none) << "its process is gone";
@@ -203,7 +203,7 @@ TEST(card_dir, a_lock_that_is_freed_within_100_ms_is_waited_for)
 
 TEST(card_dir, another_live_process_keeps_its_socket_and_the_try_is_short)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t owner = fork();
@@ -269,11 +269,11 @@ TEST(card_dir, a_file_is_allocated_whole_kept_at_its_size_and_made_anew_at_anoth
 
         EXPECT_GE(card_dir_file("mem/wired", 100000, &made), 0);
         EXPECT_FALSE(made);
-        EXPECT_EQ(read_text(card_file("mem/wired")).substr(0, 4), "kept");
+        EXPECT_EQ(file_text(card_file("mem/wired")).substr(0, 4), "kept");
 
         EXPECT_GE(card_dir_file("mem/wired", 50000, &made), 0);
         EXPECT_TRUE(made);
-        EXPECT_EQ(read_text(card_file("mem/wired")), std::string(50000, '\0'));
+        EXPECT_EQ(file_text(card_file("mem/wired")), std::string(50000, '\0'));
         ASSERT_EQ(fstat(fd, &st), 0);
         EXPECT_EQ(st.st_size, 100000) << "who has the old file open keeps it";
     });
@@ -282,13 +282,13 @@ TEST(card_dir, a_file_is_allocated_whole_kept_at_its_size_and_made_anew_at_anoth
 TEST(card_dir, a_file_is_never_opened_through_a_link)
 {
     on_fresh_card([] {
-        write_text(card_dir_path() + "/elsewhere", "mine");
+        file_write(card_dir_path() + "/elsewhere", "mine");
         std::filesystem::create_symlink("../elsewhere", card_file("mem/wired"));
         bool made = true;
         const std::string said = stderr_of([&] { EXPECT_EQ(card_dir_file("mem/wired", 4, &made), -1); });
         EXPECT_FALSE(made);
         EXPECT_NE(said, "");
-        EXPECT_EQ(read_text(card_file("elsewhere")), "mine");
+        EXPECT_EQ(file_text(card_file("elsewhere")), "mine");
     });
 }
 
@@ -320,8 +320,8 @@ TEST(card_conf, the_defaults_stand_without_a_file)
 
 TEST(card_conf, a_link_is_not_followed)
 {
-    const fresh_folder folder;
-    write_text(folder.path + "/elsewhere", "slot = 9\n");
+    const card_dir folder;
+    file_write(folder.path + "/elsewhere", "slot = 9\n");
     std::filesystem::create_symlink("elsewhere", folder.path + "/card.conf");
     on_card(folder.path, [] {
         const std::string said = stderr_of([] { (void)card_conf_get(); });

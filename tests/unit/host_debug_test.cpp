@@ -31,13 +31,8 @@ int start(unsigned count = 3)
 // Hands the request over as a received message from `sap`.
 void request(int queue, std::initializer_list<std::uint32_t> words, std::uint32_t sap = 0)
 {
-    std::string bytes;
-    for (const std::uint32_t word : words)
-        bytes += be32(word);
-    const mts_message m = {MTS_OPC_DEBUG_REQUEST,
-                           {0, sap},
-                           static_cast<std::uint32_t>(bytes.size()),
-                           reinterpret_cast<const std::uint8_t *>(bytes.data())};
+    const byte_string bytes = word_bytes(words);
+    const mts_message m = {MTS_OPC_DEBUG_REQUEST, {0, sap}, static_cast<std::uint32_t>(bytes.size()), bytes.data()};
     EXPECT_EQ(sdwrap_process_msg(queue, &m), 0) << "consumed";
 }
 constexpr std::uint32_t ALL = 0xFFFFFFFF;
@@ -197,8 +192,7 @@ TEST(debug_service, verb_3_answers_a_line_for_each_memory_type)
         void *const a = mtrack_alloc(340, 1, 36);
         mtrack_free(mtrack_alloc(340, 1, 100));
         request(queue, {3, 0, 0, 0}, 1024);
-        EXPECT_EQ(peer_receive(peer),
-                  "MTS1" + be32(1531) + be32(0) + be32(514) + "0 MTRACK_A 0 0 0\n1 MTRACK_B 1 36 136\n");
+        EXPECT_EQ(peer_receive(peer), message_text(1531, 514, "0 MTRACK_A 0 0 0\n1 MTRACK_B 1 36 136\n"));
         request(queue, {3, 0, 0, 0}, 0);
         EXPECT_EQ(peer_receive(peer), "<none>") << "no access point to answer";
         EXPECT_EQ(platform_counters.messages_lost, 0u);
@@ -259,7 +253,7 @@ TEST(debug_service, verb_6_of_a_process_without_routes_is_answered_with_the_end)
         const int queue = start();
         const int peer = peer_socket(card_file("mts/1024"));
         request(queue, {6, 0, 3, 0}, 1024);
-        EXPECT_EQ(peer_receive(peer), "MTS1" + be32(1531) + be32(0) + be32(514) + "end\n");
+        EXPECT_EQ(peer_receive(peer), message_text(1531, 514, "end\n"));
     });
 }
 

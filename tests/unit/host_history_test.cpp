@@ -1,4 +1,4 @@
-// host_history_test.cpp - the history file, read back by a parser of this test's own.
+// host_history_test.cpp - the history file, read back by the tests' own reader.
 #include <algorithm>
 #include <climits>
 #include <csignal>
@@ -20,50 +20,12 @@ namespace
 {
 constexpr std::uint32_t EVENT = 0x730000;
 
-struct parsed_record {
-    std::uint32_t event_type;
-    std::uint64_t ns;
-    std::string data;
-};
-struct parsed_history {
-    std::uint64_t capacity, tail, head;
-    std::vector<parsed_record> records;
-};
-
-template <class T> T number_at(const std::string &bytes, std::size_t at)
-{
-    T value = 0;
-    std::memcpy(&value, bytes.data() + at, sizeof value);
-    return value;
-}
-
 // Reads a history of component 115 as a program that knows only the format would.
-parsed_history parse(const std::string &name = "history/115")
+history parse(const std::string &name = "history/115")
 {
-    const std::string file = read_text(card_file(name));
-    EXPECT_EQ(number_at<std::uint32_t>(file, 0), 0x48495354u);
-    EXPECT_EQ(number_at<std::uint32_t>(file, 4), 1u);
-    parsed_history h = {
-        number_at<std::uint64_t>(file, 8), number_at<std::uint64_t>(file, 16), number_at<std::uint64_t>(file, 24), {}};
-    EXPECT_EQ(file.size(), 64 + h.capacity);
-    EXPECT_EQ(file.substr(32, 32), std::string(32, '\0'));
-    EXPECT_LE(h.head - h.tail, h.capacity);
-    std::string straight;
-    for (std::uint64_t at = h.tail; at < h.head; ++at)
-        straight.push_back(file[64 + at % h.capacity]);
-    for (std::size_t at = 0; at < straight.size();) {
-        const auto size = number_at<std::uint32_t>(straight, at);
-        EXPECT_EQ(size % 8, 0u);
-        if (size < 24 || size > straight.size() - at) {
-            ADD_FAILURE() << "a record of " << size << " bytes at " << at;
-            break;
-        }
-        const auto bytes = number_at<std::uint32_t>(straight, at + 16);
-        EXPECT_EQ((20 + bytes + 7) / 8 * 8, size);
-        h.records.push_back({number_at<std::uint32_t>(straight, at + 4), number_at<std::uint64_t>(straight, at + 8),
-                             straight.substr(at + 20, bytes)});
-        at += size;
-    }
+    history h = history_at(card_file(name));
+    EXPECT_TRUE(h.valid) << name;
+    EXPECT_EQ(file_text(card_file(name)).substr(32, 32), std::string(32, '\0'));
     return h;
 }
 
@@ -115,14 +77,14 @@ int clean_up_at(unsigned instruction, const stopped_record &r)
 // The clean-up's records are the newest, in front of them may be the stopped one, and else only what was there before.
 void expect_whole_history(const stopped_record &r)
 {
-    std::vector<parsed_record> records = parse().records;
+    std::vector<history_record> records = parse().records;
     ASSERT_GE(records.size(), std::size(LAST_WORDS));
     for (std::size_t i = std::size(LAST_WORDS); i-- > 0; records.pop_back())
         ASSERT_EQ(records.back().data, LAST_WORDS[i]);
     if (!records.empty() && records.back().data == std::string(r.own_bytes, 'x'))
         records.pop_back();
     ASSERT_GE(records.size(), std::min<std::size_t>(r.count, 7)) << "no more is dropped than is needed";
-    for (const parsed_record &record : records)
+    for (const history_record &record : records)
         ASSERT_EQ(record.data, std::string(r.bytes, 'b'));
 }
 } // namespace
@@ -138,14 +100,14 @@ TEST(history, a_record_is_read_back_as_it_was_written)
         log_text("");
         log_text(std::string("four") + '\0');
         clock_gettime(CLOCK_REALTIME, &after);
-        const parsed_history h = parse();
+        const history h = parse();
         EXPECT_EQ(h.capacity, 0x10000u);
         EXPECT_EQ(h.tail, 0u);
         ASSERT_EQ(h.records.size(), 3u);
         EXPECT_EQ(h.records[0].data, "first");
-        EXPECT_EQ(h.records[0].event_type, EVENT);
-        EXPECT_GE(h.records[0].ns, static_cast<std::uint64_t>(before.tv_sec) * 1000000000u);
-        EXPECT_LE(h.records[2].ns / 1000000000u, static_cast<std::uint64_t>(after.tv_sec));
+        EXPECT_EQ(h.records[0].type, EVENT);
+        EXPECT_GE(h.records[0].time, static_cast<std::uint64_t>(before.tv_sec) * 1000000000u);
+        EXPECT_LE(h.records[2].time / 1000000000u, static_cast<std::uint64_t>(after.tv_sec));
         EXPECT_EQ(h.records[1].data, "");
         EXPECT_EQ(h.records[2].data, std::string("four") + '\0');
         EXPECT_EQ(platform_counters.history_records, 3u);
@@ -163,7 +125,7 @@ TEST(history, the_oldest_records_make_room_and_the_rest_stay_readable)
             log_text(written.back());
             if (i % 50 != 0)
                 continue;
-            const parsed_history h = parse();
+            const history h = parse();
             ASSERT_LE(h.records.size(), written.size());
             for (std::size_t r = 0; r < h.records.size(); ++r)
                 ASSERT_EQ(h.records[r].data, written[written.size() - h.records.size() + r]) << "after " << i;
@@ -183,7 +145,7 @@ TEST(history, a_record_that_cannot_fit_or_of_another_component_is_refused)
         EXPECT_EQ(sdwrap_hist_event(EVENT, 1024 - 19, (fits + "x").data()), -1);
         EXPECT_EQ(sdwrap_hist_event(EVENT, ~std::size_t{0}, fits.data()), -1);
         EXPECT_EQ(sdwrap_hist_event(0x740000, 1, "x"), -1);
-        const parsed_history h = parse();
+        const history h = parse();
         ASSERT_EQ(h.records.size(), 1u);
         EXPECT_EQ(h.records[0].data, fits);
         EXPECT_EQ(platform_counters.history_records, 2u);
@@ -192,7 +154,7 @@ TEST(history, a_record_that_cannot_fit_or_of_another_component_is_refused)
 
 TEST(history, a_restart_goes_on_in_the_file)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     for (const char *life : {"one", "two", "three"}) {
         on_card(folder.path, [&] {
             EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 0x10000), 0);
@@ -200,7 +162,7 @@ TEST(history, a_restart_goes_on_in_the_file)
         });
     }
     on_card(folder.path, [] {
-        const parsed_history h = parse();
+        const history h = parse();
         ASSERT_EQ(h.records.size(), 3u);
         EXPECT_EQ(h.records[0].data, "one");
         EXPECT_EQ(h.records[2].data, "three");
@@ -254,12 +216,12 @@ TEST(history, any_other_file_is_made_anew)
         on_fresh_card([&] {
             EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
             log_text("old");
-            std::string file = read_text(card_file("history/115"));
+            std::string file = file_text(card_file("history/115"));
             std::memcpy(file.data() + d.at, &d.value, d.at < 8 || d.at >= 64 ? 4 : 8);
-            write_text(card_file("history/115"), file);
+            file_write(card_file("history/115"), file);
             EXPECT_EQ(sdwrap_hist_init_for_uuid(0x73, 1024), 0);
             log_text("new");
-            const parsed_history h = parse();
+            const history h = parse();
             ASSERT_EQ(h.records.size(), 1u) << d.what;
             EXPECT_EQ(h.records[0].data, "new") << d.what;
         });
@@ -284,7 +246,7 @@ TEST(history, what_is_no_file_is_replaced_without_being_followed_or_opened)
         SCOPED_TRACE(what);
         on_fresh_card([&put = put] {
             std::filesystem::create_directory(card_file("history"));
-            write_text(card_file("victim"), "mine");
+            file_write(card_file("victim"), "mine");
             const std::string path = card_file("history/115");
             put(path.c_str());
             const int watched = inotify_init1(IN_NONBLOCK);
@@ -297,7 +259,7 @@ TEST(history, what_is_no_file_is_replaced_without_being_followed_or_opened)
             ASSERT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
             log_text("new");
             EXPECT_EQ(parse().records.size(), 1u);
-            EXPECT_EQ(read_text(card_file("victim")), "mine");
+            EXPECT_EQ(file_text(card_file("victim")), "mine");
         });
     }
 }
@@ -339,13 +301,13 @@ TEST(history, errors_are_kept_in_a_ring_of_their_own_too)
         for (std::uint32_t trace = 0; trace < 5000; ++trace)
             (void)record(101, trace);
         (void)sdwrap_hist_event(EVENT, 2, "ab"); // too short for a category
-        const parsed_history kept = parse("history/115.errors"), all = parse();
+        const history kept = parse("history/115.errors"), all = parse();
         EXPECT_EQ(kept.capacity, 0x4000u);
         ASSERT_EQ(kept.records.size(), 2u);
         EXPECT_EQ(kept.records[0].data, first);
         EXPECT_EQ(kept.records[1].data, second);
-        EXPECT_EQ(kept.records[1].event_type, EVENT);
-        EXPECT_TRUE(std::none_of(all.records.begin(), all.records.end(), [&first](const parsed_record &r) {
+        EXPECT_EQ(kept.records[1].type, EVENT);
+        EXPECT_TRUE(std::none_of(all.records.begin(), all.records.end(), [&first](const history_record &r) {
             return r.data == first;
         })) << "traces have pushed it out there";
         EXPECT_EQ(platform_counters.history_records, 5003u) << "an error counts once";

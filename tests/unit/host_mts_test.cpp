@@ -15,7 +15,6 @@ namespace
 {
 constexpr mts_bind_options BIND = {{1, 0, 1024, 0, 0}};
 constexpr mts_recv_options RECV = {{1, 0, 0, 0, 0, 0}};
-constexpr std::uint32_t MAGIC = 0x4D545331;
 
 int bind_sap(std::uint32_t sap) { return mts_bind(4, sap, &BIND, "test"); }
 
@@ -32,9 +31,9 @@ TEST(mts, a_datagram_is_magic_opcode_source_and_payload_in_big_endian)
         const int peer = peer_socket(card_file("mts/700"));
         const mts_address to = {MTS_NODE_LOCAL, 700};
         EXPECT_EQ(mts_send(queue, &to, 0x1005, "abc", 3), 0);
-        EXPECT_EQ(peer_receive(peer), be32(MAGIC) + be32(0x1005) + be32(0) + be32(514) + "abc");
+        EXPECT_EQ(peer_receive(peer), message_text(0x1005, 514, "abc"));
         EXPECT_EQ(mts_send(-1, &to, 4065, nullptr, 0), 0);
-        EXPECT_EQ(peer_receive(peer), be32(MAGIC) + be32(4065) + be32(0) + be32(0));
+        EXPECT_EQ(peer_receive(peer), message_text(4065, 0));
     });
 }
 
@@ -44,7 +43,7 @@ TEST(mts, a_received_message_has_the_senders_sap_and_payload)
         const int queue = bind_sap(514);
         pollfd waits = {queue, POLLIN, 0};
         EXPECT_EQ(poll(&waits, 1, 0), 0);
-        EXPECT_EQ(peer_send(card_file("mts/514"), be32(MAGIC) + be32(4065) + be32(0) + be32(77) + "payload"), 23);
+        EXPECT_EQ(peer_send(card_file("mts/514"), message_text(4065, 77, "payload")), 23);
         EXPECT_EQ(poll(&waits, 1, 0), 1);
         EXPECT_EQ(waits.revents, POLLIN);
         mts_message m = {};
@@ -63,10 +62,10 @@ TEST(mts, a_malformed_datagram_is_consumed_and_counted)
 {
     on_fresh_card([] {
         const int queue = bind_sap(514);
-        const std::string path = card_file("mts/514"), head = be32(MAGIC) + be32(1) + be32(0) + be32(0);
+        const std::string path = card_file("mts/514"), head = message_text(1, 0);
         mts_message m = {};
         for (const std::string &bytes :
-             {std::string(), head.substr(0, 15), be32(MAGIC + 1) + head.substr(4), head + std::string(1025, 'x')}) {
+             {std::string(), head.substr(0, 15), "MTS2" + head.substr(4), head + std::string(1025, 'x')}) {
             EXPECT_EQ(peer_send(path, bytes), static_cast<long>(bytes.size()));
             EXPECT_LT(mts_recv(queue, &m, &RECV), 0) << bytes.size() << " bytes";
         }
@@ -122,7 +121,7 @@ TEST(mts, a_broadcast_reaches_every_sap_but_the_senders)
         const mts_address all = {MTS_NODE_BROADCAST, 0};
         EXPECT_EQ(mts_send(queue, &all, 0x1006, "x", 1), -1) << "900 has no live owner";
         EXPECT_EQ(platform_counters.messages_lost, 1u);
-        EXPECT_EQ(peer_receive(peer), be32(MAGIC) + be32(0x1006) + be32(0) + be32(514) + "x");
+        EXPECT_EQ(peer_receive(peer), message_text(0x1006, 514, "x"));
         EXPECT_EQ(peer_receive(odd), "<none>") << "no sap is named so";
         mts_message m = {};
         EXPECT_EQ(mts_recv(other, &m, &RECV), 0);
@@ -195,7 +194,7 @@ TEST(mts, a_waiting_sender_gets_in_when_room_comes_and_gives_up_in_time)
 
 TEST(mts, a_tool_binds_the_first_free_sap_from_1024)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     on_card(folder.path, [] {
         std::uint32_t first = 0, second = 0;
         EXPECT_GE(mts_bind_free(&first, "tool"), 0);

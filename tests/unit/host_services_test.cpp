@@ -6,6 +6,7 @@
 
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/un.h>
 
 #include "counters.h"
 #include "host_support.h"
@@ -20,27 +21,19 @@ using namespace harness;
 
 namespace
 {
-using if_words = std::array<std::uint32_t, 8>;
-constexpr std::size_t DATABASE_BYTES = 64 + 8192 * 32;
-
-// Puts a database at the card directory in which interface 5 is `record` and 8191 exists. Returns it mapped.
-std::uint32_t *put_database(const if_words &record)
+// Puts a database at the card directory in which interface 5 is as given and 8191 exists. Returns its words, mapped.
+std::uint32_t *put_database(const interface_record &record)
 {
-    std::string file(DATABASE_BYTES, '\0');
-    const std::uint32_t header[] = {0x49464442, 1, 32, 8192};
-    const if_words last = {0, 1, 2, 3, 0, 0, 0, 0};
-    std::memcpy(file.data(), header, sizeof header);
-    std::memcpy(file.data() + 64 + 5 * 32, record.data(), 32);
-    std::memcpy(file.data() + 64 + 8191 * 32, last.data(), 32);
-    write_text(card_file("interfaces"), file);
+    const std::string file = interfaces_image({record, {8191, IF_EXISTS, 2, 3, 0, 0, 0, 0}});
+    file_write(card_file("interfaces"), file);
     const int fd = open(card_file("interfaces").c_str(), O_RDWR | O_CLOEXEC);
-    void *const at = mmap(nullptr, DATABASE_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void *const at = mmap(nullptr, file.size(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     return static_cast<std::uint32_t *>(at);
 }
-constexpr if_words FULL = {2, 0x1F, 1, 4000, 0x0A000001, 0xFFFFFF00, 7, 42};
+constexpr interface_record FULL = {5, 0x1F, 1, 4000, 0x0A000001, MASK24, 7, 42};
 
-void put_conf(const char *text) { write_text(card_file("card.conf"), text); }
+void put_conf(const char *text) { file_write(card_file("card.conf"), text); }
 } // namespace
 
 TEST(if_mgr, every_field_of_an_interface_is_answered)
@@ -68,7 +61,7 @@ TEST(if_mgr, a_database_that_is_cut_while_it_is_mapped_is_looked_for_again)
         std::filesystem::resize_file(card_file("interfaces"), 64); // a manager that starts anew, in the same file
         const std::string said = stderr_of([] { EXPECT_EQ(if_get_status(8191), -1); }); // on a page that is gone
         EXPECT_NE(said.find("is not an interface database"), std::string::npos) << said;
-        put_database({2, 1, 1, 0, 0, 0, 0, 0});
+        put_database({5, 1, 1, 0, 0, 0, 0, 0});
         EXPECT_EQ(if_get_status(5), 0);
     });
 }
@@ -76,7 +69,7 @@ TEST(if_mgr, a_database_that_is_cut_while_it_is_mapped_is_looked_for_again)
 TEST(if_mgr, what_an_interface_lacks_is_minus_one)
 {
     on_fresh_card([] {
-        put_database({0, 0x01, 1, 4000, 1, 1, 7, 42});
+        put_database({5, 0x01, 1, 4000, 1, 1, 7, 42});
         std::uint32_t a = 9, b = 9;
         EXPECT_EQ(if_get_address(5, &a, &b), 0) << "known of every interface";
         EXPECT_EQ(if_get_bvi(5), 4000);
@@ -92,7 +85,7 @@ TEST(if_mgr, what_an_interface_lacks_is_minus_one)
 TEST(if_mgr, an_interface_that_does_not_exist_answers_minus_one)
 {
     on_fresh_card([] {
-        put_database({0, 0x1E, 1, 4000, 1, 1, 7, 42});
+        put_database({5, 0x1E, 1, 4000, 1, 1, 7, 42});
         std::uint32_t a = 0, b = 0;
         EXPECT_EQ(if_get_status(8191), 0) << "the last one exists";
         for (const std::uint32_t ifid : {5u, 6u, 8192u, 0xFFFFFFFFu}) {
@@ -111,9 +104,9 @@ TEST(if_mgr, the_file_is_looked_for_until_it_is_there)
     on_fresh_card([] {
         const std::string said = stderr_of([] {
             EXPECT_EQ(if_get_status(5), -1) << "no file";
-            write_text(card_file("interfaces"), "too short");
+            file_write(card_file("interfaces"), "too short");
             EXPECT_EQ(if_get_status(5), -1);
-            write_text(card_file("interfaces"), std::string(DATABASE_BYTES, 'x'));
+            file_write(card_file("interfaces"), std::string(interface_at(8192), 'x'));
             EXPECT_EQ(if_get_status(5), -1);
         });
         EXPECT_NE(said.find("interfaces"), std::string::npos) << said;
@@ -227,7 +220,7 @@ TEST(sysmgr, the_modules_slot_is_a_setting)
 
 TEST(platform_mem, the_table_memories_are_files_that_keep_their_contents)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     on_card(folder.path, [] {
         const int fd = syscall_open();
         ASSERT_GE(fd, 0);
@@ -246,7 +239,7 @@ TEST(platform_mem, the_table_memories_are_files_that_keep_their_contents)
     });
     EXPECT_EQ(std::filesystem::file_size(folder.path + "/mem/wired"), 0x1400000u);
     EXPECT_EQ(std::filesystem::file_size(folder.path + "/mem/ixp1"), 0x103400u);
-    EXPECT_EQ(read_text(folder.path + "/mem/ixp2")[0], 3);
+    EXPECT_EQ(file_text(folder.path + "/mem/ixp2")[0], 3);
     on_card(folder.path, [] {
         const card_addr wired = map_wired_route(0);
         EXPECT_EQ(*card_at<std::uint32_t>(wired + 0x13FFFFC), 1u);
@@ -309,9 +302,9 @@ TEST(platform_mem, a_flush_of_the_kernels_route_cache_writes_1_and_fails_with_th
     on_fresh_card([&] {
         ASSERT_TRUE(have_own_mounts());
         put_conf("route_cache = kernel\n");
-        write_text(card_file("flush"), "");
+        file_write(card_file("flush"), "");
         EXPECT_EQ(flush_into(card_file("flush").c_str()), 0);
-        EXPECT_EQ(read_text(card_file("flush")), "1");
+        EXPECT_EQ(file_text(card_file("flush")), "1");
         EXPECT_EQ(platform_counters.route_cache_flushes, 1u);
         EXPECT_EQ(flush_into("/dev/full"), -ENOSPC);
         rlimit usual = {};

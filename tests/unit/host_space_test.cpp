@@ -1,6 +1,7 @@
 // host_space_test.cpp - card addresses, the heap behind them and the counts of who holds what.
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <random>
 #include <vector>

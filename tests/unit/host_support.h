@@ -7,9 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 
 #include <fcntl.h>
@@ -17,9 +15,10 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "daemon.h"
 
 namespace harness
 {
@@ -40,15 +39,6 @@ inline int in_child(const std::function<void()> &body)
     return WEXITSTATUS(status);
 }
 
-// A fresh folder of mode 0700, gone with the object.
-struct fresh_folder {
-    std::string path = "/tmp/card.XXXXXX";
-    fresh_folder() { EXPECT_NE(mkdtemp(path.data()), nullptr); }
-    ~fresh_folder() { std::filesystem::remove_all(path); }
-    fresh_folder(const fresh_folder &) = delete;
-    fresh_folder &operator=(const fresh_folder &) = delete;
-};
-
 // Runs `body` in a child whose card directory is `folder`.
 inline void on_card(const std::string &folder, const std::function<void()> &body)
 {
@@ -63,19 +53,11 @@ inline void on_card(const std::string &folder, const std::function<void()> &body
 // Runs `body` in a child with a card directory of its own.
 inline void on_fresh_card(const std::function<void()> &body)
 {
-    const fresh_folder folder;
+    const card_dir folder;
     on_card(folder.path, body);
 }
 
 inline std::string card_file(const std::string &name) { return std::string(std::getenv("CARD_DIR")) + "/" + name; }
-
-inline void write_text(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
-
-inline std::string read_text(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // What `body` writes to standard error, by whatever means.
 inline std::string stderr_of(const std::function<void()> &body)
@@ -107,27 +89,18 @@ inline bool own_mounts_are_allowed()
     return in_child([] { _exit(have_own_mounts() ? 0 : 1); }) == 0;
 }
 
-// A datagram socket bound at `path`, as a peer in another language would bind it.
+// A datagram socket bound at `path`, as a peer in another language would bind it: perhaps before the process is there.
 inline int peer_socket(const std::string &path)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path()); // a peer may be there first
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    return fd;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    return bound_socket(SOCK_DGRAM, path);
 }
 
-// Sends raw bytes to the socket at `path`. Returns what sendto returned.
+// Sends raw bytes to the socket at `path`. Returns how many, or -1.
 inline long peer_send(const std::string &path, const std::string &bytes)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const long sent = sendto(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                             reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    const int fd = connected_socket(SOCK_DGRAM, path);
+    const long sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     close(fd);
     return sent;
 }
@@ -140,12 +113,10 @@ inline std::string peer_receive(int fd)
     return got < 0 ? "<none>" : std::string(bytes, static_cast<std::size_t>(got));
 }
 
-// A 32-bit big-endian word as bytes.
-inline std::string be32(std::uint32_t value)
+// A datagram as peers send and receive it.
+inline std::string message_text(std::uint32_t opcode, std::uint32_t sap, std::string_view payload = "")
 {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes.push_back(static_cast<char>(value >> shift & 0xFF));
-    return bytes;
+    const byte_string bytes = message_bytes(opcode, sap, text_bytes(payload));
+    return {bytes.begin(), bytes.end()};
 }
 } // namespace harness

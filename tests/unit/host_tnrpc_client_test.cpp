@@ -108,13 +108,10 @@ protected:
     }
     void listen_at(std::uint32_t endpoint, int backlog = 8)
     {
-        const std::string path = card_dir() + "/rpc/" + std::to_string(endpoint);
-        const sockaddr_un address = address_of(path);
-        std::filesystem::remove(path);
-        std::filesystem::remove(card_dir() + "/rpc/names/" + NAME);
-        std::filesystem::create_symlink("../" + std::to_string(endpoint), card_dir() + "/rpc/names/" + NAME);
-        listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        const std::string own = std::to_string(endpoint), link = card_file("rpc/names/") + NAME;
+        std::filesystem::remove(link);
+        std::filesystem::create_symlink("../" + own, link);
+        listener = bound_socket(SOCK_SEQPACKET, card_file("rpc/" + own));
         ASSERT_EQ(listen(listener, backlog), 0);
     }
     void run(std::function<void()> steps) { thread = std::thread(std::move(steps)); }
@@ -214,7 +211,7 @@ TEST_F(tnrpc_client, a_wrong_reply_fails_the_call_changes_nothing_and_closes_the
     const std::pair<const char *, std::function<bytes(std::uint32_t)>> wrong[] = {
         {"15 bytes", [&](std::uint32_t t) { return reply_of(t, 0, 0, ref + block).substr(0, 15); }},
         {"magic of a call",
-         [&](std::uint32_t t) { return be(4, 0x544E5251) + reply_of(t, 0, 0, ref + block).substr(4); }},
+         [&](std::uint32_t t) { return be(4, CALL_MAGIC) + reply_of(t, 0, 0, ref + block).substr(4); }},
         {"another transaction", [&](std::uint32_t t) { return reply_of(t - 1, 0, 0, ref + block); }},
         {"no values", [&](std::uint32_t t) { return reply_of(t, 0, 0); }},
         {"a value missing", [&](std::uint32_t t) { return reply_of(t, 0, 0, ref); }},

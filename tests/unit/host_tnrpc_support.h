@@ -5,15 +5,12 @@
 // before the platform is first used, since a process keeps its card directory and its locks, and waits for its turn.
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,11 +19,11 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "counters.h"
+#include "host_support.h"
 #include "mtrack.h"
 #include "tnrpc.h"
 
@@ -62,33 +59,21 @@ inline bytes value_of(std::uint32_t type, std::uint32_t length, std::uint32_t va
 inline bytes call_of(const bytes &name, std::uint32_t count, const bytes &args, std::uint32_t transaction = 77)
 {
     const auto length = static_cast<std::uint32_t>(name.size());
-    return be(4, 0x544E5251) + be(4, transaction) + be(2, length) + be(2, count) + name + args;
+    return be(4, CALL_MAGIC) + be(4, transaction) + be(2, length) + be(2, count) + name + args;
 }
 
 inline bytes reply_of(std::uint32_t transaction, std::uint32_t status, std::uint32_t result, const bytes &values = {})
 {
-    return be(4, 0x544E5250) + be(4, transaction) + be(4, status) + be(4, result) + values;
-}
-
-inline std::string card_dir() { return std::getenv("CARD_DIR"); }
-
-inline sockaddr_un address_of(const std::string &path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    EXPECT_LT(path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, path.c_str(), std::min(path.size(), sizeof address.sun_path - 1));
-    return address;
+    return be(4, REPLY_MAGIC) + be(4, transaction) + be(4, status) + be(4, result) + values;
 }
 
 // A caller that speaks the records itself.
 struct caller {
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    int fd;
 
-    explicit caller(const std::string &path = "rpc/9")
+    explicit caller(const std::string &path = "rpc/9") : fd(connected_socket(SOCK_SEQPACKET, card_file(path)))
     {
-        const sockaddr_un address = address_of(card_dir() + "/" + path);
-        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0) << path;
+        EXPECT_GE(fd, 0) << path;
     }
     caller(const caller &) = delete;
     caller &operator=(const caller &) = delete;
@@ -237,17 +222,15 @@ struct card_environment : testing::Environment {
         peer_process *process;
         void (*job)(int control);
     };
-    std::string directory;
+    std::unique_ptr<card_dir> card;
     std::vector<waiting> processes;
 
     explicit card_environment(std::vector<waiting> p) : processes(std::move(p)) {}
     void SetUp() override
     {
-        char name[] = "/tmp/tnrpcXXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        directory = name;
-        ASSERT_EQ(setenv("CARD_DIR", name, 1), 0);
-        std::ofstream(directory + "/card.conf") << "rpc_timeout_ms = " << TIMEOUT_MS << "\n";
+        card = std::make_unique<card_dir>();
+        ASSERT_EQ(setenv("CARD_DIR", card->path.c_str(), 1), 0);
+        file_write(card->at("card.conf"), "rpc_timeout_ms = " + std::to_string(TIMEOUT_MS) + "\n");
         for (const waiting &w : processes)
             w.process->prepare(w.job);
     }
@@ -255,7 +238,7 @@ struct card_environment : testing::Environment {
     {
         for (const waiting &w : processes)
             w.process->end();
-        std::filesystem::remove_all(directory);
+        card.reset();
     }
 };
 } // namespace harness

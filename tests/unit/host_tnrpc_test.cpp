@@ -79,7 +79,7 @@ const testing::Environment *const environment = testing::AddGlobalTestEnvironmen
 std::string link_of(const char *name)
 {
     std::error_code error;
-    return std::filesystem::read_symlink(card_dir() + "/rpc/names/" + name, error).string();
+    return std::filesystem::read_symlink(card_file("rpc/names/") + name, error).string();
 }
 
 class tnrpc_server : public testing::Test
@@ -471,7 +471,7 @@ TEST_F(tnrpc_server, names_are_found_whatever_the_order_of_registration)
 TEST_F(tnrpc_server, a_link_left_by_a_dead_server_is_replaced)
 {
     for (const char *stale : {"../4711", "../nonsense", "/etc/passwd", "../9x", "../09"}) {
-        std::filesystem::create_symlink(stale, card_dir() + "/rpc/names/stale");
+        std::filesystem::create_symlink(stale, card_file("rpc/names/stale"));
         ASSERT_EQ(tnrpc_register("stale", proc_no_block, 0), 0);
         EXPECT_EQ(link_of("stale"), "../9") << stale;
         ASSERT_EQ(tnrpc_unregister("stale"), 0);
