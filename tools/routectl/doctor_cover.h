@@ -32,7 +32,7 @@ struct cover_route {
 struct cover_piece {
     std::uint64_t first, last;
     int leaf; // number of the leaf, COVER_EMPTY or COVER_FAULT
-    std::uint64_t size() const { return last - first + 1; }
+    std::uint64_t addresses() const { return last - first + 1; }
 };
 
 // A route with what answers its own addresses, those of no longer route; no piece: longer routes hide it wholly.

@@ -102,7 +102,7 @@ std::map<int, std::uint64_t> free_leaves(const judge &at, const cover_answer &an
     std::map<int, std::uint64_t> leaves;
     for (const cover_piece &piece : answer.pieces)
         if (piece.leaf >= 0 && at.owned.count(piece.leaf) == 0)
-            leaves[piece.leaf] += piece.size();
+            leaves[piece.leaf] += piece.addresses();
     return leaves;
 }
 
@@ -112,7 +112,7 @@ int own_leaf(const judge &at, const cover_answer &answer, const std::map<int, st
 {
     std::uint64_t total = 0, most = 0;
     for (const cover_piece &piece : answer.pieces)
-        total += piece.size();
+        total += piece.addresses();
     int fitting = COVER_EMPTY, largest = COVER_EMPTY;
     for (const auto &[leaf, size] : leaves) {
         if (size > most && fits(answer.route, leaf_of(at, leaf)))
