@@ -13,6 +13,7 @@ constexpr const char *CARD_CONF_FILE = "card.conf";
 constexpr const char *IFDB_FILE = "interfaces";
 constexpr const char *WIRED_FILE = "mem/wired";
 constexpr const char *IXP_FILES[] = {"mem/ixp1", "mem/ixp2"};
+constexpr const char *PROVIDER_SUFFIX = ".provider"; // behind a memory's name: the socket of who provides it
 constexpr const char *SUPERVISOR_SOCKET = "scp/supervisor";
 constexpr const char *LOCK_SUFFIX = ".lock";
 
