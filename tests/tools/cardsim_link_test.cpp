@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "../unit/host_support.h"
-#include "manager_link.h"
+#include "card_service/manager_link.h"
 #include "route_ids.h"
 
 using namespace harness;
 
 namespace
 {
+constexpr link_options OPTIONS_OF_LINK = {"cardsim", CARD_SERVICE_SAP, 1000};
 constexpr std::uint32_t EVENT = MTS_OPC_NORVIK_IF_UP;
 
 // The opcode of the next message at the route manager's queue; 0 when none waits.
@@ -25,7 +26,7 @@ std::uint32_t arrived(int queue)
 
 void answer(int queue)
 {
-    constexpr mts_address CARDSIM = {MTS_NODE_LOCAL, CARDSIM_SAP};
+    constexpr mts_address CARDSIM = {MTS_NODE_LOCAL, CARD_SERVICE_SAP};
     EXPECT_EQ(mts_send(queue, &CARDSIM, MTS_OPC_DEBUG_ANSWER, "calls_served 0\n", 15), 0);
 }
 
@@ -39,7 +40,7 @@ struct linked {
         constexpr mts_bind_options OPTIONS = {};
         link.on_arrival = [this] { ++arrivals; };
         link.on_message = [](const mts_message &) {};
-        EXPECT_EQ(link_open(&link, 1000), 0);
+        EXPECT_EQ(link_open(&link, OPTIONS_OF_LINK), 0);
         manager = mts_bind(0, ROUTE_MGR_SAP, &OPTIONS, "manager");
         link_process(link, 0);
         EXPECT_EQ(arrivals, 1u);
@@ -106,7 +107,7 @@ TEST(cardsim_link, without_a_route_manager_events_are_dropped_and_calls_answered
     on_fresh_card([] {
         manager_link link;
         link.on_arrival = [] {};
-        ASSERT_EQ(link_open(&link, 1000), 0);
+        ASSERT_EQ(link_open(&link, OPTIONS_OF_LINK), 0);
         link_event(link, EVENT, {1});
         EXPECT_FALSE(link_has_events(link));
         card_rpc_end end = CARD_RPC_RAN;
@@ -114,5 +115,38 @@ TEST(cardsim_link, without_a_route_manager_events_are_dropped_and_calls_answered
         EXPECT_EQ(end, CARD_RPC_RAN) << "never from inside";
         link_process(link, 0);
         EXPECT_EQ(end, CARD_RPC_UNREACHABLE);
+    });
+}
+
+TEST(cardsim_link, a_mark_passes_when_the_events_before_it_are_handled)
+{
+    on_fresh_card([] {
+        linked l;
+        answer(l.manager);
+        link_event(l.link, EVENT, {1});
+        bool is_passed = false;
+        link_mark(l.link, [&is_passed] { is_passed = true; });
+        link_process(l.link, 1);
+        link_process(l.link, 2);
+        EXPECT_EQ(arrived(l.manager), EVENT);
+        EXPECT_FALSE(is_passed);
+        answer(l.manager);
+        link_process(l.link, 3);
+        EXPECT_TRUE(is_passed);
+    });
+}
+
+TEST(cardsim_link, what_is_taken_back_reaches_no_route_manager_and_is_not_answered)
+{
+    on_fresh_card([] {
+        linked l;
+        link_event(l.link, EVENT, {1});
+        link_call(l.link, "rib_add_route", {}, [](const card_rpc_reply &) { ADD_FAILURE() << "answered"; });
+        link_forget(l.link);
+        answer(l.manager);
+        link_process(l.link, 1);
+        link_process(l.link, 600);
+        EXPECT_EQ(arrived(l.manager), 0u);
+        EXPECT_TRUE(link_is_at_rest(l.link));
     });
 }

@@ -19,8 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "card_service/if_db.h"
 #include "card_tool/card_rpc.h"
-#include "if_db.h"
 
 // What the procedures of the simulation answer.
 enum card_result : std::uint32_t {

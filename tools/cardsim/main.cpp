@@ -24,10 +24,10 @@
 #include "big_endian.h"
 #include "card_dir.h"
 #include "card_model.h"
+#include "card_service/if_db.h"
+#include "card_service/manager_link.h"
 #include "card_tool/tool_app.h"
-#include "if_db.h"
 #include "interface_events.h"
-#include "manager_link.h"
 #include "play.h"
 #include "procedures.h"
 #include "scenario.h"
@@ -132,9 +132,10 @@ void connect_parts(card &c)
 // Returns 0, or -1 with a line on standard error.
 int open_card(card &c)
 {
-    if (card_dir_path().empty() || link_open(&c.link, card_conf_get().rpc_timeout_ms) != 0)
+    if (card_dir_path().empty() ||
+        link_open(&c.link, {"cardsim", CARD_SERVICE_SAP, card_conf_get().rpc_timeout_ms}) != 0)
         return -1;
-    if (if_db_open(&c.db) != 0 || sup_open(&c.sup) != 0)
+    if (if_db_open(&c.db, "cardsim", if_db_earlier::remove) != 0 || sup_open(&c.sup) != 0)
         return -1;
     c.server = procedures_open(&c.model, &c.sup);
     if (c.server < 0)

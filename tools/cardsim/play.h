@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "card_model.h"
-#include "manager_link.h"
+#include "card_service/manager_link.h"
 #include "scenario.h"
 #include "supervisor.h"
 

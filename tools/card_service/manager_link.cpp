@@ -40,9 +40,9 @@ bool is_manager_alive()
 void arrive(manager_link &link)
 {
     link.is_present = true;
-    link.items.erase(
-        std::remove_if(link.items.begin(), link.items.end(), [](const link_item &i) { return i.is_event; }),
-        link.items.end());
+    link.items.erase(std::remove_if(link.items.begin(), link.items.end(),
+                                    [](const link_item &i) { return i.kind != link_kind::call; }),
+                     link.items.end());
     link.is_unacknowledged = true; // it may not have reached its loop
     link.barriers_pending = 0;
     link.retry_ms = 0;
@@ -53,6 +53,8 @@ void leave(manager_link &link)
 {
     link.is_present = link.is_unacknowledged = false;
     link.barriers_pending = 0;
+    if (link.on_departure)
+        link.on_departure();
 }
 
 // What happened to the names of the route manager's queue.
@@ -142,7 +144,7 @@ void barrier_send(manager_link &link, std::uint64_t now_ms)
 // Sends the first item, or lets it go. Returns whether it is off the queue.
 bool send_first(manager_link &link, std::uint64_t now_ms)
 {
-    if (link.items.front().is_event) {
+    if (link.items.front().kind == link_kind::event) {
         // The answer to a pending barrier would not cover this event.
         if (link.is_present && (link.barriers_pending != 0 || card_rpc_pending(*link.rpc) != 0))
             return false;
@@ -157,7 +159,10 @@ bool send_first(manager_link &link, std::uint64_t now_ms)
         return false;
     link_item call = std::move(link.items.front());
     link.items.pop_front();
-    if (link.is_present)
+    if (call.kind == link_kind::mark) {
+        if (link.is_present)
+            call.passed();
+    } else if (link.is_present)
         card_rpc_call(*link.rpc, call.procedure, call.args, std::move(call.done));
     else
         call.done({});
@@ -165,19 +170,21 @@ bool send_first(manager_link &link, std::uint64_t now_ms)
 }
 } // namespace
 
-int link_open(manager_link *link, unsigned timeout_ms)
+int link_open(manager_link *link, const link_options &options)
 {
     constexpr mts_bind_options OPTIONS = {};
-    link->queue = mts_bind(0, CARDSIM_SAP, &OPTIONS, "cardsim");
+    link->queue = mts_bind(0, options.sap, &OPTIONS, options.name);
     if (link->queue < 0)
         return -1;
     link->watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (link->watch < 0 ||
         inotify_add_watch(link->watch, (card_dir_path() + "/mts").c_str(), IN_CREATE | IN_CLOSE_WRITE) < 0) {
-        std::fprintf(stderr, "cardsim: %s/mts: cannot be watched: %s\n", card_dir_path().c_str(), std::strerror(errno));
+        std::fprintf(stderr, "%s: %s/mts: cannot be watched: %s\n", options.name, card_dir_path().c_str(),
+                     std::strerror(errno));
         return -1;
     }
-    link->rpc = card_rpc_open("arp_prefix_mgr_add_route", timeout_ms);
+    link->timeout_ms = options.timeout_ms;
+    link_forget(*link);
     if (is_manager_alive())
         arrive(*link);
     return 0;
@@ -186,19 +193,31 @@ int link_open(manager_link *link, unsigned timeout_ms)
 void link_event(manager_link &link, std::uint32_t opcode, const std::vector<std::uint8_t> &payload)
 {
     if (link.is_present)
-        link.items.push_back({true, opcode, payload, {}, {}, {}});
+        link.items.push_back({link_kind::event, opcode, payload, {}, {}, {}, {}});
 }
 
 void link_call(manager_link &link, const std::string &procedure, const std::vector<card_rpc_arg> &args,
                card_rpc_done done)
 {
-    link.items.push_back({false, 0, {}, procedure, args, std::move(done)});
+    link.items.push_back({link_kind::call, 0, {}, procedure, args, std::move(done), {}});
+}
+
+void link_mark(manager_link &link, std::function<void()> passed)
+{
+    if (link.is_present)
+        link.items.push_back({link_kind::mark, 0, {}, {}, {}, {}, std::move(passed)});
+}
+
+void link_forget(manager_link &link)
+{
+    link.items.clear();
+    link.rpc = card_rpc_open("arp_prefix_mgr_add_route", link.timeout_ms);
 }
 
 bool link_has_events(const manager_link &link)
 {
-    return link.is_unacknowledged ||
-           std::any_of(link.items.begin(), link.items.end(), [](const link_item &i) { return i.is_event; });
+    return link.is_unacknowledged || std::any_of(link.items.begin(), link.items.end(),
+                                                 [](const link_item &i) { return i.kind == link_kind::event; });
 }
 
 bool link_is_at_rest(const manager_link &link)
@@ -214,7 +233,8 @@ void link_process(manager_link &link, std::uint64_t now_ms)
     while (!link.items.empty() && send_first(link, now_ms)) {
     }
     // After a run of events, when no further one waits, and again while no answer comes.
-    if (link.is_unacknowledged && (link.barriers_pending != 0 || link.items.empty() || !link.items.front().is_event))
+    if (link.is_unacknowledged &&
+        (link.barriers_pending != 0 || link.items.empty() || link.items.front().kind != link_kind::event))
         barrier_send(link, now_ms);
     card_rpc_process(*link.rpc); // what was just handed over leaves at once
 }
@@ -223,8 +243,8 @@ std::uint64_t link_next_ms(const manager_link &link, std::uint64_t now_ms)
 {
     std::uint64_t next = UINT64_MAX;
     if (!link.items.empty() && link.retry_ms <= now_ms &&
-        (link.items.front().is_event ? link.barriers_pending == 0 && card_rpc_pending(*link.rpc) == 0
-                                     : !link.is_unacknowledged))
+        (link.items.front().kind == link_kind::event ? link.barriers_pending == 0 && card_rpc_pending(*link.rpc) == 0
+                                                     : !link.is_unacknowledged))
         return now_ms;
     const int rpc = card_rpc_timeout_ms(*link.rpc);
     if (rpc >= 0)

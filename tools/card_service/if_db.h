@@ -18,10 +18,14 @@ struct if_db {
     std::uint32_t *words = nullptr; // the mapped file
 };
 
-// Maps the database of the card directory, made anew unless a valid one is there; interfaces that an earlier writer
-// left are removed. Returns 0, or -1 with a line on standard error. The caller is the card's only interface manager.
-[[nodiscard]] int if_db_open(if_db *db);
+// What becomes of the interfaces that an earlier writer left. A record in whose change it died is removed.
+enum class if_db_earlier { remove, keep };
+
+// Maps the database of the card directory, made anew unless a valid one is there. name: of the program, for a line on
+// standard error. Returns 0, or -1 with that line. The caller is the card's only interface manager.
+[[nodiscard]] int if_db_open(if_db *db, const char *name, if_db_earlier earlier);
 void if_db_close(if_db *db);
 
-// Writes the record of `ifid` (below IFDB_RECORDS).
+// The record of `ifid` (below IFDB_RECORDS).
+if_db_record if_db_read(const if_db &db, std::uint32_t ifid); // by its writer: nobody else changes it
 void if_db_write(const if_db &db, std::uint32_t ifid, const if_db_record &record);

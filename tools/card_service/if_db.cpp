@@ -30,9 +30,9 @@ std::uint32_t *record_at(const if_db &db, std::uint32_t ifid)
     return db.words + IFDB_HEADER_WORDS + ifid * IFDB_RECORD_WORDS;
 }
 
-int complain(const std::string &path)
+int complain(const char *name, const std::string &path)
 {
-    std::fprintf(stderr, "cardsim: %s: %s\n", path.c_str(), std::strerror(errno));
+    std::fprintf(stderr, "%s: %s: %s\n", name, path.c_str(), std::strerror(errno));
     return -1;
 }
 
@@ -79,7 +79,7 @@ std::uint32_t *map_new(const std::string &path)
 }
 } // namespace
 
-int if_db_open(if_db *db)
+int if_db_open(if_db *db, const char *name, if_db_earlier earlier)
 {
     if (card_dir_path().empty())
         return -1;
@@ -87,10 +87,11 @@ int if_db_open(if_db *db)
     db->words = map_existing(path);
     if (db->words == nullptr) {
         db->words = map_new(path);
-        return db->words == nullptr ? complain(path) : 0;
+        return db->words == nullptr ? complain(name, path) : 0;
     }
     for (std::uint32_t ifid = 0; ifid < IFDB_RECORDS; ++ifid)
-        if ((record_at(*db, ifid)[IFDB_SEQUENCE] & 1) != 0 || record_at(*db, ifid)[IFDB_FLAGS] != 0)
+        if ((record_at(*db, ifid)[IFDB_SEQUENCE] & 1) != 0 ||
+            (earlier == if_db_earlier::remove && record_at(*db, ifid)[IFDB_FLAGS] != 0))
             if_db_write(*db, ifid, {});
     return 0;
 }
@@ -100,6 +101,13 @@ void if_db_close(if_db *db)
     if (db->words != nullptr)
         (void)munmap(db->words, IFDB_BYTES);
     db->words = nullptr;
+}
+
+if_db_record if_db_read(const if_db &db, std::uint32_t ifid)
+{
+    const std::uint32_t *const words = record_at(db, ifid);
+    return {words[IFDB_FLAGS], words[IFDB_RMODE],   words[IFDB_BVI], words[IFDB_ADDRESS],
+            words[IFDB_MASK],  words[IFDB_CONTEXT], words[IFDB_VLAN]};
 }
 
 void if_db_write(const if_db &db, std::uint32_t ifid, const if_db_record &record)
