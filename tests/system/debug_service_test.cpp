@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "daemon.h"
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -41,7 +41,7 @@ protected:
 };
 
 // The answer to verb 6.
-std::string routes_from(const live_card &card, std::uint32_t context, std::uint32_t first)
+std::string routes_from(const serving_card &card, std::uint32_t context, std::uint32_t first)
 {
     debug_request(card.queue, 6, 0, context, first);
     return mts_receive(card.queue).payload;
@@ -152,7 +152,7 @@ TEST_F(daemon_debug_service, memory_of_a_static_route_is_counted_until_it_is_rem
 
 TEST(debug_service_routes, are_what_an_operator_gave_in_the_tables_order_with_their_state)
 {
-    const live_card card;
+    const serving_card card;
     ASSERT_TRUE(card.ready);
     EXPECT_EQ(routes_from(card, CTX, 0), "end\n") << "an interface's own routes are not an operator's";
     EXPECT_EQ(card.result(call_host_add(GATEWAY, ENCAP)), 0u);
@@ -178,7 +178,7 @@ TEST(debug_service_routes, are_what_an_operator_gave_in_the_tables_order_with_th
 
 TEST(debug_service_routes, that_one_answer_cannot_hold_go_on_at_the_number_it_names)
 {
-    const live_card card;
+    const serving_card card;
     ASSERT_TRUE(card.ready);
     constexpr std::uint32_t ROUTES = 100;
     for (std::uint32_t i = 0; i < ROUTES; ++i)

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -19,7 +19,7 @@ constexpr std::uint32_t NEW_ADDR = IP(10, 1, 1, 1);
 class daemon_events : public testing::TestWithParam<unsigned>
 {
 protected:
-    live_card live{GetParam()};
+    serving_card live{GetParam()};
 
     void event(std::uint32_t opcode, const byte_string &payload) const
     {

@@ -6,7 +6,7 @@
 // two.
 #include <algorithm>
 
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -35,7 +35,7 @@ std::ostream &operator<<(std::ostream &out, const cursor &at)
 constexpr cursor FINISHED = {33, 0, WALK_DONE};
 
 // A page from `at` on, which becomes the cursor that came back: the prefixes of its records.
-std::vector<std::uint32_t> page(const live_card &live, cursor &at)
+std::vector<std::uint32_t> page(const serving_card &live, cursor &at)
 {
     const byte_string reply = live.answer(
         {"show_fib_print", {arg16(CTX), arg_ref16(at.list), arg_ref16(at.bucket), arg_ref(at.position), arg_block()}});
@@ -70,7 +70,7 @@ struct listing {
 cursor at_host(std::uint32_t host) { return {HOST_LEN, bucket_of(host), host}; }
 
 // Three hosts at the end of the last list, a host that uses up the leaves, and the sets.
-struct crowded_card : live_card {
+struct crowded_card : serving_card {
     listing all;
     crowded_card()
     {

@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -20,7 +20,7 @@ class daemon_peers : public testing::Test
 {
 protected:
     explicit daemon_peers(const char *settings = "rpc_timeout_ms = 10000\n") : live(2, settings) {}
-    live_card live;
+    serving_card live;
 
     // Sends an add of a static route; its answer is read when the ARP service was dealt with.
     void send_add(std::uint32_t prefix) const

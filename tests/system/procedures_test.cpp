@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -16,7 +16,7 @@ constexpr std::uint32_t HOST_WORD = 0x00051234, NAT_WORD = 0x20050077;
 class daemon_procedures : public testing::TestWithParam<unsigned>
 {
 protected:
-    live_card live{GetParam(), "supervisor_address = 9\n"};
+    serving_card live{GetParam(), "supervisor_address = 9\n"};
 
     // Interface, host, static route through it and NAT pool.
     void fill()

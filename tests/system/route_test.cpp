@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "live_card.h"
+#include "serving_card.h"
 
 using namespace harness;
 
@@ -13,7 +13,7 @@ constexpr std::uint32_t STATIC = IP(10, 20, 0, 0);
 class daemon_routes : public testing::Test
 {
 protected:
-    live_card live;
+    serving_card live;
 
     std::uint32_t host_a(remote_call (*call)(std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t)) const
     {

@@ -1,4 +1,4 @@
-// live_card.h - a daemon with two interfaces, a caller of its procedures and an operator at its message queue.
+// serving_card.h - a daemon with two interfaces, a caller of its procedures and an operator at its message queue.
 //
 // Interface 5 is 10.1.0.1/24 and 6 is 10.2.0.1/24, both up, 7 is 10.3.0.1/24 and down, all in context 3; 5 has VLAN
 // 0x123. The card sits in slot 4.
@@ -19,7 +19,7 @@ namespace harness
 constexpr std::uint32_t OTHER_IFID = 6, DOWN_IFID = 7, OTHER_ENCAP = 0x4321;
 constexpr std::uint32_t OTHER_ADDR = IP(10, 2, 0, 1), OTHER_HOST = IP(10, 2, 0, 9);
 
-struct live_card {
+struct serving_card {
     const card_dir card;
     const unsigned num_ixp;
     const bool prepared; // settings and interfaces stand before the daemon starts
@@ -30,7 +30,7 @@ struct live_card {
     std::uint64_t mark = 0; // end of the history when the test last looked away
 
     // settings: further lines of card.conf.
-    explicit live_card(unsigned processors = 2, const std::string &settings = "");
+    explicit serving_card(unsigned processors = 2, const std::string &settings = "");
 
     std::uint32_t result(const remote_call &call) const; // of a call with status 0
     // What comes back behind the three words of the reply's head: the result, then the values.

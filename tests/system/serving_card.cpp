@@ -1,5 +1,5 @@
-// live_card.cpp - a daemon with interfaces and callers, and how a test looks at what it did.
-#include "live_card.h"
+// serving_card.cpp - a daemon with interfaces and callers, and how a test looks at what it did.
+#include "serving_card.h"
 
 #include <map>
 
@@ -38,7 +38,7 @@ std::vector<interface_record> live_interfaces()
             {DOWN_IFID, IF_USUAL & ~IF_UP, 1, 0, IP(10, 3, 0, 1), MASK24, CTX, 0}};
 }
 
-live_card::live_card(unsigned processors, const std::string &settings)
+serving_card::serving_card(unsigned processors, const std::string &settings)
     : num_ixp(processors), prepared(prepare(card, processors, settings)), ready(is_ready(daemon))
 {
     for (const auto &[category, on] : std::map<std::uint32_t, std::uint32_t>{{101, 0}, {105, 1}, {106, 1}})
@@ -47,25 +47,25 @@ live_card::live_card(unsigned processors, const std::string &settings)
     forget();
 }
 
-std::uint32_t live_card::result(const remote_call &call) const
+std::uint32_t serving_card::result(const remote_call &call) const
 {
     const rpc_reply reply = rpc_call(caller.fd, call);
     EXPECT_TRUE(reply.arrived && reply.status == 0) << call.name << ": status " << reply.status;
     return reply.result;
 }
 
-byte_string live_card::answer(const remote_call &call) const
+byte_string serving_card::answer(const remote_call &call) const
 {
     const rpc_reply reply = rpc_call(caller.fd, call);
     EXPECT_TRUE(reply.arrived && reply.status == 0) << call.name << ": status " << reply.status;
     return reply.record.size() < 12 ? byte_string{} : byte_string(reply.record.begin() + 12, reply.record.end());
 }
 
-void live_card::settle() const { EXPECT_NE(debug_answer(queue, 5).find("calls_served "), std::string::npos); }
+void serving_card::settle() const { EXPECT_NE(debug_answer(queue, 5).find("calls_served "), std::string::npos); }
 
-void live_card::forget() { mark = history_read(card).head; }
+void serving_card::forget() { mark = history_read(card).head; }
 
-text_lines live_card::lines(const std::string &part) const
+text_lines serving_card::lines(const std::string &part) const
 {
     text_lines found;
     for (const history_record &record : history_read(card).records)
@@ -74,7 +74,7 @@ text_lines live_card::lines(const std::string &part) const
     return found;
 }
 
-std::vector<std::pair<const char *, std::uint32_t>> live_card::copies() const
+std::vector<std::pair<const char *, std::uint32_t>> serving_card::copies() const
 {
     std::vector<std::pair<const char *, std::uint32_t>> all = {{"mem/wired", TABLE_WIRED}, {"mem/ixp1", TABLE_IXP}};
     if (num_ixp > 1)
@@ -82,7 +82,7 @@ std::vector<std::pair<const char *, std::uint32_t>> live_card::copies() const
     return all;
 }
 
-std::uint32_t live_card::found(std::uint32_t tree, std::uint32_t addr) const
+std::uint32_t serving_card::found(std::uint32_t tree, std::uint32_t addr) const
 {
     std::uint32_t common = 0;
     for (const auto &[name, base] : copies()) {
