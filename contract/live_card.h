@@ -123,10 +123,10 @@ enum live_reason {
     LIVE_NO_TABLE,    /* no table is searched yet */
     LIVE_STALE,       /* the last renewal is too old */
     LIVE_UNBOUND,     /* came in over an interface that is not bound */
-    LIVE_NOT_IPV4,    /* too short for an IPv4 header, or of another kind */
+    LIVE_NOT_IPV4,    /* another kind of frame */
     LIVE_NOT_OURS,    /* not addressed to the port */
     LIVE_HELD,        /* its context is held back */
-    LIVE_BROKEN,      /* version, header length, lengths or header checksum are wrong */
+    LIVE_BROKEN,      /* cut short, or version, lengths or header checksum are wrong */
     LIVE_OPTIONS,     /* has IP options */
     LIVE_SOURCE,      /* source in 0/8, 127/8, from 224.0.0.0 on, or the host's own */
     LIVE_DESTINATION, /* destination in 0/8, 127/8 or from 224.0.0.0 on */
@@ -137,9 +137,10 @@ enum live_reason {
     LIVE_SENT_UP,     /* another encap id that says "to the kernel" */
     LIVE_TTL,         /* at its end */
     LIVE_NO_ENCAP,    /* the neighbour's address is not known now */
-    LIVE_NO_PORT,     /* the port is closed or has no device */
+    LIVE_NO_PORT,     /* the port is closed */
     LIVE_TOO_LONG,    /* for the port */
     LIVE_SAME_PORT,   /* would leave by the port that it came in by; the kernel tells the sender */
+    LIVE_NO_DEVICE,   /* the port has no device */
     LIVE_REASONS
 };
 
@@ -169,10 +170,10 @@ constexpr const char *LIVE_MAP_NAMES[] = {"card_table_0", "card_table_1", "card_
 static_assert(sizeof LIVE_MAP_NAMES / sizeof *LIVE_MAP_NAMES == LIVE_MAPS);
 
 /* The reasons as they are shown. */
-constexpr const char *LIVE_REASON_NAMES[] = {"forwarded", "no-table", "stale",    "unbound", "not-ipv4",    "not-ours",
-                                             "held",      "broken",   "options",  "source",  "destination", "no-route",
-                                             "resolve",   "nat",      "own",      "sent-up", "ttl",         "no-encap",
-                                             "no-port",   "too-long", "same-port"};
+constexpr const char *LIVE_REASON_NAMES[] = {
+    "forwarded", "no-table", "stale",       "unbound",  "not-ipv4",  "not-ours", "held", "broken",
+    "options",   "source",   "destination", "no-route", "resolve",   "nat",      "own",  "sent-up",
+    "ttl",       "no-encap", "no-port",     "too-long", "same-port", "no-device"};
 static_assert(sizeof LIVE_REASON_NAMES / sizeof *LIVE_REASON_NAMES == LIVE_REASONS);
 static_assert(LIVE_REASONS <= sizeof live_counters::reasons / sizeof *live_counters::reasons);
 static_assert(sizeof(live_counters) == 256 && sizeof(live_ingress) == 16);
