@@ -19,6 +19,7 @@ struct card_conf {
     std::uint8_t supervisor_address = 1;
     std::uint32_t rpc_timeout_ms = 2000;
     bool route_cache_kernel = false;
+    bool ixp_is_provided[2] = {false, false}; // a processor's memory: by another process, not a file
 };
 card_conf card_conf_read(const std::string &path); // the settings of one file; never through a symbolic link
 const card_conf &card_conf_get(); // of the card, read once; problems are reported on standard error with their line

@@ -43,6 +43,22 @@ constexpr number_key NUMBER_KEYS[] = {
     {"rpc_timeout_ms", 1, INT_LIMIT, 1, [](card_conf &c, std::uint32_t v) { c.rpc_timeout_ms = v; }},
 };
 
+// A setting that is one of two words, of which the first is the default.
+struct word_key {
+    std::string_view key, usual, other;
+    const char *wrong;
+    void (*set)(card_conf &conf, bool is_other);
+};
+constexpr const char *NO_MEMORY_KIND = "is neither file nor provider";
+constexpr word_key WORD_KEYS[] = {
+    {"route_cache", "none", "kernel", "is neither none nor kernel",
+     [](card_conf &c, bool is_kernel) { c.route_cache_kernel = is_kernel; }},
+    {"ixp1", "file", "provider", NO_MEMORY_KIND,
+     [](card_conf &c, bool is_provider) { c.ixp_is_provided[0] = is_provider; }},
+    {"ixp2", "file", "provider", NO_MEMORY_KIND,
+     [](card_conf &c, bool is_provider) { c.ixp_is_provided[1] = is_provider; }},
+};
+
 std::string_view trimmed(std::string_view text)
 {
     constexpr std::string_view BLANKS = " \t\r\n\v\f";
@@ -86,10 +102,12 @@ constexpr bool read_number(std::string_view text, std::uint32_t &out)
 // Takes one setting over. Returns null, or what is wrong with it.
 const char *apply(card_conf &conf, std::string_view key, std::string_view value)
 {
-    if (key == "route_cache") {
-        if (value != "none" && value != "kernel")
-            return "is neither none nor kernel";
-        conf.route_cache_kernel = value == "kernel";
+    for (const word_key &known : WORD_KEYS) {
+        if (known.key != key)
+            continue;
+        if (value != known.usual && value != known.other)
+            return known.wrong;
+        known.set(conf, value == known.other);
         return nullptr;
     }
     for (const number_key &known : NUMBER_KEYS) {

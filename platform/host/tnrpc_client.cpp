@@ -32,11 +32,11 @@
 #include "counters.h"
 #include "mtrack.h"
 #include "rpc_record.h"
+#include "timed_socket.h"
 
 namespace
 {
 
-constexpr std::int64_t NS_PER_MS = 1'000'000, NS_PER_S = 1'000'000'000;
 constexpr unsigned MAX_CONNECTIONS = 16; // endpoints with a connection kept
 
 struct connection {
@@ -68,28 +68,6 @@ struct outgoing_call {
     std::uint32_t result;
 };
 
-std::int64_t now_ns()
-{
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail
-    return now.tv_sec * NS_PER_S + now.tv_nsec;
-}
-
-// Waits until the socket is ready for `events`. Returns 0, or -1 when the deadline has passed.
-int socket_wait(int socket, short events, std::int64_t deadline_ns)
-{
-    for (;;) {
-        const std::int64_t left = std::max<std::int64_t>(deadline_ns - now_ns(), 0);
-        const std::int64_t left_ms = std::min<std::int64_t>((left + NS_PER_MS - 1) / NS_PER_MS, INT_MAX);
-        pollfd waited{socket, events, 0};
-        const int ready = poll(&waited, 1, static_cast<int>(left_ms));
-        if (ready > 0)
-            return 0;
-        if ((ready == 0 && left == 0) || (ready < 0 && errno != EINTR))
-            return -1;
-    }
-}
-
 // A receive on the socket waits as long as a whole call may take.
 void socket_limit_receive(int socket)
 {
@@ -98,7 +76,7 @@ void socket_limit_receive(int socket)
     (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit); // cannot fail: a valid time
 }
 
-// Connects to the endpoint, waiting for a place in its queue if need be. Returns the socket, or -1.
+// Connects to the endpoint. Returns the socket, or -1.
 int socket_open(std::uint32_t endpoint, std::int64_t deadline_ns)
 {
     char name[TNRPC_ENDPOINT_PATH_BYTES];
@@ -106,26 +84,10 @@ int socket_open(std::uint32_t endpoint, std::int64_t deadline_ns)
     sockaddr_un address{};
     if (card_dir_address(name, &address) != 0)
         return -1;
-    const int socket_fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (socket_fd < 0)
-        return -1;
-    // The socket blocks, and only here: a local connect that does not block cannot be waited for with poll.
-    for (;;) {
-        const std::int64_t left = deadline_ns - now_ns();
-        if (left <= 0)
-            break;
-        const timeval limit{left / NS_PER_S, std::max<std::int64_t>(left % NS_PER_S / 1000, 1)}; // 0 would be for ever
-        if (setsockopt(socket_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
-            break;
-        if (connect(socket_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
-            socket_limit_receive(socket_fd);
-            return socket_fd;
-        }
-        if (errno != EINTR && errno != EAGAIN)
-            break;
-    }
-    (void)close(socket_fd);
-    return -1;
+    const int socket_fd = timed_socket_connect(address, deadline_ns);
+    if (socket_fd >= 0)
+        socket_limit_receive(socket_fd);
+    return socket_fd;
 }
 
 // Whether a kept connection can still be used: open at the other end, with nothing unread in it.
@@ -289,7 +251,7 @@ ssize_t socket_receive(int socket, void *to, std::size_t room, int flags, std::i
     ssize_t size = 0;
     do
         size = recv(socket, to, room, flags | MSG_TRUNC);
-    while (size < 0 && errno == EINTR && socket_wait(socket, POLLIN, deadline_ns) == 0);
+    while (size < 0 && errno == EINTR && timed_socket_wait(socket, POLLIN, deadline_ns) == 0);
     return size;
 }
 
@@ -321,7 +283,7 @@ int call_send(outgoing_call &call, int socket, bool &again)
     for (;;) {
         if (send(socket, call.record, call.length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
             return 0;
-        if (errno == EAGAIN && socket_wait(socket, POLLOUT, call.deadline_ns) == 0) {
+        if (errno == EAGAIN && timed_socket_wait(socket, POLLOUT, call.deadline_ns) == 0) {
             call.waited = true;
             continue;
         }
@@ -362,11 +324,11 @@ int call_make(outgoing_call &call, const char *name)
         return -1;
     connection &kept = connection_of(endpoint);
     (void)std::fflush(stdout); // its reader sees all that came before the wait
-    call.deadline_ns = now_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
+    call.deadline_ns = monotonic_ns() + card_conf_get().rpc_timeout_ms * NS_PER_MS;
     call.waited = false;
     if (call_deliver(call, kept) != 0)
         return -1;
-    if (call.waited && socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
+    if (call.waited && timed_socket_wait(kept.socket, POLLIN, call.deadline_ns) != 0) {
         connection_close(kept);
         return -1;
     }

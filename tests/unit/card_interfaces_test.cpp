@@ -15,6 +15,7 @@
 #include "history_file.h"
 #include "interface_db.h"
 #include "interface_events.h"
+#include "memory_provider.h"
 #include "mts_datagram.h"
 #include "rib_static.h"
 #include "route_entry.h"
@@ -131,6 +132,8 @@ TEST(card_interfaces, every_table_of_the_page_is_judged)
                                  "Interface routes",
                                  "Interface state",
                                  "Memories",
+                                 "Memory answer",
+                                 "Memory request",
                                  "Message",
                                  "Numbers",
                                  "Opcodes",
@@ -152,6 +155,7 @@ TEST(card_interfaces, every_table_of_the_page_is_judged)
 TEST(card_interfaces, names_in_the_card_directory)
 {
     strings expected = {CARD_CONF_FILE, IFDB_FILE, WIRED_FILE, IXP_FILES[0], IXP_FILES[1]};
+    expected.push_back(std::string("mem/<memory>") + PROVIDER_SUFFIX);
     expected.push_back(std::string(MTS_FOLDER) + "/<sap>");
     expected.push_back(std::string(RPC_FOLDER) + "/<endpoint>");
     expected.push_back(std::string(RPC_NAMES_FOLDER) + "/<procedure>");
@@ -179,15 +183,19 @@ TEST(card_interfaces, settings_have_their_defaults)
                                                              {"`wired_phys_base`", conf.wired_phys_base},
                                                              {"`supervisor_address`", conf.supervisor_address},
                                                              {"`rpc_timeout_ms`", conf.rpc_timeout_ms}};
+    strings words;
     std::size_t judged = 0;
     for (const std::vector<std::string> &row : table("Settings").rows) {
-        if (numbers_of.count(row[0]) != 0)
-            EXPECT_EQ(doc_number(row[1]), numbers_of.at(row[0])) << row[0];
-        else
-            EXPECT_EQ(row[0] + " " + row[1], "`route_cache` `none`");
+        if (numbers_of.count(row[0]) == 0) {
+            words.push_back(row[0] + " " + row[1]);
+            continue;
+        }
+        EXPECT_EQ(doc_number(row[1]), numbers_of.at(row[0])) << row[0];
         ++judged;
     }
-    EXPECT_EQ(judged, numbers_of.size() + 1);
+    EXPECT_EQ(judged, numbers_of.size());
+    EXPECT_EQ(words, (strings{"`ixp1` `file`", "`ixp2` `file`", "`route_cache` `none`"}));
+    EXPECT_FALSE(conf.ixp_is_provided[0] || conf.ixp_is_provided[1]);
     EXPECT_FALSE(conf.route_cache_kernel);
     expect_text("at most " + hex(0x100000000 - HW_WIRED_BYTES));
 }
@@ -370,6 +378,20 @@ TEST(card_interfaces, the_memories_and_the_table_in_them)
     EXPECT_EQ(bit_column("ECMP header"),
               (masks{ECMP_VALID, ECMP_FIELD_MASK << ECMP_COUNT_SHIFT, ECMP_FIELD_MASK << ECMP_SEQ_SHIFT}));
     EXPECT_EQ(bit_column("ECMP entry"), (masks{ECMP_IFID_MASK << ECMP_IFID_SHIFT, ADJ_ENCAP_MASK}));
+}
+
+TEST(card_interfaces, a_memory_with_a_provider)
+{
+    expect_record("Memory request", {MEMQ_AT_MAGIC, MEMQ_AT_PURPOSE}, MEMQ_BYTES);
+    EXPECT_EQ(value_of("Memory request", 0), MEMQ_MAGIC);
+    expect_text("### Memory request\n\n" + std::to_string(MEMQ_BYTES) + " bytes.");
+    expect_text("purpose: " + std::to_string(MEMORY_WRITE) + " writes it, as the route manager does; " +
+                std::to_string(MEMORY_READ) + " reads it");
+    expect_record("Memory answer", {MEMP_AT_MAGIC, MEMP_AT_SIZE, MEMP_AT_GENERATION}, MEMP_BYTES);
+    EXPECT_EQ(value_of("Memory answer", 0), MEMP_MAGIC);
+    expect_text("### Memory answer\n\n" + std::to_string(MEMP_BYTES) + " bytes.");
+    expect_text("bytes of the memory, " + hex(HW_TABLE_BYTES) + " or more");
+    expect_text("the route manager's own queue, `mts/" + std::to_string(ROUTE_MGR_SAP) + "`");
 }
 
 TEST(card_interfaces, the_advertisement_of_a_route)

@@ -315,6 +315,7 @@ TEST(card_conf, the_defaults_stand_without_a_file)
         EXPECT_EQ(card_conf_get().supervisor_address, 1u);
         EXPECT_EQ(card_conf_get().rpc_timeout_ms, 2000u);
         EXPECT_FALSE(card_conf_get().route_cache_kernel);
+        EXPECT_FALSE(card_conf_get().ixp_is_provided[0] || card_conf_get().ixp_is_provided[1]);
     });
 }
 
@@ -334,7 +335,7 @@ TEST(card_conf, every_key_is_read_decimal_or_hexadecimal)
 {
     const std::string said =
         with_conf("# the card\nslot=7\n  num_ixp = 0x1 # one only\r\n\nwired_phys_base = 0xF0000000\n"
-                  "supervisor_address = 255\nrpc_timeout_ms = 0500\nroute_cache = kernel",
+                  "supervisor_address = 255\nrpc_timeout_ms = 0500\nroute_cache = kernel\nixp1=file\nixp2 = provider",
                   [](const card_conf &c) {
                       EXPECT_EQ(c.slot, 7u);
                       EXPECT_EQ(c.num_ixp, 1u);
@@ -342,6 +343,8 @@ TEST(card_conf, every_key_is_read_decimal_or_hexadecimal)
                       EXPECT_EQ(c.supervisor_address, 255u);
                       EXPECT_EQ(c.rpc_timeout_ms, 500u);
                       EXPECT_TRUE(c.route_cache_kernel);
+                      EXPECT_FALSE(c.ixp_is_provided[0]);
+                      EXPECT_TRUE(c.ixp_is_provided[1]);
                   });
     EXPECT_EQ(said, "");
 }
@@ -375,6 +378,11 @@ TEST(card_conf, a_bad_value_is_reported_with_its_line_and_changes_nothing)
                                                               {"rpc_timeout_ms = 10ms"},
                                                               {"rpc_timeout_ms = 99999999999999999999"},
                                                               {"route_cache = on"},
+                                                              {"ixp1 = files"},
+                                                              {"ixp2 = 1"},
+                                                              {"ixp2 ="},
+                                                              {"ixp3 = file"},
+                                                              {"ixp = provider"},
                                                               {"colour = 1"},
                                                               {"Slot = 2"}}) {
         const std::string said = with_conf("\n# two\n" + std::string(line) + "\nslot = 4\n", [](const card_conf &c) {
@@ -384,15 +392,18 @@ TEST(card_conf, a_bad_value_is_reported_with_its_line_and_changes_nothing)
             EXPECT_EQ(c.supervisor_address, 1u);
             EXPECT_EQ(c.rpc_timeout_ms, 2000u);
             EXPECT_FALSE(c.route_cache_kernel);
+            EXPECT_FALSE(c.ixp_is_provided[0] || c.ixp_is_provided[1]);
         });
         EXPECT_NE(said.find("line 3"), std::string::npos) << line << ": " << said;
         EXPECT_EQ(said.find('\n'), said.size() - 1) << line << ": " << said;
         EXPECT_NE(said.find("; nothing is changed"), std::string::npos) << line << ": " << said;
     }
     const std::string said =
-        with_conf("slot = 7\nslot = no\nroute_cache = kernel\nroute_cache = on\n", [](const card_conf &c) {
-            EXPECT_EQ(c.slot, 7u) << "the value that stood";
-            EXPECT_TRUE(c.route_cache_kernel);
-        });
+        with_conf("slot = 7\nslot = no\nroute_cache = kernel\nroute_cache = on\nixp2 = provider\nixp2 = no\n",
+                  [](const card_conf &c) {
+                      EXPECT_EQ(c.slot, 7u) << "the value that stood";
+                      EXPECT_TRUE(c.ixp_is_provided[1]);
+                      EXPECT_TRUE(c.route_cache_kernel);
+                  });
     EXPECT_EQ(said.find("default"), std::string::npos) << said;
 }
