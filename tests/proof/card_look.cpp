@@ -16,7 +16,7 @@ namespace harness
 {
 namespace
 {
-constexpr std::uint32_t WIRED_BASE = 0x08000000, CONTEXTS = 256, DEBUG_MEMORY = 3;
+constexpr std::uint32_t CONTEXTS = 256, DEBUG_MEMORY = 3;
 
 // Of /proc/PID/smaps_rollup: the sum of the lines that begin with `name`, in bytes.
 std::uint64_t rollup(pid_t pid, const std::string &name)
@@ -163,7 +163,7 @@ std::string compare_tables(card_compared &compared, const card_dir &card, const 
     std::string drift;
     table_view views[TABLE_COPIES];
     for (const table_copy copy : {COPY_WIRED, COPY_IXP1, COPY_IXP2}) {
-        views[copy] = table_open(card.path, copy, WIRED_BASE, &drift);
+        views[copy] = table_open(card.path, copy, card_conf{}, &drift);
         if (!views[copy].is_open())
             return drift;
         for (const auto &[ctx, tree] : model.trees)

@@ -19,7 +19,7 @@ constexpr table_copy COPIES[] = {COPY_WIRED, COPY_IXP1, COPY_IXP2};
 table_view open_copy(const card_dir &card, table_copy copy)
 {
     std::string why;
-    table_view view = table_open(card.path, copy, TABLE_WIRED, &why);
+    table_view view = table_open(card.path, copy, card_conf{}, &why);
     EXPECT_TRUE(view.is_open()) << why;
     return view;
 }
@@ -183,11 +183,11 @@ TEST(view_table, a_memory_that_is_missing_or_short_is_not_opened)
 {
     const card_dir card;
     std::string why;
-    EXPECT_FALSE(table_open(card.path, COPY_IXP1, TABLE_WIRED, &why).is_open());
+    EXPECT_FALSE(table_open(card.path, COPY_IXP1, card_conf{}, &why).is_open());
     EXPECT_EQ(why, card.at("mem/ixp1") + ": missing: no route manager has run on this card");
     make_folder(card.at("mem"));
     file_write(card.at("mem/ixp1"), "short");
-    EXPECT_FALSE(table_open(card.path, COPY_IXP1, TABLE_WIRED, &why).is_open());
+    EXPECT_FALSE(table_open(card.path, COPY_IXP1, card_conf{}, &why).is_open());
     EXPECT_EQ(why, card.at("mem/ixp1") + ": not a regular file of at least 1061888 bytes");
 }
 

@@ -1,7 +1,8 @@
-// mapped_file.h - a file that another process writes, mapped to be read.
+// mapped_file.h - a file or memory that another process writes, mapped to be read.
 //
+// A table memory is a file of the card directory, or its provider hands it out.
 // Always: mapped read-only and shared, so a view can change nothing and sees each store; the map stays readable when
-// the writer ends, crashes or puts another file in its place.
+// the writer ends, crashes or puts another file in its place, and when a provider ends.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +15,7 @@ struct mapped_file {
     std::size_t size = 0;
     dev_t device = 0; // which file it is, whatever its name means by now
     ino_t inode = 0;
+    int connection = -1; // to the provider that handed it out; -1: it is a file
 
     mapped_file() = default;
     mapped_file(mapped_file &&other) noexcept;
@@ -26,7 +28,13 @@ struct mapped_file {
 // not open with the reason, which names the path, in `why`.
 mapped_file mapped_file_open(const std::string &path, std::size_t least, std::string *why);
 
-// Whether `path` still names the file that is mapped, in its size. False for one that is not open.
+// Maps the table memory at `path`: its file, or what its provider hands out to readers. Returns as mapped_file_open.
+// timeout_ms: for the provider's answer.
+enum class memory_source { file, provider };
+mapped_file mapped_memory_open(const std::string &path, memory_source source, unsigned timeout_ms, std::string *why);
+
+// Whether `path` still names the file that is mapped, in its size; of what a provider handed out, whether that is still
+// searched, as far as its provider tells. False for one that is not open.
 bool mapped_file_is_current(const mapped_file &file, const std::string &path);
 
 // Whether the file under `path` is the one that is mapped and has become shorter: what was beyond its end must not be

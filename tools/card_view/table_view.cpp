@@ -8,12 +8,14 @@
 
 std::string table_path(const std::string &card, table_copy copy) { return card + "/mem/" + TABLE_COPY_NAMES[copy]; }
 
-table_view table_open(const std::string &card, table_copy copy, std::uint32_t wired_base, std::string *why)
+table_view table_open(const std::string &card, table_copy copy, const card_conf &conf, std::string *why)
 {
+    const bool is_provided = copy != COPY_WIRED && conf.ixp_is_provided[copy - COPY_IXP1];
     table_view view;
     view.copy = copy;
-    view.base = copy == COPY_WIRED ? wired_base : HW_IXP_BASE;
-    view.file = mapped_file_open(table_path(card, copy), HW_TABLE_BYTES, why);
+    view.base = copy == COPY_WIRED ? conf.wired_phys_base : HW_IXP_BASE;
+    view.file = mapped_memory_open(table_path(card, copy), is_provided ? memory_source::provider : memory_source::file,
+                                   conf.rpc_timeout_ms, why);
     return view;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "card_dir.h"
 #include "mapped_file.h"
 #include "mtrie_records.h"
 #include "route_table.h"
@@ -30,9 +31,9 @@ struct table_view {
 // Path of a copy's memory in the card directory `card`.
 std::string table_path(const std::string &card, table_copy copy);
 
-// Maps `copy`. wired_base: physical address of the wired region, for the addresses in its words. Returns an open
-// view, or one that is not open with the reason in `why`.
-table_view table_open(const std::string &card, table_copy copy, std::uint32_t wired_base, std::string *why);
+// Maps `copy`. conf: the card's settings, which say where its wired region is and which memory has a provider. Returns
+// an open view, or one that is not open with the reason in `why`.
+table_view table_open(const std::string &card, table_copy copy, const card_conf &conf, std::string *why);
 
 // The word at the byte offset `at` of the table, a multiple of 4 below HW_TABLE_BYTES.
 std::uint32_t table_load(const table_view &view, std::uint32_t at);

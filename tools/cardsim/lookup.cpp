@@ -59,7 +59,7 @@ bool lookup_check(const scenario_step &step, std::string *seen)
     bool right = true;
     for (unsigned copy = 0; copy <= conf.num_ixp; ++copy) {
         std::string why;
-        const table_view view = table_open(card_dir_path(), static_cast<table_copy>(copy), conf.wired_phys_base, &why);
+        const table_view view = table_open(card_dir_path(), static_cast<table_copy>(copy), conf, &why);
         std::string text = why;
         if (view.is_open()) {
             const hw_walk walk = hw_walk_direct(view, step.ctx, step.address);

@@ -5,30 +5,53 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
+#include <utility>
 
+#include "card_dir.h"
 #include "card_files.h"
 #include "card_tool/tool_app.h"
-#include "card_view/mapped_file.h"
 #include "ixp_tool.h"
 #include "route_table.h"
 
 namespace
 {
-std::string memory_path(const ixp_options &options)
-{
-    if (options.memory.find('/') != std::string::npos)
-        return options.memory;
-    const char *card = std::getenv(CARD_DIR_VARIABLE);
-    return std::string(card == nullptr ? CARD_DIR_DEFAULT : card) + "/mem/" + options.memory;
-}
+constexpr std::chrono::seconds ASK_AGAIN(1); // a provider that gave nothing
 
-std::uint32_t base_of(const ixp_options &options)
+// Where the memory is, and who has it.
+ixp_memory memory_of(const ixp_options &options)
 {
+    ixp_memory memory;
     const bool wired = options.memory.size() >= 5 && options.memory.ends_with("wired");
-    return options.base.value_or(wired ? HW_WIRED_BASE_DEFAULT : HW_IXP_BASE);
+    memory.table.base = options.base.value_or(wired ? HW_WIRED_BASE_DEFAULT : HW_IXP_BASE);
+    memory.path = options.memory;
+    if (options.memory.find('/') != std::string::npos)
+        return memory;
+    const char *const set = std::getenv(CARD_DIR_VARIABLE);
+    const std::string card = set == nullptr ? CARD_DIR_DEFAULT : set;
+    memory.path = card + "/mem/" + options.memory;
+    const card_conf conf = card_conf_read(card + "/" + CARD_CONF_FILE);
+    memory.timeout_ms = conf.rpc_timeout_ms;
+    for (std::size_t i = 0; i < std::size(IXP_FILES); ++i)
+        if (conf.ixp_is_provided[i] && memory.path == card + "/" + IXP_FILES[i])
+            memory.source = memory_source::provider;
+    return memory;
 }
 
-using mode = int (*)(const ixp_options &, const ixp_table &, ixp_implementation);
+// Maps it. Returns whether that is done, else why not.
+bool memory_open(ixp_memory &memory, std::string *why)
+{
+    mapped_file file = mapped_memory_open(memory.path, memory.source, memory.timeout_ms, why);
+    if (!file.is_open()) {
+        memory.refused = std::chrono::steady_clock::now();
+        return false;
+    }
+    memory.file = std::move(file);
+    memory.table.words = static_cast<const std::uint32_t *>(memory.file.bytes);
+    return true;
+}
+
+using mode = int (*)(const ixp_options &, ixp_memory &, ixp_implementation);
 
 int run(const ixp_options &options, mode chosen)
 {
@@ -38,12 +61,12 @@ int run(const ixp_options &options, mode chosen)
         return TOOL_USAGE;
     }
     std::string why;
-    const mapped_file memory = mapped_file_open(memory_path(options), HW_TABLE_BYTES, &why);
-    if (!memory.is_open()) {
+    ixp_memory memory = memory_of(options);
+    if (!memory_open(memory, &why)) {
         std::fprintf(stderr, "ixp: %s\n", why.c_str());
         return TOOL_USAGE;
     }
-    return chosen(options, {static_cast<const std::uint32_t *>(memory.bytes), base_of(options)}, implementation);
+    return chosen(options, memory, implementation);
 }
 
 void shared_options(CLI::App &app, ixp_options &options)
@@ -74,6 +97,16 @@ ixp_implementation ixp_chosen_implementation(const ixp_options &options)
             ixp_implementation_runs(implementation))
             return implementation;
     return IXP_IMPLEMENTATIONS;
+}
+
+void ixp_memory_follow(ixp_memory &memory)
+{
+    if (memory.source == memory_source::file || mapped_file_is_current(memory.file, memory.path))
+        return;
+    if (std::chrono::steady_clock::now() - memory.refused < ASK_AGAIN)
+        return;
+    std::string why; // not said: what is mapped stays as it is
+    (void)memory_open(memory, &why);
 }
 
 namespace

@@ -98,18 +98,18 @@ nlohmann::json ixp_answer_json(const ixp_answer &answer)
     return json;
 }
 
-int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
+int ixp_mode_lookup(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation)
 {
     bool missed = false;
     for (const std::uint32_t address : addresses_of(options)) {
-        const ixp_answer answer = ixp_answer_of(table, implementation, options.tree, address);
+        const ixp_answer answer = ixp_answer_of(memory.table, implementation, options.tree, address);
         missed = missed || !answer.found;
         print_line(options, address, answer, -1);
     }
     return missed ? 1 : 0;
 }
 
-int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
+int ixp_mode_follow(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation)
 {
     using clock = std::chrono::steady_clock;
     const std::vector<std::uint32_t> addresses = addresses_of(options);
@@ -117,8 +117,9 @@ int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_impl
     const clock::time_point start = clock::now();
     double at = 0;
     do {
+        ixp_memory_follow(memory);
         for (std::size_t i = 0; i < addresses.size(); ++i) {
-            const ixp_answer answer = ixp_answer_of(table, implementation, options.tree, addresses[i]);
+            const ixp_answer answer = ixp_answer_of(memory.table, implementation, options.tree, addresses[i]);
             if (last[i] == answer)
                 continue;
             print_line(options, addresses[i], answer, at);

@@ -85,9 +85,9 @@ void print_json(const ixp_options &options, ixp_implementation implementation, c
 }
 } // namespace
 
-int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_implementation implementation)
+int ixp_mode_run(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation)
 {
-    const std::vector<std::uint32_t> addresses = run_addresses(options, table);
+    const std::vector<std::uint32_t> addresses = run_addresses(options, memory.table);
     const std::vector<std::uint32_t> hashes = ixp_random_addresses(PASS, options.seed + 1);
     std::vector<std::uint32_t> words(PASS), paths(PASS);
     const double limit = options.seconds == 0 ? DEFAULT_SECONDS : options.seconds;
@@ -95,8 +95,9 @@ int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_impleme
     tally sum;
     double at = 0, next = PROGRESS_EVERY;
     for (const auto start = seconds_clock::now(); at < limit; at = since(start)) {
+        ixp_memory_follow(memory);
         const auto before = seconds_clock::now();
-        ixp_forward(table, implementation, options.tree,
+        ixp_forward(memory.table, implementation, options.tree,
                     {addresses.data(), hashes.data(), words.data(), paths.data(), addresses.size()});
         sum.busy += since(before);
         count_answers(words, paths, sum);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "card_view/mapped_file.h"
 #include "ixp_lookup.h"
 
 constexpr unsigned IXP_PATHS = 8; // of a route at most: the leaf's own and seven entries
@@ -52,7 +54,20 @@ ixp_answer ixp_answer_of(const ixp_table &table, ixp_implementation implementati
 std::string ixp_answer_text(const ixp_answer &answer);
 nlohmann::json ixp_answer_json(const ixp_answer &answer);
 
+// The memory that is looked up in. Always open where a mode is given it.
+struct ixp_memory {
+    std::string path;
+    memory_source source = memory_source::file;
+    unsigned timeout_ms = 0; // for a provider's answer
+    mapped_file file;
+    ixp_table table = {};
+    std::chrono::steady_clock::time_point refused; // when its provider last gave none
+};
+// Takes the memory that is searched now, when its provider has put another in the place of this one. While the provider
+// gives none, this one stays.
+void ixp_memory_follow(ixp_memory &memory);
+
 // The modes. Each returns the tool's exit status.
-int ixp_mode_lookup(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);
-int ixp_mode_run(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);
-int ixp_mode_follow(const ixp_options &options, const ixp_table &table, ixp_implementation implementation);
+int ixp_mode_lookup(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation);
+int ixp_mode_run(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation);
+int ixp_mode_follow(const ixp_options &options, ixp_memory &memory, ixp_implementation implementation);

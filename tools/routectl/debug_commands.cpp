@@ -110,7 +110,7 @@ routectl_answer pools_direct(const routectl_call &call)
 {
     std::string why;
     const auto copy = static_cast<table_copy>(routectl_number(call, "copy", COPY_WIRED));
-    const table_view view = table_open(card_dir_path(), copy, card_conf_get().wired_phys_base, &why);
+    const table_view view = table_open(card_dir_path(), copy, card_conf_get(), &why);
     if (!view.is_open())
         return routectl_error(ROUTECTL_UNREACHABLE, why);
     return pools_answer(pools_from_table(view));

@@ -18,7 +18,7 @@ void map_copies(doctor_look &look)
     for (unsigned i = 0; i < TABLE_COPIES && i <= processors; ++i) {
         auto copy = std::make_unique<doctor_copy>();
         std::string why;
-        copy->view = table_open(card_dir_path(), static_cast<table_copy>(i), card_conf_get().wired_phys_base, &why);
+        copy->view = table_open(card_dir_path(), static_cast<table_copy>(i), card_conf_get(), &why);
         if (!copy->view.is_open()) {
             look.not_looked_at.push_back(why);
             continue;
@@ -78,7 +78,8 @@ std::size_t doctor_look_changes(doctor_look &look)
 {
     std::size_t changed = 0;
     for (const auto &copy : look.copies)
-        changed += table_changed_words(copy->view, copy->words);
+        changed += table_changed_words(copy->view, copy->words) +
+                   (mapped_file_is_current(copy->view.file, table_path(card_dir_path(), copy->view.copy)) ? 0 : 1);
     return changed;
 }
 

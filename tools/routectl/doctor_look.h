@@ -46,7 +46,8 @@ struct doctor_look {
 
 doctor_look doctor_look_take(const routectl_call &call);
 
-// How many words of the tables have changed since the look began.
+// How many words of the tables have changed since the look began; a table in whose place another has come counts as
+// one.
 std::size_t doctor_look_changes(doctor_look &look);
 
 // Asks whether the trie of `tree` holds a leaf for exactly this prefix; a failed lookup leaves a line in the

@@ -20,7 +20,7 @@ table_copy copy_of(const routectl_call &call)
 
 table_view open_copy(const routectl_call &call, std::string *why)
 {
-    return table_open(card_dir_path(), copy_of(call), card_conf_get().wired_phys_base, why);
+    return table_open(card_dir_path(), copy_of(call), card_conf_get(), why);
 }
 
 routectl_answer walk_answer(const hw_walk &walk)

@@ -66,7 +66,7 @@ void look_at_table(watch_data &data)
         std::string why;
         data.words.clear();
         for (const table_copy copy : {COPY_WIRED, COPY_IXP1, COPY_IXP2}) {
-            data.table = table_open(data.card, copy, card_conf_get().wired_phys_base, &why);
+            data.table = table_open(data.card, copy, card_conf_get(), &why);
             if (data.table.is_open())
                 break;
         }
