@@ -130,7 +130,7 @@ enum live_reason {
     LIVE_OPTIONS,     /* has IP options */
     LIVE_SOURCE,      /* source in 0/8, 127/8, from 224.0.0.0 on, or the host's own */
     LIVE_DESTINATION, /* destination in 0/8, 127/8 or from 224.0.0.0 on */
-    LIVE_NO_ROUTE,    /* no leaf */
+    LIVE_NO_ROUTE,    /* no leaf, or one with the word 0: that of a context without a default route */
     LIVE_RESOLVE,     /* the neighbour is to be found first */
     LIVE_NAT,         /* to be translated */
     LIVE_OWN,         /* the card's own address */

@@ -60,11 +60,11 @@ std::uint64_t now_ns()
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// What the library last complained about: the only place where its reason for a failure stands.
+// What the library first complained about: the only place where its reason for a failure stands.
 std::string complaint;
 int keep_complaint(libbpf_print_level level, const char *format, va_list arguments)
 {
-    if (level != LIBBPF_WARN)
+    if (level != LIBBPF_WARN || !complaint.empty())
         return 0;
     char text[512];
     (void)vsnprintf(text, sizeof text, format, arguments); // cut is good enough
@@ -131,20 +131,61 @@ int make_folder(const std::string &folder, std::string &why)
     return 1;
 }
 
+std::string pin_of(const live_maps &maps, unsigned map) { return maps.folder + "/" + LIVE_MAP_NAMES[map]; }
+bpf_map *map_of(const live_maps &maps, unsigned map)
+{
+    return bpf_object__find_map_by_name(maps.program->skeleton->obj, LIVE_MAP_NAMES[map]);
+}
+
+bool has_form_of(int pinned, const bpf_map *declared)
+{
+    bpf_map_info info{};
+    std::uint32_t bytes = sizeof info;
+    return bpf_obj_get_info_by_fd(pinned, &info, &bytes) == 0 &&
+           info.type == static_cast<std::uint32_t>(bpf_map__type(declared)) &&
+           info.key_size == bpf_map__key_size(declared) && info.value_size == bpf_map__value_size(declared) &&
+           info.max_entries == bpf_map__max_entries(declared) &&
+           (info.map_flags & BPF_F_MMAPABLE) == (bpf_map__map_flags(declared) & BPF_F_MMAPABLE);
+}
+
+// Takes a map that is pinned, for the program to be loaded over. One that is not will be made.
+int take_pinned(live_maps &maps, unsigned map, std::string &why)
+{
+    const int pinned = bpf_obj_get(pin_of(maps, map).c_str());
+    if (pinned < 0)
+        return errno == ENOENT ? 0 : failed(why, pin_of(maps, map));
+    int wrong = 1;
+    if (!has_form_of(pinned, map_of(maps, map)))
+        why = pin_of(maps, map) + ": a map of another form";
+    else if (bpf_map__reuse_fd(map_of(maps, map), pinned) != 0)
+        why = pin_of(maps, map) + ": " + std::strerror(errno);
+    else
+        wrong = 0;
+    (void)close(pinned); // the library has its own
+    return wrong;
+}
+
+int pin_new(const live_maps &maps, unsigned map, std::string &why)
+{
+    const int made = bpf_map__fd(map_of(maps, map));
+    return bpf_obj_pin(made, pin_of(maps, map).c_str()) == 0 || errno == EEXIST ? 0 : failed(why, pin_of(maps, map));
+}
+
 int load_program(live_maps &maps, std::string &why)
 {
     card_xdp *const skeleton = card_xdp__open();
     if (skeleton == nullptr)
         return failed(why, "the packet program");
     maps.program = new live_program{skeleton, {}};
-    for (unsigned map = 0; map < LIVE_MAPS; ++map) {
-        bpf_map *const declared = bpf_object__find_map_by_name(skeleton->obj, LIVE_MAP_NAMES[map]);
-        const std::string path = maps.folder + "/" + LIVE_MAP_NAMES[map];
-        if (!maps.folder.empty() && bpf_map__set_pin_path(declared, path.c_str()) != 0)
-            return failed(why, path);
-    }
+    const bool pinned = !maps.folder.empty();
+    for (unsigned map = 0; pinned && map < LIVE_MAPS; ++map)
+        if (take_pinned(maps, map, why) != 0)
+            return 1;
     if (card_xdp__load(skeleton) != 0)
-        return failed(why, maps.folder.empty() ? "the packet program" : maps.folder);
+        return failed(why, "the packet program");
+    for (unsigned map = 0; pinned && map < LIVE_MAPS; ++map)
+        if (pin_new(maps, map, why) != 0)
+            return 1;
     return 0;
 }
 
@@ -157,7 +198,7 @@ std::size_t mapped_bytes(bpf_map *map)
 int map_values(live_maps &maps, std::string &why)
 {
     for (unsigned map = 0; map < LIVE_MAPS; ++map) {
-        bpf_map *const made = bpf_object__find_map_by_name(maps.program->skeleton->obj, LIVE_MAP_NAMES[map]);
+        bpf_map *const made = map_of(maps, map);
         maps.descriptors[map] = bpf_map__fd(made);
         if (map >= MAPPED_MAPS)
             continue;

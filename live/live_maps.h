@@ -109,6 +109,7 @@ struct live_attachment {
 // attachment that is pinned already gets this program in place of its own, without a packet between.
 [[nodiscard]] int live_maps_attach(live_maps &maps, std::uint32_t ifindex, live_attachment &attachment,
                                    std::string &why);
+int live_maps_program(const live_maps &maps); // the descriptor of what is attached; stays this record's
 void live_maps_detach(live_maps &maps, std::uint32_t ifindex); // nothing to do when it is not attached
 // Those that are pinned; devices that have gone are not among them, and their pins are taken away.
 std::vector<live_attachment> live_maps_attachments(const live_maps &maps);

@@ -120,9 +120,11 @@ live_attachment attachment_of(std::uint32_t ifindex)
 }
 } // namespace
 
+int live_maps_program(const live_maps &maps) { return bpf_program__fd(maps.program->skeleton->progs.card_forward); }
+
 int live_maps_attach(live_maps &maps, std::uint32_t ifindex, live_attachment &attachment, std::string &why)
 {
-    const int program = bpf_program__fd(maps.program->skeleton->progs.card_forward);
+    const int program = live_maps_program(maps);
     if (const int link = link_of(maps, ifindex); link >= 0) {
         const int wrong = bpf_link_update(link, program, nullptr);
         if (wrong != 0)

@@ -295,6 +295,8 @@ INLINE enum live_reason judge(struct xdp_md *ctx, struct live_trace *t)
     if (slot == 0)
         return LIVE_NO_ROUTE;
     t->adjacency = load(table, index_of(slot));
+    if (t->adjacency == 0) /* the leaf of a context without a default route */
+        return LIVE_NO_ROUTE;
     if ((t->adjacency & ADJ_IP_RESOLVE) != 0)
         return LIVE_RESOLVE;
     if ((t->adjacency & ADJ_NAT) != 0)
