@@ -52,25 +52,15 @@ template <typename Map, typename Note> void note_differences(const Map &from, co
     }
 }
 
-// Whether nothing but what a port's words hold differs.
-bool is_alike_but_carrier(const kernel_link &a, const kernel_link &b)
-{
-    kernel_link like_a = b;
-    like_a.has_carrier = a.has_carrier;
-    like_a.mac = a.mac;
-    like_a.mtu = a.mtu;
-    return like_a == a;
-}
-
+// Whether the kernel takes a path at all. is_clear: becomes false when that is not sure.
 bool is_used(const kernel_state &state, const kernel_hop &hop, bool *is_clear)
 {
     if (hop.is_dead)
         return false;
     const auto link = state.links.find(hop.ifindex);
-    const auto conf = state.netconfs.find(hop.ifindex);
     if (link == state.links.end() || !link->second.is_up)
         *is_clear = false; // the route goes any moment, or is there anew
-    else if (!link->second.has_carrier && conf != state.netconfs.end() && conf->second.ignores_linkdown)
+    else if (!link->second.has_carrier && kernel_ignores_linkdown(state, hop.ifindex))
         *is_clear = false;
     return true;
 }
@@ -90,6 +80,8 @@ kernel_answer unicast_answer(const kernel_state &state, const kernel_route &rout
             return other("an encapsulation, or a gateway of another family");
         answer.hops.push_back(hop);
     }
+    if (route.hops.empty())
+        return other("a next hop that is not told");
     if (answer.hops.empty() || !is_clear)
         return other("over a link that is down");
     std::sort(answer.hops.begin(), answer.hops.end());
@@ -124,16 +116,37 @@ bool kernel_neighbour_is_known(const kernel_neighbour &neighbour)
     return (neighbour.state & NUD_HAS_MAC) != 0 && neighbour.mac != 0;
 }
 
+bool kernel_link_is_alike(const kernel_link &a, const kernel_link &b)
+{
+    kernel_link like_a = b;
+    like_a.has_carrier = a.has_carrier;
+    like_a.mac = a.mac;
+    like_a.mtu = a.mtu;
+    return like_a == a;
+}
+
+bool kernel_ignores_linkdown(const kernel_state &state, int ifindex)
+{
+    const auto ignores = [&state](int index) {
+        const auto found = state.netconfs.find(index);
+        return found != state.netconfs.end() && found->second.ignores_linkdown;
+    };
+    return ignores(ifindex) || ignores(KERNEL_ALL_LINKS);
+}
+
+void kernel_changes_add_link(kernel_changes &to, int ifindex, bool is_carrier_only)
+{
+    const bool is_new = to.links.insert(ifindex).second;
+    if (!is_carrier_only)
+        to.carriers.erase(ifindex);
+    else if (is_new)
+        to.carriers.insert(ifindex);
+}
+
 void kernel_changes_add(kernel_changes &to, const kernel_changes &from)
 {
-    for (const int link : from.links) {
-        const bool is_small = from.carriers.count(link) != 0 && (to.links.count(link) == 0 || to.carriers.count(link));
-        to.links.insert(link);
-        if (is_small)
-            to.carriers.insert(link);
-        else
-            to.carriers.erase(link);
-    }
+    for (const int link : from.links)
+        kernel_changes_add_link(to, link, from.carriers.count(link) != 0);
     to.neighbours.insert(from.neighbours.begin(), from.neighbours.end());
     to.routes.insert(from.routes.begin(), from.routes.end());
     to.rules = to.rules || from.rules;
@@ -142,15 +155,11 @@ void kernel_changes_add(kernel_changes &to, const kernel_changes &from)
 kernel_changes kernel_state_difference(const kernel_state &from, const kernel_state &to)
 {
     kernel_changes changes;
-    const auto note_link = [&changes](int ifindex) {
-        changes.links.insert(ifindex);
-        changes.carriers.erase(ifindex);
-    };
+    const auto note_link = [&changes](int ifindex) { kernel_changes_add_link(changes, ifindex, false); };
     note_differences(from.links, to.links, [&](int ifindex) {
-        changes.links.insert(ifindex);
         const auto a = from.links.find(ifindex), b = to.links.find(ifindex);
-        if (a != from.links.end() && b != to.links.end() && is_alike_but_carrier(a->second, b->second))
-            changes.carriers.insert(ifindex);
+        const bool is_in_both = a != from.links.end() && b != to.links.end();
+        kernel_changes_add_link(changes, ifindex, is_in_both && kernel_link_is_alike(a->second, b->second));
     });
     note_differences(from.netconfs, to.netconfs, note_link);
     note_differences(from.addresses, to.addresses, note_link);

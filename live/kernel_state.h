@@ -41,12 +41,19 @@ struct kernel_link {
     bool operator==(const kernel_link &) const = default;
 };
 
-// A link's settings that its forwarding depends on.
+// Whether nothing but carrier, MAC address or MTU differs.
+bool kernel_link_is_alike(const kernel_link &a, const kernel_link &b);
+
+// A link's settings that its forwarding depends on. Under KERNEL_ALL_LINKS stand those that count for every link.
+constexpr int KERNEL_ALL_LINKS = -1;
 struct kernel_netconf {
     bool forwards = false;
     bool ignores_linkdown = false; // routes over it are passed over while it has no carrier
     bool operator==(const kernel_netconf &) const = default;
 };
+
+struct kernel_state;
+bool kernel_ignores_linkdown(const kernel_state &state, int ifindex);
 
 struct kernel_address {
     std::uint32_t address = 0;
@@ -122,6 +129,7 @@ struct kernel_changes {
     bool rules = false;
     bool empty() const { return links.empty() && neighbours.empty() && routes.empty() && !rules; }
 };
+void kernel_changes_add_link(kernel_changes &to, int ifindex, bool is_carrier_only);
 void kernel_changes_add(kernel_changes &to, const kernel_changes &from);
 kernel_changes kernel_state_difference(const kernel_state &from, const kernel_state &to);
 

@@ -397,10 +397,8 @@ bool is_for_all(const kernel_state &state, const kernel_changes &changes)
 {
     if (changes.rules || changes.links.size() != changes.carriers.size())
         return true;
-    return std::any_of(changes.carriers.begin(), changes.carriers.end(), [&state](int ifindex) {
-        const auto conf = state.netconfs.find(ifindex);
-        return conf != state.netconfs.end() && conf->second.ignores_linkdown;
-    });
+    return std::any_of(changes.carriers.begin(), changes.carriers.end(),
+                       [&state](int ifindex) { return kernel_ignores_linkdown(state, ifindex); });
 }
 
 // Adds to the scope what differs between what the card held and what it is to hold.
