@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "card_tool/address_text.h"
+#include "live_card.h"
 
 namespace
 {
@@ -43,6 +44,8 @@ std::string why_not_bound(const kernel_state &state, int ifindex, const kernel_l
         return "it belongs to " + name_of(state, link.master);
     if (!link.has_arp)
         return "it does not use ARP";
+    if (ifindex >= static_cast<int>(LIVE_IFINDEXES))
+        return fmt::format("its index is over {}", LIVE_IFINDEXES - 1);
     for (const auto &[above, other] : state.links)
         if (other.lower == ifindex && (other.kind == "ipvlan" || other.kind == "ipvtap"))
             return other.name + " shares its MAC address";
@@ -55,7 +58,7 @@ std::string why_not_bound(const kernel_state &state, int ifindex, const kernel_l
 void add_ports(live_plan &plan, const kernel_state &state, const live_conf &conf)
 {
     for (const auto &[ifindex, link] : state.links) {
-        live_port port;
+        live_plan_port port;
         port.name = link.name;
         const auto named = std::find_if(conf.ports.begin(), conf.ports.end(),
                                         [&link](const live_conf_port &p) { return p.name == link.name; });
@@ -171,7 +174,7 @@ bool is_possible(const live_context &context, const kernel_address &address)
                         [&context](const kernel_prefix &route) { return context.own.count(route) != 0; });
 }
 
-void choose_address(live_port &port, live_context &context, const kernel_state &state, int ifindex)
+void choose_address(live_plan_port &port, live_context &context, const kernel_state &state, int ifindex)
 {
     const auto found = state.addresses.find(ifindex);
     if (!port.is_up || found == state.addresses.end())
@@ -212,7 +215,7 @@ bool has_entry(const kernel_state &state, const live_context &context, const ker
            kernel_table_find(table_of(state, context.table), prefix) != nullptr;
 }
 
-const live_port *port_of(const live_plan &frame, std::uint32_t ctx, int ifindex)
+const live_plan_port *port_of(const live_plan &frame, std::uint32_t ctx, int ifindex)
 {
     const auto found = frame.ports.find(ifindex);
     return found == frame.ports.end() || !found->second.is_up || found->second.ctx != ctx ? nullptr : &found->second;

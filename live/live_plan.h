@@ -26,7 +26,7 @@ constexpr std::size_t LIVE_MAX_PATHS = 8;              // of one route
 constexpr std::uint8_t LIVE_RULE_PROTOCOL = 202;       // by which the card's rules are found again
 constexpr std::uint32_t LIVE_RULE_PREFERENCE = 20'000; // of the card's rules, before that of main
 
-struct live_port {
+struct live_plan_port {
     std::string name;
     std::uint32_t ctx = 0;
     std::uint32_t id = 0; // interface id; 0 while it is not bound
@@ -36,7 +36,7 @@ struct live_port {
     // The address that IF_UP is sent for. Length 0: no event, the port stands in the database only.
     std::uint32_t address = 0;
     std::uint32_t length = 0;
-    bool operator==(const live_port &) const = default;
+    bool operator==(const live_plan_port &) const = default;
 };
 
 struct live_path {
@@ -77,7 +77,7 @@ struct live_context {
 };
 
 struct live_plan {
-    std::map<int, live_port> ports;                 // by ifindex: what exists, bound or not
+    std::map<int, live_plan_port> ports;            // by ifindex: what exists, bound or not
     std::vector<std::string> missing;               // links that the operator named and that do not exist
     std::map<std::uint32_t, live_context> contexts; // those that have a bound port
     std::vector<kernel_rule> rules;                 // that the kernel has to have, in no order
