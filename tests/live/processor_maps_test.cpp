@@ -183,23 +183,23 @@ TEST_F(maps, a_switch_of_tables_loses_no_packet)
     fill(card);
     live_maps_search(card.maps, LIVE_SEARCHED_TABLE_0);
     std::atomic<bool> ended = false;
-    std::atomic<std::uint64_t> runs = 0;
+    std::uint64_t runs = 0;
     std::thread packets([&] {
         for (; !ended; ++runs) {
             frame_bytes frame = good_packet();
             EXPECT_EQ(card.run(frame), XDP_REDIRECT);
         }
     });
-    unsigned switches = 0;
-    for (; switches < 20'000 || runs < 20'000; ++switches)
+    const auto both_searched = [&] {
+        return card.counters(OUT_A).out_packets > 0 && card.counters(OUT_B).out_packets > 0;
+    };
+    for (unsigned switches = 0; switches % 1000 != 0 || switches < 20'000 || !both_searched(); ++switches)
         live_maps_search(card.maps, switches % 2 == 0 ? LIVE_SEARCHED_TABLE_1 : LIVE_SEARCHED_TABLE_0);
     ended = true;
     packets.join();
     const std::uint64_t a = card.counters(OUT_A).out_packets, b = card.counters(OUT_B).out_packets;
     EXPECT_EQ(card.counters(IN_PORT).reasons[LIVE_FORWARDED], runs);
     EXPECT_EQ(a + b, runs);
-    EXPECT_GT(a, 0u);
-    EXPECT_GT(b, 0u);
 }
 
 TEST_F(maps, behind_the_barrier_no_packet_goes_by_what_was_stored_before)
