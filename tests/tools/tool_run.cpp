@@ -26,10 +26,10 @@ std::vector<std::string> cut(const std::string &line)
     return words;
 }
 
-// In the child: becomes routectl.
-[[noreturn]] void become_tool(const card_dir &card, const std::vector<std::string> &words)
+// In the child: becomes the program.
+[[noreturn]] void become_tool(const char *program, const card_dir &card, const std::vector<std::string> &words)
 {
-    std::vector<char *> argv = {const_cast<char *>("routectl")};
+    std::vector<char *> argv = {const_cast<char *>(program)};
     for (const std::string &word : words)
         argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
@@ -37,7 +37,7 @@ std::vector<std::string> cut(const std::string &line)
     setenv("HOME", card.path.c_str(), 1);
     setenv("TERM", "vt100", 1);
     setenv("NO_COLOR", "1", 1);
-    ::execv(ROUTECTL_PATH, argv.data());
+    ::execv(program, argv.data());
     ::_exit(127);
 }
 
@@ -62,6 +62,11 @@ int wait_for_end(pid_t pid)
 
 tool_result routectl_run(const card_dir &card, const std::string &words, const std::string &input)
 {
+    return program_run(ROUTECTL_PATH, card, words, input);
+}
+
+tool_result program_run(const char *program, const card_dir &card, const std::string &words, const std::string &input)
+{
     const card_dir scratch; // apart from the card, which may be missing
     file_write(scratch.at("in"), input);
     const std::vector<std::string> arguments = cut(words);
@@ -71,7 +76,7 @@ tool_result routectl_run(const card_dir &card, const std::string &words, const s
         ::dup2(::open(scratch.at("in").c_str(), O_RDONLY), STDIN_FILENO);
         ::dup2(::open(scratch.at("out").c_str(), flags, 0600), STDOUT_FILENO);
         ::dup2(::open(scratch.at("err").c_str(), flags, 0600), STDERR_FILENO);
-        become_tool(card, arguments);
+        become_tool(program, card, arguments);
     }
     tool_result result;
     result.status = wait_for_end(pid);
@@ -85,7 +90,7 @@ std::string routectl_prompt(const card_dir &card, const std::string &input, int 
     int terminal = -1;
     const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid == 0)
-        become_tool(card, {});
+        become_tool(ROUTECTL_PATH, card, {});
     std::string shown;
     char bytes[4096];
     bool is_typed = false;

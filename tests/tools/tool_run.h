@@ -13,6 +13,10 @@ struct tool_result {
     std::string out, err;
 };
 
+// Runs `program` on `card` with `words`, cut at blanks, and waits for its end.
+tool_result program_run(const char *program, const card_dir &card, const std::string &words,
+                        const std::string &input = "");
+
 // Runs routectl on `card` with `words`, cut at blanks, and waits for its end.
 tool_result routectl_run(const card_dir &card, const std::string &words, const std::string &input = "");
 

@@ -278,17 +278,24 @@ TEST(provided_memory, without_room_for_the_descriptor_the_mapping_fails)
         memory_peer peer(memory_path());
         const card_conf &read = card_conf_get(); // before descriptors are short
         EXPECT_TRUE(read.ixp_is_provided[IXP2]);
-        card_addr addr = 1;
-        rlimit usual = {};
-        const std::string said = map_beside(peer, addr, [&](const byte_string &) {
-            (void)getrlimit(RLIMIT_NOFILE, &usual);
-            const int next = dup(STDIN_FILENO); // the lowest that is free
-            close(next);
-            const rlimit none = {static_cast<rlim_t>(next), usual.rlim_max};
-            (void)setrlimit(RLIMIT_NOFILE, &none);
+        const pid_t provider = fork(); // a process of its own, which has room
+        if (provider == 0) {
+            (void)memory_peer_question(peer);
             memory_peer_answer(peer, answer_bytes(TABLE_BYTES, 1), {file});
+            _exit(0);
+        }
+        card_addr addr = 1;
+        const std::string said = stderr_of([&] {
+            rlimit usual = {};
+            (void)getrlimit(RLIMIT_NOFILE, &usual);
+            const int next = dup(STDIN_FILENO); // the lowest that is free: the connection's
+            close(next);
+            const rlimit one = {static_cast<rlim_t>(next) + 1, usual.rlim_max};
+            (void)setrlimit(RLIMIT_NOFILE, &one);
+            addr = map_pci_xram_to_uspace(IXP2_PCI, TABLE_BYTES, IXP2);
+            (void)setrlimit(RLIMIT_NOFILE, &usual);
         });
-        (void)setrlimit(RLIMIT_NOFILE, &usual);
+        (void)waitpid(provider, nullptr, 0);
         EXPECT_EQ(addr, 0u);
         EXPECT_NE(said.find("its provider cannot be asked: Too many open files"), std::string::npos) << said;
     });

@@ -123,7 +123,7 @@ void user_answer(memory_service &service, int connection, std::uint32_t purpose)
         service.writer = connection;
         service.manager = manager_now();
     }
-    service.users[connection] = purpose == MEMORY_WRITE ? memory_user::writer : memory_user::reader;
+    service.users[connection] = purpose == MEMORY_WRITE ? memory_role::writer : memory_role::reader;
     if (answer_send(connection, given) != 0 || given.descriptor < 0)
         user_end(service, connection);
 }
@@ -137,7 +137,7 @@ void user_process(memory_service &service, int connection)
     const ssize_t length = recv(connection, record, sizeof record, MSG_DONTWAIT | MSG_TRUNC);
     if (length < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    if (length > 0 && user->second != memory_user::unknown)
+    if (length > 0 && user->second != memory_role::unknown)
         return;
     std::uint32_t purpose = 0;
     if (length <= 0 || memory_question_take(record, static_cast<std::size_t>(length), purpose) != 0)
@@ -164,7 +164,7 @@ void accept_waiting(memory_service &service)
         if (service.users.size() == MAX_USERS || watch(service, connection, EPOLLIN) != 0)
             (void)close(connection);
         else
-            service.users[connection] = memory_user::unknown;
+            service.users[connection] = memory_role::unknown;
     }
 }
 } // namespace
@@ -216,7 +216,7 @@ void memory_service_end_readers(memory_service &service)
 {
     std::vector<int> readers;
     for (const auto &[connection, user] : service.users)
-        if (user == memory_user::reader)
+        if (user == memory_role::reader)
             readers.push_back(connection);
     for (const int connection : readers)
         user_end(service, connection);

@@ -27,7 +27,7 @@ struct manager_mark {
     timespec changed = {};
 };
 
-enum class memory_user { unknown, reader, writer }; // unknown: it has not asked yet
+enum class memory_role { unknown, reader, writer }; // unknown: it has not asked yet
 
 struct memory_service {
     // The owner's, set before it is opened. A descriptor of -1 refuses the user.
@@ -37,7 +37,7 @@ struct memory_service {
 
     int events = -1; // readable when there is something to do
     int listener = -1;
-    std::map<int, memory_user> users; // by connection
+    std::map<int, memory_role> users; // by connection
     bool has_writer = false;
     int writer = -1; // its connection; -1: it has its memory from an earlier provider
     manager_mark manager;
