@@ -63,6 +63,7 @@ std::vector<cover_path> listed_paths(const cover_route &route)
 std::string paths_text(const std::vector<cover_path> &paths)
 {
     std::vector<std::string> texts;
+    texts.reserve(paths.size());
     for (const cover_path &path : paths)
         texts.push_back(fmt::format("interface {} encap 0x{:04x}", path.ifid, path.encap));
     return fmt::format("{}", fmt::join(texts, ", "));
