@@ -569,7 +569,7 @@ TEST(rib_nat, a_pool_removal_passes_over_what_is_missing_and_still_answers_0)
 TEST(rib_nat, a_route_stands_in_the_table_and_tree_of_its_route_id_and_belongs_to_its_context)
 {
     rib_card card;
-    constexpr std::uint32_t OTHER = CTX + 1, NET = IP(10, 40, 0, 0), MASK16 = 0xFFFF0000;
+    constexpr std::uint32_t OTHER = CTX + 1, NET = IP(10, 40, 0, 0);
     const std::int32_t held = mtrie_pools[MTRIE_POOL_LEAF].tree_count[CTX];
     card.forget();
     ASSERT_EQ(rib_add_nat_route(CTX, OTHER, IFID, NET, MASK16, ENCAP), 0u);
@@ -593,7 +593,7 @@ TEST(rib_nat, learned_hosts_are_looked_for_in_the_context_and_duplicates_in_the_
 {
     rib_card card;
     constexpr std::uint16_t OTHER = CTX + 1;
-    constexpr std::uint32_t HOSTS = IP(10, 40, 0, 0), STATICS = IP(10, 41, 0, 0), MASK16 = 0xFFFF0000;
+    constexpr std::uint32_t HOSTS = IP(10, 40, 0, 0), STATICS = IP(10, 41, 0, 0);
     ASSERT_EQ(arp_prefix_mgr_add_route(RIB_OBJ_ARP_HOST, HOSTS + 9, 32, ENCAP, IFID, CTX), 0u);
     ASSERT_EQ(rib_add_route(CTX, CTX, STATICS, MASK16, GATEWAY), 0u);
     card.forget();
