@@ -284,6 +284,7 @@ TEST_F(tnrpc_client, a_connection_that_the_peer_closed_between_calls_is_opened_a
     EXPECT_EQ(tnrpc_call(NAME, 0), 0u);
     closed.wait(false);
     EXPECT_EQ(tnrpc_call(NAME, 0), 1u);
+    join(); // before what its steps store to goes
     EXPECT_EQ(failed(), 0u);
 }
 
