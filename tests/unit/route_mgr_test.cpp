@@ -474,6 +474,9 @@ TEST(route_mgr, a_signal_cleans_up_twice_and_exits_with_1)
 
 TEST(route_mgr, another_signal_in_any_call_of_the_clean_up_begins_it_anew_and_the_status_stays_1)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer keeps a signal back while a handler runs";
+#endif
     const std::size_t calls = cleanup_calls("", "", "", "").size();
     for (std::size_t at = 0; at < 2 * calls; ++at) { // of the handler's clean-up, and of the one at exit
         fake_card card;
