@@ -30,7 +30,7 @@ struct kernel_link {
     std::string name;
     std::string kind;        // "veth", "bridge", "bond", "vrf" ...; empty: none is given, as for hardware
     std::string master_kind; // kind of the link that it is enslaved to; empty: to none
-    std::uint64_t mac = 0;   // 48 bits
+    std::uint64_t mac = 0;   // as live_mac gives it
     std::uint32_t mtu = 0;   // bytes of an IP packet
     int master = 0;          // ifindex of the link that it is enslaved to; 0: to none
     int lower = 0;           // ifindex of the link below it, as of a macvlan; 0: none
@@ -64,7 +64,7 @@ struct kernel_address {
 };
 
 struct kernel_neighbour {
-    std::uint64_t mac = 0;   // 48 bits; 0 while it is not known
+    std::uint64_t mac = 0;   // as live_mac gives it; 0 while it is not known
     std::uint16_t state = 0; // NUD_ bits
     bool is_managed = false; // kept fresh by the kernel
     bool operator==(const kernel_neighbour &) const = default;

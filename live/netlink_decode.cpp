@@ -18,6 +18,8 @@
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
 
+#include "live_card.h"
+
 namespace
 {
 using bytes = std::span<const std::uint8_t>;
@@ -60,14 +62,7 @@ std::optional<std::uint32_t> address_of(bytes from)
     return number ? std::optional<std::uint32_t>(ntohl(*number)) : std::nullopt;
 }
 
-std::uint64_t mac_of(bytes from)
-{
-    std::uint64_t mac = 0;
-    if (from.size() == 6)
-        for (const std::uint8_t byte : from)
-            mac = mac << 8 | byte;
-    return mac;
-}
+std::uint64_t mac_of(bytes from) { return from.size() == 6 ? live_mac(from.data()) : 0; }
 
 std::string text_of(bytes from)
 {
@@ -141,7 +136,8 @@ void decode_link(bool is_new, bytes payload, kernel_state &state, netlink_news &
         else if (type == IFLA_LINKINFO)
             read_link_info(value, link);
     });
-    if (known != state.links.end() && known->second == link)
+    // A wireless device tells of its own affairs in a message of this kind, with nothing else in it.
+    if (link.name.empty() || (known != state.links.end() && known->second == link))
         return;
     const bool is_first = known == state.links.end();
     if (is_first || known->second.is_up != link.is_up || known->second.has_carrier != link.has_carrier)

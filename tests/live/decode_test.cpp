@@ -155,7 +155,7 @@ TEST_F(decode, a_link_with_its_master_and_kinds)
     expected.name = "eth1";
     expected.kind = "macvlan";
     expected.master_kind = "bridge";
-    expected.mac = 0x020000000107;
+    expected.mac = 0x070100000002; // the first byte lowest, as the maps have it
     expected.mtu = 1400;
     expected.master = 9;
     expected.lower = 4;
@@ -196,6 +196,19 @@ TEST_F(decode, a_new_mac_or_mtu_is_a_small_change)
     EXPECT_FALSE(news.read_again);
     take(link(UP | IFF_NOARP));
     EXPECT_TRUE(news.changes.carriers.empty());
+}
+
+TEST_F(decode, a_message_of_a_wireless_device_about_its_own_affairs_says_nothing_of_the_link)
+{
+    take(link(UP));
+    ifinfomsg head{};
+    head.ifi_type = ARPHRD_ETHER;
+    head.ifi_index = 5;
+    head.ifi_flags = UP;
+    take(message_of(RTM_NEWLINK, head, {u32_of(IFLA_WIRELESS, 1)}));
+    EXPECT_EQ(state.links.at(5).name, "eth1");
+    EXPECT_EQ(state.links.at(5).mtu, 1400u);
+    EXPECT_TRUE(news.changes.empty());
 }
 
 TEST_F(decode, what_a_bridge_tells_of_its_ports_is_not_about_the_link)
@@ -254,7 +267,7 @@ TEST_F(decode, neighbours_come_change_and_go)
     const std::pair<int, std::uint32_t> key = {5, ip("10.1.0.9")};
     take(message_of(RTM_NEWNEIGH, head,
                     {ip_of(NDA_DST, "10.1.0.9"), mac_of(NDA_LLADDR, 9), u32_of(NDA_FLAGS_EXT, NTF_EXT_MANAGED)}));
-    EXPECT_EQ(state.neighbours.at(key).mac, 0x020000000109u);
+    EXPECT_EQ(state.neighbours.at(key).mac, 0x090100000002u);
     EXPECT_TRUE(state.neighbours.at(key).is_managed);
     EXPECT_TRUE(kernel_neighbour_is_known(state.neighbours.at(key)));
     EXPECT_EQ(news.changes.neighbours.count(key), 1u);
