@@ -118,7 +118,8 @@ int know_section()
 
 int make_folder(const std::string &folder, std::string &why)
 {
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    const bool is_made = mkdir(folder.c_str(), 0700) == 0;
+    if (!is_made && errno != EEXIST)
         return failed(why, folder);
     struct statfs system {
     };
@@ -126,7 +127,8 @@ int make_folder(const std::string &folder, std::string &why)
         return failed(why, folder);
     if (static_cast<std::uint64_t>(system.f_type) == BPF_FS_MAGIC)
         return 0;
-    (void)rmdir(folder.c_str()); // one that holds something is not ours, and stays
+    if (is_made)
+        (void)rmdir(folder.c_str());
     why = folder + ": not in a BPF file system, as there is one after: mount -t bpf bpf /sys/fs/bpf";
     return 1;
 }
@@ -349,6 +351,11 @@ live_ingress live_maps_ingress(const live_maps &maps, std::uint32_t ifindex)
 
 int live_maps_open_port(live_maps &maps, const live_port &port, std::string &why)
 {
+    if (!live_maps_takes_frames(port.ifindex) && live_maps_has_native(maps)) {
+        why = "interface " + std::to_string(port.ifid) + ", index " + std::to_string(port.ifindex) +
+              ": its driver takes no frames from the native programs of other ports";
+        return 1;
+    }
     if (port.ifid >= LIVE_IFIDS ||
         bpf_map_update_elem(maps.descriptors[LIVE_MAP_DEVICES], &port.ifid, &port.ifindex, BPF_ANY) != 0) {
         why = "interface " + std::to_string(port.ifid) + ", index " + std::to_string(port.ifindex) + ": " +

@@ -105,11 +105,18 @@ struct live_attachment {
     live_mode mode;
     std::string why; // why not native; empty when it is
 };
-// Attaches the program to a device of this network namespace, natively where the driver can, else in generic mode. An
-// attachment that is pinned already gets this program in place of its own, without a packet between.
+// Attaches the program to a device of this network namespace, natively where the driver can and also takes the frames
+// that native programs of other devices send to it, else in generic mode. An attachment that is pinned already gets
+// this program in place of its own, without a packet between; a native one whose driver takes frames no more is made
+// anew.
 [[nodiscard]] int live_maps_attach(live_maps &maps, std::uint32_t ifindex, live_attachment &attachment,
                                    std::string &why);
-int live_maps_program(const live_maps &maps); // the descriptor of what is attached; stays this record's
+// Whether the driver of a device of this network namespace takes such frames now. Where it does not, they are lost, so
+// no port is open by which they could leave: `live_maps_open_port` refuses it while an attachment is native, and no
+// attachment is native while one is open.
+bool live_maps_takes_frames(std::uint32_t ifindex);
+bool live_maps_has_native(const live_maps &maps); // an attachment is native
+int live_maps_program(const live_maps &maps);     // the descriptor of what is attached; stays this record's
 void live_maps_detach(live_maps &maps, std::uint32_t ifindex); // nothing to do when it is not attached
 // Those that are pinned; devices that have gone are not among them, and their pins are taken away.
 std::vector<live_attachment> live_maps_attachments(const live_maps &maps);

@@ -8,6 +8,7 @@
 #include <linux/if_link.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -104,6 +105,39 @@ std::string refusal(int error)
     }
 }
 
+// Whether another port is open than that of `ifindex`, by which a native program would lose frames.
+bool has_port_without_frames(const live_maps &maps, std::uint32_t ifindex)
+{
+    for (std::uint32_t ifid = 1; ifid < LIVE_IFIDS; ++ifid) {
+        if (live_maps_egress(maps, ifid) == 0)
+            continue;
+        const std::uint32_t device = live_maps_device(maps, ifid);
+        if (device != 0 && device != ifindex && !live_maps_takes_frames(device))
+            return true;
+    }
+    return false;
+}
+
+// Attaches natively. Returns the link, or -1 with the reason.
+int link_create_native(const live_maps &maps, std::uint32_t ifindex, std::string &why)
+{
+    if (has_port_without_frames(maps, ifindex)) {
+        why = "a port is open whose driver takes no frames from native programs";
+        return -1;
+    }
+    const int link = link_create(live_maps_program(maps), ifindex, XDP_FLAGS_DRV_MODE);
+    if (link < 0) {
+        why = refusal(errno);
+        return -1;
+    }
+    if (live_maps_takes_frames(ifindex)) // asked now: some drivers do while they have a program
+        return link;
+    why = "the driver takes no frames from native programs of other devices (a veth does with gro on at its pair)";
+    (void)bpf_link_detach(link);
+    (void)close(link);
+    return -1;
+}
+
 live_mode mode_of(std::uint32_t ifindex)
 {
     bpf_xdp_query_opts query{};
@@ -122,6 +156,12 @@ live_attachment attachment_of(std::uint32_t ifindex)
 
 int live_maps_program(const live_maps &maps) { return bpf_program__fd(maps.program->skeleton->progs.card_forward); }
 
+bool live_maps_has_native(const live_maps &maps)
+{
+    const std::vector<live_attachment> all = live_maps_attachments(maps);
+    return std::any_of(all.begin(), all.end(), [](const live_attachment &a) { return a.mode == live_mode::native; });
+}
+
 int live_maps_attach(live_maps &maps, std::uint32_t ifindex, live_attachment &attachment, std::string &why)
 {
     const int program = live_maps_program(maps);
@@ -131,13 +171,15 @@ int live_maps_attach(live_maps &maps, std::uint32_t ifindex, live_attachment &at
             why = "device " + std::to_string(ifindex) + ": " + std::strerror(errno);
         (void)close(link);
         attachment = attachment_of(ifindex);
-        return wrong != 0;
+        if (wrong != 0 || attachment.mode == live_mode::generic || live_maps_takes_frames(ifindex))
+            return wrong != 0;
+        live_maps_detach(maps, ifindex);
     }
 
     attachment = {ifindex, live_mode::native, ""};
-    int link = link_create(program, ifindex, XDP_FLAGS_DRV_MODE);
+    int link = link_create_native(maps, ifindex, attachment.why);
     if (link < 0) {
-        attachment = {ifindex, live_mode::generic, refusal(errno)};
+        attachment.mode = live_mode::generic;
         link = link_create(program, ifindex, XDP_FLAGS_SKB_MODE);
     }
     if (link < 0) {

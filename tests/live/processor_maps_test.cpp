@@ -272,6 +272,10 @@ TEST_F(maps, need_a_folder_in_a_bpf_file_system)
     live_maps refused;
     EXPECT_EQ(live_maps_open(refused, "/tmp/live_test_" + std::to_string(getpid()), why), 1);
     EXPECT_NE(why.find("not in a BPF file system"), std::string::npos) << why;
+    char somebodys[] = "/tmp/live_test_XXXXXX";
+    ASSERT_NE(mkdtemp(somebodys), nullptr);
+    EXPECT_EQ(live_maps_open(refused, somebodys, why), 1);
+    EXPECT_EQ(rmdir(somebodys), 0) << "it is still there";
     EXPECT_EQ(live_maps_open(refused, "/nowhere/at/all", why), 1);
     EXPECT_EQ(live_maps_remove("/sys/fs/bpf/live_test_none", why), 0) << why;
 }

@@ -1,6 +1,11 @@
 // processor_ports_test.cpp - the packet program attached to devices: real frames between veth pairs.
 //
 // A pair is a port (a0) and what is plugged into it (a1); all are in one namespace of the test's own.
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -44,6 +49,24 @@ void make_pair(const std::string &name)
 {
     command("ip link add " + name + "0 type veth peer name " + name + "1");
     command("ip link set " + name + "0 up && ip link set " + name + "1 up");
+}
+
+// As `ethtool -K DEVICE gro on|off` does.
+void set_gro(const std::string &device, bool is_on)
+{
+    ethtool_value value = {ETHTOOL_SGRO, is_on ? 1u : 0u};
+    ifreq request{};
+    device.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    request.ifr_data = reinterpret_cast<char *>(&value);
+    const int asked = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(ioctl(asked, SIOCETHTOOL, &request), 0) << device;
+    close(asked);
+}
+// A veth takes frames from native programs while its pair polls for them.
+void take_frames(const std::string &name)
+{
+    for (const char *end : {"0", "1"})
+        set_gro(name + end, true);
 }
 
 live_port port_of(const std::string &device, std::uint32_t ifid)
@@ -105,7 +128,9 @@ TEST_F(ports, native_on_veth_send_frames_to_each_other)
     const net_space space;
     make_pair("a");
     make_pair("b");
-    packet_card card, peer; // with a program at b1, its pair takes frames from other drivers
+    take_frames("a");
+    take_frames("b");
+    packet_card card;
     filled(card);
     live_attachment attachment{};
     for (const char *device : {"a0", "b0"}) {
@@ -113,7 +138,6 @@ TEST_F(ports, native_on_veth_send_frames_to_each_other)
         EXPECT_EQ(attachment.mode, live_mode::native) << attachment.why;
         EXPECT_EQ(attachment.why, "");
     }
-    ASSERT_EQ(live_maps_attach(peer.maps, index_of("b1"), attachment, why), 0) << why;
     expect_through(true);
     EXPECT_EQ(card.counters(IN_PORT).reasons[LIVE_FORWARDED], 1u);
     EXPECT_EQ(card.counters(OUT_PORT).out_packets, 1u);
@@ -124,11 +148,80 @@ TEST_F(ports, native_on_veth_send_frames_to_each_other)
     expect_through(false);
 }
 
+TEST_F(ports, whose_driver_takes_no_frames_are_generic_and_nothing_is_lost)
+{
+    const net_space space;
+    make_pair("a");
+    make_pair("b");
+    EXPECT_FALSE(live_maps_takes_frames(index_of("b0")));
+    packet_card card;
+    filled(card);
+    live_attachment attachment{};
+    for (const char *device : {"a0", "b0"}) {
+        ASSERT_EQ(live_maps_attach(card.maps, index_of(device), attachment, why), 0) << why;
+        EXPECT_EQ(attachment.mode, live_mode::generic);
+        EXPECT_NE(attachment.why, "");
+    }
+    EXPECT_FALSE(live_maps_has_native(card.maps));
+    expect_through(true);
+}
+
+TEST_F(ports, that_take_no_frames_stay_closed_beside_a_native_one)
+{
+    const net_space space;
+    make_pair("a");
+    make_pair("b");
+    take_frames("a");
+    EXPECT_TRUE(live_maps_takes_frames(index_of("a0")));
+    packet_card card;
+    live_attachment attachment{};
+    ASSERT_EQ(live_maps_attach(card.maps, index_of("a0"), attachment, why), 0) << why;
+    EXPECT_EQ(attachment.mode, live_mode::native) << attachment.why;
+    EXPECT_EQ(live_maps_open_port(card.maps, port_of("b0", OUT_PORT), why), 1);
+    EXPECT_NE(why.find("takes no frames"), std::string::npos) << why;
+    EXPECT_EQ(live_maps_egress(card.maps, OUT_PORT), 0u);
+    EXPECT_EQ(live_maps_open_port(card.maps, port_of("a0", IN_PORT), why), 0) << why;
+    take_frames("b");
+    EXPECT_EQ(live_maps_open_port(card.maps, port_of("b0", OUT_PORT), why), 0) << why;
+}
+
+TEST_F(ports, are_generic_while_one_is_open_that_takes_no_frames)
+{
+    const net_space space;
+    make_pair("a");
+    make_pair("b");
+    take_frames("a");
+    packet_card card;
+    filled(card); // b0 is open
+    live_attachment attachment{};
+    ASSERT_EQ(live_maps_attach(card.maps, index_of("a0"), attachment, why), 0) << why;
+    EXPECT_EQ(attachment.mode, live_mode::generic);
+    EXPECT_EQ(attachment.why, "a port is open whose driver takes no frames from native programs");
+    expect_through(true);
+}
+
+TEST_F(ports, that_take_frames_no_more_are_generic_when_they_are_attached_again)
+{
+    const net_space space;
+    make_pair("a");
+    take_frames("a");
+    packet_card card;
+    live_attachment attachment{};
+    ASSERT_EQ(live_maps_attach(card.maps, index_of("a0"), attachment, why), 0) << why;
+    EXPECT_EQ(attachment.mode, live_mode::native) << attachment.why;
+    set_gro("a1", false);
+    ASSERT_EQ(live_maps_attach(card.maps, index_of("a0"), attachment, why), 0) << why;
+    EXPECT_EQ(attachment.mode, live_mode::generic);
+    EXPECT_EQ(live_maps_attachments(card.maps).size(), 1u);
+}
+
 TEST_F(ports, that_the_driver_refuses_are_generic_and_say_why)
 {
     const net_space space;
     make_pair("a");
     make_pair("b");
+    take_frames("a");
+    take_frames("b");
     command("ip link set a1 mtu 9000"); // frames from there may be longer than a native program's memory
     packet_card card;
     filled(card);
