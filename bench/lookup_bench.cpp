@@ -12,6 +12,7 @@
 
 #include "bench.h"
 #include "bench_card.h"
+#include "bench_mix.h"
 #include "ixp_lookup.h"
 #include "mtrie_records.h"
 #include "norvik_mtrie_hw.h"
@@ -62,29 +63,6 @@ void remove_route(std::uint16_t tree, const peer_route &r)
         const route_entry entry = entry_of(tree, r, path);
         bench_require(prefix_mgr_route_remove(wired_table_mgr, &entry) != 0, "a removal");
     }
-}
-
-// `count` prefixes: one in 25 a /8, one in 5 a /16, three in 10 hosts, the rest /24, in ever fewer larger ones.
-std::vector<peer_route> mix_of(std::uint32_t count)
-{
-    std::vector<peer_route> mix;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        const std::uint32_t a = (1 + i % 20) << 24, b = i / 20 % 4 << 16, c = i / 80 % 4 << 8;
-        const std::uint32_t kind = i % 50;
-        if (kind < 2 && i < 1000)
-            mix.push_back({(21 + i / 50 * 2 + kind) << 24, 8, i + 1});
-        else if (kind < 12)
-            mix.push_back({a | (i / 50 + 8) << 16, 16, i + 1});
-        else if (kind < 27)
-            mix.push_back({a | b | c | (1 + i / 4 % 250), 32, i + 1});
-        else
-            mix.push_back({a | b | (i / 20 + 4) << 8, 24, i + 1});
-    }
-    const auto same = [](const peer_route &x, const peer_route &y) { return x.prefix == y.prefix && x.len == y.len; };
-    for (std::size_t i = 0; i < mix.size(); ++i)
-        for (std::size_t j = 0; j < i; ++j)
-            bench_require(!same(mix[i], mix[j]), "the prefixes differ");
-    return mix;
 }
 
 // Hosts in different /24s, 4 /16s in each of 64 /8s: the nodes run out before the leaves do.
@@ -389,7 +367,7 @@ void measure_draw(const bench_options &options, const std::string &table, const 
 void measure_mix(const bench_options &options, std::uint32_t count, const std::string &missing,
                  std::vector<bench_row> &rows)
 {
-    const std::vector<peer_route> mix = mix_of(count);
+    const std::vector<peer_route> mix = bench_mix(count);
     for (const peer_route &r : mix)
         bench_require(add_route(TREE, r), "the mix fits the pools");
     for (const draw how : {draw::evenly, draw::zipf, draw::whole_space}) {

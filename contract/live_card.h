@@ -25,8 +25,8 @@ enum live_map {
     LIVE_MAP_EGRESS,   /* one value: a word by interface id */
     LIVE_MAP_ENCAPS,   /* one value: a word by encap id */
     LIVE_MAP_SOURCES,  /* one value: a bit by hashed address, the host's own addresses */
+    LIVE_MAP_COUNTERS, /* one value: struct live_counters by processor and port */
     LIVE_MAP_DEVICES,  /* interface id -> ifindex */
-    LIVE_MAP_COUNTERS, /* port -> struct live_counters of each CPU */
     LIVE_MAPS
 };
 
@@ -48,8 +48,9 @@ enum live_searched {
 struct live_control {
     uint32_t version;                 /* LIVE_VERSION, stored when the maps are made */
     uint32_t searched;                /* enum live_searched; read once a packet */
-    uint64_t renewed_ns;              /* CLOCK_MONOTONIC of the last renewal */
-    uint64_t stale_after_ns;          /* a renewal older than this: everything goes to the kernel */
+    uint64_t renewed_ticks;           /* the kernel's clock (jiffies) at the last renewal */
+    uint64_t stale_after_ticks;       /* a renewal older than this: everything goes to the kernel */
+    uint64_t renewed_ns;              /* CLOCK_MONOTONIC of the last renewal, for those who look */
     uint64_t generation[LIVE_TABLES]; /* the count with which a table was handed out for writing; 0: never */
     uint32_t forwards[LIVE_CONTEXTS]; /* 0: the context is held back, all of its packets go to the kernel */
 };
@@ -144,7 +145,7 @@ enum live_reason {
     LIVE_REASONS
 };
 
-/* Of one port and one CPU. The size leaves room for further reasons. */
+/* Of one port and one processor. The size leaves room for further reasons. */
 struct live_counters {
     uint64_t reasons[30];            /* packets that came in, by enum live_reason */
     uint64_t out_packets, out_bytes; /* that left by this port, with the Ethernet header */
@@ -165,8 +166,9 @@ struct live_trace {
 };
 
 #ifdef __cplusplus
-constexpr const char *LIVE_MAP_NAMES[] = {"card_table_0", "card_table_1", "card_control", "card_ingress", "card_egress",
-                                          "card_encaps",  "card_sources", "card_devices", "card_counters"};
+constexpr const char *LIVE_MAP_NAMES[] = {"card_table_0", "card_table_1",  "card_control",
+                                          "card_ingress", "card_egress",   "card_encaps",
+                                          "card_sources", "card_counters", "card_devices"};
 static_assert(sizeof LIVE_MAP_NAMES / sizeof *LIVE_MAP_NAMES == LIVE_MAPS);
 
 /* The reasons as they are shown. */
@@ -177,7 +179,7 @@ constexpr const char *LIVE_REASON_NAMES[] = {
 static_assert(sizeof LIVE_REASON_NAMES / sizeof *LIVE_REASON_NAMES == LIVE_REASONS);
 static_assert(LIVE_REASONS <= sizeof live_counters::reasons / sizeof *live_counters::reasons);
 static_assert(sizeof(live_counters) == 256 && sizeof(live_ingress) == 16);
-static_assert(sizeof(live_control) == 40 + 4 * LIVE_CONTEXTS);
+static_assert(sizeof(live_control) == 48 + 4 * LIVE_CONTEXTS);
 static_assert(live_ingress_word(0x060504030201, 3) == 0x0103060504030201 && live_ingress_ctx(0x0103060504030201) == 3);
 static_assert(live_encap_word(0x060504030201) == 0x0001060504030201);
 static_assert(live_egress_word(0x060504030201, 1500) == 0x05DC060504030201 && live_egress_mtu(1500ull << 48) == 1500);

@@ -35,7 +35,8 @@ namespace
 {
 constexpr std::uint64_t STALE_AFTER_NS = 10'000'000'000; // until live_maps_set_stale_after says otherwise
 constexpr unsigned MAPPED_MAPS = LIVE_MAP_DEVICES;       // the first of the maps: those that are mapped
-constexpr const char *SECTION = "card";                  // of the programs
+constexpr std::uint32_t COUNTERS_BYTES = LIVE_PORTS * sizeof(live_counters); // of a processor
+constexpr const char *SECTION = "card";                                      // of the programs
 
 template <class Word> void store(Word &place, Word value)
 {
@@ -58,6 +59,15 @@ std::uint64_t now_ns()
     timespec now{};
     (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail for this clock
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// Rounded up. The coarse clock goes on a tick at a time.
+std::uint64_t ticks_of(std::uint64_t ns)
+{
+    timespec tick{};
+    (void)clock_getres(CLOCK_MONOTONIC_COARSE, &tick); // cannot fail for this clock
+    const auto tick_ns = static_cast<std::uint64_t>(tick.tv_nsec);
+    return ns / tick_ns + (ns % tick_ns != 0);
 }
 
 // What the library first complained about: the only place where its reason for a failure stands.
@@ -179,6 +189,11 @@ int load_program(live_maps &maps, std::string &why)
     if (skeleton == nullptr)
         return failed(why, "the packet program");
     maps.program = new live_program{skeleton, {}};
+    const int processors = libbpf_num_possible_cpus();
+    if (processors <= 0 || bpf_map__set_value_size(skeleton->maps.card_counters,
+                                                   static_cast<std::uint32_t>(processors) * COUNTERS_BYTES) != 0)
+        return failed(why, "the processors");
+    skeleton->rodata->card_processors = static_cast<std::uint32_t>(processors);
     const bool pinned = !maps.folder.empty();
     for (unsigned map = 0; pinned && map < LIVE_MAPS; ++map)
         if (take_pinned(maps, map, why) != 0)
@@ -218,7 +233,7 @@ int check_version(live_maps &maps, std::string &why)
 {
     live_control &control = control_of(maps);
     if (control.version == 0) {
-        control.stale_after_ns = STALE_AFTER_NS;
+        control.stale_after_ticks = ticks_of(STALE_AFTER_NS);
         store(control.version, LIVE_VERSION);
     }
     if (control.version == LIVE_VERSION)
@@ -404,9 +419,23 @@ void live_maps_release(live_maps &maps, std::uint32_t ctx) { store(control_of(ma
 
 bool live_maps_is_held(const live_maps &maps, std::uint32_t ctx) { return load(control_of(maps).forwards[ctx]) == 0; }
 
-void live_maps_set_stale_after(live_maps &maps, std::uint64_t ns) { store(control_of(maps).stale_after_ns, ns); }
+void live_maps_set_stale_after(live_maps &maps, std::uint64_t ns)
+{
+    store(control_of(maps).stale_after_ticks, ticks_of(ns));
+}
 
-void live_maps_renew(live_maps &maps) { store(control_of(maps).renewed_ns, now_ns()); }
+// The program itself tells its clock's time, which no process can read.
+void live_maps_renew(live_maps &maps)
+{
+    std::array<std::uint8_t, 64> nothing{};
+    bpf_test_run_opts run{};
+    run.sz = sizeof run;
+    run.data_in = nothing.data();
+    run.data_size_in = nothing.size();
+    // A renewal that fails is one that is not made: the card goes stale.
+    if (bpf_prog_test_run_opts(bpf_program__fd(maps.program->skeleton->progs.card_renew), &run) == 0)
+        store(control_of(maps).renewed_ns, now_ns());
+}
 
 std::uint64_t live_maps_renewed_ns(const live_maps &maps) { return load(control_of(maps).renewed_ns); }
 
@@ -448,18 +477,16 @@ int live_maps_barrier(std::string &why)
 
 int live_maps_counters(const live_maps &maps, std::uint32_t ifid, live_counters &sum)
 {
-    const int processors = libbpf_num_possible_cpus();
     sum = {};
-    if (processors <= 0)
+    if (ifid >= LIVE_PORTS)
         return 1;
-    std::vector<live_counters> each(static_cast<std::size_t>(processors));
-    if (bpf_map_lookup_elem(maps.descriptors[LIVE_MAP_COUNTERS], &ifid, each.data()) != 0)
-        return 1;
-    for (const live_counters &one : each) {
+    auto *const rows = static_cast<live_counters *>(maps.values[LIVE_MAP_COUNTERS]);
+    for (std::uint32_t processor = 0; processor < maps.program->skeleton->rodata->card_processors; ++processor) {
+        live_counters &one = rows[processor * LIVE_PORTS + ifid];
         for (unsigned reason = 0; reason < LIVE_REASONS; ++reason)
-            sum.reasons[reason] += one.reasons[reason];
-        sum.out_packets += one.out_packets;
-        sum.out_bytes += one.out_bytes;
+            sum.reasons[reason] += load(one.reasons[reason]);
+        sum.out_packets += load(one.out_packets);
+        sum.out_bytes += load(one.out_bytes);
     }
     return 0;
 }
