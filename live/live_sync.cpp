@@ -247,6 +247,9 @@ void sync_want_port(live_sync &s, std::uint32_t ifid, const sync_port *port)
 void sync_want_host(live_sync &s, std::uint32_t ctx, std::uint32_t address, const sync_host *host)
 {
     sync_context &c = s.contexts[ctx];
+    const auto before = c.hosts.find(address);
+    if (host == nullptr ? before == c.hosts.end() : before != c.hosts.end() && before->second == *host)
+        return;
     if (host != nullptr)
         c.hosts[address] = *host;
     else
@@ -260,6 +263,9 @@ void sync_want_host(live_sync &s, std::uint32_t ctx, std::uint32_t address, cons
 void sync_want_route(live_sync &s, std::uint32_t ctx, const kernel_prefix &prefix, const sync_gateways *gateways)
 {
     sync_context &c = s.contexts[ctx];
+    const auto before = c.routes.find(prefix);
+    if (gateways == nullptr ? before == c.routes.end() : before != c.routes.end() && before->second == *gateways)
+        return;
     if (gateways != nullptr)
         c.routes[prefix] = *gateways;
     else

@@ -1,0 +1,37 @@
+// live_ports.h - the ports of the card in the maps: the program on its links, what binds them and what closes them.
+//
+// Always: a link is bound only when the program is on it; a port is open only while its link is up and has a carrier.
+// Elsewhere: which links are ports (live_plan.h), the maps (live_maps.h).
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "kernel_state.h"
+#include "live_maps.h"
+#include "live_plan.h"
+
+struct live_port_state {
+    bool is_attached = false;
+    live_mode mode = live_mode::generic;
+    std::string why_generic; // empty when it is native
+    std::string failed;      // why it is not on its link; empty when it is
+    bool is_bound = false, is_open = false;
+    live_port stored = {}; // as bound and opened
+};
+
+struct live_ports {
+    std::map<int, live_port_state> ports; // by ifindex
+    std::function<void(const std::string &line)> say;
+};
+
+// What an earlier process left: its attachments stay until the plan says otherwise.
+void live_ports_adopt(live_ports &ports, const live_maps &maps);
+// The interface ids that links had, from the maps.
+live_ids live_ports_ids(const live_maps &maps);
+
+// Closes what is down, at once. `links`: those that may have changed.
+void live_ports_close(live_ports &ports, live_maps &maps, const kernel_state &state, const std::set<int> &links);
+// Brings attachments and words to what the plan says, and the host's own addresses.
+void live_ports_apply(live_ports &ports, live_maps &maps, const live_plan &plan, const kernel_state &state);
