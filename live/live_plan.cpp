@@ -46,9 +46,14 @@ std::string why_not_bound(const kernel_state &state, int ifindex, const kernel_l
         return "it does not use ARP";
     if (ifindex >= static_cast<int>(LIVE_IFINDEXES))
         return fmt::format("its index is over {}", LIVE_IFINDEXES - 1);
-    for (const auto &[above, other] : state.links)
-        if (other.lower == ifindex && (other.kind == "ipvlan" || other.kind == "ipvtap"))
+    for (const auto &[above, other] : state.links) {
+        if (other.lower != ifindex)
+            continue;
+        if (other.kind == "ipvlan" || other.kind == "ipvtap")
             return other.name + " shares its MAC address";
+        if (other.kind == "vlan") // many a device takes the tag out of the frame, and the program does not see it
+            return other.name + " takes frames from it by their tag";
+    }
     const auto conf = state.netconfs.find(ifindex);
     if (conf == state.netconfs.end() || !conf->second.forwards)
         return "its forwarding is off";

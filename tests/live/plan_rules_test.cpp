@@ -73,7 +73,7 @@ TEST_F(plan_rules, with_statements_only_the_named_links_are_ports)
 TEST_F(plan_rules, a_port_that_can_not_be_bound_says_why)
 {
     world.statements("port lo ctx 0\nport eth1 ctx 0\nport eth2 ctx 0\nport eth3 ctx 0\nport eth4 ctx 0\n"
-                     "port eth5 ctx 0\n");
+                     "port eth5 ctx 0\nport eth6 ctx 0\nport eth6.100 ctx 0\n");
     world.state.netconfs[2].forwards = false;
     world.link(4, "eth3").has_arp = false;
     kernel_link &member = world.link(5, "eth4");
@@ -83,7 +83,13 @@ TEST_F(plan_rules, a_port_that_can_not_be_bound_says_why)
     kernel_link &above = world.link(7, "ipvl0");
     above.kind = "ipvlan";
     above.lower = 6;
+    world.link(8, "eth6");
+    kernel_link &tagged = world.link(9, "eth6.100");
+    tagged.kind = "vlan";
+    tagged.lower = 8;
     const live_plan plan = world.plan();
+    EXPECT_EQ(plan.ports.at(8).why_not, "eth6.100 takes frames from it by their tag");
+    EXPECT_TRUE(plan.ports.at(9).is_bound);
     EXPECT_EQ(plan.ports.at(1).why_not, "it is no Ethernet link");
     EXPECT_EQ(plan.ports.at(2).why_not, "its forwarding is off");
     EXPECT_EQ(plan.ports.at(4).why_not, "it does not use ARP");
