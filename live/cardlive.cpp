@@ -80,8 +80,9 @@ struct card {
     std::vector<kernel_rule> rules;
     bool has_plan = false, was_current = false;
     bool has_rules = false;
-    bool is_new_manager = false; // one has started and has no table yet
-    bool is_said = false;        // that the card stands
+    bool is_new_manager = false;  // one has started and has no table yet
+    bool is_said = false;         // that the card stands
+    bool has_closed_port = false; // one is to be attached anew
     std::uint64_t renewed_ms = 0, rules_ms = 0;
     int server = -1, signals = -1;
     int child = -1, child_pid = -1; // routectl, with the operator's routes
@@ -384,6 +385,12 @@ void set_rules(card &c)
         say(c, error);
 }
 
+bool has_local_routes(const kernel_changes &changes)
+{
+    return std::any_of(changes.routes.begin(), changes.routes.end(),
+                       [](const auto &route) { return route.first == KERNEL_TABLE_LOCAL; });
+}
+
 // Takes the kernel's changes into the plan and into what is wanted.
 void follow(card &c)
 {
@@ -404,8 +411,11 @@ void follow(card &c)
         for (const auto &[ifindex, port] : c.plan.ports)
             if (port.is_bound)
                 c.ids[ifindex] = port.id;
-    if (is_whole || !c.changes.links.empty())
+    if (is_whole || c.has_closed_port || !c.changes.links.empty())
         live_ports_apply(c.ports, c.maps, c.plan, state);
+    if (is_whole || !c.changes.links.empty() || has_local_routes(c.changes))
+        live_ports_set_own(c.maps, state);
+    c.has_closed_port = false;
     if (is_whole)
         live_wants_all(c.sync, c.plan, state, is_current ? "" : "the kernel's routes are read again");
     else
@@ -433,6 +443,7 @@ void renew(card &c)
     if (now < c.renewed_ms + std::min<std::uint64_t>(RENEW_MOST_MS, c.conf.stale_ms / 4))
         return;
     c.renewed_ms = now;
+    c.has_closed_port = live_ports_check(c.ports, c.maps) || c.has_closed_port;
     live_maps_renew(c.maps);
 }
 
@@ -530,6 +541,9 @@ int serve_card(int argc, char **argv)
     std::printf("cardlive: serves %s\n", card_dir_path().c_str());
     std::fflush(stdout);
     const int status = run(c);
+    // What changes from now on is seen by nobody, so all packets go to the kernel until the next process has looked.
+    for (std::uint32_t ctx = 0; ctx < LIVE_CONTEXTS; ++ctx)
+        live_maps_hold(c.maps, ctx);
     live_procedures_close();
     if_db_close(&c.db);
     c.barrier.reset();

@@ -1,6 +1,7 @@
 // live_ports.cpp - attaches and binds, opens and closes the ports.
 #include "live_ports.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <fmt/format.h>
@@ -56,17 +57,36 @@ void store(live_ports &ports, live_maps &maps, const std::string &name, const li
            live_port_state &port)
 {
     std::string why;
+    if (port.stored.ifid != 0 && port.stored.ifid != wanted.ifid) {
+        close_port(maps, port);
+        live_maps_remove_device(maps, port.stored.ifid);
+    }
     const bool is_changed = !is_same(port.stored, wanted);
     if (!is_usable)
         close_port(maps, port);
-    else if ((!port.is_open || is_changed) && live_maps_open_port(maps, wanted, why) == 0)
-        port.is_open = true;
+    else if (!port.is_open || is_changed) {
+        if (live_maps_open_port(maps, wanted, why) == 0)
+            port.is_open = true;
+        else
+            close_port(maps, port); // what it was opened with does not hold any more
+    }
     if ((!port.is_bound || is_changed) && live_maps_bind(maps, wanted, why) == 0)
         port.is_bound = true;
     if (!why.empty() && port.failed != why)
         ports.say(fmt::format("{}: {}", name, why));
     port.failed = why;
     port.stored = wanted;
+}
+
+// What an entry of the table local adds to the host's own addresses.
+void add_own(std::vector<std::uint32_t> &own, const kernel_prefix &prefix)
+{
+    // Beyond that, each bit has several of its addresses.
+    constexpr std::uint64_t MOST = LIVE_SOURCE_BITS;
+    const std::uint64_t count =
+        std::min<std::uint64_t>(std::uint64_t{kernel_prefix_last(prefix)} - prefix.address + 1, MOST);
+    for (std::uint64_t i = 0; i < count && !live_plan_is_passed_by(prefix); ++i)
+        own.push_back(prefix.address + static_cast<std::uint32_t>(i));
 }
 } // namespace
 
@@ -122,9 +142,29 @@ void live_ports_apply(live_ports &ports, live_maps &maps, const live_plan &plan,
                   {wanted.id, static_cast<std::uint32_t>(ifindex), link->second.mac, wanted.ctx, link->second.mtu},
                   is_usable(state, ifindex), port);
     }
+}
+
+bool live_ports_check(live_ports &ports, live_maps &maps)
+{
+    bool is_changed = false;
+    for (auto &[ifindex, port] : ports.ports)
+        if (port.is_attached && port.mode == live_mode::native &&
+            !live_maps_takes_frames(static_cast<std::uint32_t>(ifindex))) {
+            close_port(maps, port);
+            port.is_attached = false;
+            is_changed = true;
+        }
+    return is_changed;
+}
+
+void live_ports_set_own(live_maps &maps, const kernel_state &state)
+{
     std::vector<std::uint32_t> own;
     for (const auto &[ifindex, addresses] : state.addresses)
         for (const kernel_address &address : addresses)
             own.push_back(address.address);
+    if (const auto local = state.tables.find(KERNEL_TABLE_LOCAL); local != state.tables.end())
+        for (const auto &route : local->second.routes)
+            add_own(own, route.first);
     live_maps_set_own_addresses(maps, own);
 }

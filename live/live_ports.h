@@ -33,5 +33,11 @@ live_ids live_ports_ids(const live_maps &maps);
 
 // Closes what is down, at once. `links`: those that may have changed.
 void live_ports_close(live_ports &ports, live_maps &maps, const kernel_state &state, const std::set<int> &links);
-// Brings attachments and words to what the plan says, and the host's own addresses.
+// Brings attachments and words to what the plan says.
 void live_ports_apply(live_ports &ports, live_maps &maps, const live_plan &plan, const kernel_state &state);
+// Closes ports that were attached natively and whose drivers take frames of other ports no more, which no message
+// tells. Returns whether there was one: live_ports_apply attaches it anew.
+[[nodiscard]] bool live_ports_check(live_ports &ports, live_maps &maps);
+// Tells the program the host's own addresses: those of its links, and all that the table local answers. The kernel
+// drops what names one of them as its source, or may do so.
+void live_ports_set_own(live_maps &maps, const kernel_state &state);

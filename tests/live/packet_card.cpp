@@ -5,7 +5,9 @@
 #include <bpf/bpf.h>
 #include <fcntl.h>
 #include <linux/bpf.h>
+#include <linux/ethtool.h>
 #include <linux/if_packet.h>
+#include <linux/sockios.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <poll.h>
@@ -134,6 +136,17 @@ net_space::~net_space()
 void command(const std::string &line) { EXPECT_EQ(std::system(line.c_str()), 0) << line; }
 
 std::uint32_t index_of(const std::string &device) { return if_nametoindex(device.c_str()); }
+
+void set_gro(const std::string &device, bool is_on)
+{
+    ethtool_value value = {ETHTOOL_SGRO, is_on ? 1u : 0u};
+    ifreq request{};
+    device.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    request.ifr_data = reinterpret_cast<char *>(&value);
+    const int asked = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(ioctl(asked, SIOCETHTOOL, &request), 0) << device;
+    close(asked);
+}
 
 std::uint64_t mac_of_device(const std::string &device)
 {

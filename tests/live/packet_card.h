@@ -43,6 +43,7 @@ struct net_space {
 void command(const std::string &line); // by the shell; a test failure when it fails
 std::uint32_t index_of(const std::string &device);
 std::uint64_t mac_of_device(const std::string &device);
+void set_gro(const std::string &device, bool is_on); // as ethtool -K does
 
 // A socket that sends frames on a device and takes those that come in by it.
 struct frame_socket {

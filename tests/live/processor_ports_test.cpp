@@ -1,11 +1,6 @@
 // processor_ports_test.cpp - the packet program attached to devices: real frames between veth pairs.
 //
 // A pair is a port (a0) and what is plugged into it (a1); all are in one namespace of the test's own.
-#include <linux/ethtool.h>
-#include <linux/sockios.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -51,17 +46,6 @@ void make_pair(const std::string &name)
     command("ip link set " + name + "0 up && ip link set " + name + "1 up");
 }
 
-// As `ethtool -K DEVICE gro on|off` does.
-void set_gro(const std::string &device, bool is_on)
-{
-    ethtool_value value = {ETHTOOL_SGRO, is_on ? 1u : 0u};
-    ifreq request{};
-    device.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    request.ifr_data = reinterpret_cast<char *>(&value);
-    const int asked = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(ioctl(asked, SIOCETHTOOL, &request), 0) << device;
-    close(asked);
-}
 // A veth takes frames from native programs while its pair polls for them.
 void take_frames(const std::string &name)
 {
