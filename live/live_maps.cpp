@@ -411,6 +411,12 @@ void live_maps_set_own_addresses(live_maps &maps, std::span<const std::uint32_t>
         store(word_of(maps, LIVE_MAP_SOURCES, at), bits[at]);
 }
 
+void live_maps_set_all_own(live_maps &maps)
+{
+    for (std::uint32_t at = 0; at < LIVE_SOURCE_BITS / 64; ++at)
+        store(word_of(maps, LIVE_MAP_SOURCES, at), ~std::uint64_t{0});
+}
+
 // --- Held back, and alive.
 
 void live_maps_hold(live_maps &maps, std::uint32_t ctx) { store(control_of(maps).forwards[ctx], 0u); }

@@ -72,6 +72,7 @@ std::uint32_t live_maps_device(const live_maps &maps, std::uint32_t ifid); // it
 // Every address that is the host's own, wherever (host order): packets that name one of them as their source go to the
 // kernel, which takes them for forged. Replaces what was given before; what is in both stays set throughout.
 void live_maps_set_own_addresses(live_maps &maps, std::span<const std::uint32_t> addresses);
+void live_maps_set_all_own(live_maps &maps); // any address may be one: all packets go to the kernel
 
 // --- Held back, and alive.
 

@@ -1,7 +1,6 @@
 // live_ports.cpp - attaches and binds, opens and closes the ports.
 #include "live_ports.h"
 
-#include <algorithm>
 #include <vector>
 
 #include <fmt/format.h>
@@ -78,15 +77,17 @@ void store(live_ports &ports, live_maps &maps, const std::string &name, const li
     port.stored = wanted;
 }
 
-// What an entry of the table local adds to the host's own addresses.
-void add_own(std::vector<std::uint32_t> &own, const kernel_prefix &prefix)
+// Adds the addresses of an entry of the table local. Returns false when they are too many.
+bool add_own(std::vector<std::uint32_t> &own, const kernel_prefix &prefix)
 {
-    // Beyond that, each bit has several of its addresses.
-    constexpr std::uint64_t MOST = LIVE_SOURCE_BITS;
-    const std::uint64_t count =
-        std::min<std::uint64_t>(std::uint64_t{kernel_prefix_last(prefix)} - prefix.address + 1, MOST);
-    for (std::uint64_t i = 0; i < count && !live_plan_is_passed_by(prefix); ++i)
-        own.push_back(prefix.address + static_cast<std::uint32_t>(i));
+    constexpr std::uint32_t SHORTEST = 20;
+    if (live_plan_is_passed_by(prefix))
+        return true;
+    if (prefix.length < SHORTEST)
+        return false;
+    for (std::uint64_t address = prefix.address; address <= kernel_prefix_last(prefix); ++address)
+        own.push_back(static_cast<std::uint32_t>(address));
+    return true;
 }
 } // namespace
 
@@ -163,8 +164,12 @@ void live_ports_set_own(live_maps &maps, const kernel_state &state)
     for (const auto &[ifindex, addresses] : state.addresses)
         for (const kernel_address &address : addresses)
             own.push_back(address.address);
+    bool has_all = true;
     if (const auto local = state.tables.find(KERNEL_TABLE_LOCAL); local != state.tables.end())
         for (const auto &route : local->second.routes)
-            add_own(own, route.first);
-    live_maps_set_own_addresses(maps, own);
+            has_all = add_own(own, route.first) && has_all;
+    if (has_all)
+        live_maps_set_own_addresses(maps, own);
+    else
+        live_maps_set_all_own(maps);
 }

@@ -142,4 +142,7 @@ TEST_F(live_port_rules, whatever_the_table_local_answers_is_the_hosts_own)
         EXPECT_TRUE(is_own(own)) << std::hex << own;
     for (const std::uint32_t other : {0x0A010002u, 0xC0000204u, 0x08080808u})
         EXPECT_FALSE(is_own(other)) << std::hex << other;
+    (void)kernel_table_set(local, kernel_prefix_of(0x0B000000, 8), {route}); // more than can be told apart
+    live_ports_set_own(card.maps, state);
+    EXPECT_TRUE(is_own(0x08080808));
 }
