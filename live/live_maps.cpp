@@ -498,7 +498,7 @@ int live_maps_counters(const live_maps &maps, std::uint32_t ifid, live_counters 
 }
 
 int live_maps_trace(const live_maps &maps, std::uint32_t ifindex, std::vector<std::uint8_t> &frame, live_trace &trace,
-                    std::string &why)
+                    std::string &why, live_searched table)
 {
     xdp_md context{};
     context.data_end = static_cast<std::uint32_t>(frame.size());
@@ -512,6 +512,7 @@ int live_maps_trace(const live_maps &maps, std::uint32_t ifindex, std::vector<st
     run.data_size_out = static_cast<std::uint32_t>(out.size());
     run.ctx_in = &context;
     run.ctx_size_in = sizeof context;
+    maps.program->skeleton->bss->asked_table = table;
     if (bpf_prog_test_run_opts(bpf_program__fd(maps.program->skeleton->progs.card_trace), &run) != 0) {
         why = std::string("running the packet program: ") + std::strerror(errno);
         return 1;

@@ -95,8 +95,9 @@ std::uint64_t live_maps_renewed_ns(const live_maps &maps); // CLOCK_MONOTONIC of
 
 // Runs the program on a frame as if it had come in by the device `ifindex` of this network namespace. Counts nothing
 // and sends nothing. `frame` becomes what would leave. One caller at a time.
+//   table: the one to be searched, also while packets may not be, or NONE for what happens to a packet now.
 [[nodiscard]] int live_maps_trace(const live_maps &maps, std::uint32_t ifindex, std::vector<std::uint8_t> &frame,
-                                  live_trace &trace, std::string &why);
+                                  live_trace &trace, std::string &why, live_searched table = LIVE_SEARCHED_NONE);
 
 // --- Attachments.
 

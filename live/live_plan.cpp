@@ -62,7 +62,8 @@ std::string why_not_bound(const kernel_state &state, int ifindex, const kernel_l
 
 void add_ports(live_plan &plan, const kernel_state &state, const live_conf &conf)
 {
-    for (const auto &[ifindex, link] : state.links) {
+    for (const auto &[ifindex, entry] : state.links) {
+        const kernel_link &link = entry; // a lambda can not take the other name
         live_plan_port port;
         port.name = link.name;
         const auto named = std::find_if(conf.ports.begin(), conf.ports.end(),

@@ -51,8 +51,10 @@ struct {
 /* Processors of this machine: what the loader makes room for. */
 const volatile uint32_t card_processors = 1;
 
-/* What card_trace saw last. */
+/* What card_trace saw last, and the table that it takes the packet to: enum live_searched, or NONE for what happens to
+ * a packet now. */
 struct live_trace traced;
+uint32_t asked_table;
 
 /* The value of a MAPPED map: the loader makes the reference to such a map the address of its value. The compiler is
  * not to know what stands there. */
@@ -237,7 +239,7 @@ INLINE enum live_reason send_on(struct xdp_md *ctx, const struct headers *h, str
 }
 
 /* By which port and for which context the packet came in, and whether the card forwards it at all. */
-INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, uint32_t *earlier)
+INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, uint32_t *earlier, uint32_t asked)
 {
     const struct live_control *control = VALUE_OF(card_control);
     const struct live_ingress *ports = VALUE_OF(card_ingress);
@@ -251,11 +253,11 @@ INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, ui
             t->port = ifid;
     }
     t->ctx = live_ingress_ctx(in);
-    t->table = LOAD_ONCE(control->searched);
+    t->table = asked != LIVE_SEARCHED_NONE ? asked : LOAD_ONCE(control->searched);
     if (t->table != LIVE_SEARCHED_TABLE_0 && t->table != LIVE_SEARCHED_TABLE_1)
         return LIVE_NO_TABLE;
     const int64_t age = (int64_t)(bpf_jiffies64() - LOAD_ONCE(control->renewed_ticks));
-    if (age > (int64_t)LOAD_ONCE(control->stale_after_ticks))
+    if (asked == LIVE_SEARCHED_NONE && age > (int64_t)LOAD_ONCE(control->stale_after_ticks))
         return LIVE_STALE;
     if ((in & LIVE_INGRESS_BOUND) == 0)
         return LIVE_UNBOUND;
@@ -264,16 +266,17 @@ INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, ui
     if (mac_at(frame) != (in & LIVE_MAC_MASK))
         return LIVE_NOT_OURS;
     const uint32_t forwards = LOAD_ONCE(control->forwards[t->ctx]);
-    if (forwards == 0)
+    if (forwards == 0 && asked == LIVE_SEARCHED_NONE)
         return LIVE_HELD;
     *earlier = t->table + forwards;
     return LIVE_FORWARDED;
 }
 
-INLINE enum live_reason judge(struct xdp_md *ctx, struct live_trace *t)
+/* asked: a table to take in place of the one that is searched, whether packets may use it or not. */
+INLINE enum live_reason judge(struct xdp_md *ctx, struct live_trace *t, uint32_t asked)
 {
     uint32_t earlier = 0;
-    enum live_reason reason = admit(ctx, t, &earlier);
+    enum live_reason reason = admit(ctx, t, &earlier, asked);
     if (reason != LIVE_FORWARDED)
         return reason;
 
@@ -338,7 +341,7 @@ INLINE void count(const struct live_trace *t, uint64_t bytes)
 SEC("card") int card_forward(struct xdp_md *ctx)
 {
     struct live_trace t = {};
-    t.reason = judge(ctx, &t);
+    t.reason = judge(ctx, &t, LIVE_SEARCHED_NONE);
     count(&t, ctx->data_end - ctx->data);
     return t.reason == LIVE_FORWARDED ? XDP_REDIRECT : XDP_PASS;
 }
@@ -347,7 +350,7 @@ SEC("card") int card_forward(struct xdp_md *ctx)
 SEC("card") int card_trace(struct xdp_md *ctx)
 {
     struct live_trace t = {};
-    t.reason = judge(ctx, &t);
+    t.reason = judge(ctx, &t, LOAD_ONCE(asked_table));
     traced = t;
     return t.reason == LIVE_FORWARDED ? XDP_REDIRECT : XDP_PASS;
 }
