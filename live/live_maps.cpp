@@ -72,7 +72,7 @@ std::uint64_t ticks_of(std::uint64_t ns)
 
 // What the library first complained about: the only place where its reason for a failure stands.
 std::string complaint;
-int keep_complaint(libbpf_print_level level, const char *format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] int keep_complaint(libbpf_print_level level, const char *format, va_list arguments)
 {
     if (level != LIBBPF_WARN || !complaint.empty())
         return 0;

@@ -14,7 +14,7 @@ using namespace harness;
 namespace
 {
 constexpr int PORTS = 5; // links 2 to 6
-constexpr std::uint32_t OTHER_TABLE = 100, OTHER_CTX = 3;
+constexpr std::uint32_t OTHER_TABLE = 100;
 
 // A kernel whose every part is drawn, and changes of it.
 struct chance_world {
