@@ -55,14 +55,13 @@ template <typename Map, typename Note> void note_differences(const Map &from, co
 // Whether the kernel takes a path at all. is_clear: becomes false when that is not sure.
 bool is_used(const kernel_state &state, const kernel_hop &hop, bool *is_clear)
 {
-    if (hop.is_dead)
-        return false;
     const auto link = state.links.find(hop.ifindex);
-    if (link == state.links.end() || !link->second.is_up)
-        *is_clear = false; // the route goes any moment, or is there anew
-    else if (!link->second.has_carrier && kernel_ignores_linkdown(state, hop.ifindex))
+    const bool is_up = link != state.links.end() && link->second.is_up;
+    // A path over a link that is down is dead, else it goes or comes to life any moment. One that is to be passed over
+    // without carrier is told as dead too, but a set of paths keeps to it until the kernel weighs the set again.
+    if (is_up == hop.is_dead || (is_up && !link->second.has_carrier && kernel_ignores_linkdown(state, hop.ifindex)))
         *is_clear = false;
-    return true;
+    return !hop.is_dead;
 }
 
 kernel_answer other(const char *reason) { return {kernel_verdict::other, {}, reason}; }
@@ -120,6 +119,7 @@ bool kernel_link_is_alike(const kernel_link &a, const kernel_link &b)
 {
     kernel_link like_a = b;
     like_a.has_carrier = a.has_carrier;
+    like_a.is_running = a.is_running;
     like_a.mac = a.mac;
     like_a.mtu = a.mtu;
     return like_a == a;

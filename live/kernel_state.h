@@ -37,6 +37,7 @@ struct kernel_link {
     bool is_ethernet = false;
     bool is_up = false;       // administratively
     bool has_carrier = false; // as the kernel judges it for its routes
+    bool is_running = false;  // as it is told a little later, when the routes follow the carrier
     bool has_arp = true;      // neighbours are looked for
     bool operator==(const kernel_link &) const = default;
 };

@@ -121,6 +121,7 @@ void decode_link(bool is_new, bytes payload, kernel_state &state, netlink_news &
     link.is_ethernet = parts->head.ifi_type == ARPHRD_ETHER && (flags & IFF_LOOPBACK) == 0;
     link.is_up = (flags & IFF_UP) != 0;
     link.has_carrier = (flags & (IFF_RUNNING | LOWER_UP)) != 0;
+    link.is_running = (flags & IFF_RUNNING) != 0;
     link.has_arp = (flags & IFF_NOARP) == 0;
     visit_attributes(parts->attributes, [&link](std::uint16_t type, bytes value) {
         if (type == IFLA_IFNAME)
@@ -137,11 +138,16 @@ void decode_link(bool is_new, bytes payload, kernel_state &state, netlink_news &
             read_link_info(value, link);
     });
     // A wireless device tells of its own affairs in a message of this kind, with nothing else in it.
-    if (link.name.empty() || (known != state.links.end() && known->second == link))
+    if (link.name.empty())
         return;
+    // Routes go and come to life without a message. Paths follow the carrier, which may have been told before they did:
+    // then the message says nothing new.
     const bool is_first = known == state.links.end();
-    if (is_first || known->second.is_up != link.is_up || known->second.has_carrier != link.has_carrier)
-        news.read_again = true; // routes go, or come to life, without a message
+    if (is_first || known->second.is_up != link.is_up || known->second.is_running != link.is_running ||
+        (link.is_up && !link.is_running))
+        news.read_again = true;
+    if (!is_first && known->second == link)
+        return;
     kernel_changes_add_link(news.changes, ifindex, !is_first && kernel_link_is_alike(known->second, link));
     state.links.insert_or_assign(ifindex, link);
 }
@@ -176,6 +182,8 @@ void decode_netconf(bool is_new, bytes payload, kernel_state &state, netlink_new
         conf.ignores_linkdown = *ignoring != 0;
     if (state.netconfs[*ifindex] == conf)
         return;
+    if (state.netconfs[*ifindex].ignores_linkdown != conf.ignores_linkdown)
+        news.read_again = true; // paths over links without carrier are told as dead, or not
     state.netconfs[*ifindex] = conf;
     note_link(news, *ifindex);
 }

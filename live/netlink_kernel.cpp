@@ -73,7 +73,8 @@ struct netlink_kernel {
     bool is_interrupted = false;
     std::deque<std::vector<std::uint8_t>> heard; // while reading
 
-    std::set<std::pair<int, std::uint32_t>> managed;
+    std::set<std::pair<int, std::uint32_t>> managed; // wanted
+    std::set<std::pair<int, std::uint32_t>> kept;    // of these, those that the kernel was seen to manage
     netlink_counts counts;
 };
 
@@ -258,13 +259,20 @@ void ask_for(netlink_kernel &kernel, const std::pair<int, std::uint32_t> &neighb
     (void)request(kernel, message); // asked again when the link or the entry changes
 }
 
-// Neighbours that the kernel has dropped, or could not look for, are asked for again.
+// Neighbours that the kernel has dropped, does not manage any more, or could not look for, are asked for again.
 void ask_again(netlink_kernel &kernel, const kernel_changes &changes)
 {
-    for (const auto &neighbour : kernel.managed)
-        if (changes.links.count(neighbour.first) != 0 ||
-            (changes.neighbours.count(neighbour) != 0 && kernel.state.neighbours.count(neighbour) == 0))
+    for (const auto &neighbour : kernel.managed) {
+        const bool has_changed = changes.neighbours.count(neighbour) != 0;
+        if (!has_changed && changes.links.count(neighbour.first) == 0)
+            continue;
+        const auto known = kernel.state.neighbours.find(neighbour);
+        const bool is_there = known != kernel.state.neighbours.end();
+        if (is_there && known->second.is_managed)
+            kernel.kept.insert(neighbour);
+        else if (kernel.kept.erase(neighbour) != 0 || !is_there || !has_changed)
             ask_for(kernel, neighbour, true);
+    }
 }
 
 void end_reading(netlink_kernel &kernel, kernel_changes &changes)
@@ -517,6 +525,7 @@ void netlink_kernel_manage(netlink_kernel &kernel, int ifindex, std::uint32_t ad
 
 void netlink_kernel_unmanage(netlink_kernel &kernel, int ifindex, std::uint32_t address)
 {
+    kernel.kept.erase({ifindex, address});
     if (kernel.managed.erase({ifindex, address}) != 0)
         ask_for(kernel, {ifindex, address}, false);
 }

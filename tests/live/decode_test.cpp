@@ -159,7 +159,7 @@ TEST_F(decode, a_link_with_its_master_and_kinds)
     expected.mtu = 1400;
     expected.master = 9;
     expected.lower = 4;
-    expected.is_ethernet = expected.is_up = expected.has_carrier = expected.has_arp = true;
+    expected.is_ethernet = expected.is_up = expected.has_carrier = expected.is_running = expected.has_arp = true;
     EXPECT_EQ(state.links.at(5), expected);
     EXPECT_EQ(news.changes.links, std::set<int>{5});
     EXPECT_TRUE(news.changes.carriers.empty());

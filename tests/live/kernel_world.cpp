@@ -60,7 +60,7 @@ kernel_link &kernel_world::link(int ifindex, const std::string &name)
     made.name = name;
     made.mac = 0x020000000000u + static_cast<unsigned>(ifindex);
     made.mtu = 1500;
-    made.is_ethernet = made.is_up = made.has_carrier = true;
+    made.is_ethernet = made.is_up = made.has_carrier = made.is_running = true;
     state.netconfs[ifindex].forwards = true;
     return made;
 }
@@ -136,22 +136,24 @@ step take(const kernel_state &state, const kernel_route &route, std::uint32_t ad
         return step::next_table;
     if (route.type != RTN_UNICAST)
         return step::stays;
+    bool is_odd = !route.is_plain;
     for (const kernel_hop &hop : route.hops) {
-        const auto link = state.links.find(hop.ifindex);
+        const kernel_link &link = state.links.at(hop.ifindex);
         const auto conf = state.netconfs.find(hop.ifindex), all = state.netconfs.find(KERNEL_ALL_LINKS);
         const bool ignores = (conf != state.netconfs.end() && conf->second.ignores_linkdown) ||
                              (all != state.netconfs.end() && all->second.ignores_linkdown);
-        if (hop.is_dead || (link != state.links.end() && !link->second.has_carrier && ignores))
-            continue;
-        exits->insert({hop.gateway == 0 ? address : hop.gateway, hop.ifindex});
+        // Whether a set of paths still has one over a link without carrier depends on what came before.
+        is_odd = is_odd || !hop.is_plain || (link.is_up && (hop.is_dead || (ignores && !link.has_carrier)));
+        if (!hop.is_dead)
+            exits->insert({hop.gateway == 0 ? address : hop.gateway, hop.ifindex});
+    }
+    if (is_odd) {
+        exits->clear(); // by another size or an encapsulation, or who knows
+        return step::stays;
     }
     if (exits->empty())
         return step::next_prefix;
-    const bool is_odd = !route.is_plain || std::any_of(route.hops.begin(), route.hops.end(),
-                                                       [](const kernel_hop &h) { return !h.is_plain; });
-    if (is_odd)
-        exits->clear(); // with another size or an encapsulation
-    return is_odd ? step::stays : step::leaves;
+    return step::leaves;
 }
 
 step search(const kernel_state &state, const kernel_table &table, std::uint32_t address, std::uint8_t tos,
@@ -233,6 +235,22 @@ std::string shown(const live_plan &plan)
         for (const auto &[address, host] : context.card.hosts)
             text += "  host " + address_text(address) + "@" + std::to_string(host.ifindex) + " uses " +
                     std::to_string(host.uses) + "\n";
+    }
+    return text;
+}
+
+std::string shown(const std::vector<kernel_route> &routes)
+{
+    std::string text;
+    for (const kernel_route &route : routes) {
+        text += "[type " + std::to_string(route.type) + " metric " + std::to_string(route.metric) + " tos " +
+                std::to_string(route.tos) + " scope " + std::to_string(route.scope) + " protocol " +
+                std::to_string(route.protocol) + " nhid " + std::to_string(route.nexthop_id) +
+                (route.is_plain ? "" : " odd");
+        for (const kernel_hop &hop : route.hops)
+            text += ", " + address_text(hop.gateway) + "@" + std::to_string(hop.ifindex) + " weight " +
+                    std::to_string(hop.weight) + (hop.is_dead ? " dead" : "") + (hop.is_plain ? "" : " odd");
+        text += "]";
     }
     return text;
 }

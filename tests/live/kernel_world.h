@@ -47,6 +47,7 @@ kernel_exits exits_of(const kernel_state &state, const std::string &link, std::u
 // The first and the last address of every prefix of tables and plan, and those just outside.
 std::set<std::uint32_t> boundaries_of(const kernel_state &state, const live_plan &plan);
 
-// What a plan says, line by line, for a failure's text.
+// For a failure's text: what a plan says, line by line; the routes of a prefix.
 std::string shown(const live_plan &plan);
+std::string shown(const std::vector<kernel_route> &routes);
 } // namespace harness

@@ -256,7 +256,10 @@ TEST_F(plan_rules, a_dead_path_is_left_out)
     kernel_route route = route_of(RTN_UNICAST, {{"10.1.0.9", 2}, {"10.2.0.9", 3}});
     route.hops[0].is_dead = true;
     world.routes(KERNEL_TABLE_MAIN, "20.0.0.0/8", {route});
+    world.state.links.at(2).is_up = false;
     EXPECT_EQ(paths("20.0.0.0/8"), (std::vector<live_path>{{ip("10.2.0.9"), 3}}));
+    world.state.links.at(2).is_up = true; // dead for want of a carrier: not for every set
+    EXPECT_EQ(why_up("20.0.0.0/8"), "over a link that is down");
 }
 
 TEST_F(plan_rules, a_path_that_the_kernel_passes_over_without_carrier_sends_its_route_up)
