@@ -161,6 +161,7 @@ struct live_trace {
     uint32_t path;      /* 0 the leaf's own word, 1 to 7 an entry of the set */
     uint32_t ifid;      /* where it goes */
     uint32_t encap;
+    uint32_t bytes; /* of the frame that leaves */
 };
 
 #ifdef __cplusplus

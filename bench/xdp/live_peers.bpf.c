@@ -60,17 +60,16 @@ INLINE void next_packet(struct xdp_md *ctx)
     *(uint16_t *)(ip + 10) = (uint16_t)~sum;
 }
 
-INLINE int counted(struct xdp_md *ctx, struct live_trace *t)
+INLINE int counted(const struct live_trace *t)
 {
-    count(t, ctx->data_end - ctx->data);
-    return t->reason == LIVE_FORWARDED ? XDP_REDIRECT : XDP_PASS;
+    return t->reason == LIVE_FORWARDED ? count_sent(t) : count_kept(t);
 }
 
 /* All that the card looks at before it searches. */
 INLINE enum live_reason looked_at(struct xdp_md *ctx, struct live_trace *t, struct headers *h)
 {
     uint32_t earlier;
-    enum live_reason reason = admit(ctx, t, &earlier);
+    enum live_reason reason = admit(ctx, t, &earlier, LIVE_SEARCHED_NONE);
     if (reason != LIVE_FORWARDED)
         return reason;
     const uint8_t *ip = (const uint8_t *)(long)ctx->data + ETH_BYTES;
@@ -91,8 +90,8 @@ SEC("card") int peer_packet(struct xdp_md *ctx)
 INLINE int walked(struct xdp_md *ctx)
 {
     struct live_trace t = {};
-    t.reason = judge(ctx, &t);
-    return counted(ctx, &t);
+    t.reason = judge(ctx, &t, LIVE_SEARCHED_NONE);
+    return counted(&t);
 }
 SEC("card") int peer_walk(struct xdp_md *ctx)
 {
@@ -115,7 +114,7 @@ INLINE int trie_found(struct xdp_md *ctx)
         } else
             t.reason = LIVE_NO_ROUTE;
     }
-    return counted(ctx, &t);
+    return counted(&t);
 }
 SEC("card") int peer_trie_lookup(struct xdp_md *ctx)
 {
@@ -147,6 +146,7 @@ INLINE enum live_reason send_as_found(struct xdp_md *ctx, const struct headers *
     *check = (uint16_t)(up + (up >= 0xFFFF));
     ip[8] = (uint8_t)(h->ttl - 1);
     t->ifid = 1; /* counts under some port */
+    t->bytes = ETH_BYTES + h->bytes;
     return LIVE_FORWARDED;
 }
 INLINE int fib_found(struct xdp_md *ctx)
@@ -156,7 +156,7 @@ INLINE int fib_found(struct xdp_md *ctx)
     t.reason = looked_at(ctx, &t, &h);
     if (t.reason == LIVE_FORWARDED)
         t.reason = send_as_found(ctx, &h, &t);
-    return counted(ctx, &t);
+    return counted(&t);
 }
 SEC("card") int peer_fib_lookup(struct xdp_md *ctx)
 {

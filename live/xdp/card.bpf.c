@@ -159,10 +159,8 @@ INLINE int checksum_is_right(const uint32_t *words)
 {
     uint64_t sum = (uint64_t)words[0] + words[1] + words[2] + words[3] + words[4];
     sum = (sum & 0xFFFFFFFF) + (sum >> 32);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    return sum == 0xFFFF;
+    const uint32_t whole = (uint32_t)(sum + (sum >> 32)); /* in ones' complement, of 32 bits */
+    return (whole + (whole >> 16 | whole << 16)) >> 16 == 0xFFFF;
 }
 
 /* What the kernel would look at first. */
@@ -230,6 +228,7 @@ INLINE enum live_reason send_on(struct xdp_md *ctx, const struct headers *h, str
         return LIVE_BROKEN;
     put_mac(frame, neighbour);
     put_mac(frame + ETH_SOURCE_AT, port);
+    t->bytes = ETH_BYTES + h->bytes;
     /* The kernel's own arithmetic, so that 0 and 0xFFFF are told apart as it does. */
     uint16_t *check = (uint16_t *)(ip + 10);
     const uint32_t counted = *check + (uint32_t)bpf_htons(TTL_STEP);
@@ -249,7 +248,7 @@ INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, ui
     if (ifindex < LIVE_IFINDEXES) {
         in = LOAD_ONCE(ports[ifindex].word);
         const uint32_t ifid = (uint32_t)LOAD_ONCE(ports[ifindex].ifid);
-        if ((in & LIVE_INGRESS_BOUND) != 0 && ifid < LIVE_PORTS)
+        if (in != 0 && ifid < LIVE_PORTS)
             t->port = ifid;
     }
     t->ctx = live_ingress_ctx(in);
@@ -259,7 +258,7 @@ INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, ui
     const int64_t age = (int64_t)(bpf_jiffies64() - LOAD_ONCE(control->renewed_ticks));
     if (asked == LIVE_SEARCHED_NONE && age > (int64_t)LOAD_ONCE(control->stale_after_ticks))
         return LIVE_STALE;
-    if ((in & LIVE_INGRESS_BOUND) == 0)
+    if (in == 0)
         return LIVE_UNBOUND;
     if (frame + ETH_BYTES > end || *(const uint16_t *)(frame + ETH_TYPE_AT) != bpf_htons(ETH_TYPE_IPV4))
         return LIVE_NOT_IPV4;
@@ -313,28 +312,33 @@ INLINE enum live_reason judge(struct xdp_md *ctx, struct live_trace *t, uint32_t
 
 /* --- The programs. */
 
-/* A port's row of this processor; no other writes there. */
-INLINE struct live_counters *row_of(uint32_t ifid)
+/* The rows of this processor, by port: no other counts there. */
+INLINE struct live_counters *rows_here(void)
 {
     struct live_counters *rows = VALUE_OF(card_counters);
     const uint32_t processor = bpf_get_smp_processor_id();
-    if (processor >= card_processors || ifid >= LIVE_PORTS)
-        return 0;
-    return rows + processor * LIVE_PORTS + ifid;
+    return processor < card_processors ? rows + processor * LIVE_PORTS : 0;
 }
 
-INLINE void count(const struct live_trace *t, uint64_t bytes)
+INLINE int count_kept(const struct live_trace *t)
 {
-    struct live_counters *row = row_of(t->port);
-    if (row)
-        row->reasons[t->reason] += 1;
-    if (t->reason != LIVE_FORWARDED)
-        return;
-    row = row_of(t->ifid);
-    if (row) {
-        row->out_packets += 1;
-        row->out_bytes += bytes;
+    struct live_counters *rows = rows_here();
+    if (rows)
+        rows[t->port].reasons[t->reason] += 1;
+    return XDP_PASS;
+}
+
+INLINE int count_sent(const struct live_trace *t)
+{
+    struct live_counters *rows = rows_here();
+    if (rows) {
+        rows[t->port].reasons[LIVE_FORWARDED] += 1;
+        if (t->ifid < LIVE_PORTS) {
+            rows[t->ifid].out_packets += 1;
+            rows[t->ifid].out_bytes += t->bytes;
+        }
     }
+    return XDP_REDIRECT;
 }
 
 /* Of every packet of a port. */
@@ -342,8 +346,7 @@ SEC("card") int card_forward(struct xdp_md *ctx)
 {
     struct live_trace t = {};
     t.reason = judge(ctx, &t, LIVE_SEARCHED_NONE);
-    count(&t, ctx->data_end - ctx->data);
-    return t.reason == LIVE_FORWARDED ? XDP_REDIRECT : XDP_PASS;
+    return t.reason == LIVE_FORWARDED ? count_sent(&t) : count_kept(&t);
 }
 
 /* The same of a packet that somebody only asks about: nothing is counted. */

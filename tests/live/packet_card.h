@@ -11,7 +11,7 @@ namespace harness
 {
 constexpr std::uint32_t LOOPBACK = 1; // its ifindex in every network namespace
 
-// Why the kernel takes no program of this process; empty: it does.
+// Why this process can have no packet program at all; empty: it can, and one that the kernel refuses is a failure.
 const std::string &packet_card_missing();
 
 struct packet_card {
