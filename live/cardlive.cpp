@@ -30,10 +30,13 @@
 #include "card_dir.h"
 #include "card_service/if_db.h"
 #include "card_service/manager_link.h"
+#include "card_tool/address_text.h"
 #include "card_tool/tool_app.h"
+#include "kernel_ask.h"
 #include "live_adopt.h"
 #include "live_barrier.h"
 #include "live_conf.h"
+#include "live_look.h"
 #include "live_maps.h"
 #include "live_memory.h"
 #include "live_plan.h"
@@ -52,7 +55,7 @@ constexpr int EXIT_DONE = 0, EXIT_WRONG = 1, EXIT_NO_CARD = 3;
 constexpr std::uint32_t LIVE_UUID = 342;
 constexpr const char *PINS_DEFAULT = "/sys/fs/bpf/card", *ROUTES_FILE = "/etc/card/routes";
 constexpr std::uint64_t RENEW_MOST_MS = 500, SOON_MS = 10, AGAIN_MS = 1000;
-constexpr unsigned CALLS_A_PASS = 64;
+constexpr unsigned CALLS_A_PASS = 64, VERIFY_A_PASS = 256;
 
 struct options {
     std::string conf = LIVE_CONF_FILE, pins, routes = ROUTES_FILE, routectl;
@@ -74,6 +77,11 @@ struct card {
     live_requests requests;
     live_procedures procedures;
     netlink_kernel_ptr kernel;
+    kernel_ask_ptr ask;
+    live_verify asked_verify; // of a tool
+    live_verify verify;       // of the route manager's table, before it is searched
+    bool is_verifying = false;
+    std::uint64_t verify_ms = 0; // not before
     if_db db;
     manager_link link;
     kernel_changes changes; // not in the plan yet
@@ -207,6 +215,52 @@ void say(const card &c, const std::string &line)
     std::fflush(stdout);
 }
 
+// ---- the route manager's table against the kernel ----
+
+live_view view_of(card &c) { return {c.maps, c.plan, state_of(c), *c.ask}; }
+
+// The prefixes that the operator's own file gives a context.
+std::vector<kernel_prefix> given_to(const card &c, std::uint32_t ctx)
+{
+    std::vector<kernel_prefix> prefixes;
+    for (const auto &[given_ctx, prefix, gateway] : live_extra_read(file_text(c.opts.routes)))
+        if (given_ctx == ctx)
+            prefixes.push_back(prefix);
+    return prefixes;
+}
+
+void verify_begin(card &c, std::uint32_t ctx)
+{
+    c.is_verifying = true;
+    c.verify = live_verify_begin(c.plan, state_of(c), ctx, given_to(c, ctx));
+}
+
+// Some of it, so that nothing else waits. What differs is said, and looked at again later.
+void verify_process(card &c)
+{
+    if (!c.is_verifying || c.sync.now_ms < c.verify_ms)
+        return;
+    const live_searched table = c.memory.written == 0 ? LIVE_SEARCHED_TABLE_0 : LIVE_SEARCHED_TABLE_1;
+    std::string why;
+    if (live_verify_some(view_of(c), table, VERIFY_A_PASS, &c.verify, &why) == 0 && !c.verify.differences.empty()) {
+        const live_traced &t = c.verify.differences[0];
+        why = fmt::format("{}: {}, the kernel: {}", address_text(t.packet.destination), t.card, t.kernel);
+    }
+    if (!why.empty()) {
+        say(c, fmt::format("the table is not searched yet: {}", why));
+        c.is_verifying = false;
+        c.verify_ms = c.sync.now_ms + AGAIN_MS;
+        sync_verified(c.sync, false);
+    } else if (c.verify.at == c.verify.addresses.size()) {
+        const auto next = c.plan.contexts.upper_bound(c.verify.ctx);
+        c.is_verifying = next != c.plan.contexts.end();
+        if (c.is_verifying)
+            verify_begin(c, next->first);
+        else
+            sync_verified(c.sync, true);
+    }
+}
+
 void connect_sync(card &c)
 {
     sync_outside &out = c.sync.out;
@@ -232,7 +286,7 @@ void connect_sync(card &c)
         link_call(c.link, procedure, args, std::move(done));
     };
     out.give_extra = [&c] { give_extra(c); };
-    out.verify = [&c] { sync_verified(c.sync, true); };
+    out.verify = [&c] { verify_begin(c, c.plan.contexts.empty() ? 0 : c.plan.contexts.begin()->first); };
     out.search = [&c] { live_memory_search(c.memory); };
     out.say = [&c](const std::string &line) { say(c, line); };
 }
@@ -288,13 +342,21 @@ void connect_parts(card &c)
         return encap < LIVE_ENCAPS && live_maps_encap(c.maps, encap) != 0;
     };
     c.procedures.status = [] { return std::string("{}"); };
+    c.procedures.trace = [&c](std::uint32_t address, std::uint32_t source, std::uint32_t ifid) {
+        return live_look_trace(view_of(c), address, source, ifid);
+    };
+    c.procedures.verify = [&c](std::uint32_t ctx, std::uint32_t *at) {
+        return live_look_verify(view_of(c), c.asked_verify, ctx, given_to(c, ctx), at);
+    };
     c.link.on_arrival = [&c] {
         link_forget(c.link);
         sync_departed(c.sync);
+        c.is_verifying = false;
         c.is_new_manager = true;
     };
     c.link.on_departure = [&c] {
         sync_departed(c.sync);
+        c.is_verifying = false;
         say(c, "route manager: gone");
     };
     c.link.on_message = [](const mts_message &) {};
@@ -349,7 +411,8 @@ int open_card(card &c)
     for (const auto &context : c.conf.tables)
         tables.insert(context.second);
     c.kernel = netlink_kernel_open(tables, &why);
-    if (c.barrier == nullptr || c.kernel == nullptr)
+    c.ask = kernel_ask_open();
+    if (c.barrier == nullptr || c.kernel == nullptr || c.ask == nullptr)
         return complain(c.kernel == nullptr ? why : std::strerror(errno));
     live_maps_set_stale_after(c.maps, std::uint64_t{c.conf.stale_ms} * 1'000'000);
     if (live_memory_open(&c.memory, &c.maps) != 0)
@@ -464,6 +527,7 @@ int work(card &c)
     link_process(c.link, c.sync.now_ms);
     child_process(c);
     meet(c);
+    verify_process(c);
     if (c.has_plan)
         sync_run(c.sync);
     link_process(c.link, c.sync.now_ms);
@@ -487,6 +551,8 @@ int wait_ms(const card &c)
         next = std::min(next, std::max(retry, now + SOON_MS)); // what could be done now was
     if (c.has_plan && !c.has_rules)
         next = std::min(next, std::max(c.rules_ms, now + SOON_MS));
+    if (c.is_verifying)
+        next = std::min(next, c.verify_ms);
     return next <= now ? 0 : static_cast<int>(std::min<std::uint64_t>(next - now, INT_MAX));
 }
 

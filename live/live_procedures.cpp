@@ -41,17 +41,28 @@ std::uint32_t encap_valid_mac(const tnrpc_arg *a)
     return DONE;
 }
 
-std::uint32_t cardlive_status(const tnrpc_arg *a)
+// Answers a document.
+std::uint32_t give(const std::string &text, tnrpc_block *to)
 {
-    const std::string text = card->status();
     void *const block = mtrack_alloc(LIVE_UUID, 0, text.size());
     if (block == nullptr)
         return FAILED;
     std::memcpy(block, text.data(), text.size());
-    a[0].block->length = static_cast<std::uint32_t>(text.size());
-    a[0].block->data = static_cast<std::byte *>(block);
+    to->length = static_cast<std::uint32_t>(text.size());
+    to->data = static_cast<std::byte *>(block);
     return DONE;
 }
+
+std::uint32_t cardlive_status(const tnrpc_arg *a) { return give(card->status(), a[0].block); }
+
+// address, source, interface; 0 for the latter two: chosen here
+std::uint32_t cardlive_trace(const tnrpc_arg *a)
+{
+    return give(card->trace(a[0].value, a[1].value, a[2].value), a[3].block);
+}
+
+// context, the part and then the next one
+std::uint32_t cardlive_verify(const tnrpc_arg *a) { return give(card->verify(a[0].value, a[1].ref), a[2].block); }
 
 struct served {
     const char *name;
@@ -67,6 +78,8 @@ constexpr served SERVED[] = {
     {"slowpath_relaign_arp", slowpath_relaign_arp, 0, {}},
     {"encap_valid_mac", encap_valid_mac, 2, {U16, REF}},
     {"cardlive_status", cardlive_status, 1, {BLOCK}},
+    {"cardlive_trace", cardlive_trace, 4, {U32, U32, U32, BLOCK}},
+    {"cardlive_verify", cardlive_verify, 3, {U32, REF, BLOCK}},
 };
 } // namespace
 

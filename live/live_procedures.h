@@ -14,7 +14,10 @@ struct live_procedures {
     std::function<void(std::uint32_t ctx, std::uint32_t address, bool is_wanted)> request;
     std::function<std::uint32_t(std::uint32_t ctx, std::uint32_t address)> interface_of; // in whose subnet; 0: none
     std::function<bool(std::uint32_t encap)> is_encap_valid;
-    std::function<std::string()> status; // a JSON document
+    // Each answers a JSON document.
+    std::function<std::string()> status;
+    std::function<std::string(std::uint32_t address, std::uint32_t source, std::uint32_t ifid)> trace;
+    std::function<std::string(std::uint32_t ctx, std::uint32_t *at)> verify;
 };
 
 // Opens a server at the first free endpoint and registers the procedures, which work on these until the process ends.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -182,7 +183,8 @@ int verify_address(const live_view &view, live_searched table, const std::vector
     for (unsigned flow = 1; flow < FLOWS && traced.agrees && (traced.trace.adjacency & ADJ_ECMP) != 0; ++flow)
         if (run_program(view, table, static_cast<std::uint16_t>(FIRST_PORT + flow), &traced, why) != 0)
             return 1;
-    if (!traced.agrees)
+    const auto covers = [address](const kernel_prefix &prefix) { return kernel_prefix_covers(prefix, address); };
+    if (!traced.agrees && std::none_of(verify->given.begin(), verify->given.end(), covers))
         verify->differences.push_back(traced);
     return 0;
 }
@@ -224,10 +226,12 @@ int live_trace_packet(const live_view &view, const kernel_packet &packet, live_s
     return run_program(view, table, FIRST_PORT, traced, why);
 }
 
-live_verify live_verify_begin(const live_plan &plan, const kernel_state &state, std::uint32_t ctx)
+live_verify live_verify_begin(const live_plan &plan, const kernel_state &state, std::uint32_t ctx,
+                              std::vector<kernel_prefix> given)
 {
     live_verify verify;
     verify.ctx = ctx;
+    verify.given = std::move(given);
     const auto context = plan.contexts.find(ctx);
     if (context == plan.contexts.end())
         return verify;

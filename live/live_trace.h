@@ -44,10 +44,12 @@ struct live_verify {
     std::uint32_t ctx = 0;
     std::vector<std::uint32_t> addresses; // ascending
     std::size_t at = 0;                   // the next one
+    std::vector<kernel_prefix> given;     // what an operator gave the route manager besides: it may differ
     std::size_t forwarded = 0;            // that left by a port
     std::vector<live_traced> differences;
 };
-live_verify live_verify_begin(const live_plan &plan, const kernel_state &state, std::uint32_t ctx);
+live_verify live_verify_begin(const live_plan &plan, const kernel_state &state, std::uint32_t ctx,
+                              std::vector<kernel_prefix> given);
 // Looks at up to `most` addresses. A set of paths is tried with several flows. A context without a port that is up has
 // nothing to be looked at. Returns as above.
 [[nodiscard]] int live_verify_some(const live_view &view, live_searched table, std::size_t most, live_verify *verify,

@@ -88,9 +88,9 @@ struct traced_router {
         EXPECT_EQ(live_trace_packet(view(), packet, table, &traced, &why), 0) << why;
         return traced;
     }
-    live_verify verify() const
+    live_verify verify(std::vector<kernel_prefix> given = {}) const
     {
-        live_verify verify = live_verify_begin(plan, view().state, 0);
+        live_verify verify = live_verify_begin(plan, view().state, 0, std::move(given));
         std::string why;
         while (verify.at < verify.addresses.size())
             EXPECT_EQ(live_verify_some(view(), LIVE_SEARCHED_NONE, 3, &verify, &why), 0) << why;
@@ -164,6 +164,8 @@ TEST_F(trace_test, a_verification_looks_at_every_boundary_and_names_what_differs
     EXPECT_TRUE(differs(all, 0x0A020001)) << "the port's own address";
     EXPECT_TRUE(differs(all, 0x0A0200FF)) << "its broadcast address";
     EXPECT_FALSE(differs(all, 0x0A020100)) << "the first address behind the subnet";
+    all = router.verify({{0x0A020000, 24}});
+    EXPECT_FALSE(differs(all, 0x0A020001)) << "the operator's own route";
     // Without a table all goes to the kernel.
     table[0] = 0;
     all = router.verify();
