@@ -5,7 +5,8 @@
 // Always: nothing is left out under an entry that forwards. A host is left out without more: the route by which the
 // kernel reaches it goes up, or leads to the same neighbour.
 #include <algorithm>
-#include <tuple>
+#include <array>
+#include <vector>
 
 #include "live_plan.h"
 
@@ -14,7 +15,8 @@ namespace
 struct fit {
     live_plan &plan;
     const live_room &room;
-    std::map<std::uint32_t, live_need> needs; // by context
+    std::map<std::uint32_t, live_need> needs;       // by context
+    std::map<std::uint32_t, std::uint64_t> lengths; // a bit for each length that an entry of the context has had
 };
 
 std::size_t path_count(const live_route &route) { return std::max<std::size_t>(1, route.paths.size()); }
@@ -42,6 +44,7 @@ void put(fit &f, std::uint32_t ctx, const kernel_prefix &prefix, const live_rout
             count(f, ctx, kernel_prefix_of(path.gateway, 32), 1, live_need_add);
     }
     card.routes.emplace(prefix, route);
+    f.lengths[ctx] |= std::uint64_t{1} << prefix.length;
 }
 
 void take(fit &f, std::uint32_t ctx, const kernel_prefix &prefix)
@@ -62,6 +65,8 @@ void take(fit &f, std::uint32_t ctx, const kernel_prefix &prefix)
 // Whether the entry found room; if not, all is as before.
 bool try_put(fit &f, std::uint32_t ctx, const kernel_prefix &prefix, const live_route &route)
 {
+    if (prefix.length != 0 && f.plan.used.leaves >= f.room.leaves)
+        return false; // soon told, for the many that come when nothing is left
     put(f, ctx, prefix, route);
     if (has_room(f))
         return true;
@@ -76,6 +81,8 @@ void send_cover_up(fit &f, std::uint32_t ctx, const kernel_prefix &prefix)
 {
     const live_context &context = f.plan.contexts.at(ctx);
     for (std::uint32_t length = prefix.length; length-- > 0;) {
+        if ((f.lengths[ctx] >> length & 1) == 0)
+            continue;
         const kernel_prefix cover = kernel_prefix_of(prefix.address, length);
         if (context.own.count(cover) != 0)
             return;
@@ -110,13 +117,18 @@ void take_in(fit &f, std::uint32_t ctx, const kernel_prefix &prefix, const live_
 
 void take_in_routes(fit &f)
 {
-    std::vector<std::tuple<std::uint32_t, std::uint32_t, kernel_prefix>> order;
+    struct entry {
+        std::uint32_t ctx;
+        const kernel_prefix *prefix;
+        const live_route *route;
+    };
+    std::array<std::vector<entry>, 33> by_length;
     for (const auto &[ctx, context] : f.plan.contexts)
         for (const auto &[prefix, route] : context.wanted.routes)
-            order.emplace_back(prefix.length, ctx, prefix);
-    std::sort(order.begin(), order.end());
-    for (const auto &[length, ctx, prefix] : order)
-        take_in(f, ctx, prefix, f.plan.contexts.at(ctx).wanted.routes.at(prefix));
+            by_length[prefix.length].push_back({ctx, &prefix, &route});
+    for (const std::vector<entry> &entries : by_length)
+        for (const entry &e : entries)
+            take_in(f, e.ctx, *e.prefix, *e.route);
 }
 
 void take_in_hosts(fit &f)
@@ -138,12 +150,14 @@ void take_in_hosts(fit &f)
 void live_plan_fit(live_plan &plan, const live_room &room)
 {
     const bool is_all = live_room_fits(plan.need, room);
-    fit f{plan, room, {}};
+    fit f{plan, room, {}, {}};
     plan.used = {};
     for (auto &[ctx, context] : plan.contexts) {
         context.cut.clear();
         context.card = is_all ? context.wanted : live_contents{};
         f.needs[ctx] = context.own_need;
+        for (const kernel_prefix &own : context.own)
+            f.lengths[ctx] |= std::uint64_t{1} << own.length;
         plan.used = plan.used + context.own_need.sum;
     }
     if (is_all) {

@@ -9,6 +9,7 @@
 #include "live_plan.h"
 
 #include <algorithm>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -266,72 +267,108 @@ std::string paths_of(const kernel_state &state, const live_plan &frame, std::uin
 
 std::size_t path_count(const live_route &route) { return std::max<std::size_t>(1, route.paths.size()); }
 
-// A plan's wanted contents with the counts that depend on them.
-void set_route(live_plan &plan, live_context &context, const kernel_prefix &prefix, const live_route *route,
-               std::set<std::uint32_t> *gateways)
+// ---- the wanted contents, with the counts that depend on them ----
+
+using route_key = std::pair<std::uint32_t, kernel_prefix>; // context and prefix
+using host_key = std::pair<std::uint32_t, std::uint32_t>;  // context and address
+
+void count(live_plan &plan, std::uint32_t ctx, const kernel_prefix &prefix, std::size_t paths,
+           void (*change)(live_need &, const kernel_prefix &, std::size_t))
 {
-    const live_room before = context.need.sum;
-    const auto found = context.wanted.routes.find(prefix);
-    if (found != context.wanted.routes.end()) {
-        for (const live_path &path : found->second.paths) {
-            --context.wanted.hosts.at(path.gateway).uses;
-            gateways->insert(path.gateway);
-        }
-        live_need_take(context.need, prefix, path_count(found->second));
-        context.wanted.routes.erase(found);
+    live_need &need = plan.contexts.at(ctx).need;
+    const live_room before = need.sum;
+    change(need, prefix, paths);
+    plan.need = plan.need + (need.sum - before);
+}
+
+void take_route(live_plan &plan, const route_key &key, const live_route &route)
+{
+    live_contents &wanted = plan.contexts.at(key.first).wanted;
+    for (const live_path &path : route.paths)
+        --wanted.hosts.at(path.gateway).uses;
+    count(plan, key.first, key.second, path_count(route), live_need_take);
+    wanted.routes.erase(key.second);
+}
+
+void add_route(live_plan &plan, const route_key &key, const live_route &route)
+{
+    live_contents &wanted = plan.contexts.at(key.first).wanted;
+    for (const live_path &path : route.paths) {
+        const auto [host, is_new] = wanted.hosts.try_emplace(path.gateway);
+        if (is_new)
+            count(plan, key.first, kernel_prefix_of(path.gateway, 32), 1, live_need_add);
+        host->second.ifindex = path.ifindex;
+        ++host->second.uses;
     }
-    if (route != nullptr) {
-        for (const live_path &path : route->paths) {
-            const auto [host, is_new] = context.wanted.hosts.try_emplace(path.gateway);
-            if (is_new)
-                live_need_add(context.need, kernel_prefix_of(path.gateway, 32), 1);
-            host->second.ifindex = path.ifindex;
-            ++host->second.uses;
-            gateways->insert(path.gateway);
-        }
-        live_need_add(context.need, prefix, path_count(*route));
-        context.wanted.routes.emplace(prefix, *route);
-    }
-    plan.need = plan.need + (context.need.sum - before);
+    count(plan, key.first, key.second, path_count(route), live_need_add);
+    wanted.routes.emplace(key.second, route);
 }
 
 // Settles whether an address is announced, once its routes are.
-void set_host(live_plan &plan, const kernel_state &state, std::uint32_t ctx, std::uint32_t address)
+void settle_host(live_plan &plan, const kernel_state &state, const host_key &key)
 {
-    live_context &context = plan.contexts.at(ctx);
-    const live_room before = context.need.sum;
-    const auto found = context.wanted.hosts.find(address);
+    auto &hosts = plan.contexts.at(key.first).wanted.hosts;
+    const auto found = hosts.find(key.second);
     int ifindex = 0;
-    const bool is_neighbour = live_plan_neighbour(state, plan, ctx, address, &ifindex);
-    if (found != context.wanted.hosts.end() && found->second.uses == 0 && !is_neighbour) {
-        live_need_take(context.need, kernel_prefix_of(address, 32), 1);
-        context.wanted.hosts.erase(found);
-    } else if (is_neighbour && found == context.wanted.hosts.end()) {
-        live_need_add(context.need, kernel_prefix_of(address, 32), 1);
-        context.wanted.hosts.emplace(address, live_host{ifindex, 0});
-    } else if (is_neighbour && found->second.uses == 0) {
-        found->second.ifindex = ifindex;
-    }
-    plan.need = plan.need + (context.need.sum - before);
+    const bool is_neighbour = live_plan_neighbour(state, plan, key.first, key.second, &ifindex);
+    if (found != hosts.end() && found->second.uses != 0)
+        return;
+    const bool was_there = found != hosts.end();
+    if (is_neighbour)
+        hosts.insert_or_assign(key.second, live_host{ifindex, 0});
+    else if (was_there)
+        hosts.erase(found);
+    if (was_there != is_neighbour)
+        count(plan, key.first, kernel_prefix_of(key.second, 32), 1, is_neighbour ? live_need_add : live_need_take);
 }
 
-// Plans what the scope names anew. The scope gets the gateways whose use may have changed.
-void plan_scope(live_plan &plan, const kernel_state &state, live_scope &scope)
+template <typename Map>
+std::optional<typename Map::mapped_type> entry_of(const Map &map, const typename Map::key_type &key)
 {
-    // All old paths go before new ones come: a gateway that moves to another port has no path on both.
-    std::map<std::uint32_t, std::set<std::uint32_t>> gateways;
-    for (const auto &[ctx, prefix] : scope.routes)
-        set_route(plan, plan.contexts.at(ctx), prefix, nullptr, &gateways[ctx]);
-    for (const auto &[ctx, prefix] : scope.routes) {
-        live_route route;
-        if (live_plan_route(state, plan, ctx, prefix, &route))
-            set_route(plan, plan.contexts.at(ctx), prefix, &route, &gateways[ctx]);
-    }
-    for (const auto &[ctx, addresses] : gateways)
-        for (const std::uint32_t address : addresses)
-            scope.hosts.insert({ctx, address});
+    const auto found = map.find(key);
+    return found == map.end() ? std::nullopt : std::optional<typename Map::mapped_type>(found->second);
+}
+
+// Plans what the scope names anew. Answers what of it, and of the gateways with it, is different since.
+live_scope plan_scope(live_plan &plan, const kernel_state &state, const live_scope &scope)
+{
+    const auto wanted = [&plan](std::uint32_t ctx) -> const live_contents & { return plan.contexts.at(ctx).wanted; };
+    live_scope changed;
+    std::map<route_key, std::optional<live_route>> before, after;
+    std::map<host_key, std::optional<live_host>> hosts;
+    const auto note_hosts = [&](std::uint32_t ctx, const std::optional<live_route> &route) {
+        if (route)
+            for (const live_path &path : route->paths)
+                hosts[{ctx, path.gateway}] = entry_of(wanted(ctx).hosts, path.gateway);
+    };
     for (const auto &[ctx, address] : scope.hosts)
-        set_host(plan, state, ctx, address);
+        hosts[{ctx, address}] = entry_of(wanted(ctx).hosts, address);
+    for (const route_key &key : scope.routes) {
+        live_route route;
+        const bool is_there = live_plan_route(state, plan, key.first, key.second, &route);
+        const auto now = is_there ? std::optional<live_route>(route) : std::nullopt;
+        const auto was = entry_of(wanted(key.first).routes, key.second);
+        if (was == now && (!now || was->why_up == now->why_up))
+            continue;
+        note_hosts(key.first, was);
+        note_hosts(key.first, now);
+        before[key] = was;
+        after[key] = now;
+        changed.routes.insert(key);
+    }
+    // All old paths go before new ones come: a gateway that moves to another port has no path on both.
+    for (const auto &[key, route] : before)
+        if (route)
+            take_route(plan, key, *route);
+    for (const auto &[key, route] : after)
+        if (route)
+            add_route(plan, key, *route);
+    for (const auto &[key, was] : hosts) {
+        settle_host(plan, state, key);
+        if (entry_of(wanted(key.first).hosts, key.second) != was)
+            changed.hosts.insert(key);
+    }
+    return changed;
 }
 
 // Calls `visit` with the prefixes of a table that lie in `range`.
@@ -520,7 +557,7 @@ live_plan live_plan_make(const kernel_state &state, const live_conf &conf, const
     }
     for (const auto &[key, neighbour] : state.neighbours)
         add_neighbour(all, plan, key.first, key.second);
-    plan_scope(plan, state, all);
+    (void)plan_scope(plan, state, all);
     live_plan_fit(plan, room);
     return plan;
 }
@@ -536,8 +573,9 @@ live_scope live_plan_update(live_plan &plan, const kernel_state &state, const li
         return scope;
     }
     const bool was_cut = !live_room_fits(plan.need, room);
-    live_scope wanted = scope_of(plan, state, changes);
-    plan_scope(plan, state, wanted);
+    const live_scope wanted = plan_scope(plan, state, scope_of(plan, state, changes));
+    if (wanted.empty())
+        return scope;
     if (was_cut || !live_room_fits(plan.need, room)) {
         std::map<std::uint32_t, live_contents> before;
         for (auto &[ctx, context] : plan.contexts)

@@ -92,7 +92,7 @@ using live_ids = std::map<int, std::uint32_t>;
 // The whole plan. room: what the pools have for it.
 live_plan live_plan_make(const kernel_state &state, const live_conf &conf, const live_ids &ids, const live_room &room);
 
-// What a plan says about prefixes and hosts of contexts that may have changed.
+// The prefixes and hosts of contexts of which a plan says something else than before.
 struct live_scope {
     bool is_whole = false;                                    // ports, rules or contexts held back may have, too
     std::set<std::pair<std::uint32_t, kernel_prefix>> routes; // context and prefix

@@ -1,8 +1,6 @@
 // live_room.cpp - counts what entries need of the shared pools.
 #include "live_room.h"
 
-#include <algorithm>
-
 #include "card_view/card_summary.h"
 #include "route_ids.h"
 #include "route_table.h"
@@ -21,27 +19,6 @@ template <typename Visit> void visit_nodes(const kernel_prefix &prefix, Visit vi
 {
     for (std::uint32_t length = STRIDE; length <= LAST_NODE && length < prefix.length; length += STRIDE)
         visit(kernel_prefix_of(prefix.address, length));
-}
-
-// Entries longer than `prefix` that cover `address`, the longest first.
-std::vector<kernel_prefix> longer_around(const std::set<kernel_prefix> &held, const kernel_prefix &prefix,
-                                         std::uint32_t address)
-{
-    std::vector<kernel_prefix> found;
-    for (std::uint32_t length = 32; length > prefix.length; --length)
-        if (held.count(kernel_prefix_of(address, length)) != 0)
-            found.push_back(kernel_prefix_of(address, length));
-    return found;
-}
-
-// What it means to take entries out for a moment: a host takes the routes through it along.
-std::size_t cost_of(const std::vector<kernel_prefix> &entries, const std::set<kernel_prefix> &fixed)
-{
-    constexpr std::size_t FIXED = 10'000, HOST = 100, ROUTE = 1;
-    std::size_t cost = 0;
-    for (const kernel_prefix &entry : entries)
-        cost += fixed.count(entry) != 0 ? FIXED : entry.length == 32 ? HOST : ROUTE;
-    return cost;
 }
 
 std::int32_t leaves_of(const kernel_prefix &prefix) { return prefix.length == 0 ? 0 : 1; }
@@ -88,23 +65,4 @@ kernel_prefix live_need_reach(const live_need &need, const kernel_prefix &prefix
         }
     });
     return reach;
-}
-
-std::vector<kernel_prefix> live_room_fillers(const std::set<kernel_prefix> &held, const std::set<kernel_prefix> &fixed,
-                                             const kernel_prefix &prefix)
-{
-    std::vector<kernel_prefix> best;
-    std::uint64_t next = prefix.address; // the first address that none covers so far
-    const std::uint32_t last = kernel_prefix_last(prefix);
-    for (auto at = held.lower_bound(prefix); at != held.end() && at->address <= last; ++at) {
-        if (at->length <= prefix.length)
-            continue;
-        if (at->address > next)
-            return {};
-        next = std::max<std::uint64_t>(next, std::uint64_t{kernel_prefix_last(*at)} + 1);
-        std::vector<kernel_prefix> around = longer_around(held, prefix, at->address);
-        if (best.empty() || cost_of(around, fixed) < cost_of(best, fixed))
-            best = std::move(around);
-    }
-    return next > last ? best : std::vector<kernel_prefix>{};
 }

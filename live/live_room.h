@@ -8,8 +8,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
-#include <vector>
 
 #include "kernel_state.h"
 
@@ -47,13 +45,3 @@ void live_need_take(live_need &need, const kernel_prefix &prefix, std::size_t pa
 
 // The longest range around a prefix that needs no node that is not there. The prefix itself, when it needs none.
 kernel_prefix live_need_reach(const live_need &need, const kernel_prefix &prefix);
-
-// Which entries have to be out of a tree while `prefix` is added, the longest first; none, unless longer ones fill its
-// range. The tree links a new leaf to the shorter one whose slot it takes, and where it takes none, it does not: then a
-// later removal of that shorter prefix does not find it, though it is answered with 0, and its leaf goes on forwarding.
-// So where longer prefixes leave no address to a new one, those around one of its addresses are taken out first, and
-// come back after it, the shortest first, all this with the context held back.
-//   held: all that the tree holds, those of interfaces and hosts too.
-//   fixed: of these, what can not be taken out alone. It is among the answer only where there is no other way.
-std::vector<kernel_prefix> live_room_fillers(const std::set<kernel_prefix> &held, const std::set<kernel_prefix> &fixed,
-                                             const kernel_prefix &prefix);
