@@ -88,10 +88,11 @@ struct card {
     std::vector<kernel_rule> rules;
     bool has_plan = false, was_current = false;
     bool has_rules = false;
-    bool is_new_manager = false;  // one has started and has no table yet
-    bool is_said = false;         // that the card stands
-    bool has_closed_port = false; // one is to be attached anew
-    std::uint64_t renewed_ms = 0, rules_ms = 0;
+    bool is_new_manager = false;     // one has started and has no table yet
+    bool is_unknown_manager = false; // one was there before, and has not said yet what it knows
+    bool is_said = false;            // that the card stands
+    bool has_closed_port = false;    // one is to be attached anew
+    std::uint64_t renewed_ms = 0, rules_ms = 0, adopt_ms = 0;
     int server = -1, signals = -1;
     int child = -1, child_pid = -1; // routectl, with the operator's routes
 };
@@ -353,10 +354,12 @@ void connect_parts(card &c)
         sync_departed(c.sync);
         c.is_verifying = false;
         c.is_new_manager = true;
+        c.is_unknown_manager = false;
     };
     c.link.on_departure = [&c] {
         sync_departed(c.sync);
         c.is_verifying = false;
+        c.is_unknown_manager = false;
         say(c, "route manager: gone");
     };
     c.link.on_message = [](const mts_message &) {};
@@ -371,6 +374,18 @@ int complain(const std::string &why)
     return -1;
 }
 
+// Asks the route manager that was there before us what it knows. Until it has answered, all packets go to the kernel.
+void adopt_manager(card &c)
+{
+    if (!c.is_unknown_manager || now_ms() < c.adopt_ms)
+        return;
+    std::string why;
+    c.is_unknown_manager = live_adopt(c.sync, c.maps, live_extra_read(file_text(c.opts.routes)),
+                                      live_memory_is_searched(c.memory), card_conf_get().rpc_timeout_ms, &why) != 0;
+    say(c, c.is_unknown_manager ? why : "route manager: was there before");
+    c.adopt_ms = now_ms() + AGAIN_MS;
+}
+
 // What the maps hold of an earlier process: nothing is told before what the route manager knows is known.
 void adopt(card &c)
 {
@@ -380,12 +395,10 @@ void adopt(card &c)
     if (!c.link.is_present)
         return;
     c.is_new_manager = false;
-    std::string why = "the route manager that is there has no table of ours: it is to be restarted";
-    const bool is_ours = live_memory_has_writer(c.memory);
-    if (is_ours && live_adopt(c.sync, c.maps, live_extra_read(file_text(c.opts.routes)),
-                              live_memory_is_searched(c.memory), card_conf_get().rpc_timeout_ms, &why) == 0)
-        return say(c, "route manager: was there before");
-    say(c, why);
+    c.is_unknown_manager = live_memory_has_writer(c.memory);
+    if (!c.is_unknown_manager)
+        say(c, "the route manager that is there has no table of ours: it is to be restarted");
+    adopt_manager(c);
 }
 
 // Words of encapsulations that nothing names any more.
@@ -406,6 +419,9 @@ int open_card(card &c)
         return -1;
     if (live_maps_open(c.maps, c.conf.pins, why) != 0)
         return complain(why);
+    if (!card_conf_get().ixp_is_provided[1] || card_conf_get().num_ixp < 2)
+        (void)complain(
+            "card.conf: without `num_ixp = 2` and `ixp2 = provider` the route manager does not fill our tables");
     c.barrier = live_barrier_open();
     std::set<std::uint32_t> tables;
     for (const auto &context : c.conf.tables)
@@ -526,6 +542,7 @@ int work(card &c)
     memory_service_process(c.memory.service);
     link_process(c.link, c.sync.now_ms);
     child_process(c);
+    adopt_manager(c);
     meet(c);
     verify_process(c);
     if (c.has_plan)
@@ -549,6 +566,8 @@ int wait_ms(const card &c)
     const std::uint64_t retry = sync_next_ms(c.sync);
     if (retry != UINT64_MAX)
         next = std::min(next, std::max(retry, now + SOON_MS)); // what could be done now was
+    if (c.is_unknown_manager)
+        next = std::min(next, c.adopt_ms);
     if (c.has_plan && !c.has_rules)
         next = std::min(next, std::max(c.rules_ms, now + SOON_MS));
     if (c.is_verifying)
