@@ -28,6 +28,7 @@
 #include <unistd.h>
 
 #include "card_dir.h"
+#include "card_files.h"
 #include "card_service/if_db.h"
 #include "card_service/manager_link.h"
 #include "card_tool/address_text.h"
@@ -43,6 +44,7 @@
 #include "live_ports.h"
 #include "live_procedures.h"
 #include "live_requests.h"
+#include "live_status.h"
 #include "live_sync.h"
 #include "live_wants.h"
 #include "netlink_kernel.h"
@@ -342,7 +344,7 @@ void connect_parts(card &c)
     c.procedures.is_encap_valid = [&c](std::uint32_t encap) {
         return encap < LIVE_ENCAPS && live_maps_encap(c.maps, encap) != 0;
     };
-    c.procedures.status = [] { return std::string("{}"); };
+    c.procedures.status = [&c] { return live_status(c.maps, c.ports, c.plan, c.sync, *c.kernel); };
     c.procedures.trace = [&c](std::uint32_t address, std::uint32_t source, std::uint32_t ifid) {
         return live_look_trace(view_of(c), address, source, ifid);
     };
@@ -600,13 +602,16 @@ int run(card &c)
 
 int detach(const card &c)
 {
-    std::string why;
-    if (live_maps_remove(c.conf.pins, why) != 0)
-        return complain(why) != 0 ? EXIT_WRONG : EXIT_DONE;
-    const netlink_kernel_ptr kernel = netlink_kernel_open({}, &why);
-    if (kernel == nullptr || netlink_kernel_set_rules(*kernel, LIVE_RULE_PROTOCOL, {}, &why) != 0)
-        return complain(why) != 0 ? EXIT_WRONG : EXIT_DONE;
-    return EXIT_DONE;
+    std::string why = "another process serves the card";
+    const std::string queue = std::string(MTS_FOLDER) + "/" + std::to_string(CARD_SERVICE_SAP);
+    bool is_done = card_dir_owner(queue.c_str()) == card_owner::none && live_maps_remove(c.conf.pins, why) == 0;
+    if (is_done) {
+        const netlink_kernel_ptr kernel = netlink_kernel_open({}, &why);
+        is_done = kernel != nullptr && netlink_kernel_set_rules(*kernel, LIVE_RULE_PROTOCOL, {}, &why) == 0;
+    }
+    if (!is_done)
+        (void)complain(why);
+    return is_done ? EXIT_DONE : EXIT_WRONG;
 }
 
 // Takes the command line and serves the card until it ends. Returns the program's status.
