@@ -194,6 +194,15 @@ struct host : testing::Test {
             std::fprintf(stderr, "%s\n", said().c_str());
     }
 
+    // What routectl says, on both of its outputs.
+    std::string tool(const std::string &words, int status) const
+    {
+        const std::string out = card->at("tool.out");
+        const std::string line =
+            std::string("CARD_DIR=") + card->path + " " ROUTECTL_PATH " " + words + " >" + out + " 2>&1";
+        EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), status) << words << "\n" << file_text(out);
+        return file_text(out);
+    }
     static void setting(const std::string &name, const std::string &value)
     {
         std::ofstream file("/proc/sys/net/ipv4/" + name);
@@ -425,6 +434,41 @@ TEST_F(cardlive, a_second_one_is_refused)
     EXPECT_EQ(WEXITSTATUS(status), 3);
     EXPECT_FALSE(path_exists(pins + "_2"));
     open_maps();
+}
+
+TEST_F(cardlive, tells_routectl_what_it_forwards_what_becomes_of_a_packet_and_where_it_differs)
+{
+    run("ip route add 20.0.0.0/24 via 10.0.2.2");
+    ASSERT_NO_FATAL_FAILURE(stand());
+    agree("a route");
+    std::string text = tool("live", 0);
+    EXPECT_NE(text.find("context 0      forwards; 1 routes, 13 neighbours"), std::string::npos) << text;
+    EXPECT_NE(text.find("e1    0    generic  open"), std::string::npos) << text;
+    text = tool("-j live", 0);
+    EXPECT_NE(text.find("\"route_manager\":\"serving\""), std::string::npos) << text;
+    text = tool("live trace 20.0.0.7 from 10.0.1.9 in e1", 0);
+    EXPECT_NE(text.find("20.0.0.7 from 10.0.1.9 in by e1, context 0\n  the card    e2 to 02:00:00:00:02:11, encap"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("\n  the kernel  10.0.2.2 on e2 by 20.0.0.0/24\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("from the mapped memory\n  level 0"), std::string::npos) << text;
+    EXPECT_NE(tool("live trace 10.0.2.1", 0).find("to the kernel: own"), std::string::npos);
+    EXPECT_NE(tool("live trace 20.0.0.7 in e9", 2).find("e9 is no port of the card"), std::string::npos);
+    EXPECT_NE(tool("live verify", 0).find("differ     0"), std::string::npos);
+    (void)tool("doctor", 0);
+
+    // Somebody else's MAC address in every encapsulation.
+    for (std::uint32_t encap = 1; encap < 20; ++encap)
+        if (live_maps_encap(maps, encap) != 0)
+            live_maps_set_encap(maps, encap, 0x0302);
+    text = tool("live verify ctx 0", 1);
+    EXPECT_NE(text.find("20.0.0.0  "), std::string::npos) << text;
+    EXPECT_NE(text.find("20.0.0.255"), std::string::npos) << text;
+    EXPECT_NE(text.find("e2 to 02:03:00:00:00:00"), std::string::npos) << text;
+    EXPECT_NE(tool("live trace 20.0.0.7", 1).find("they differ"), std::string::npos);
+    EXPECT_NE(tool("doctor", 1).find("packets to 20.0.0.255 do not leave as the kernel would send them"), std::string::npos);
+    live.end(SIGTERM);
+    EXPECT_NE(tool("live", 3).find("cardlive cannot be reached"), std::string::npos);
 }
 
 TEST_F(cardlive, does_as_the_kernel_after_random_changes)

@@ -48,6 +48,15 @@ TEST(routectl_grammar, words_may_be_cut_short_while_they_are_unambiguous)
     EXPECT_EQ(command_of("r s").rfind("error: ambiguous \"s\": show or summary", 0), 0u);
 }
 
+TEST(routectl_grammar, a_command_may_be_the_beginning_of_others)
+{
+    ASSERT_NE(parse("live").command, nullptr);
+    EXPECT_STREQ(parse("live").command->words, "live");
+    ASSERT_NE(parse("live trace 1.2.3.4").command, nullptr);
+    EXPECT_STREQ(parse("live trace 1.2.3.4").command->words, "live trace");
+    EXPECT_EQ(parse("live now").error, "unknown word \"now\"; expected trace, verify");
+}
+
 TEST(routectl_grammar, an_error_names_the_word_and_what_would_fit)
 {
     EXPECT_EQ(parse("route bad").error, "unknown word \"bad\"; expected add, del, show, get, full, summary");

@@ -59,6 +59,7 @@ examination examine(const routectl_call &call, std::uint64_t since_ns)
     doctor_judge_unlisted(e.look, e.findings);
     doctor_judge_listing(e.look, e.findings);
     doctor_judge_interfaces(e.look, e.findings);
+    doctor_judge_live(call, e.findings);
     doctor_judge_history(call, e.look, since_ns, e.findings);
     e.look.words_changed += doctor_look_changes(e.look);
     return e;

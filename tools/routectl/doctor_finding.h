@@ -57,6 +57,11 @@ constexpr doctor_kind DOCTOR_STATICS_UNLISTED{
     "{} static route(s) are in no table: their gateway is unknown, or they were lost with a host of their prefix",
     "check that each gateway is reported; `route del` of a lost one is refused as not found"};
 
+// ---- what a card that is this host does ----
+constexpr doctor_kind DOCTOR_LIVE_DIFFERS{DOCTOR_FAULT, "live-differs",
+                                          "packets to {} do not leave as the kernel would send them",
+                                          "look again; `live trace` shows one; if it stays, restart cardlive"};
+
 // ---- what the tables hold ----
 constexpr doctor_kind DOCTOR_ABSENT_MISS{
     DOCTOR_FAULT, "not-in-tables", "{} is listed as installed and has no leaf: its addresses miss", DOCTOR_ADD_AGAIN};

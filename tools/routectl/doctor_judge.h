@@ -42,3 +42,7 @@ void doctor_judge_interfaces(const doctor_look &look, doctor_findings &findings)
 // since_ns: what is older is ignored (nanoseconds since 1970).
 void doctor_judge_history(const routectl_call &call, const doctor_look &look, std::uint64_t since_ns,
                           doctor_findings &findings);
+
+// ---- doctor_live.cpp ----
+// Where a card that is this host does otherwise than its kernel. Nothing where there is no such card.
+void doctor_judge_live(const routectl_call &call, doctor_findings &findings);

@@ -433,6 +433,16 @@ command_walk walk_command(word_span words)
     return walk;
 }
 
+// The command that all of these words are, where longer ones begin so too; null: none.
+const routectl_command *whole_command(const command_walk &walk)
+{
+    const auto is_whole = [&walk](const routectl_command *command) {
+        return split_at(command->words, ' ').size() == walk.words;
+    };
+    const auto found = std::find_if(walk.candidates.begin(), walk.candidates.end(), is_whole);
+    return found == walk.candidates.end() || walk.words == 0 ? nullptr : *found;
+}
+
 std::string help_asked(word_span words)
 {
     const command_walk walk = walk_command(words);
@@ -516,6 +526,8 @@ grammar_result grammar_parse(word_span words)
         result.error = walk.error;
     else if (!words.empty() && is_help(words.back()))
         result.help = help_asked(words.first(walk.words));
+    else if (const routectl_command *const whole = walk.is_command ? nullptr : whole_command(walk))
+        return parse_command(*whole, {});
     else if (!walk.is_command)
         result.error =
             fmt::format("missing word after {}; expected {}", quoted(words.empty() ? "routectl" : words.back()),

@@ -48,7 +48,8 @@ struct routectl_value {
 // Connections that are kept from one command to the next.
 struct routectl_session {
     card_rpc_ptr route_manager;
-    card_rpc_ptr card; // the card's other processes
+    card_rpc_ptr card; // the card's other processes, played
+    card_rpc_ptr live; // and on this host
     int queue = -1;    // for messages, once one was needed
     std::uint32_t sap = 0;
 };
@@ -114,6 +115,7 @@ struct routectl_command {
 // The rows, in the order in which help lists them. Each source has its own; routectl_table.cpp joins them.
 std::span<const routectl_command> routectl_route_commands();   // route_commands.cpp
 std::span<const routectl_command> routectl_card_commands();    // card_commands.cpp
+std::span<const routectl_command> routectl_live_commands();    // live_commands.cpp
 std::span<const routectl_command> routectl_debug_commands();   // debug_commands.cpp
 std::span<const routectl_command> routectl_hw_commands();      // hw_commands.cpp
 std::span<const routectl_command> routectl_watch_commands();   // watch_commands.cpp
@@ -121,9 +123,10 @@ std::span<const routectl_command> routectl_history_commands(); // history_comman
 std::span<const routectl_command> routectl_doctor_commands();  // doctor.cpp
 const std::vector<const routectl_command *> &routectl_table();
 
-// Calls of the route manager (`route_manager`) and of the card's other processes (`card`).
+// Calls of the route manager (`route_manager`) and of the card's other processes (`card`, `live`).
 card_rpc &routectl_route_manager(const routectl_call &call);
 card_rpc &routectl_card(const routectl_call &call);
+card_rpc &routectl_live(const routectl_call &call);
 card_rpc_reply routectl_ask(const routectl_call &call, const std::string &procedure,
                             const std::vector<card_rpc_arg> &args);
 // What a call that did not run means for the user: status 3 (or 2 for what the server does not accept) and a sentence.

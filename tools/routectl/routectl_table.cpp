@@ -9,8 +9,8 @@ const std::vector<const routectl_command *> &routectl_table()
     static const std::vector<const routectl_command *> table = [] {
         std::vector<const routectl_command *> rows;
         for (const auto source :
-             {routectl_route_commands, routectl_card_commands, routectl_hw_commands, routectl_debug_commands,
-              routectl_history_commands, routectl_watch_commands, routectl_doctor_commands})
+             {routectl_route_commands, routectl_card_commands, routectl_hw_commands, routectl_live_commands,
+              routectl_debug_commands, routectl_history_commands, routectl_watch_commands, routectl_doctor_commands})
             for (const routectl_command &row : source())
                 rows.push_back(&row);
         return rows;

@@ -18,6 +18,13 @@ card_rpc &routectl_card(const routectl_call &call)
     return *call.session.card;
 }
 
+card_rpc &routectl_live(const routectl_call &call)
+{
+    if (!call.session.live)
+        call.session.live = card_rpc_open("cardlive_status", call.options.timeout_ms);
+    return *call.session.live;
+}
+
 card_rpc_reply routectl_ask(const routectl_call &call, const std::string &procedure,
                             const std::vector<card_rpc_arg> &args)
 {
@@ -32,7 +39,9 @@ std::string routectl_where()
 routectl_answer routectl_not_run(card_rpc_end end, const std::string &procedure)
 {
     const std::string reason = card_rpc_reason(end, procedure);
-    const std::string who = procedure.rfind("cardsim_", 0) == 0 ? "the card's other processes" : "the route manager";
+    const std::string who = procedure.rfind("cardsim_", 0) == 0    ? "the card's other processes"
+                            : procedure.rfind("cardlive_", 0) == 0 ? "cardlive"
+                                                                   : "the route manager";
     switch (end) {
     case CARD_RPC_BAD_ARGUMENTS:
     case CARD_RPC_OUT_OF_RANGE:
