@@ -1,6 +1,6 @@
 // live_bench.cpp - the packet program of a live card beside the same program with the kernel's lookups.
 //
-// In a network namespace of the benchmark's own, the kernel has 490 routes over two devices and 64 neighbours; the
+// In a network namespace of the benchmark's own, the kernel has 490 routes over 64 neighbours; the
 // card's table, made by the route manager's own code, and a longest-prefix trie of the kernel have the same. What
 // differs is only how a packet's way is found: by the card's walk, by bpf_fib_lookup, by a lookup in the trie. All
 // three answer alike, byte for byte, before any is timed.
@@ -24,7 +24,7 @@
 #include "bench.h"
 #include "bench_card.h"
 #include "bench_mix.h"
-#include "live_maps.h"
+#include "live_set.h"
 #include "norvik_mtrie_hw.h"
 #include "prefix_mgr.h"
 #include "rib_table.h"
@@ -32,38 +32,15 @@
 
 namespace
 {
-constexpr std::uint32_t PREFIXES = 490, GATEWAYS = 64, IN_PORT = 5, FIRST_OUT = 6, OUT_PORTS = 2, TREE = 0;
-constexpr std::size_t PACKETS = 1 << 14, FRAME_BYTES = 64;
+constexpr std::uint32_t PREFIXES = 490, GATEWAYS = 64, IN_PORT = 5, OUT_PORT = 6, TREE = 0;
 constexpr std::uint64_t AN_HOUR_NS = 3'600'000'000'000, PORT_MAC = 0x010000000002, HOST_MAC = 0x000100000002;
 constexpr bench_clock CPU = bench_clock::cpu;
 
-// The value of the map peer_packets, as live_peers.bpf.c has it.
-struct packets_value {
-    std::uint32_t destinations[PACKETS]; // network order
-    std::uint32_t next, dropped;
-    std::uint64_t to, out;
-};
-
-struct side {
-    const char *program;
-    int descriptor = -1;
-};
-
-struct live_set {
-    live_maps maps;
-    bpf_object *peers = nullptr;
-    packets_value *packets = nullptr;
-    std::uint32_t in_device = 0;
-    std::vector<peer_route> routes;
-    side base{"peer_packet"}, walk{"peer_walk"}, trie{"peer_trie_lookup"}, fib{"peer_fib_lookup"};
-};
-
 std::uint32_t gateway_of(const peer_route &r) { return r.value % GATEWAYS; }
-std::uint32_t port_of(std::uint32_t gateway) { return FIRST_OUT + gateway % OUT_PORTS; }
 std::uint64_t gateway_mac(std::uint32_t gateway) { return HOST_MAC | std::uint64_t{gateway} << 40; }
 std::string gateway_address(std::uint32_t gateway)
 {
-    return "192.168." + std::to_string(port_of(gateway)) + "." + std::to_string(10 + gateway);
+    return "192.168." + std::to_string(OUT_PORT) + "." + std::to_string(10 + gateway);
 }
 std::string dotted(std::uint32_t address)
 {
@@ -71,16 +48,16 @@ std::string dotted(std::uint32_t address)
            std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
 }
 
-void run(const std::string &line) { bench_require(std::system(line.c_str()) == 0, line); }
-
-// Three veth pairs, routes and neighbours, in a namespace that ends with this process.
+// Two veth pairs, routes and neighbours, in a namespace that ends with this process.
 void make_kernel(live_set &set)
 {
     bench_require(unshare(CLONE_NEWNET) == 0, "a network namespace");
     std::ofstream("/proc/sys/net/ipv4/ip_forward") << 1 << std::flush;
+    // No packets but ours: a device that comes up would look for routers.
+    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1 << std::flush;
     const std::string batch = bench_card_file("ip.batch");
     std::ofstream lines(batch);
-    for (const std::uint32_t port : {IN_PORT, FIRST_OUT, FIRST_OUT + 1}) {
+    for (const std::uint32_t port : {IN_PORT, OUT_PORT}) {
         const std::string name = "p" + std::to_string(port);
         char mac[18];
         (void)std::snprintf(mac, sizeof mac, "02:00:00:00:00:%02x", static_cast<unsigned>(port));
@@ -91,12 +68,12 @@ void make_kernel(live_set &set)
     for (std::uint32_t gateway = 0; gateway < GATEWAYS; ++gateway) {
         char mac[18];
         (void)std::snprintf(mac, sizeof mac, "02:00:00:00:01:%02x", static_cast<unsigned>(gateway));
-        lines << "neigh add " << gateway_address(gateway) << " lladdr " << mac << " dev p" << port_of(gateway) << "\n";
+        lines << "neigh add " << gateway_address(gateway) << " lladdr " << mac << " dev p" << OUT_PORT << "\n";
     }
     for (const peer_route &r : set.routes)
         lines << "route add " << dotted(r.prefix) << "/" << r.len << " via " << gateway_address(gateway_of(r)) << "\n";
     lines.close();
-    run("ip -batch " + batch);
+    live_command("ip -batch " + batch);
     set.in_device = if_nametoindex("p5");
 }
 
@@ -110,29 +87,24 @@ void make_card(live_set &set)
         entry.prefix = r.prefix;
         entry.len = r.len;
         entry.ctx = entry.route_id = TREE;
-        entry.ifid = static_cast<std::uint16_t>(port_of(gateway_of(r)));
+        entry.ifid = OUT_PORT;
         entry.encap_id = 1 + gateway_of(r);
         bench_require(prefix_mgr_route_add(wired_table_mgr, &entry) != 0, "the prefixes fit the pools");
     }
     const auto *const words = card_at<const std::uint32_t>(va_ixp1_dram_base);
     std::copy(words, words + HW_TABLE_BYTES / 4, live_maps_table(set.maps, 0));
-    for (const std::uint32_t port : {IN_PORT, FIRST_OUT, FIRST_OUT + 1}) {
+    for (const std::uint32_t port : {IN_PORT, OUT_PORT}) {
         const live_port given{port, if_nametoindex(("p" + std::to_string(port)).c_str()), mac_of_port(port), TREE,
                               1500};
         bench_require(live_maps_bind(set.maps, given, why) == 0 && live_maps_open_port(set.maps, given, why) == 0, why);
     }
     for (std::uint32_t gateway = 0; gateway < GATEWAYS; ++gateway)
         live_maps_set_encap(set.maps, 1 + gateway, gateway_mac(gateway));
-    live_maps_set_own_addresses(set.maps, std::vector<std::uint32_t>{0xC0A80501, 0xC0A80601, 0xC0A80701});
+    live_maps_set_own_addresses(set.maps, std::vector<std::uint32_t>{0xC0A80501, 0xC0A80601});
     live_maps_set_stale_after(set.maps, AN_HOUR_NS);
     live_maps_renew(set.maps);
     live_maps_release(set.maps, TREE);
     live_maps_search(set.maps, LIVE_SEARCHED_TABLE_0);
-}
-
-int map_descriptor(const live_set &set, const char *name)
-{
-    return bpf_map__fd(bpf_object__find_map_by_name(set.peers, name));
 }
 
 // The other lookups, over the card's maps.
@@ -148,11 +120,15 @@ void make_peers(live_set &set)
         bench_require(bpf_map__reuse_fd(bpf_object__find_map_by_name(set.peers, LIVE_MAP_NAMES[map]),
                                         set.maps.descriptors[map]) == 0,
                       LIVE_MAP_NAMES[map]);
+    bpf_program *const out = bpf_object__find_program_by_name(set.peers, "port_tc_drop");
+    bench_require(bpf_program__set_type(out, BPF_PROG_TYPE_SCHED_CLS) == 0 &&
+                      bpf_program__set_expected_attach_type(out, static_cast<bpf_attach_type>(0)) == 0,
+                  "the program of what comes out");
     bench_require(bpf_object__load(set.peers) == 0, "the peers' programs");
-    for (side *one : {&set.base, &set.walk, &set.trie, &set.fib})
-        one->descriptor = bpf_program__fd(bpf_object__find_program_by_name(set.peers, one->program));
-    set.packets = static_cast<packets_value *>(mmap(nullptr, sizeof(packets_value), PROT_READ | PROT_WRITE, MAP_SHARED,
-                                                    map_descriptor(set, "peer_packets"), 0));
+    for (live_side *one : {&set.base, &set.walk, &set.trie, &set.fib})
+        one->descriptor = live_program_of(set, one->program);
+    set.packets = static_cast<packets_value *>(
+        mmap(nullptr, sizeof(packets_value), PROT_READ | PROT_WRITE, MAP_SHARED, live_map(set, "peer_packets"), 0));
     bench_require(set.packets != MAP_FAILED, "the packets");
     set.packets->to = mac_of_port(IN_PORT);
 
@@ -160,26 +136,12 @@ void make_peers(live_set &set)
         std::uint32_t len, address;
     } key{};
     for (const peer_route &r : set.routes) {
-        const std::uint32_t hop[] = {port_of(gateway_of(r)), 1 + gateway_of(r)};
+        const std::uint32_t hop[] = {OUT_PORT, 1 + gateway_of(r)};
         key = {r.len, __builtin_bswap32(r.prefix)};
-        bench_require(bpf_map_update_elem(map_descriptor(set, "peer_trie"), &key, hop, BPF_ANY) == 0, "the trie");
+        bench_require(bpf_map_update_elem(live_map(set, "peer_trie"), &key, hop, BPF_ANY) == 0, "the trie");
     }
-    for (const std::uint32_t port : {FIRST_OUT, FIRST_OUT + 1}) {
-        const std::uint32_t device = if_nametoindex(("p" + std::to_string(port)).c_str());
-        bench_require(bpf_map_update_elem(map_descriptor(set, "peer_devices"), &device, &device, BPF_ANY) == 0,
-                      "the devices");
-    }
-}
-
-// The frame that all packets are written over: UDP from a host beyond the port.
-std::vector<std::uint8_t> frame_of(const live_set &set)
-{
-    constexpr std::uint8_t IP[] = {8, 0, 0x45, 0, 0, FRAME_BYTES - 14, 0, 1, 0x40, 0, 64, 17, 0, 0, 192, 168, 5, 2};
-    std::vector<std::uint8_t> frame(FRAME_BYTES);
-    for (unsigned i = 0; i < 6; ++i)
-        frame[i] = live_mac_byte(set.packets->to, i);
-    std::copy(std::begin(IP), std::end(IP), frame.begin() + 12);
-    return frame;
+    const std::uint32_t device = if_nametoindex("p6");
+    bench_require(bpf_map_update_elem(live_map(set, "peer_devices"), &device, &device, BPF_ANY) == 0, "the device");
 }
 
 struct outcome {
@@ -188,17 +150,17 @@ struct outcome {
     std::uint32_t ns; // a run, as the kernel measured it
     bool operator==(const outcome &o) const { return action == o.action && frame == o.frame; }
 };
-outcome run_program(const live_set &set, const side &one, std::uint32_t times)
+outcome run_program(const live_set &set, const live_side &one, std::uint32_t times)
 {
-    std::vector<std::uint8_t> frame = frame_of(set), out(frame.size());
+    std::vector<std::uint8_t> frame = live_frame(set), out(frame.size());
     xdp_md context{};
-    context.data_end = FRAME_BYTES;
+    context.data_end = LIVE_FRAME_BYTES;
     context.ingress_ifindex = set.in_device;
     bpf_test_run_opts options{};
     options.sz = sizeof options;
     options.data_in = frame.data();
     options.data_out = out.data();
-    options.data_size_in = options.data_size_out = FRAME_BYTES;
+    options.data_size_in = options.data_size_out = LIVE_FRAME_BYTES;
     options.ctx_in = &context;
     options.ctx_size_in = sizeof context;
     options.repeat = static_cast<int>(times);
@@ -221,7 +183,7 @@ void check(live_set &set)
     for (const std::uint32_t address : all) {
         set.packets->destinations[0] = __builtin_bswap32(address);
         std::vector<outcome> outcomes;
-        for (const side *one : {&set.walk, &set.trie, &set.fib}) {
+        for (const live_side *one : {&set.walk, &set.trie, &set.fib}) {
             set.packets->next = 0;
             outcomes.push_back(run_program(set, *one, 1));
         }
@@ -241,14 +203,14 @@ void make_packets(live_set &set)
     }
 }
 
-std::function<double()> hot(const bench_options &options, live_set &set, const side &one)
+std::function<double()> hot(const bench_options &options, live_set &set, const live_side &one)
 {
     const std::uint32_t times = options.brief ? 10'000 : 1'000'000;
     return [&set, &one, times] { return bench_time(CPU, [&] { (void)run_program(set, one, times); }) / times; };
 }
 
 // 32 packets after 128 MiB of other memory, again and again.
-std::function<double()> cold(const bench_options &options, live_set &set, const side &one)
+std::function<double()> cold(const bench_options &options, live_set &set, const live_side &one)
 {
     constexpr std::size_t OTHER_BYTES = 128 << 20, LINE = 64;
     constexpr std::uint32_t BATCH = 32;
@@ -265,7 +227,7 @@ std::function<double()> cold(const bench_options &options, live_set &set, const 
     };
 }
 
-using way_to_time = std::function<double()> (*)(const bench_options &, live_set &, const side &);
+using way_to_time = std::function<double()> (*)(const bench_options &, live_set &, const live_side &);
 void measure(const bench_options &options, live_set &set, const std::string &what, way_to_time way,
              const std::vector<double> &wanted, std::vector<bench_row> &rows)
 {
@@ -290,6 +252,30 @@ int keep_saying(libbpf_print_level, const char *format, va_list arguments)
 }
 } // namespace
 
+void live_command(const std::string &line) { bench_require(std::system(line.c_str()) == 0, line); }
+
+int live_map(const live_set &set, const char *name)
+{
+    return bpf_map__fd(bpf_object__find_map_by_name(set.peers, name));
+}
+
+int live_program_of(const live_set &set, const char *name)
+{
+    return bpf_program__fd(bpf_object__find_program_by_name(set.peers, name));
+}
+
+// UDP from a host beyond the port.
+std::vector<std::uint8_t> live_frame(const live_set &set)
+{
+    constexpr std::uint8_t IP[] = {8, 0,   0x45, 0, 0, LIVE_FRAME_BYTES - 14, 0, 1, 0x40, 0, 64, 17, 0,
+                                   0, 192, 168,  5, 2};
+    std::vector<std::uint8_t> frame(LIVE_FRAME_BYTES);
+    for (unsigned i = 0; i < 6; ++i)
+        frame[i] = live_mac_byte(set.packets->to, i);
+    std::copy(std::begin(IP), std::end(IP), frame.begin() + 12);
+    return frame;
+}
+
 int main(int argc, char **argv)
 {
     const bench_options options = bench_start(argc, argv);
@@ -311,6 +297,7 @@ int main(int argc, char **argv)
     check(set);
     measure(options, set, "decision, 490 mixed prefixes", hot, {3, 3}, rows);
     measure(options, set, "decision, cold", cold, {2, 0}, rows);
+    live_measure_traffic(options, set, rows);
     bench_print(options, "Live card", rows);
     return 0;
 }

@@ -10,7 +10,7 @@ enum { PACKETS = 1 << 14, AF_INET_4 = 2 };
 
 struct live_peers_value {
     uint32_t destinations[PACKETS]; /* network order */
-    uint32_t next, dropped;
+    uint32_t next, came_out;
     uint64_t to; /* the port's MAC address */
     uint64_t out; /* where peer_send sends: the ifindex's key in peer_devices */
 };
@@ -172,10 +172,21 @@ SEC("card") int port_send(struct xdp_md *ctx)
     next_packet(ctx);
     return bpf_redirect_map(&peer_devices, (uint32_t)((struct live_peers_value *)VALUE_OF(peer_packets))->out, 0);
 }
-SEC("card") int port_drop(struct xdp_md *ctx)
+INLINE void came_out(void)
 {
     struct live_peers_value *packets = VALUE_OF(peer_packets);
+    packets->came_out += 1; /* one processor takes all of them */
+}
+SEC("card") int port_drop(struct xdp_md *ctx)
+{
     (void)ctx;
-    packets->dropped += 1; /* one processor takes all of them */
+    came_out();
     return XDP_DROP;
+}
+/* Of packets that the kernel has forwarded: there a packet program would have to make frames of them first. */
+SEC("card") int port_tc_drop(struct __sk_buff *packet)
+{
+    (void)packet;
+    came_out();
+    return 2; /* TC_ACT_SHOT */
 }

@@ -206,7 +206,7 @@ INLINE enum live_reason send_on(struct xdp_md *ctx, const struct headers *h, str
     if (h->ttl <= 1)
         return LIVE_TTL;
     const uint64_t neighbour = LOAD_ONCE(encaps[t->encap]);
-    if ((neighbour & LIVE_ENCAP_VALID) == 0)
+    if (neighbour == 0)
         return LIVE_NO_ENCAP;
     if (t->ifid >= LIVE_IFIDS)
         return LIVE_NO_PORT;
@@ -262,7 +262,7 @@ INLINE enum live_reason admit(const struct xdp_md *ctx, struct live_trace *t, ui
         return LIVE_UNBOUND;
     if (frame + ETH_BYTES > end || *(const uint16_t *)(frame + ETH_TYPE_AT) != bpf_htons(ETH_TYPE_IPV4))
         return LIVE_NOT_IPV4;
-    if (mac_at(frame) != (in & LIVE_MAC_MASK))
+    if ((mac_at(frame) ^ in) << 16 != 0) /* of 48 bits */
         return LIVE_NOT_OURS;
     const uint32_t forwards = LOAD_ONCE(control->forwards[t->ctx]);
     if (forwards == 0 && asked == LIVE_SEARCHED_NONE)
