@@ -114,7 +114,8 @@ void run_serving(live_sync &s, std::uint32_t ctx)
     if (!can_change(s, ctx))
         return;
     if (c.forwards) {
-        (void)sync_gentle_step(s, ctx);
+        if (!sync_gentle_step(s, ctx) && !sync_is_settled(s, ctx))
+            hold(s, ctx, "there is no room for a change");
         return;
     }
     if (s.passed_ticket < c.held_ticket || sync_strict_step(s, ctx))

@@ -137,7 +137,9 @@ const char *sync_why_waits(const live_sync &s, std::uint32_t ctx)
             return why;
     if (c.hosts_due.empty() && c.routes_due.empty())
         return nullptr;
-    return told_has_room(s, ctx, need_of(s, ctx)) ? nullptr : "old and new routes together have no room";
+    live_need need = need_of(s, ctx);
+    need.sum.blocks = 0; // blocks are given back on the way
+    return told_has_room(s, ctx, need) ? nullptr : "old and new routes together have no room";
 }
 
 namespace
@@ -228,14 +230,21 @@ bool sync_gentle_step(live_sync &s, std::uint32_t ctx)
     const prefixes_by_length due = by_length(c);
     bool has_done = false;
     for (auto list = due.rbegin(); list != due.rend() && !has_done; ++list) {
-        for (const kernel_prefix &prefix : *list)
-            if (!sync_is_needless(s, ctx, prefix))
-                has_done = add_missing(s, ctx, prefix) || has_done;
+        bool is_whole = true; // of this length nothing is missing
+        for (const kernel_prefix &prefix : *list) {
+            if (sync_is_needless(s, ctx, prefix))
+                continue;
+            has_done = add_missing(s, ctx, prefix) || has_done;
+            is_whole = is_whole && missing_paths(sync_told_route(c, prefix), sync_wanted_route(c, prefix)) == 0;
+        }
         if (has_done)
             break;
         for (const kernel_prefix &prefix : *list)
-            if (c.routes.count(prefix) != 0)
-                has_done = take_unwanted(s, ctx, prefix) || has_done;
+            if (c.routes.count(prefix) != 0 &&
+                missing_paths(sync_told_route(c, prefix), sync_wanted_route(c, prefix)) == 0)
+                has_done = take_unwanted(s, ctx, prefix) || has_done; // which may make room for the next
+        if (!is_whole)
+            return has_done;
     }
     for (auto list = due.begin(); list != due.end() && !has_done; ++list)
         for (const kernel_prefix &prefix : *list)

@@ -106,6 +106,41 @@ TEST(live_sync, a_full_route_loses_a_path_first_with_its_context_held_back)
     EXPECT_TRUE(card.was_held());
 }
 
+TEST(live_sync, more_routes_than_there_are_blocks_move_without_holding_back)
+{
+    sync_plan plan = two_ports();
+    for (std::uint32_t i = 0; i < 200; ++i)
+        plan.routes[A][{20u << 24 | i << 8, 24}] = {ip("10.1.0.2")};
+    standing_card card(plan);
+    for (auto &[prefix, paths] : plan.routes[A])
+        paths = {ip("10.2.0.2")};
+    card.want(plan);
+    card.settle();
+    card.judge_at_rest();
+    EXPECT_FALSE(card.was_held());
+}
+
+TEST(live_sync, what_finds_no_room_holds_the_context_back_and_is_not_tried)
+{
+    standing_card card;
+    sync_plan plan = two_ports();
+    for (std::uint32_t i = 0; i < 200; ++i)
+        plan.routes[A][{20u << 24 | i << 8, 24}] = {ip("10.1.0.2"), ip("10.2.0.2")};
+    card.want(plan);
+    for (unsigned i = 0; i < 1000; ++i) {
+        card.run();
+        card.take(); // a refusal would be a failure of the test
+        card.pass_barriers();
+    }
+    EXPECT_FALSE(card.contexts[A].forwards);
+    EXPECT_EQ(card.s.used.blocks, 128);
+    for (auto &[prefix, paths] : plan.routes[A])
+        paths = {ip("10.2.0.2")};
+    card.want(plan);
+    card.settle();
+    card.judge_at_rest();
+}
+
 TEST(live_sync, a_mac_address_is_one_store_and_no_call)
 {
     sync_plan plan = two_ports();
