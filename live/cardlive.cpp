@@ -32,6 +32,7 @@
 #include "card_service/if_db.h"
 #include "card_service/manager_link.h"
 #include "card_tool/address_text.h"
+#include "card_tool/card_rpc.h"
 #include "card_tool/tool_app.h"
 #include "kernel_ask.h"
 #include "live_adopt.h"
@@ -63,7 +64,7 @@ struct options {
     std::string conf = LIVE_CONF_FILE, pins, routes = ROUTES_FILE, routectl;
     std::vector<std::string> statements;
     double stale_seconds = 0; // 0: not given
-    bool detach = false, quiet = false;
+    bool detach = false, status = false, quiet = false;
 };
 
 struct card {
@@ -135,6 +136,7 @@ std::optional<int> options_read(int argc, char **argv, options *opts)
     app.add_option("--routectl", opts->routectl, "program that gives those, in place of the one beside cardlive")
         ->type_name("PROGRAM");
     app.add_flag("--detach", opts->detach, "take maps, attachments and rules away, and end");
+    app.add_flag("--status", opts->status, "print the state of the card that is served, a JSON document, and end");
     app.add_flag("-q,--quiet", opts->quiet, "no line about what happens");
     app.add_option("statement", opts->statements, "words of a statement, statements set apart by ;")->type_name("");
     return tool_app_parse(app, argc, argv);
@@ -614,6 +616,21 @@ int detach(const card &c)
     return is_done ? EXIT_DONE : EXIT_WRONG;
 }
 
+// Asks the process that serves the card.
+int show_status()
+{
+    constexpr const char *PROCEDURE = "cardlive_status";
+    const card_rpc_ptr rpc = card_rpc_open(PROCEDURE, card_conf_get().rpc_timeout_ms);
+    const card_rpc_reply reply = card_rpc_call_wait(*rpc, PROCEDURE, {rpc_block()});
+    if (!reply.ran() || reply.result != 0 || reply.blocks.size() != 1) {
+        (void)complain(card_rpc_reason(reply.end, PROCEDURE));
+        return EXIT_NO_CARD;
+    }
+    std::printf("%.*s\n", static_cast<int>(reply.blocks[0].size()),
+                reinterpret_cast<const char *>(reply.blocks[0].data()));
+    return EXIT_DONE;
+}
+
 // Takes the command line and serves the card until it ends. Returns the program's status.
 int serve_card(int argc, char **argv)
 {
@@ -622,6 +639,8 @@ int serve_card(int argc, char **argv)
         return *status;
     if (conf_read(c.opts, &c.conf) != 0)
         return TOOL_USAGE;
+    if (c.opts.status)
+        return show_status();
     if (c.opts.detach)
         return detach(c);
     connect_parts(c);

@@ -2,8 +2,8 @@
 //
 // A tree has strides 8-8-8-8 and starts with its root. A prefix needs a leaf, and the nodes on its way: one for its
 // first 8 bits when it is longer, one for 16 and one for 24. /0 has its leaf from the start. A second path needs a
-// block. Counted, because an add that the pools refuse keeps a leaf until the route manager restarts. Elsewhere: what
-// is held when not all fits (live_fit.cpp).
+// block. Counted, because an add that the pools refuse keeps a leaf until the route manager restarts.
+// Elsewhere: what is held when not all fits (live_fit.cpp).
 #pragma once
 
 #include <cstdint>

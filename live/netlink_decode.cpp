@@ -175,14 +175,13 @@ void decode_netconf(bool is_new, bytes payload, kernel_state &state, netlink_new
         return;
     }
     // A message names what has changed, and nothing else.
-    kernel_netconf conf = state.netconfs[*ifindex];
-    if (forwarding)
-        conf.forwards = *forwarding != 0;
-    if (ignoring)
-        conf.ignores_linkdown = *ignoring != 0;
-    if (state.netconfs[*ifindex] == conf)
+    const auto known = state.netconfs.find(*ifindex);
+    const kernel_netconf before = known == state.netconfs.end() ? kernel_netconf{} : known->second;
+    const kernel_netconf conf = {forwarding ? *forwarding != 0 : before.forwards,
+                                 ignoring ? *ignoring != 0 : before.ignores_linkdown};
+    if (known != state.netconfs.end() && conf == before)
         return;
-    if (state.netconfs[*ifindex].ignores_linkdown != conf.ignores_linkdown)
+    if (conf.ignores_linkdown != before.ignores_linkdown)
         news.read_again = true; // paths over links without carrier are told as dead, or not
     state.netconfs[*ifindex] = conf;
     note_link(news, *ifindex);

@@ -95,3 +95,22 @@ TEST(live_conf, a_file_that_is_not_there_has_no_statements)
     EXPECT_EQ(error, path + ":2: the line ends: expected the name of a link, such as eth1");
     (void)unlink(path.c_str());
 }
+
+TEST(live_conf, the_manuals_example_is_as_it_says)
+{
+    std::ifstream manual(LIVE_CONF_MANUAL);
+    std::string line, example;
+    bool is_example = false;
+    while (std::getline(manual, line)) {
+        if (line == ".nf" || line == ".fi")
+            is_example = line == ".nf";
+        else if (is_example)
+            example += line + "\n";
+    }
+    live_conf conf;
+    std::string error;
+    ASSERT_EQ(live_conf_parse("example", example, &conf, &error), 0) << error;
+    EXPECT_EQ(conf.tables, (std::map<std::uint32_t, std::uint32_t>{{1, 101}, {2, 102}}));
+    EXPECT_EQ(conf.ports.size(), 3u);
+    EXPECT_EQ(conf.stale_ms, 5000u);
+}
