@@ -270,6 +270,49 @@ TEST(live_sync, a_context_that_changes_while_the_route_manager_is_away_is_held_b
     card.judge_at_rest();
 }
 
+TEST(live_sync, a_context_forwards_by_the_new_table_only_when_no_packet_is_under_way_by_the_old_one)
+{
+    sync_plan plan = two_ports();
+    plan.routes[A][prefix("20.0.0.0/8")] = {ip("10.1.0.2")};
+    standing_card card(plan);
+    card.end_manager();
+    plan.routes[A][prefix("20.0.0.0/8")] = {ip("10.2.0.2")};
+    card.want(plan);
+    card.run();
+    card.pass_barriers();
+    card.start_manager();
+    for (unsigned i = 0; i < 1000 && card.s.phase != sync_phase::serving; ++i) {
+        card.run();
+        card.take();
+    }
+    card.run();
+    EXPECT_FALSE(card.contexts[A].forwards);
+    card.pass_barriers();
+    card.run();
+    EXPECT_TRUE(card.contexts[A].forwards);
+    card.judge_at_rest();
+}
+
+TEST(live_sync, a_context_whose_new_table_lacks_a_route_is_held_back_before_that_is_searched)
+{
+    sync_plan plan = two_ports();
+    plan.routes[A][prefix("0.0.0.0/0")] = {ip("10.1.0.3")};
+    plan.routes[A][prefix("20.0.0.0/8")] = {ip("10.1.0.2")};
+    standing_card card(plan);
+    card.start_manager();
+    for (unsigned i = 0; i < 1000 && card.s.phase != sync_phase::serving; ++i) {
+        card.run();
+        const bool is_last = !card.queue.empty() && card.queue.front().procedure == "rib_add_route" &&
+                             card.queue.front().args.at(2).value == ip("20.0.0.0");
+        card.take(is_last ? sync_fault::refused : sync_fault::none);
+        card.pass_barriers();
+    }
+    EXPECT_EQ(card.s.phase, sync_phase::serving);
+    EXPECT_FALSE(card.contexts[A].forwards);
+    card.settle();
+    card.judge_at_rest();
+}
+
 TEST(live_sync, a_route_manager_that_ends_before_the_switch_changes_nothing)
 {
     sync_plan plan = two_ports();
