@@ -466,7 +466,8 @@ TEST_F(cardlive, tells_routectl_what_it_forwards_what_becomes_of_a_packet_and_wh
     EXPECT_NE(text.find("20.0.0.255"), std::string::npos) << text;
     EXPECT_NE(text.find("e2 to 02:03:00:00:00:00"), std::string::npos) << text;
     EXPECT_NE(tool("live trace 20.0.0.7", 1).find("they differ"), std::string::npos);
-    EXPECT_NE(tool("doctor", 1).find("packets to 20.0.0.255 do not leave as the kernel would send them"), std::string::npos);
+    EXPECT_NE(tool("doctor", 1).find("packets to 20.0.0.255 do not leave as the kernel would send them"),
+              std::string::npos);
     live.end(SIGTERM);
     EXPECT_NE(tool("live", 3).find("cardlive cannot be reached"), std::string::npos);
 }
