@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "doc_tables.h"
 #include "packet_card.h"
 #include "tables.h"
 
@@ -278,4 +279,22 @@ TEST_F(maps, need_a_folder_in_a_bpf_file_system)
     EXPECT_EQ(rmdir(somebodys), 0) << "it is still there";
     EXPECT_EQ(live_maps_open(refused, "/nowhere/at/all", why), 1);
     EXPECT_EQ(live_maps_remove("/sys/fs/bpf/live_test_none", why), 0) << why;
+}
+
+TEST(live_card_page, names_every_reason_in_the_order_in_which_they_hold)
+{
+    const doc_page page = doc_read(DOCS_DIR "/live-card.md");
+    const doc_table &reasons = page.tables.at("What the program does with a packet");
+    EXPECT_EQ(reasons.column("reason"),
+              std::vector<std::string>(std::begin(LIVE_REASON_NAMES), std::end(LIVE_REASON_NAMES)));
+}
+
+TEST(live_card_page, names_every_map)
+{
+    const doc_page page = doc_read(DOCS_DIR "/live-card.md");
+    std::string pinned;
+    for (const std::string &cell : page.tables.at("The maps").column("pinned as"))
+        pinned += cell;
+    for (const char *name : LIVE_MAP_NAMES)
+        EXPECT_NE(pinned.find("`" + std::string(name) + "`"), std::string::npos) << name;
 }
