@@ -573,7 +573,7 @@ live_scope live_plan_update(live_plan &plan, const kernel_state &state, const li
         return scope;
     }
     const bool was_cut = !live_room_fits(plan.need, room);
-    const live_scope wanted = plan_scope(plan, state, scope_of(plan, state, changes));
+    live_scope wanted = plan_scope(plan, state, scope_of(plan, state, changes));
     if (wanted.empty())
         return scope;
     if (was_cut || !live_room_fits(plan.need, room)) {
