@@ -20,6 +20,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <linux/neighbour.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/signalfd.h>
@@ -474,6 +475,33 @@ bool has_local_routes(const kernel_changes &changes)
                        [](const auto &route) { return route.first == KERNEL_TABLE_LOCAL; });
 }
 
+// The kernel sees no packet that the card sends to a host. So when it takes the host for stale, it is told of one.
+void look_after_host(card &c, std::uint32_t ctx, std::uint32_t address)
+{
+    const auto &hosts = c.plan.contexts.at(ctx).card.hosts;
+    const auto host = hosts.find(address);
+    if (host == hosts.end())
+        return;
+    const auto known = state_of(c).neighbours.find({host->second.ifindex, address});
+    if (known != state_of(c).neighbours.end() && known->second.state == NUD_STALE)
+        netlink_kernel_use(*c.kernel, host->second.ifindex, address);
+}
+
+void look_after_hosts(card &c, const live_scope &scope)
+{
+    if (scope.is_whole)
+        for (const auto &[ctx, context] : c.plan.contexts)
+            for (const auto &[address, host] : context.card.hosts)
+                look_after_host(c, ctx, address);
+    for (const auto &[ctx, address] : scope.hosts)
+        look_after_host(c, ctx, address);
+    for (const auto &[ifindex, address] : c.changes.neighbours) {
+        const auto port = c.plan.ports.find(ifindex);
+        if (port != c.plan.ports.end() && port->second.is_bound)
+            look_after_host(c, port->second.ctx, address);
+    }
+}
+
 // Takes the kernel's changes into the plan and into what is wanted.
 void follow(card &c)
 {
@@ -504,6 +532,7 @@ void follow(card &c)
     else
         live_wants_scope(c.sync, c.plan, state, scope);
     live_wants_neighbours(c.sync, c.plan, state, c.changes.neighbours);
+    look_after_hosts(c, scope);
     c.changes = {};
     c.has_plan = true;
     c.was_current = is_current;

@@ -252,7 +252,7 @@ void ask_for(netlink_kernel &kernel, const std::pair<int, std::uint32_t> &neighb
     head->ndm_ifindex = neighbour.first;
     head->ndm_state = NUD_NONE;
     if (!is_managed)
-        head->ndm_flags = NTF_USE; // used once more, and then left to itself
+        head->ndm_flags = NTF_USE; // as if a packet were sent to it
     mnl_attr_put_u32(message, NDA_DST, htonl(neighbour.second));
     if (is_managed)
         mnl_attr_put_u32(message, NDA_FLAGS_EXT, NTF_EXT_MANAGED);
@@ -527,6 +527,12 @@ void netlink_kernel_unmanage(netlink_kernel &kernel, int ifindex, std::uint32_t 
 {
     kernel.kept.erase({ifindex, address});
     if (kernel.managed.erase({ifindex, address}) != 0)
+        ask_for(kernel, {ifindex, address}, false);
+}
+
+void netlink_kernel_use(netlink_kernel &kernel, int ifindex, std::uint32_t address)
+{
+    if (kernel.managed.count({ifindex, address}) == 0)
         ask_for(kernel, {ifindex, address}, false);
 }
 

@@ -55,6 +55,10 @@ netlink_counts netlink_kernel_counts(const netlink_kernel &kernel);
 void netlink_kernel_manage(netlink_kernel &kernel, int ifindex, std::uint32_t address);
 void netlink_kernel_unmanage(netlink_kernel &kernel, int ifindex, std::uint32_t address);
 
+// Has the kernel look whether a stale neighbour is still there, as it does when it sends a packet to one: packets that
+// the card sends are none of the kernel's, and without this it would never find out.
+void netlink_kernel_use(netlink_kernel &kernel, int ifindex, std::uint32_t address);
+
 // Makes the rules that are missing, by the state or in fact, and removes other ones of the same protocol. With none
 // wanted, the card leaves none behind. Returns 0, or 1 and one line in `error`; then it may be called again.
 [[nodiscard]] int netlink_kernel_set_rules(netlink_kernel &kernel, std::uint8_t protocol,

@@ -277,6 +277,32 @@ TEST_F(kernel_follow, a_managed_neighbour_is_found_kept_and_given_up)
     EXPECT_TRUE(is_known());
 }
 
+TEST_F(kernel_follow, a_stale_neighbour_is_looked_after_when_it_is_used)
+{
+    const std::pair<int, std::uint32_t> key = {index_of_link("eth1"), ip("10.1.0.9")};
+    const auto state_is = [&](std::uint16_t wanted) {
+        const auto found = state().neighbours.find(key);
+        return found != state().neighbours.end() && found->second.state == wanted;
+    };
+    run("cd /proc/sys/net/ipv4/neigh/eth1; echo 0 > delay_first_probe_time; echo 100 > retrans_time_ms");
+    netlink_kernel_manage(*follower->kernel, key.first, key.second);
+    until("there", [&] { return state_is(NUD_REACHABLE); });
+    netlink_kernel_unmanage(*follower->kernel, key.first, key.second);
+    until("on its own", [&] { return !state().neighbours.at(key).is_managed; });
+    const std::uint64_t mac = state().neighbours.at(key).mac;
+    run("ip neigh change 10.1.0.9 dev eth1 nud stale");
+    until("stale", [&] { return state_is(NUD_STALE); });
+    netlink_kernel_use(*follower->kernel, key.first, key.second);
+    until("there again", [&] { return state_is(NUD_REACHABLE); });
+    EXPECT_EQ(state().neighbours.at(key).mac, mac);
+    // It has another MAC address since, and has told no one.
+    space->there("ip link set eth1 arp off; ip link set eth1 address 02:00:00:00:00:77");
+    run("ip neigh change 10.1.0.9 dev eth1 nud stale");
+    until("stale", [&] { return state_is(NUD_STALE); });
+    netlink_kernel_use(*follower->kernel, key.first, key.second);
+    until("failed", [&] { return state_is(NUD_FAILED) || state().neighbours.count(key) == 0; });
+}
+
 TEST_F(kernel_follow, a_permanent_neighbour_stays_permanent)
 {
     const std::pair<int, std::uint32_t> key = {index_of_link("eth1"), ip("10.1.0.9")};
