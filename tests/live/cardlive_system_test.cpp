@@ -434,6 +434,30 @@ TEST_F(cardlive, one_that_is_killed_leaves_the_card_forwarding_and_its_successor
     until("its context forwards", [&] { return !live_maps_is_held(maps, 0); });
 }
 
+TEST_F(cardlive, is_content_with_three_capabilities_of_another_user)
+{
+    if (std::system("setpriv --version >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "setpriv is missing (package util-linux)";
+    run("ip route add 20.0.0.0/24 via 10.0.2.2");
+    const std::string user = "65534:65534", bin = card->at("cardlive"), other = card->at("routemgr");
+    run("cp " CARDLIVE_PATH " " + bin + " && cp " ROUTEMGR_PATH " " + other); // where that user may read them
+    run("mkdir -m 700 " + pins + " && chown " + user + " " + pins);
+    run("chown -R " + user + " " + card->path);
+    const std::string capabilities = "-all,+bpf,+net_admin,+perfmon";
+    live.start({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--no-new-privs",
+                "--inh-caps=" + capabilities, "--ambient-caps=" + capabilities, "--bounding-set=" + capabilities, bin,
+                "--pins", pins, "--conf", card->at("live.conf"), "--routes", card->at("routes")},
+               card->path, card->at("cardlive.out"));
+    until("cardlive serves", [this] { return path_exists(card->at("rpc/names/cardlive_status")); });
+    manager.start({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all",
+                   "--bounding-set=-all", other},
+                  card->path, card->at("routemgr.out"));
+    until("the card stands", [this] { return said().find("the card stands") != std::string::npos; });
+    open_maps();
+    agree("a route");
+    until("its context forwards", [this] { return !live_maps_is_held(maps, 0); });
+}
+
 TEST_F(cardlive, a_second_one_is_refused)
 {
     start_live();
