@@ -33,7 +33,7 @@
 namespace
 {
 constexpr std::uint32_t PREFIXES = 490, GATEWAYS = 64, IN_PORT = 5, OUT_PORT = 6, TREE = 0;
-constexpr std::uint64_t AN_HOUR_NS = 3'600'000'000'000, PORT_MAC = 0x010000000002, HOST_MAC = 0x000100000002;
+constexpr std::uint64_t AN_HOUR_NS = 3'600'000'000'000, HOST_MAC = 0x000100000002;
 constexpr bench_clock CPU = bench_clock::cpu;
 
 std::uint32_t gateway_of(const peer_route &r) { return r.value % GATEWAYS; }
@@ -241,15 +241,6 @@ void measure(const bench_options &options, live_set &set, const std::string &wha
     rows.push_back({what, "ns", m[1] - m[0], "the same with the kernel's trie of prefixes", m[3] - m[0], "", wanted[1],
                     wanted[1] != 0, ""});
 }
-
-std::string said;
-int keep_saying(libbpf_print_level, const char *format, va_list arguments)
-{
-    char text[512];
-    (void)std::vsnprintf(text, sizeof text, format, arguments);
-    said += text;
-    return 0;
-}
 } // namespace
 
 void live_command(const std::string &line) { bench_require(std::system(line.c_str()) == 0, line); }
@@ -281,7 +272,6 @@ int main(int argc, char **argv)
     const bench_options options = bench_start(argc, argv);
     live_set set;
     std::string why;
-    (void)libbpf_set_print(keep_saying);
     std::vector<bench_row> rows;
     if (live_maps_open(set.maps, "", why) != 0) {
         rows.push_back({"decision", "ns", 0, "the same with bpf_fib_lookup", {}, why, 0, false, "not measured"});
@@ -299,5 +289,8 @@ int main(int argc, char **argv)
     measure(options, set, "decision, cold", cold, {2, 0}, rows);
     live_measure_traffic(options, set, rows);
     bench_print(options, "Live card", rows);
+    (void)munmap(set.packets, sizeof(packets_value));
+    bpf_object__close(set.peers);
+    live_maps_close(set.maps);
     return 0;
 }
