@@ -117,7 +117,10 @@ struct kernel_state {
     std::map<int, std::vector<kernel_address>> addresses;                 // of a link, in the kernel's order
     std::map<std::pair<int, std::uint32_t>, kernel_neighbour> neighbours; // by ifindex and address
     std::map<std::uint32_t, kernel_table> tables; // those that are followed, which includes main, local and default
-    std::vector<kernel_rule> rules;               // in the order that the kernel tries them
+    // Addresses that this host has had, and that are gateways: the kernel takes a route that came while its gateway was
+    // an address of the host for one without a gateway, for as long as the route is there, and does not say so.
+    std::set<std::uint32_t> former_addresses;
+    std::vector<kernel_rule> rules; // in the order that the kernel tries them
     bool operator==(const kernel_state &) const = default;
 };
 

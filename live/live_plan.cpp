@@ -233,7 +233,7 @@ const live_plan_port *port_of(const live_plan &frame, std::uint32_t ctx, int ifi
 bool is_direct(const kernel_state &state, const live_context &context, std::uint32_t address, int *ifindex)
 {
     const kernel_prefix host = kernel_prefix_of(address, 32);
-    if (live_plan_is_passed_by(host) || has_entry(state, context, host))
+    if (live_plan_is_passed_by(host) || has_entry(state, context, host) || state.former_addresses.count(address) != 0)
         return false;
     const kernel_answer answer = kernel_lookup(state, context.tables, address);
     if (answer.verdict != kernel_verdict::paths || answer.hops.size() != 1)

@@ -222,6 +222,8 @@ void decode_address(bool is_new, std::uint16_t message_flags, bytes payload, ker
         return; // a lifetime
     if (is_known)
         addresses.erase(known);
+    if (is_known && !is_new)
+        state.former_addresses.insert(address.address);
     if (is_new)
         addresses.push_back(address);
     if (addresses.empty())

@@ -275,6 +275,21 @@ void ask_again(netlink_kernel &kernel, const kernel_changes &changes)
     }
 }
 
+// Of the addresses that the host has had, those that are gateways now.
+void keep_former_addresses(const kernel_state &before, kernel_state &now)
+{
+    std::set<std::uint32_t> had = before.former_addresses;
+    had.insert(now.former_addresses.begin(), now.former_addresses.end());
+    for (const auto &[ifindex, addresses] : before.addresses)
+        for (const kernel_address &address : addresses)
+            had.insert(address.address);
+    now.former_addresses.clear();
+    for (const std::uint32_t address : had)
+        for (const auto &[id, table] : now.tables)
+            if (table.gateways.count(address) != 0)
+                now.former_addresses.insert(address);
+}
+
 void end_reading(netlink_kernel &kernel, kernel_changes &changes)
 {
     netlink_news news;
@@ -282,6 +297,7 @@ void end_reading(netlink_kernel &kernel, kernel_changes &changes)
         netlink_decode(message, kernel.next, news);
     kernel.heard.clear();
     kernel.reading = IDLE;
+    keep_former_addresses(kernel.state, kernel.next);
     kernel_changes_add(changes, kernel_state_difference(kernel.state, kernel.next));
     std::swap(kernel.state, kernel.next);
     kernel.next = {};

@@ -200,6 +200,30 @@ TEST_F(kernel_follow, an_address_that_goes_takes_routes_along)
     follower->until_as_fresh();
 }
 
+TEST_F(kernel_follow, a_route_whose_gateway_was_an_address_of_the_host_is_none_through_it)
+{
+    const int eth1 = index_of_link("eth1");
+    const auto has_addresses = [&](std::size_t count) {
+        return state().addresses.at(eth1).size() == count && netlink_kernel_is_current(*follower->kernel);
+    };
+    run("ip addr add 10.1.0.50/32 dev eth1; ip route add 20.0.0.0/8 via 10.1.0.50 dev eth1");
+    until("a route", [&] { return has("20.0.0.0/8") && has_addresses(2); });
+    EXPECT_TRUE(live_plan_lookup(plan(), 0, ip("20.1.1.1")).empty());
+    run("ip addr del 10.1.0.50/32 dev eth1");
+    until("no address", [&] { return has_addresses(1); });
+    EXPECT_EQ(routes("20.0.0.0/8")[0].hops[0].gateway, ip("10.1.0.50"));                         // so it is told
+    EXPECT_EQ(kernel_way_of("eth2", ip("192.0.2.1"), ip("20.1.1.1")).neighbour, ip("20.1.1.1")); // and so it is
+    EXPECT_TRUE(live_plan_lookup(plan(), 0, ip("20.1.1.1")).empty());
+    run("ip route del 20.0.0.0/8; ip addr add 10.1.0.51/32 dev eth1");
+    until("read again", [&] { return has_addresses(2); });
+    EXPECT_TRUE(state().former_addresses.empty());
+    run("ip route add 20.0.0.0/8 via 10.1.0.50");
+    until("a route through it", [&] { return has("20.0.0.0/8"); });
+    EXPECT_EQ(live_plan_lookup(plan(), 0, ip("20.1.1.1")), (std::vector<live_path>{{ip("10.1.0.50"), eth1}}));
+    EXPECT_EQ(kernel_way_of("eth2", ip("192.0.2.1"), ip("20.1.1.1")).neighbour, ip("10.1.0.50"));
+    expect_as_the_kernel_looks_up();
+}
+
 TEST_F(kernel_follow, next_hop_objects_and_groups)
 {
     run("ip nexthop add id 1 via 10.1.0.9 dev eth1; ip nexthop add id 2 via 10.2.0.9 dev eth2;"

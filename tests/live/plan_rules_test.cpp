@@ -345,6 +345,13 @@ TEST_F(plan_rules, a_gateway_whose_address_has_a_route_of_its_own_is_not_announc
     EXPECT_FALSE(has_host("10.1.0.9"));
 }
 
+TEST_F(plan_rules, a_gateway_that_was_an_address_of_this_host_sends_its_routes_up)
+{
+    world.via("20.0.0.0/8", {{"10.1.0.9", 2}});
+    world.state.former_addresses.insert(ip("10.1.0.9"));
+    EXPECT_EQ(why_up("20.0.0.0/8"), "the kernel does not reach gateway 10.1.0.9 directly on eth1");
+}
+
 TEST_F(plan_rules, one_gateway_address_on_two_ports_is_used_on_the_one_that_the_kernel_takes_for_it)
 {
     world.via("20.0.0.0/8", {{"10.1.0.9", 2}});
