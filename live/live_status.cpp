@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "card_tool/address_text.h"
+#include "kernel_bypass.h"
 
 namespace
 {
@@ -74,6 +75,24 @@ json context_of(const live_plan &plan, const live_sync &sync, std::uint32_t ctx)
         j["why"] = c.why_held;
     return j;
 }
+
+// Changes that are wanted and not made, or not answered.
+std::size_t waiting_of(const live_sync &sync)
+{
+    std::size_t waiting = 0;
+    for (const sync_context &context : sync.contexts)
+        waiting += context.routes_due.size() + context.hosts_due.size() + context.pending;
+    return waiting;
+}
+
+json passed_by(const live_plan &plan)
+{
+    std::map<int, std::string> ports;
+    for (const auto &[ifindex, port] : plan.ports)
+        if (port.is_bound)
+            ports[ifindex] = port.name;
+    return kernel_bypass_find(ports);
+}
 } // namespace
 
 std::string live_status(const live_maps &maps, const live_ports &ports, const live_plan &plan, const live_sync &sync,
@@ -82,6 +101,8 @@ std::string live_status(const live_maps &maps, const live_ports &ports, const li
     const netlink_counts counts = netlink_kernel_counts(kernel);
     json j = {{"route_manager", phase_text(sync.phase)},
               {"settled", sync_is_settled(sync)},
+              {"waiting", waiting_of(sync)},
+              {"passed_by", passed_by(plan)},
               {"searched", live_maps_searched(maps)},
               {"kernel",
                {{"current", netlink_kernel_is_current(kernel)},

@@ -479,8 +479,12 @@ TEST_F(cardlive, tells_routectl_what_it_forwards_what_becomes_of_a_packet_and_wh
     std::string text = tool("live", 0);
     EXPECT_NE(text.find("context 0      forwards; 1 routes, 13 neighbours"), std::string::npos) << text;
     EXPECT_NE(text.find("e1    0    generic  open"), std::string::npos) << text;
+    EXPECT_EQ(text.find("warning"), std::string::npos) << text;
     text = tool("-j live", 0);
     EXPECT_NE(text.find("\"route_manager\":\"serving\""), std::string::npos) << text;
+    setting("conf/e2/rp_filter", "1");
+    EXPECT_NE(tool("live", 0).find("rp_filter of e2 is passed by"), std::string::npos);
+    setting("conf/e2/rp_filter", "0");
     text = tool("live trace 20.0.0.7 from 10.0.1.9 in e1", 0);
     EXPECT_NE(text.find("20.0.0.7 from 10.0.1.9 in by e1, context 0\n  the card    e2 to 02:00:00:00:02:11, encap"),
               std::string::npos)

@@ -96,10 +96,14 @@ routectl_answer live_run(const routectl_call &call)
     answer.facts = now;
     if (!call.options.json) { // a line each
         answer.facts.erase("contexts");
+        answer.facts.erase("passed_by");
         for (const json &context : now["contexts"])
             answer.facts[fmt::format("context {}", context.value("context", 0))] =
                 fmt::format("{}; {} routes, {} neighbours, {} without room", context_text(context),
                             context.value("routes", 0), context.value("hosts", 0), context.value("cut", 0));
+        for (const json &what : now["passed_by"])
+            answer.facts[fmt::format("warning {}", answer.facts.size())] =
+                fmt::format("{} is passed by: forwarded packets do not meet it", what.get<std::string>());
     }
     answer.records_key = "ports";
     answer.columns = {{"name", "PORT"},
