@@ -35,7 +35,7 @@ using namespace harness;
 namespace
 {
 constexpr unsigned PORTS = 3, NEIGHBOURS = 4, FLOWS = 8;
-constexpr auto PATIENCE = std::chrono::seconds(10);
+constexpr auto PATIENCE = std::chrono::seconds(60);
 constexpr auto A_LOOK = std::chrono::milliseconds(5);
 constexpr std::uint8_t NEIGHBOUR_MAC = 0x10; // of 10.0.<port>.<n>: 02:00:00:00:<port>:<NEIGHBOUR_MAC + n>
 

@@ -22,7 +22,7 @@ namespace harness
 {
 namespace
 {
-constexpr auto PATIENCE = std::chrono::seconds(10);
+constexpr auto PATIENCE = std::chrono::seconds(60);
 
 int own_space() { return open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC); }
 
@@ -157,7 +157,7 @@ void kernel_follower::until(const std::string &what, const std::function<bool()>
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
     while (!is_so()) {
         if (std::chrono::steady_clock::now() > end) {
-            ADD_FAILURE() << "in ten seconds not: " << what;
+            ADD_FAILURE() << "not in a minute: " << what;
             return;
         }
         pollfd ready = {netlink_kernel_fd(*kernel), POLLIN, 0};

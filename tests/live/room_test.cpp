@@ -171,7 +171,7 @@ struct room : testing::Test {
                     << "seed " << seed << std::hex << " at " << address;
             }
     }
-    void take(const kernel_prefix &prefix)
+    void take(kernel_prefix prefix) // not a reference to what goes
     {
         for (const std::uint32_t gateway : routes.at(prefix))
             ASSERT_EQ(rib_remove_route(CARD_CTX, CARD_CTX, prefix.address, mask_of(prefix.length), gateway), 0u);
