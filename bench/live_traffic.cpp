@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "live_set.h"
@@ -34,13 +35,15 @@ int attach(const live_set &set, const char *device, const char *program)
 }
 
 struct tc_drop {
-    bpf_tc_hook hook{};
+    bpf_tc_hook hook; // the library wants the bytes between its members 0, too
     tc_drop(const live_set &set, const char *device)
     {
+        std::memset(&hook, 0, sizeof hook);
         hook.sz = sizeof hook;
         hook.ifindex = static_cast<int>(if_nametoindex(device));
         hook.attach_point = BPF_TC_INGRESS;
-        bpf_tc_opts options{};
+        bpf_tc_opts options;
+        std::memset(&options, 0, sizeof options);
         options.sz = sizeof options;
         options.prog_fd = live_program_of(set, "port_tc_drop");
         bench_require(bpf_tc_hook_create(&hook) == 0 && bpf_tc_attach(&hook, &options) == 0, "dropping what comes out");

@@ -32,10 +32,8 @@ volatile unsigned steps = 0, stop_at = 0;
 
 void set_trap_flag(bool on)
 {
-    std::uint64_t flags = 0;
-    asm volatile("pushfq\n\tpopq %0" : "=r"(flags));
-    flags = on ? flags | static_cast<std::uint64_t>(TRAP_FLAG) : flags & ~static_cast<std::uint64_t>(TRAP_FLAG);
-    asm volatile("pushq %0\n\tpopfq" : : "r"(flags) : "cc", "memory");
+    const std::uint64_t flags = __builtin_ia32_readeflags_u64(), trap = static_cast<std::uint64_t>(TRAP_FLAG);
+    __builtin_ia32_writeeflags_u64(on ? flags | trap : flags & ~trap);
 }
 
 void on_trap(int, siginfo_t *, void *context)
