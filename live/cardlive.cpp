@@ -181,6 +181,7 @@ void give_extra(card &c)
         return sync_extra_given(c.sync);
     std::vector<std::string> words = {c.opts.routectl, "--go-on", "--batch", c.opts.routes};
     std::vector<char *> args;
+    args.reserve(words.size() + 1);
     for (std::string &word : words)
         args.push_back(word.data());
     args.push_back(nullptr);

@@ -42,7 +42,7 @@ std::string ask(int queue, const debug_request &request, unsigned timeout_ms)
         if (mts_recv(queue, &message, &OPTIONS) != 0)
             continue;
         const bool is_answer = message.opcode == MTS_OPC_DEBUG_ANSWER && message.source.sap == ROUTE_MGR_SAP;
-        const std::string text(reinterpret_cast<const char *>(message.payload), message.length);
+        std::string text(reinterpret_cast<const char *>(message.payload), message.length);
         mts_drop(queue, &message);
         if (is_answer)
             return text;

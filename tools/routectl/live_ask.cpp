@@ -12,7 +12,7 @@ routectl_answer compare_context(const routectl_call &call, std::uint32_t ctx, li
 {
     for (std::uint32_t at = 0; at != VERIFY_END;) {
         json part;
-        const routectl_answer asked =
+        routectl_answer asked =
             live_ask(call, "cardlive_verify", {rpc_u32(ctx), rpc_ref32(at), rpc_block()}, &part, &at);
         if (asked.status != ROUTECTL_DONE)
             return asked;
