@@ -272,8 +272,8 @@ std::size_t path_count(const live_route &route) { return std::max<std::size_t>(1
 using route_key = std::pair<std::uint32_t, kernel_prefix>; // context and prefix
 using host_key = std::pair<std::uint32_t, std::uint32_t>;  // context and address
 
-void count(live_plan &plan, std::uint32_t ctx, const kernel_prefix &prefix, std::size_t paths,
-           void (*change)(live_need &, const kernel_prefix &, std::size_t))
+void count_need(live_plan &plan, std::uint32_t ctx, const kernel_prefix &prefix, std::size_t paths,
+                void (*change)(live_need &, const kernel_prefix &, std::size_t))
 {
     live_need &need = plan.contexts.at(ctx).need;
     const live_room before = need.sum;
@@ -286,7 +286,7 @@ void take_route(live_plan &plan, const route_key &key, const live_route &route)
     live_contents &wanted = plan.contexts.at(key.first).wanted;
     for (const live_path &path : route.paths)
         --wanted.hosts.at(path.gateway).uses;
-    count(plan, key.first, key.second, path_count(route), live_need_take);
+    count_need(plan, key.first, key.second, path_count(route), live_need_take);
     wanted.routes.erase(key.second);
 }
 
@@ -296,11 +296,11 @@ void add_route(live_plan &plan, const route_key &key, const live_route &route)
     for (const live_path &path : route.paths) {
         const auto [host, is_new] = wanted.hosts.try_emplace(path.gateway);
         if (is_new)
-            count(plan, key.first, kernel_prefix_of(path.gateway, 32), 1, live_need_add);
+            count_need(plan, key.first, kernel_prefix_of(path.gateway, 32), 1, live_need_add);
         host->second.ifindex = path.ifindex;
         ++host->second.uses;
     }
-    count(plan, key.first, key.second, path_count(route), live_need_add);
+    count_need(plan, key.first, key.second, path_count(route), live_need_add);
     wanted.routes.emplace(key.second, route);
 }
 
@@ -319,7 +319,7 @@ void settle_host(live_plan &plan, const kernel_state &state, const host_key &key
     else if (was_there)
         hosts.erase(found);
     if (was_there != is_neighbour)
-        count(plan, key.first, kernel_prefix_of(key.second, 32), 1, is_neighbour ? live_need_add : live_need_take);
+        count_need(plan, key.first, kernel_prefix_of(key.second, 32), 1, is_neighbour ? live_need_add : live_need_take);
 }
 
 template <typename Map>
