@@ -21,7 +21,7 @@ namespace
 constexpr std::uint32_t UNKNOWN_TABLE = 0; // in the order of a context's tables: what follows is not known
 constexpr std::uint32_t MULTICAST = 0xE0000000;
 
-const kernel_table &table_of(const kernel_state &state, std::uint32_t id)
+const kernel_table &plan_table(const kernel_state &state, std::uint32_t id)
 {
     static const kernel_table NONE;
     const auto found = state.tables.find(id);
@@ -218,8 +218,8 @@ void hold_back_for_room(live_plan &plan, std::uint32_t ctx, const live_room &lef
 bool has_entry(const kernel_state &state, const live_context &context, const kernel_prefix &prefix)
 {
     return context.own.count(prefix) != 0 ||
-           kernel_table_find(table_of(state, KERNEL_TABLE_LOCAL), prefix) != nullptr ||
-           kernel_table_find(table_of(state, context.table), prefix) != nullptr;
+           kernel_table_find(plan_table(state, KERNEL_TABLE_LOCAL), prefix) != nullptr ||
+           kernel_table_find(plan_table(state, context.table), prefix) != nullptr;
 }
 
 const live_plan_port *port_of(const live_plan &frame, std::uint32_t ctx, int ifindex)
@@ -385,7 +385,7 @@ void add_dependents(live_scope &scope, const live_plan &plan, const kernel_state
                     std::uint32_t table, const kernel_prefix &prefix)
 {
     const live_context &context = plan.contexts.at(ctx);
-    const kernel_table &changed = table_of(state, table), &own = table_of(state, context.table);
+    const kernel_table &changed = plan_table(state, table), &own = plan_table(state, context.table);
     const auto add_route = [&](const kernel_prefix &route) { scope.routes.insert({ctx, route}); };
     if (table == context.table || table == KERNEL_TABLE_LOCAL)
         add_route(prefix);
@@ -516,7 +516,7 @@ bool live_plan_route(const kernel_state &state, const live_plan &frame, std::uin
     const live_context &context = frame.contexts.at(ctx);
     if (live_plan_is_passed_by(prefix) || context.own.count(prefix) != 0)
         return false;
-    const kernel_table &local = table_of(state, KERNEL_TABLE_LOCAL);
+    const kernel_table &local = plan_table(state, KERNEL_TABLE_LOCAL);
     if (prefix.length > 0 && kernel_table_match(local, prefix.address, prefix.length - 1) != nullptr)
         return false; // answered by the one that covers it
     *route = {};
@@ -524,7 +524,7 @@ bool live_plan_route(const kernel_state &state, const live_plan &frame, std::uin
         route->why_up = "an address of this host";
         return true;
     }
-    const auto *const routes = kernel_table_find(table_of(state, context.table), prefix);
+    const auto *const routes = kernel_table_find(plan_table(state, context.table), prefix);
     if (routes == nullptr)
         return false;
     const kernel_answer answer = kernel_routes_answer(state, *routes);
@@ -552,7 +552,7 @@ live_plan live_plan_make(const kernel_state &state, const live_conf &conf, const
         if (!context.has_room)
             continue;
         for (const std::uint32_t table : {KERNEL_TABLE_LOCAL, context.table})
-            for (const auto &[prefix, routes] : table_of(state, table).routes)
+            for (const auto &[prefix, routes] : plan_table(state, table).routes)
                 all.routes.insert({ctx, prefix});
     }
     for (const auto &[key, neighbour] : state.neighbours)
