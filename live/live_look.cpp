@@ -78,7 +78,8 @@ std::string live_look_trace(const live_view &view, std::uint32_t address, std::u
         return error_of(ifid == 0 ? "no port is up" : fmt::format("interface {} is no port that is up", ifid)).dump();
     live_traced traced;
     for (const int ifindex : ports) {
-        const std::uint32_t from = source != 0 ? source : live_trace_source(view.state, view.plan.ports.at(ifindex));
+        const std::uint32_t from =
+            source != 0 ? source : live_trace_source(view.state, ifindex, view.plan.ports.at(ifindex));
         std::string why;
         if (live_trace_packet(view, {from, address, ifindex}, LIVE_SEARCHED_NONE, &traced, &why) != 0)
             return error_of(why).dump();

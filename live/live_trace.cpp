@@ -173,7 +173,8 @@ int verify_address(const live_view &view, live_searched table, const std::vector
 {
     live_traced traced;
     for (const int ifindex : ports) {
-        const kernel_packet packet = {live_trace_source(view.state, view.plan.ports.at(ifindex)), address, ifindex};
+        const kernel_packet packet = {live_trace_source(view.state, ifindex, view.plan.ports.at(ifindex)), address,
+                                      ifindex};
         if (live_trace_packet(view, packet, table, &traced, why) != 0)
             return 1;
         if (traced.trace.reason != LIVE_SAME_PORT)
@@ -198,7 +199,7 @@ void add_boundaries(std::vector<std::uint32_t> &to, const kernel_prefix &prefix)
 }
 } // namespace
 
-std::uint32_t live_trace_source(const kernel_state &state, const live_plan_port &port)
+std::uint32_t live_trace_source(const kernel_state &state, int ifindex, const live_plan_port &port)
 {
     const auto is_own = [&state](std::uint32_t address) {
         return std::any_of(state.addresses.begin(), state.addresses.end(), [address](const auto &link) {
@@ -206,8 +207,11 @@ std::uint32_t live_trace_source(const kernel_state &state, const live_plan_port 
                                [address](const kernel_address &a) { return a.address == address; });
         });
     };
-    if (port.length == 0)
-        return TEST_RANGE;
+    if (port.length == 0) {
+        const auto neighbour = state.neighbours.lower_bound({ifindex, 0});
+        const bool is_there = neighbour != state.neighbours.end() && neighbour->first.first == ifindex;
+        return is_there && !live_is_special(neighbour->first.second) ? neighbour->first.second : TEST_RANGE;
+    }
     const kernel_prefix subnet = kernel_prefix_of(port.address, port.length);
     for (std::uint32_t address = subnet.address + 1; address < kernel_prefix_last(subnet); ++address)
         if (!is_own(address))

@@ -22,9 +22,10 @@ struct live_view {
     kernel_ask &ask;
 };
 
-// An address of another host of the port's subnet, from which a packet may come; one of the range for tests of
-// networks when the port has no subnet.
-std::uint32_t live_trace_source(const kernel_state &state, const live_plan_port &port);
+// An address from which a packet may come in by the port, so that the kernel does not refuse it for its source: another
+// host of the port's subnet, a neighbour where the port has none of its own, else one of the range for tests of
+// networks.
+std::uint32_t live_trace_source(const kernel_state &state, int ifindex, const live_plan_port &port);
 
 struct live_traced {
     kernel_packet packet;            // that was asked about: UDP, TTL 64

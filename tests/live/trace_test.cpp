@@ -84,7 +84,7 @@ struct traced_router {
         const auto west = static_cast<int>(index_of("west"));
         live_traced traced;
         std::string why;
-        const kernel_packet packet = {live_trace_source(view().state, plan.ports.at(west)), destination, west};
+        const kernel_packet packet = {live_trace_source(view().state, west, plan.ports.at(west)), destination, west};
         EXPECT_EQ(live_trace_packet(view(), packet, table, &traced, &why), 0) << why;
         return traced;
     }
@@ -115,6 +115,18 @@ TEST_F(trace_test, a_packet_that_leaves_as_the_kernel_would_send_it)
     EXPECT_EQ(t.kernel, "10.2.0.2 on east by 0.0.0.0/0");
     EXPECT_EQ(t.packet.source, 0x0A010002u); // the first of the subnet that is no own address
     EXPECT_EQ(router.card.forwarded(), 0u) << "it counts nothing";
+}
+
+TEST_F(trace_test, a_port_without_a_subnet_is_asked_with_a_neighbour_that_its_reverse_path_filter_takes)
+{
+    traced_router router;
+    command("ip address del 10.1.0.1/24 dev west && ip address add 10.1.0.0/31 dev west");
+    command("ip neigh add 10.1.0.1 lladdr 02:00:00:00:00:07 dev west nud permanent");
+    command("sysctl -qw net.ipv4.conf.west.rp_filter=1");
+    router.read();
+    const live_traced t = router.trace(FAR);
+    EXPECT_EQ(t.packet.source, 0x0A010001u);
+    EXPECT_TRUE(t.agrees) << t.kernel;
 }
 
 TEST_F(trace_test, whatever_goes_to_the_kernel_agrees_with_it)
